@@ -1,0 +1,171 @@
+// The host catalog over catalog.db of the open home.
+#include "detail.h"
+#include "sqlite.h"
+#include "vshost/catalog.h"
+
+#include <stdexcept>
+
+namespace vshost {
+namespace {
+
+int64_t Id(unsigned long v) { return static_cast<int64_t>(v); }
+unsigned long ULong(int64_t v) { return static_cast<unsigned long>(v); }
+
+SHostCredentials CredentialFrom(const db::Statement& q) {
+    SHostCredentials c;
+    c.sHost = q.Text(0);
+    c.sServer = q.Text(1);
+    c.sUser = q.Text(2);
+    c.sPassword = q.Text(3);
+    c.nType = static_cast<int32_t>(q.Int(4));
+    return c;
+}
+
+}  // namespace
+
+Catalog::Catalog() {
+    std::string home = detail::Home();
+    if (home.empty()) throw std::runtime_error("catalog: no host home is open");
+    m_path = home + "/catalog.db";
+    db::Connection conn(m_path);
+    db::Migrate(conn);
+}
+
+// A duplicate id or name is an error: silently replacing a client would re-point
+// another client's name.
+void Catalog::AddClient(unsigned long id, const std::string& name) {
+    db::Connection conn(m_path);
+    db::Statement(conn, "INSERT INTO clients (id, name) VALUES (?1, ?2)").Bind(1, Id(id)).Bind(2, name).Run();
+}
+
+std::optional<unsigned long> Catalog::ClientId(const std::string& name) const {
+    db::Connection conn(m_path);
+    // The column's NOCASE collation makes the comparison case-insensitive.
+    db::Statement q(conn, "SELECT id FROM clients WHERE name = ?1");
+    q.Bind(1, name);
+    if (!q.Step()) return std::nullopt;
+    return ULong(q.Int(0));
+}
+
+void Catalog::AddApplication(const AppRecord& app) {
+    db::Connection conn(m_path);
+    db::Statement(conn,
+                  "INSERT OR REPLACE INTO applications (app_id1, app_id2, instance_type, server_host, "
+                  "snap_mount_esx, indexing_v2) VALUES (?1, ?2, ?3, ?4, ?5, ?6)")
+        .Bind(1, Id(app.appId1))
+        .Bind(2, Id(app.appId2))
+        .Bind(3, app.instanceType)
+        .Bind(4, app.serverHostName)
+        .Bind(5, app.snapMountEsxServer)
+        .Bind(6, app.indexingV2 ? 1 : 0)
+        .Run();
+}
+
+std::optional<AppRecord> Catalog::Application(unsigned long appId1, unsigned long appId2) const {
+    db::Connection conn(m_path);
+    db::Statement q(conn,
+                    "SELECT instance_type, server_host, snap_mount_esx, indexing_v2 FROM applications "
+                    "WHERE app_id1 = ?1 AND app_id2 = ?2");
+    q.Bind(1, Id(appId1)).Bind(2, Id(appId2));
+    if (!q.Step()) return std::nullopt;
+    AppRecord app;
+    app.appId1 = appId1;
+    app.appId2 = appId2;
+    app.instanceType = static_cast<int>(q.Int(0));
+    app.serverHostName = q.Text(1);
+    app.snapMountEsxServer = q.Text(2);
+    app.indexingV2 = q.Int(3) != 0;
+    return app;
+}
+
+void Catalog::AddCredential(unsigned long appId1, unsigned long appId2, const SHostCredentials& clearCreds) {
+    const std::string stored = EncryptSecret(clearCreds.sPassword);
+    db::Connection conn(m_path);
+    // The sequence number is computed in the same statement, so concurrent writers
+    // cannot both take the same one.
+    db::Statement(conn,
+                  "INSERT INTO app_credentials (app_id1, app_id2, seq, host, server, user, password_enc, type) "
+                  "SELECT ?1, ?2, COALESCE(MAX(seq), 0) + 1, ?3, ?4, ?5, ?6, ?7 FROM app_credentials "
+                  "WHERE app_id1 = ?1 AND app_id2 = ?2")
+        .Bind(1, Id(appId1))
+        .Bind(2, Id(appId2))
+        .Bind(3, clearCreds.sHost)
+        .Bind(4, clearCreds.sServer)
+        .Bind(5, clearCreds.sUser)
+        .Bind(6, stored)
+        .Bind(7, clearCreds.nType)
+        .Run();
+}
+
+std::vector<SHostCredentials> Catalog::Credentials(unsigned long appId1, unsigned long appId2) const {
+    db::Connection conn(m_path);
+    db::Statement q(conn,
+                    "SELECT host, server, user, password_enc, type FROM app_credentials "
+                    "WHERE app_id1 = ?1 AND app_id2 = ?2 ORDER BY seq");
+    q.Bind(1, Id(appId1)).Bind(2, Id(appId2));
+    std::vector<SHostCredentials> out;
+    while (q.Step()) out.push_back(CredentialFrom(q));
+    return out;
+}
+
+std::vector<SHostCredentials> Catalog::CredentialsForServer(const std::string& server) const {
+    db::Connection conn(m_path);
+    // Host names are case-insensitive.
+    db::Statement q(conn,
+                    "SELECT host, server, user, password_enc, type FROM app_credentials "
+                    "WHERE server = ?1 COLLATE NOCASE ORDER BY app_id1, app_id2, seq");
+    q.Bind(1, server);
+    std::vector<SHostCredentials> out;
+    while (q.Step()) out.push_back(CredentialFrom(q));
+    return out;
+}
+
+void Catalog::AddArchiveFile(const ArchiveFileRecord& afile) {
+    db::Connection conn(m_path);
+    db::Statement(conn,
+                  "INSERT OR REPLACE INTO archive_files (afile_id, app_id2, backup_job_id, name, volume, "
+                  "snap_engine_id) VALUES (?1, ?2, ?3, ?4, ?5, ?6)")
+        .Bind(1, static_cast<int64_t>(afile.afileId))
+        .Bind(2, Id(afile.appId2))
+        .Bind(3, afile.backupJobId)
+        .Bind(4, afile.name)
+        .Bind(5, afile.volume)
+        .Bind(6, static_cast<int64_t>(afile.snapEngineId))
+        .Run();
+}
+
+std::optional<ArchiveFileRecord> Catalog::ArchiveFile(uint64_t afileId) const {
+    db::Connection conn(m_path);
+    db::Statement q(conn,
+                    "SELECT app_id2, backup_job_id, name, volume, snap_engine_id FROM archive_files "
+                    "WHERE afile_id = ?1");
+    q.Bind(1, static_cast<int64_t>(afileId));
+    if (!q.Step()) return std::nullopt;
+    ArchiveFileRecord rec;
+    rec.afileId = afileId;
+    rec.appId2 = ULong(q.Int(0));
+    rec.backupJobId = q.Int(1);
+    rec.name = q.Text(2);
+    rec.volume = q.Text(3);
+    rec.snapEngineId = static_cast<unsigned int>(q.Int(4));
+    return rec;
+}
+
+void Catalog::AddCopy(unsigned long archGroupId, unsigned long copyId, unsigned long precedence) {
+    db::Connection conn(m_path);
+    db::Statement(conn, "INSERT OR REPLACE INTO copies (arch_group_id, copy_id, precedence) VALUES (?1, ?2, ?3)")
+        .Bind(1, Id(archGroupId))
+        .Bind(2, Id(copyId))
+        .Bind(3, Id(precedence))
+        .Run();
+}
+
+std::optional<unsigned long> Catalog::CopyPrecedence(unsigned long archGroupId, unsigned long copyId) const {
+    db::Connection conn(m_path);
+    db::Statement q(conn, "SELECT precedence FROM copies WHERE arch_group_id = ?1 AND copy_id = ?2");
+    q.Bind(1, Id(archGroupId)).Bind(2, Id(copyId));
+    if (!q.Step()) return std::nullopt;
+    return ULong(q.Int(0));
+}
+
+}  // namespace vshost

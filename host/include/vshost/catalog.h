@@ -1,0 +1,73 @@
+// The host catalog (catalog.db, SQLite): clients, applications and their credentials,
+// archive files, copies. Later features add tables through the schema migrations.
+#pragma once
+
+#include "hostapi/records.h"
+#include "hostapi/types.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vshost {
+
+struct AppRecord {
+    unsigned long appId1 = 0;
+    unsigned long appId2 = 0;
+    int instanceType = 0;
+    std::string serverHostName;
+    std::string snapMountEsxServer;
+    bool indexingV2 = false;
+};
+
+struct ArchiveFileRecord {
+    uint64_t afileId = 0;
+    unsigned long appId2 = 0;
+    int64_t backupJobId = 0;
+    std::string name;
+    std::string volume;        // datastore volume folder that the archive file holds
+    unsigned int snapEngineId = 0;
+};
+
+// Access to catalog.db of the open home. Every call opens its own connection, so objects
+// are cheap and may be used from any thread. Failures throw std::runtime_error with the
+// SQLite message.
+class VS_HOST_API Catalog {
+public:
+    Catalog();   // throws when no home is open
+
+    void AddClient(unsigned long id, const std::string& name);
+    std::optional<unsigned long> ClientId(const std::string& name) const;
+
+    void AddApplication(const AppRecord& app);
+    std::optional<AppRecord> Application(unsigned long appId1, unsigned long appId2) const;
+
+    // Appends a credential record to an application; the password is given in clear and
+    // stored encrypted.
+    void AddCredential(unsigned long appId1, unsigned long appId2, const SHostCredentials& clearCreds);
+    // The application's credential records in the order they were added, passwords in
+    // their stored (encrypted) form.
+    std::vector<SHostCredentials> Credentials(unsigned long appId1, unsigned long appId2) const;
+    // Every credential record stored for server `server` (any application), stored form.
+    std::vector<SHostCredentials> CredentialsForServer(const std::string& server) const;
+
+    void AddArchiveFile(const ArchiveFileRecord& afile);
+    std::optional<ArchiveFileRecord> ArchiveFile(uint64_t afileId) const;
+
+    void AddCopy(unsigned long archGroupId, unsigned long copyId, unsigned long precedence);
+    std::optional<unsigned long> CopyPrecedence(unsigned long archGroupId, unsigned long copyId) const;
+
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+// Stored form of passwords: base64 of nonce and secretbox ciphertext under the key in
+// keys/ of the open home (created on first use).
+VS_HOST_API std::string EncryptSecret(const std::string& plain);
+// False when `stored` is not a stored form made with this home's key.
+VS_HOST_API bool DecryptSecret(const std::string& stored, std::string& plain);
+
+}  // namespace vshost

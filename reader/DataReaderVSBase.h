@@ -1,0 +1,124 @@
+// Base of the three snapshot readers: job context, archive-file list and reference
+// count, VM-info library binding, snapshot and VM mounts, and clean-up of what the
+// reader created.
+#pragma once
+
+#include "hostapi/IVMInfo.h"
+#include "hostapi/appmgr.h"
+#include "hostapi/dmparams.h"
+#include "hostapi/event.h"
+#include "hostapi/log.h"
+#include "hostapi/records.h"
+#include "hostapi/types.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+class CPipelayer;
+
+#define VS_READER_EXPORT __attribute__((visibility("default")))
+
+// Decrypted password of the snap-mount proxy, shared by every reader of the process.
+// C linkage keeps the exported name plain, as the host looks it up.
+extern "C" {
+extern VS_READER_EXPORT std::string m_ProxyDecryptedPassword;
+}
+
+class DataReaderVSBase {
+public:
+    DataReaderVSBase(CPipelayer* pipelayer, KtEvent* event, KTJobID jobId);
+    virtual ~DataReaderVSBase();
+    DataReaderVSBase(const DataReaderVSBase&) = delete;
+    DataReaderVSBase& operator=(const DataReaderVSBase&) = delete;
+
+    // Virtual operations in the host's slot order.
+    virtual int Initialize();
+    virtual void setGuiSequenceNumber(long long sequence) { m_guiSequenceNumber = sequence; }
+    virtual void setVSInstanceType(VirtualServerInstanceType type) { m_vsInstanceType = type; }
+    virtual VirtualServerInstanceType getVSInstanceType() { return m_vsInstanceType; }
+    virtual void setMountType(MountType type) { m_mountType = type; }
+    virtual void setVSBlockLevel(bool blockLevel) { m_bVSBlockLevel = blockLevel; }
+    virtual MountType getMountType() { return m_mountType; }
+    virtual void setShortClientName(const char* name);
+    virtual int OpenArchiveFile(const DMInitParams& initParams, const DMOpenArchiveParams& openParams);
+    virtual int OnSnapSrcPath(FSRSnapSrcPath* item);
+    virtual int Close(int releaseVMInfo);
+    virtual int PreOpenArchiveFile(char* list);
+    virtual int SetSnapEngineID(unsigned int id);
+
+    bool IsStopSignaled();
+    static bool isVMImageSnap(int engineId);
+    static bool IsVVOLEngine(unsigned engineId);
+    static bool IsVMCentricSnapEngine(unsigned engineId);
+
+protected:
+    void InitKTLog(const char* tag, const char* debugKey, KTJobID jobId);
+
+    // VM-info library binding.
+    bool LoadVMInfoDLL();
+    IVMInfo* CreateIVMInfoObject();
+    bool DeleteIVMInfoObject(IVMInfo* obj);
+    bool PrepareVMInfoObject();
+    void CleanupVMInfoObject();
+
+    // Snapshot mount.
+    int MountSnap();
+    unsigned long GetCopyPrecedence();
+    int UnMountSnap();
+
+    // VM mount registry and temporary folders.
+    bool GetVMMountContext(const std::string& vmName, DataReaderVMCtx& out);
+    int MountVM(const std::string& vmName, DataReaderVMCtx& out, const std::vector<std::string>& diskNames);
+    bool GetDiskFiltersForRestore(std::vector<SDiskFilter>& filters, const std::vector<std::string>& diskNames);
+    int UnMountAllMountedVMs();
+    int UnRegisterAllRegisteredVMs();
+    std::string CreateTempMountPointDirectory(const std::string& vmName);
+    void DeleteTempMountPointDirectory(const std::string& path);
+    void CleanupTempFilesAndFolders();
+
+    // Restore options and credentials; 1 on success, 0 on failure.
+    int getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2);
+
+    // Reports the VM-info library's last error for `ctx` to the job.
+    void CheckVMInfoError(IVMInfo* vmInfo, MountCtx& ctx);
+
+    bool m_bSnapRestore = true;
+    bool m_bMatchAnyVM = false;
+    bool m_bVSBlockLevel = false;
+    MountCtx m_snapMountCtx;
+    std::map<std::string, DataReaderVMCtx> m_vmMountCtxMap;
+    std::map<std::string, std::string> m_vmNameMap;
+    CPipelayer* m_pPipelayer;
+    KTLOGHANDLE m_hLog = nullptr;
+    KtEvent* m_pEvent;
+    KTJobID m_jobId;
+    DMInitParams m_initParams;
+    DMOpenArchiveParams m_openArchiveParams{};
+    VirtualServerInstanceType m_vsInstanceType = VS_INSTANCE_NONE;
+    MountType m_mountType = MOUNT_TYPE_NONE;
+    long long m_guiSequenceNumber = -1;
+    std::string m_sShortClientName;
+    std::string m_sHubServerHostName;
+    std::string m_sJobResultsDir;
+    std::string m_sJobResultsFolder;
+    std::string m_sAFileList;
+    std::vector<AFileID> m_afileIds;
+    int64_t m_afileRefCount = 0;
+    int64_t m_snapJobId = 0;
+    std::vector<MountCtx> m_mountCtxs;
+    std::string m_sVCName;
+    std::string m_sESXServerName;
+    std::string m_sUserName;
+    std::string m_sPassword;
+    IVMInfo* m_pVMInfo = nullptr;
+    void* m_hVMInfoLib = nullptr;
+    vsAppMgr m_appMgr;
+    vsJobMgr m_jobMgr;
+    std::map<std::string, bool> m_processedSnapPaths;
+    uint32_t m_snapEngineId = 0;
+    int64_t m_afileBackupJobId = 0;
+    std::vector<std::string> m_tempFolders;
+    bool m_bUseCBT = false;
+};

@@ -1,0 +1,115 @@
+// The plug-in as the data mover sees it: loaded with dlopen, readers made by the
+// exported factories and deleted through the virtual destructor.
+//
+// Each test needs a process of its own (as ctest runs them): once a process has loaded
+// a libVMInfo.so, every later dlopen of that name finds the loaded one.
+#include "Factories.h"
+#include "temp_home.h"
+
+#include "vshost/home.h"
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Plugin {
+    explicit Plugin(const std::string& path) : handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {}
+    ~Plugin() {
+        if (handle) dlclose(handle);
+    }
+    template <typename Fn>
+    Fn Resolve(const char* name) const {
+        return reinterpret_cast<Fn>(dlsym(handle, name));
+    }
+    void* handle;
+};
+
+// A copy of the plug-in in a folder of its own, beside whichever VM-info library the
+// test puts there (or none).
+std::string Install(const vstest::TempHome& home, const std::string& vminfo) {
+    const fs::path dir = fs::path(home.path()) / "install" / "lib";
+    fs::create_directories(dir);
+    fs::copy_file(VS_PLUGIN_PATH, dir / "libvsdatareader.so");
+    if (!vminfo.empty()) fs::copy_file(vminfo, dir / "libVMInfo.so");
+    return (dir / "libvsdatareader.so").string();
+}
+
+TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
+    vstest::TempHome home;
+    vshost::LogCapture log;
+    KtEvent event;
+    Plugin plugin(VS_PLUGIN_PATH);
+    ASSERT_NE(plugin.handle, nullptr) << dlerror();
+
+    auto* password = plugin.Resolve<std::string*>("m_ProxyDecryptedPassword");
+    ASSERT_NE(password, nullptr);
+
+    auto makeExtent = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
+    auto makeCollection = plugin.Resolve<CreateDataReaderVSFileCollectionFn>("CreateDataReaderVSFileCollection");
+    auto makeFileLevel = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware");
+    ASSERT_TRUE(makeExtent && makeCollection && makeFileLevel);
+
+    const struct {
+        DataReaderVSBase* reader;
+        const char* tag;
+    } readers[] = {
+        {makeExtent(nullptr, &event, 101), "DM_VSEXT\t"},
+        {makeCollection(nullptr, &event, 102), "DM_FS\t"},
+        {makeFileLevel(nullptr, &event, 103), "DM_VSVMWARE"},
+    };
+    for (const auto& [reader, tag] : readers) {
+        ASSERT_NE(reader, nullptr);
+        // Found beside the plug-in with no environment variable.
+        EXPECT_EQ(reader->Initialize(), 0);
+        EXPECT_EQ(reader->OnSnapSrcPath(nullptr), -1);
+        delete reader;
+        EXPECT_EQ(log.Count(std::string(tag) + " DataReaderVSBase::OnSnapSrcPath: Base class handling SnapSrcPath"), 1u)
+            << tag;
+        EXPECT_EQ(log.Count(std::string(tag) + " DataReaderVSBase deleted successfully."), 1u) << tag;
+    }
+    EXPECT_FALSE(log.Contains("LoadLibrary"));
+}
+
+TEST(Plugin, MissingVMInfoLibraryIsReportedAndOpenFails) {
+    vstest::TempHome home;
+    vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");   // only lines that must appear
+    vshost::LogCapture log;
+    KtEvent event;
+    Plugin plugin(Install(home, ""));
+    ASSERT_NE(plugin.handle, nullptr) << dlerror();
+    auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
+    std::unique_ptr<DataReaderVSBase> reader(make(nullptr, &event, 7));
+
+    EXPECT_EQ(reader->Initialize(), 0);   // not fatal here
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::LoadVMInfoDLL: ERROR: LoadLibrary(libVMInfo.so) failed! Err=0x"));
+    EXPECT_TRUE(log.Contains("Failed to dynamically load VMInfo library."));
+
+    // Every later create tries again, fails, and the open fails with it.
+    EXPECT_EQ(reader->OpenArchiveFile(DMInitParams{}, DMOpenArchiveParams{}), -1);
+    EXPECT_EQ(log.Count("LoadLibrary(libVMInfo.so) failed!"), 2u);
+}
+
+TEST(Plugin, VMInfoLibraryWithoutEntryPointsIsReported) {
+    vstest::TempHome home;
+    vshost::LogCapture log;
+    KtEvent event;
+    Plugin plugin(Install(home, VS_FIXTURE_NO_ENTRY_POINTS));
+    ASSERT_NE(plugin.handle, nullptr) << dlerror();
+    auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
+    std::unique_ptr<DataReaderVSBase> reader(make(nullptr, &event, 7));
+
+    EXPECT_EQ(reader->Initialize(), 0);
+    EXPECT_EQ(reader->OpenArchiveFile(DMInitParams{}, DMOpenArchiveParams{}), -1);
+    EXPECT_TRUE(log.Contains(
+        "DataReaderVSBase::CreateIVMInfoObject: ERROR: Could not map proc address CreateVMInfoObject in VMInfo.dll Err=0x"));
+}
+
+}  // namespace

@@ -1,0 +1,88 @@
+// String, path, folder and file utilities.
+#include "hostapi/fileutil.h"
+#include "temp_home.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <fstream>
+#include <unistd.h>
+
+namespace {
+using Parts = std::vector<std::string>;
+Parts Split(const std::string& text) {
+    std::vector<CQiString> parts = {"stale"};
+    CQiString(text).Tokenize(parts, '|');
+    return {parts.begin(), parts.end()};
+}
+}  // namespace
+
+TEST(StringTest, TokenizeAndFormat) {
+    EXPECT_EQ(Split(""), Parts{});
+    EXPECT_EQ(Split("12"), Parts{"12"});
+    EXPECT_EQ(Split("12|"), (Parts{"12", ""}));
+    EXPECT_EQ(Split("a||b"), (Parts{"a", "", "b"}));
+    EXPECT_EQ(CQiString::Format("{1}/x/{1}", "ab"), "ab/x/ab");
+    EXPECT_EQ(CQiString::Format("<{1}>", "{1}{1}"), "<{1}{1}>");   // argument inserted as is
+    const std::string big(5000, 'q');
+    EXPECT_EQ(FXString::Format("%s-%d", big.c_str(), 42), big + "-42");
+}
+
+TEST(PathTest, DelimitersJoinAndBaseName) {
+    auto append = [](std::string p) { return FXPath::AppendTrailingDelimiter(p).IsError() ? "<error>" : p; };
+    auto strip = [](std::string p) { return FXPath::RemoveTrailingDelimiter(p).IsError() ? "<error>" : p; };
+    EXPECT_EQ(append("/a"), "/a/");
+    EXPECT_EQ(append("/a/"), "/a/");
+    EXPECT_EQ(append(""), "");
+    EXPECT_EQ(strip("/a//"), "/a/");
+    EXPECT_EQ(strip("/"), "/");
+    EXPECT_EQ(FXPath::Join("/a/", "/b"), "/a/b");
+    EXPECT_EQ(FXPath::Join("/", "b"), "/b");
+    EXPECT_EQ(FXPath::Join("", "b"), "b");
+    for (auto [path, base] : {std::pair{"/jr/12345/", "12345"}, {"/jr/12345", "12345"}, {"name//", "name"},
+                              {"/", "/"}, {"", ""}})
+        EXPECT_EQ(CQiPath::GetBaseName(path), base) << path;
+}
+
+TEST(DirectoryTest, CreateClassifyDelete) {
+    vstest::TempHome home;
+    const std::string deep = home.sub("x/y/z");
+    EXPECT_FALSE(FXFolder::Create(deep, 0750).IsError());
+    EXPECT_FALSE(FXFolder::Create(deep + "/", 0750).IsError());   // already there
+    EXPECT_TRUE(FXFolder::DoesFolderExist(deep));
+    const std::string file = home.sub("x/file");
+    std::ofstream(file) << "data";
+    EXPECT_EQ(FXFolder::Create(file + "/sub").Errno(), ENOTDIR);
+
+    const std::string dangling = home.sub("x/dangling");   // occupies its name, is no file
+    ASSERT_EQ(symlink(home.sub("nowhere").c_str(), dangling.c_str()), 0);
+    EXPECT_TRUE(CQiPath::Exists(dangling) && !CQiPath::IsFile(dangling));
+    EXPECT_FALSE(CQiFile::Delete(file).IsError());
+    EXPECT_FALSE(CQiPath::Exists(file));
+    EXPECT_EQ(CQiFile::Delete(file).AsString(), "unlink " + file + ": No such file or directory (errno 2)");
+    EXPECT_FALSE(CQiFile::Delete(file, true).IsError());
+}
+
+TEST(DirectoryTest, RecursiveRemoveStaysInsideTree) {
+    vstest::TempHome home;
+    const std::string outside = home.sub("outside");
+    ASSERT_FALSE(FXFolder::Create(outside).IsError());
+    std::ofstream(outside + "/precious") << "keep";
+    const std::string tree = home.sub("tree");
+    ASSERT_FALSE(FXFolder::Create(tree + "/a/b/c").IsError());
+    std::ofstream(tree + "/a/b/c/f") << "2";
+    ASSERT_EQ(symlink(outside.c_str(), (tree + "/a/b/to_dir").c_str()), 0);
+    ASSERT_EQ(symlink((outside + "/precious").c_str(), (tree + "/to_file").c_str()), 0);
+
+    EXPECT_EQ(CQiDirectory::Remove(tree, false).Errno(), ENOTEMPTY);
+    const std::string link = home.sub("link_to_outside");   // a link named as the folder
+    ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
+    EXPECT_TRUE(CQiDirectory::Remove(link, true).IsError());
+
+    CQiError err = CQiDirectory::Remove(tree, true);
+    EXPECT_FALSE(err.IsError()) << err.AsString();
+    EXPECT_FALSE(CQiPath::Exists(tree));
+    EXPECT_TRUE(CQiPath::IsFile(outside + "/precious"));
+    EXPECT_EQ(CQiDirectory::Remove(tree, true).Errno(), ENOENT);
+    EXPECT_FALSE(CQiDirectory::Remove(tree, true, true).IsError());
+}

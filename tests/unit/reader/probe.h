@@ -1,0 +1,35 @@
+// Test access to a reader's state: the extent reader with its protected members opened
+// up. Everything else runs the production code against a temporary host home.
+#pragma once
+
+#include "DataReaderVSExtent.h"
+
+struct Probe : DataReaderVSExtent {
+    explicit Probe(KtEvent* event = nullptr, KTJobID jobId = 4711) : DataReaderVSExtent(nullptr, event, jobId) {}
+
+    using DataReaderVSBase::CleanupVMInfoObject;
+    using DataReaderVSBase::CreateTempMountPointDirectory;
+    using DataReaderVSBase::DeleteTempMountPointDirectory;
+    using DataReaderVSBase::GetCopyPrecedence;
+    using DataReaderVSBase::GetDiskFiltersForRestore;
+    using DataReaderVSBase::GetVMMountContext;
+    using DataReaderVSBase::m_afileIds;
+    using DataReaderVSBase::m_afileRefCount;
+    using DataReaderVSBase::m_bSnapRestore;
+    using DataReaderVSBase::m_guiSequenceNumber;
+    using DataReaderVSBase::m_initParams;
+    using DataReaderVSBase::m_mountCtxs;
+    using DataReaderVSBase::m_pVMInfo;
+    using DataReaderVSBase::m_sHubServerHostName;
+    using DataReaderVSBase::m_sJobResultsDir;
+    using DataReaderVSBase::m_sJobResultsFolder;
+    using DataReaderVSBase::m_sShortClientName;
+    using DataReaderVSBase::m_sUserName;
+    using DataReaderVSBase::m_sVCName;
+    using DataReaderVSBase::m_snapEngineId;
+    using DataReaderVSBase::m_tempFolders;
+    using DataReaderVSBase::m_vmMountCtxMap;
+    using DataReaderVSBase::m_processedSnapPaths;
+    using DataReaderVSBase::PrepareVMInfoObject;
+    using DataReaderVSBase::UnMountAllMountedVMs;
+};
