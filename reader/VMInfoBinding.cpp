@@ -19,7 +19,14 @@ bool ConnectsWithReaderCredentials(int instanceType) {
 bool DataReaderVSBase::LoadVMInfoDLL() {
     if (m_hVMInfoLib) return true;
     errno = 0;
+#if defined(__SANITIZE_ADDRESS__)
+    // The sanitizer's dlopen interceptor becomes the caller, so the loader would not
+    // search this library's own folder; dlmopen into the base namespace is the same
+    // load without the interceptor.
+    m_hVMInfoLib = dlmopen(LM_ID_BASE, VMINFO_LIBRARY_NAME, RTLD_LAZY);
+#else
     m_hVMInfoLib = dlopen(VMINFO_LIBRARY_NAME, RTLD_LAZY);
+#endif
     if (m_hVMInfoLib) return true;
     const int err = errno;
     const char* why = dlerror();
