@@ -51,20 +51,34 @@ void Catalog::AddApplication(const AppRecord& app) {
     db::Connection conn(m_path);
     db::Statement(conn,
                   "INSERT OR REPLACE INTO applications (app_id1, app_id2, instance_type, server_host, "
-                  "snap_mount_esx, indexing_v2) VALUES (?1, ?2, ?3, ?4, ?5, ?6)")
+                  "snap_mount_esx, indexing_v2, has_settings, parent_app_id, client_id, backup_set_id, "
+                  "backup_set_settings, proxy_details_set, snap_failover_rc, hubcell_id, subclient_id, "
+                  "subclient_guid) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16)")
         .Bind(1, Id(app.appId1))
         .Bind(2, Id(app.appId2))
         .Bind(3, app.instanceType)
         .Bind(4, app.serverHostName)
         .Bind(5, app.snapMountEsxServer)
         .Bind(6, app.indexingV2 ? 1 : 0)
+        .Bind(7, app.hasSettings ? 1 : 0)
+        .Bind(8, Id(app.parentAppId))
+        .Bind(9, Id(app.clientId))
+        .Bind(10, Id(app.backupSetId))
+        .Bind(11, app.backupSetSettings ? 1 : 0)
+        .Bind(12, app.proxyDetailsSet ? 1 : 0)
+        .Bind(13, app.snapFailoverResult)
+        .Bind(14, Id(app.hubcellId))
+        .Bind(15, Id(app.subclientId))
+        .Bind(16, app.subclientGuid)
         .Run();
 }
 
 std::optional<AppRecord> Catalog::Application(unsigned long appId1, unsigned long appId2) const {
     db::Connection conn(m_path);
     db::Statement q(conn,
-                    "SELECT instance_type, server_host, snap_mount_esx, indexing_v2 FROM applications "
+                    "SELECT instance_type, server_host, snap_mount_esx, indexing_v2, has_settings, parent_app_id, "
+                    "client_id, backup_set_id, backup_set_settings, proxy_details_set, snap_failover_rc, "
+                    "hubcell_id, subclient_id, subclient_guid FROM applications "
                     "WHERE app_id1 = ?1 AND app_id2 = ?2");
     q.Bind(1, Id(appId1)).Bind(2, Id(appId2));
     if (!q.Step()) return std::nullopt;
@@ -75,6 +89,16 @@ std::optional<AppRecord> Catalog::Application(unsigned long appId1, unsigned lon
     app.serverHostName = q.Text(1);
     app.snapMountEsxServer = q.Text(2);
     app.indexingV2 = q.Int(3) != 0;
+    app.hasSettings = q.Int(4) != 0;
+    app.parentAppId = ULong(q.Int(5));
+    app.clientId = ULong(q.Int(6));
+    app.backupSetId = ULong(q.Int(7));
+    app.backupSetSettings = q.Int(8) != 0;
+    app.proxyDetailsSet = q.Int(9) != 0;
+    app.snapFailoverResult = static_cast<int>(q.Int(10));
+    app.hubcellId = ULong(q.Int(11));
+    app.subclientId = ULong(q.Int(12));
+    app.subclientGuid = q.Text(13);
     return app;
 }
 

@@ -101,3 +101,12 @@ CQiError CQiFile::Delete(const std::string& path, bool force) {
     if (unlink(path.c_str()) != 0 && !(force && errno == ENOENT)) return CQiError::FromErrno("unlink " + path);
     return {};
 }
+
+CQiError CQiDirectory::Create(const char* path, bool recursive) {
+    if (!path || !*path) return CQiError(ENOENT, "mkdir of an empty path");
+    if (recursive) return FXFolder::Create(path, 0755);
+    if (mkdir(path, 0755) == 0) return {};
+    if (errno != EEXIST) return CQiError::FromErrno(std::string("mkdir ") + path);
+    if (!CQiPath::IsDirectory(path)) return CQiError(ENOTDIR, std::string("mkdir ") + path);
+    return {};
+}

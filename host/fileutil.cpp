@@ -106,3 +106,10 @@ std::string CQiPath::GetBaseName(const std::string& path) {
     size_t start = slash == std::string::npos ? 0 : slash + 1;
     return path.substr(start, end - start + 1);
 }
+
+CQiError FXPath::Append(std::string& out, const std::string& folder, const std::string& file, int) {
+    // Built aside first: callers may pass the same string as `out` and `folder`.
+    std::string joined = Join(folder, file);
+    out = std::move(joined);
+    return {};
+}

@@ -62,3 +62,10 @@ const char* KTPI_Base::getTesselDirectory() {
     if (m_dir.empty() || !CQiPath::IsDirectory(m_dir)) return nullptr;
     return m_dir.c_str();
 }
+
+const char* KTPI_Focus::getFocus() {
+    // The text must outlive the call; one per thread keeps it safe without a lock.
+    thread_local std::string focus;
+    focus = vshost::detail::Setting("Host", "sFocus").value_or("Instance001");
+    return focus.c_str();
+}

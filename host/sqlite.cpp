@@ -53,6 +53,44 @@ const std::vector<const char*>& Migrations() {
             PRIMARY KEY (arch_group_id, copy_id)
         );
         )sql",
+        // Restore options, pending causes and the VM clients of subclients.
+        R"sql(
+        ALTER TABLE applications ADD COLUMN has_settings        INTEGER NOT NULL DEFAULT 1;
+        ALTER TABLE applications ADD COLUMN parent_app_id       INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE applications ADD COLUMN client_id           INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE applications ADD COLUMN backup_set_id       INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE applications ADD COLUMN backup_set_settings INTEGER NOT NULL DEFAULT 1;
+        ALTER TABLE applications ADD COLUMN proxy_details_set   INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE applications ADD COLUMN snap_failover_rc    INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE applications ADD COLUMN hubcell_id          INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE applications ADD COLUMN subclient_id        INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE applications ADD COLUMN subclient_guid      TEXT NOT NULL DEFAULT '';
+        CREATE TABLE pending_causes (
+            job_id       INTEGER NOT NULL,
+            seq          INTEGER NOT NULL,
+            cause_id     INTEGER NOT NULL,
+            event_args   TEXT NOT NULL DEFAULT '[]',
+            arg2         INTEGER NOT NULL DEFAULT 0,
+            arg3         INTEGER NOT NULL DEFAULT 0,
+            flag1        INTEGER NOT NULL DEFAULT 0,
+            message_type INTEGER NOT NULL DEFAULT 0,
+            flag2        INTEGER NOT NULL DEFAULT 0,
+            alert_level  INTEGER NOT NULL DEFAULT 0,
+            flags        INTEGER NOT NULL DEFAULT 0,
+            value1       INTEGER NOT NULL DEFAULT 0,
+            value2       INTEGER NOT NULL DEFAULT 0,
+            client_ready INTEGER NOT NULL DEFAULT 0,
+            PRIMARY KEY (job_id, seq)
+        );
+        CREATE TABLE vm_clients (
+            hubcell_id     INTEGER NOT NULL,
+            subclient_id   INTEGER NOT NULL,
+            client_name    TEXT NOT NULL DEFAULT '',
+            has_properties INTEGER NOT NULL DEFAULT 1,
+            instance_uuid  TEXT NOT NULL DEFAULT '',
+            PRIMARY KEY (hubcell_id, subclient_id)
+        );
+        )sql",
     };
     return steps;
 }

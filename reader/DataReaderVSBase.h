@@ -80,6 +80,18 @@ protected:
 
     // Restore options and credentials; 1 on success, 0 on failure.
     int getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2);
+    int PasswordFromInstance();
+    int DefaultRestoreSettings();
+    // The snap mount path handed to the VM-info library; may replace m_sESXServerName
+    // by a configured proxy ESX host.
+    std::string getSnapMountPath();
+    // Logs a snap mount path without its password.
+    void PrintSnapMountPath(const std::string& mountPath);
+
+    // Snapshot backup XML of indexing V2.
+    bool DownloadSnapXMLFromIndex(const MountCtx& ctx);
+    std::string CreateTempMountPointDirectoryForRemoteCache(const std::string& name);
+    bool GetVMClientInfo(MountCtx& ctx);
 
     // Reports the VM-info library's last error for `ctx` to the job.
     void CheckVMInfoError(IVMInfo* vmInfo, MountCtx& ctx);

@@ -6,6 +6,7 @@
 #include "Factories.h"
 #include "temp_home.h"
 
+#include "vshost/catalog.h"
 #include "vshost/home.h"
 
 #include <gtest/gtest.h>
@@ -83,6 +84,7 @@ TEST(Plugin, MissingVMInfoLibraryIsReportedAndOpenFails) {
     vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");   // only lines that must appear
     vshost::LogCapture log;
     KtEvent event;
+    vshost::Catalog().AddApplication(vshost::AppRecord{});
     Plugin plugin(Install(home, ""));
     ASSERT_NE(plugin.handle, nullptr) << dlerror();
     auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
@@ -101,6 +103,7 @@ TEST(Plugin, VMInfoLibraryWithoutEntryPointsIsReported) {
     vstest::TempHome home;
     vshost::LogCapture log;
     KtEvent event;
+    vshost::Catalog().AddApplication(vshost::AppRecord{});
     Plugin plugin(Install(home, VS_FIXTURE_NO_ENTRY_POINTS));
     ASSERT_NE(plugin.handle, nullptr) << dlerror();
     auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");

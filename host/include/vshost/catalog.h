@@ -19,6 +19,16 @@ struct AppRecord {
     std::string serverHostName;
     std::string snapMountEsxServer;
     bool indexingV2 = false;
+    bool hasSettings = true;          // instance settings can be queried
+    unsigned long parentAppId = 0;    // parent instance of a VM application
+    unsigned long clientId = 0;
+    unsigned long backupSetId = 0;
+    bool backupSetSettings = true;    // backup-set settings can be queried
+    bool proxyDetailsSet = false;
+    int snapFailoverResult = 0;       // answer of the snap failover query (6 = failure)
+    unsigned long hubcellId = 0;
+    unsigned long subclientId = 0;
+    std::string subclientGuid;
 };
 
 struct ArchiveFileRecord {

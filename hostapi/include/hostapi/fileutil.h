@@ -53,6 +53,9 @@ public:
     static CQiError AppendTrailingDelimiter(std::string& path);
     static CQiError RemoveTrailingDelimiter(std::string& path);
     static std::string Join(const std::string& a, const std::string& b);
+    // `out` becomes `folder` and `file` joined by exactly one delimiter (as Join).
+    // `flags` is reserved; pass 0.
+    static CQiError Append(std::string& out, const std::string& folder, const std::string& file, int flags);
 };
 
 class VS_HOST_API CQiPath {
@@ -69,6 +72,10 @@ public:
     // Removes a folder; with `recursive` its whole content first. Never follows links
     // out of the folder.
     static CQiError Remove(const std::string& path, bool recursive, bool force = false);
+    // Creates a folder (mode 0755 before the umask); with `recursive` its missing
+    // parents too. Success when the folder already exists; ENOTDIR when something
+    // else occupies the name.
+    static CQiError Create(const char* path, bool recursive);
 };
 
 class VS_HOST_API CQiFile {

@@ -15,6 +15,19 @@ public:
     int getNumber(const char* section, const char* key, unsigned long* value);
     // Text setting; returns non-zero when read, leaves `value` unchanged otherwise.
     int getString(const char* section, const char* key, std::string* value);
+    // Selects the installation instance whose settings later lookups read.
+    void setFocus(const char* focus) { m_focus = focus ? focus : ""; }
+    const std::string& focus() const { return m_focus; }
+
+private:
+    std::string m_focus;
+};
+
+// The installation instance this process runs in.
+class VS_HOST_API KTPI_Focus {
+public:
+    // [Host] sFocus, "Instance001" when not set.
+    static const char* getFocus();
 };
 
 class VS_HOST_API KTPI_PlatformBase {

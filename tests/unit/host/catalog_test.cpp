@@ -50,7 +50,14 @@ TEST(CatalogTest, ClientsAndMissingHome) {
 TEST(CatalogTest, CredentialsKeepOrderAndDecrypt) {
     vstest::TempHome home;
     vshost::Catalog cat;
-    cat.AddApplication({1, 2, 1, "vc01", "esx09", true});
+    vshost::AppRecord app;
+    app.appId1 = 1;
+    app.appId2 = 2;
+    app.instanceType = 1;
+    app.serverHostName = "vc01";
+    app.snapMountEsxServer = "esx09";
+    app.indexingV2 = true;
+    cat.AddApplication(app);
     cat.AddCredential(1, 2, Cred("h1", "vc01", "pw-one"));
     cat.AddCredential(1, 3, Cred("hx", "VC01", "pw-x"));
     cat.AddCredential(1, 2, Cred("h2", "esx02", "pw-two", 2));

@@ -25,6 +25,14 @@ std::vector<uint64_t> Ids(const Probe& r) {
 
 char* Mutable(std::string& s) { return s.data(); }
 
+// An application the catalog knows, so that the open can settle its restore options.
+void AddApp(unsigned long appId1, unsigned long appId2) {
+    vshost::AppRecord app;
+    app.appId1 = appId1;
+    app.appId2 = appId2;
+    vshost::Catalog().AddApplication(app);
+}
+
 class ReaderLifecycle : public ::testing::Test {
 protected:
     vstest::TempHome home;
@@ -102,6 +110,7 @@ TEST_F(ReaderLifecycle, CloseCountsDownAndUnmountsOnlyAtZero) {
 
 TEST_F(ReaderLifecycle, OpenWithoutListAddsTheOpenedArchiveFile) {
     vshost::settings::Set("Log", "nDATAREADERVSEXT", "2");
+    AddApp(3, 9);
     Probe r(&event);
     ASSERT_EQ(r.Initialize(), 0);
     r.m_bSnapRestore = false;
@@ -320,6 +329,7 @@ TEST_F(ReaderLifecycle, TempMountPointNamesAndDiskFilters) {
 
 TEST_F(ReaderLifecycle, CopyPrecedenceFromTheCatalog) {
     vshost::Catalog().AddCopy(4, 2, 7);
+    AddApp(0, 0);
     Probe r(&event);
     DMInitParams init;
     DMOpenArchiveParams open;

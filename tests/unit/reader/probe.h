@@ -7,6 +7,7 @@
 struct Probe : DataReaderVSExtent {
     explicit Probe(KtEvent* event = nullptr, KTJobID jobId = 4711) : DataReaderVSExtent(nullptr, event, jobId) {}
 
+    using DataReaderVSBase::CheckVMInfoError;
     using DataReaderVSBase::CleanupVMInfoObject;
     using DataReaderVSBase::CreateTempMountPointDirectory;
     using DataReaderVSBase::DeleteTempMountPointDirectory;
@@ -32,4 +33,17 @@ struct Probe : DataReaderVSExtent {
     using DataReaderVSBase::m_processedSnapPaths;
     using DataReaderVSBase::PrepareVMInfoObject;
     using DataReaderVSBase::UnMountAllMountedVMs;
+    using DataReaderVSBase::getInPlaceRestoreOptions;
+    using DataReaderVSBase::getSnapMountPath;
+    using DataReaderVSBase::PrintSnapMountPath;
+    using DataReaderVSBase::m_sESXServerName;
+    using DataReaderVSBase::m_sPassword;
+    using DataReaderVSBase::m_appMgr;
+    using DataReaderVSBase::CreateTempMountPointDirectoryForRemoteCache;
+    using DataReaderVSBase::DownloadSnapXMLFromIndex;
+    using DataReaderVSBase::GetVMClientInfo;
+    using DataReaderVSBase::m_afileBackupJobId;
+    using DataReaderVSBase::m_bMatchAnyVM;
+    using DataReaderVSBase::m_jobMgr;
+    using DataReaderVSBase::m_openArchiveParams;
 };

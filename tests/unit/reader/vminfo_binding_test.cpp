@@ -3,6 +3,7 @@
 
 #include "vshost/catalog.h"
 #include "vshost/home.h"
+#include "vshost/job.h"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +21,26 @@ protected:
         catalog.AddApplication(app);
         m_ProxyDecryptedPassword.clear();
     }
-    void TearDown() override { m_ProxyDecryptedPassword.clear(); }
+    void TearDown() override {
+        vshost::UnregisterJob(kJob);
+        m_ProxyDecryptedPassword.clear();
+    }
+
+    // The job's task names the server, ESX host, user and stored password.
+    void Task(int instanceType, const std::string& server, const std::string& user, const std::string& password) {
+        vshost::AppRecord app;
+        app.appId1 = 3;
+        app.appId2 = 9;
+        app.instanceType = instanceType;
+        app.serverHostName = server;
+        catalog.AddApplication(app);
+        vshost::JobDescription job;
+        job.jobId = kJob;
+        job.taskOptions = {{77, server}, {82, "esx1"}, {75, user}, {76, vsAppMgr::encryptPassword(password)}};
+        vshost::RegisterJob(job);
+    }
+
+    static constexpr KTJobID kJob = 4711;
 
     // A reader of `instanceType` with the application selected, ready to prepare.
     void Ready(Probe& r, int instanceType) {
@@ -54,11 +74,12 @@ int Open(Probe& r) {
 }
 
 TEST_F(VMInfoBinding, ServerlessInstanceTypeConnectsWithoutCredentials) {
-    Probe r(&event);
+    Task(102, "vc1", "admin", "secret");   // settled, but not used by this instance type
+    Probe r(&event, kJob);
     Ready(r, 102);
-    r.m_sVCName = "vc1";   // ignored for this instance type
-    m_ProxyDecryptedPassword = "secret";
     ASSERT_EQ(Open(r), 0);
+    EXPECT_EQ(r.m_sVCName, "vc1");
+    EXPECT_EQ(m_ProxyDecryptedPassword, "secret");
     EXPECT_TRUE(log.Contains("VMInfo::Connect: server [] user [] password length [0] host records [0]"));
 
     // Idempotent: a second prepare keeps the object and makes no new one.
@@ -73,24 +94,20 @@ TEST_F(VMInfoBinding, ServerlessInstanceTypeConnectsWithoutCredentials) {
     EXPECT_EQ(log.Count("VMInfo: released"), 1u);
 }
 
-TEST_F(VMInfoBinding, ServerInstanceTypesUseReaderCredentialsCheckedByTheLibrary) {
+TEST_F(VMInfoBinding, ServerInstanceTypesUseTheTaskCredentialsCheckedByTheLibrary) {
     AddCredential("esx1", "vc1", "admin", "s3cret!");
     {
-        Probe r(&event);
+        Task(100, "vc1", "admin", "s3cret!");
+        Probe r(&event, kJob);
         Ready(r, 100);
-        r.m_sVCName = "vc1";
-        r.m_sUserName = "admin";
-        m_ProxyDecryptedPassword = "s3cret!";
         ASSERT_EQ(Open(r), 0);
         EXPECT_TRUE(log.Contains("VMInfo::Connect: server [vc1] user [admin] password length [7] host records [1]"));
         EXPECT_FALSE(log.Contains("s3cret!"));
     }
     {
-        Probe r(&event);
+        Task(101, "vc1", "admin", "wrong");
+        Probe r(&event, kJob);
         Ready(r, 101);
-        r.m_sVCName = "vc1";
-        r.m_sUserName = "admin";
-        m_ProxyDecryptedPassword = "wrong";
         EXPECT_EQ(Open(r), -1);
         EXPECT_TRUE(log.Contains("VMInfo::Connect: credentials rejected for server [vc1] user [admin]"));
         EXPECT_TRUE(log.Contains("DataReaderVSBase::PrepareVMInfoObject: IVMInfo::Connect() failed."));
@@ -102,16 +119,17 @@ TEST_F(VMInfoBinding, CredentialListSuppliesServerForAzureAndAllForType1501) {
     AddCredential("host-a", "azure-sub", "app-user", "app-pass");
     AddCredential("host-b", "other", "u2", "p2");
     {
-        Probe r(&event);
+        // The task's server is replaced by the first record's; user and password stay.
+        Task(402, "vc-task", "app-user", "app-pass");
+        Probe r(&event, kJob);
         Ready(r, 402);
-        r.m_sUserName = "proxy-user";
-        m_ProxyDecryptedPassword = "app-pass";
-        ASSERT_EQ(Open(r), -1);   // azure-sub knows no "proxy-user"
+        ASSERT_EQ(Open(r), 0);
         EXPECT_TRUE(log.Contains("DataReaderVSBase::PrepareVMInfoObject: Setting Server for Azure [azure-sub]"));
-        EXPECT_TRUE(log.Contains("server [azure-sub] user [proxy-user] password length [8] host records [2]"));
+        EXPECT_TRUE(log.Contains("server [azure-sub] user [app-user] password length [8] host records [2]"));
     }
     {
-        Probe r(&event);
+        Task(1501, "vc-task", "task-user", "task-pass");
+        Probe r(&event, kJob);
         Ready(r, 1501);
         ASSERT_EQ(Open(r), 0);
         EXPECT_TRUE(log.Contains("server [azure-sub] user [app-user] password length [8] host records [2]"));
@@ -119,10 +137,10 @@ TEST_F(VMInfoBinding, CredentialListSuppliesServerForAzureAndAllForType1501) {
 }
 
 TEST_F(VMInfoBinding, BlockLevelReaderIsInitialisedButNeverConnected) {
-    Probe r(&event);
+    Task(100, "vc-unknown", "nobody", "nothing");
+    Probe r(&event, kJob);
     Ready(r, 100);
     r.setVSBlockLevel(true);
-    r.m_sVCName = "vc-unknown";
     ASSERT_EQ(Open(r), 0);
     EXPECT_NE(r.m_pVMInfo, nullptr);
     EXPECT_TRUE(log.Contains("VMInfo::Init: flags [0]"));

@@ -1,0 +1,180 @@
+// Job descriptions: job files, the process's registry of jobs, and the task, event and
+// job options read from them.
+#include "hostapi/appmgr.h"
+#include "hostapi/job.h"
+#include "vshost/job.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+
+namespace vshost {
+namespace {
+
+struct Registry {
+    std::mutex mutex;
+    std::map<KTJobID, JobDescription> jobs;
+};
+
+Registry& Jobs() {
+    static auto* r = new Registry;   // never destroyed: readers may ask during exit
+    return *r;
+}
+
+using nlohmann::json;
+
+[[noreturn]] void Bad(const std::string& origin, const std::string& field, const std::string& why) {
+    throw std::runtime_error(origin + ": field \"" + field + "\": " + why);
+}
+
+unsigned long long WholeNumber(const json& v, const std::string& origin, const std::string& field) {
+    if (v.is_number_unsigned()) return v.get<unsigned long long>();
+    if (v.is_number_integer() && v.get<long long>() >= 0) return static_cast<unsigned long long>(v.get<long long>());
+    Bad(origin, field, "expected a whole number that is not negative");
+}
+
+// Option numbers are object keys, so they arrive as text.
+unsigned long long OptionNumber(const std::string& key, const std::string& origin, const std::string& field) {
+    if (key.empty() || key.find_first_not_of("0123456789") != std::string::npos)
+        Bad(origin, field + "." + key, "option keys are option numbers");
+    errno = 0;
+    const unsigned long long n = std::strtoull(key.c_str(), nullptr, 10);
+    if (errno == ERANGE) Bad(origin, field + "." + key, "option number out of range");
+    return n;
+}
+
+}  // namespace
+
+JobDescription ParseJobText(const std::string& text, const std::string& origin) {
+    json doc;
+    try {
+        doc = json::parse(text);
+    } catch (const json::parse_error& e) {
+        throw std::runtime_error(origin + ": not valid JSON: " + e.what());
+    }
+    if (!doc.is_object()) throw std::runtime_error(origin + ": a job file holds one JSON object");
+
+    JobDescription job;
+    if (!doc.contains("jobId")) Bad(origin, "jobId", "missing");
+    job.jobId = static_cast<KTJobID>(WholeNumber(doc["jobId"], origin, "jobId"));
+
+    if (doc.contains("appId")) {
+        const json& app = doc["appId"];
+        if (!app.is_array() || app.size() != 2) Bad(origin, "appId", "expected two numbers");
+        job.appId1 = static_cast<unsigned long>(WholeNumber(app[0], origin, "appId[0]"));
+        job.appId2 = static_cast<unsigned long>(WholeNumber(app[1], origin, "appId[1]"));
+    }
+    if (doc.contains("taskOptions")) {
+        const json& opts = doc["taskOptions"];
+        if (!opts.is_object()) Bad(origin, "taskOptions", "expected an object of option number to text");
+        for (const auto& [key, value] : opts.items()) {
+            const auto n = OptionNumber(key, origin, "taskOptions");
+            if (!value.is_string()) Bad(origin, "taskOptions." + key, "expected text");
+            job.taskOptions[static_cast<int>(n)] = value.get<std::string>();
+        }
+    }
+    if (doc.contains("eventOptions")) {
+        const json& opts = doc["eventOptions"];
+        if (!opts.is_object()) Bad(origin, "eventOptions", "expected an object of option number to true/false");
+        for (const auto& [key, value] : opts.items()) {
+            const auto n = OptionNumber(key, origin, "eventOptions");
+            if (!value.is_boolean()) Bad(origin, "eventOptions." + key, "expected true or false");
+            job.eventOptions[n] = value.get<bool>();
+        }
+    }
+    if (doc.contains("jobOptions")) {
+        const json& opts = doc["jobOptions"];
+        if (!opts.is_object()) Bad(origin, "jobOptions", "expected an object");
+        if (opts.contains("restoreOptions")) {
+            const json& r = opts["restoreOptions"];
+            if (!r.is_object()) Bad(origin, "jobOptions.restoreOptions", "expected an object");
+            if (r.contains("lookupInstanceFromTask"))
+                job.lookupInstanceFromTask = static_cast<int>(
+                    WholeNumber(r["lookupInstanceFromTask"], origin, "jobOptions.restoreOptions.lookupInstanceFromTask"));
+        }
+        if (opts.contains("virtualServerRestoreOptions")) {
+            const json& v = opts["virtualServerRestoreOptions"];
+            if (!v.is_object()) Bad(origin, "jobOptions.virtualServerRestoreOptions", "expected an object");
+            if (v.contains("instanceId"))
+                job.instanceId = static_cast<unsigned long>(
+                    WholeNumber(v["instanceId"], origin, "jobOptions.virtualServerRestoreOptions.instanceId"));
+        }
+    } else {
+        job.hasJobOptions = false;
+    }
+    return job;
+}
+
+JobDescription ParseJobFile(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error(path + ": cannot open: " + std::strerror(errno));
+    std::ostringstream text;
+    text << in.rdbuf();
+    return ParseJobText(text.str(), path);
+}
+
+void RegisterJob(const JobDescription& job) {
+    Registry& r = Jobs();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.jobs[job.jobId] = job;
+}
+
+void UnregisterJob(KTJobID jobId) {
+    Registry& r = Jobs();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.jobs.erase(jobId);
+}
+
+bool FindJob(KTJobID jobId, JobDescription& out) {
+    Registry& r = Jobs();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    auto it = r.jobs.find(jobId);
+    if (it == r.jobs.end()) return false;
+    out = it->second;
+    return true;
+}
+
+}  // namespace vshost
+
+int SchedularInterfaceNet::GetTaskOptionString(long long jobId, ktTaskOptions option, char* buffer,
+                                               unsigned long size) {
+    if (!buffer || size == 0) return 0;
+    vshost::JobDescription job;
+    if (!vshost::FindJob(jobId, job)) return 0;
+    auto it = job.taskOptions.find(static_cast<int>(option));
+    if (it == job.taskOptions.end()) return 0;
+    const size_t n = std::min<size_t>(it->second.size(), size - 1);
+    std::memcpy(buffer, it->second.data(), n);
+    buffer[n] = '\0';
+    return 1;
+}
+
+EvTask::EvTask(unsigned long long jobId, int, void*, bool) : m_jobId(jobId) {}
+
+int EvTask::getOptionBool(unsigned long long option, bool& value, void*) {
+    vshost::JobDescription job;
+    if (!vshost::FindJob(static_cast<KTJobID>(m_jobId), job)) return ENOENT;
+    auto it = job.eventOptions.find(option);
+    value = it != job.eventOptions.end() && it->second;
+    return 0;
+}
+
+void vsJobMgr::setJobId(const char* jobId) { m_jobId = jobId ? jobId : ""; }
+
+bool vsJobMgr::LoadJobOptions() {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long id = std::strtoull(m_jobId.c_str(), &end, 10);
+    if (m_jobId.empty() || *end != '\0' || errno == ERANGE) return false;
+    vshost::JobDescription job;
+    if (!vshost::FindJob(static_cast<KTJobID>(id), job) || !job.hasJobOptions) return false;
+    m_restoreOptions.nLookupInstanceFromTask = job.lookupInstanceFromTask;
+    m_vsRestoreOptions.ulInstanceId = job.instanceId;
+    return true;
+}

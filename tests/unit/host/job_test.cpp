@@ -1,0 +1,111 @@
+#include "temp_home.h"
+
+#include "hostapi/appmgr.h"
+#include "hostapi/job.h"
+#include "vshost/catalog.h"
+#include "vshost/job.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+std::string ErrorOf(const std::string& text) {
+    try {
+        vshost::ParseJobText(text, "job.json");
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "";
+}
+
+TEST(JobFile, ParsesOptionsAndNamesTheBadField) {
+    const vshost::JobDescription job = vshost::ParseJobText(R"({
+        "jobId": 4711, "appId": [3, 9],
+        "taskOptions": {"77": "vc1", "76": ""},
+        "eventOptions": {"120015": true},
+        "jobOptions": {"restoreOptions": {"lookupInstanceFromTask": 1},
+                       "virtualServerRestoreOptions": {"instanceId": 12}},
+        "later": "ignored"})");
+    EXPECT_EQ(job.jobId, 4711);
+    EXPECT_EQ(job.appId2, 9u);
+    EXPECT_EQ(job.taskOptions.at(77), "vc1");
+    EXPECT_EQ(job.taskOptions.at(76), "");
+    EXPECT_TRUE(job.eventOptions.at(120015));
+    EXPECT_TRUE(job.hasJobOptions);
+    EXPECT_EQ(job.lookupInstanceFromTask, 1);
+    EXPECT_EQ(job.instanceId, 12u);
+    EXPECT_FALSE(vshost::ParseJobText(R"({"jobId": 1})").hasJobOptions);
+
+    EXPECT_NE(ErrorOf("{\"jobId\": 1,").find("job.json: not valid JSON"), std::string::npos);
+    EXPECT_NE(ErrorOf("[1]").find("one JSON object"), std::string::npos);
+    EXPECT_NE(ErrorOf("{}").find("field \"jobId\": missing"), std::string::npos);
+    EXPECT_NE(ErrorOf(R"({"jobId": -4})").find("field \"jobId\""), std::string::npos);
+    EXPECT_NE(ErrorOf(R"({"jobId": 1, "appId": [3]})").find("field \"appId\""), std::string::npos);
+    EXPECT_NE(ErrorOf(R"({"jobId": 1, "taskOptions": {"x77": "a"}})").find("taskOptions.x77"), std::string::npos);
+    EXPECT_NE(ErrorOf(R"({"jobId": 1, "taskOptions": {"77": 5}})").find("taskOptions.77"), std::string::npos);
+    EXPECT_NE(ErrorOf(R"({"jobId": 1, "eventOptions": {"120015": "yes"}})").find("eventOptions.120015"),
+              std::string::npos);
+    EXPECT_NE(ErrorOf(R"({"jobId": 1, "jobOptions": {"virtualServerRestoreOptions": {"instanceId": "12"}}})")
+                  .find("jobOptions.virtualServerRestoreOptions.instanceId"),
+              std::string::npos);
+    EXPECT_THROW(vshost::ParseJobFile("/nonexistent/job.json"), std::runtime_error);
+}
+
+TEST(JobFile, RegisteredJobAnswersTaskEventAndJobOptions) {
+    vshost::JobDescription job;
+    job.jobId = 77001;
+    job.taskOptions[77] = std::string(2000, 'v');
+    job.eventOptions[120015] = true;
+    job.instanceId = 12;
+    vshost::RegisterJob(job);
+
+    char buffer[1024];
+    ASSERT_NE(SchedularInterfaceNet::GetTaskOptionString(77001, KT_TASKOPT_RST_SERVER_NAME, buffer, sizeof buffer), 0);
+    EXPECT_EQ(std::string(buffer), std::string(1023, 'v'));   // cut to the buffer, terminated
+    EXPECT_EQ(SchedularInterfaceNet::GetTaskOptionString(77001, KT_TASKOPT_RST_USER_NAME, buffer, sizeof buffer), 0);
+    EXPECT_EQ(SchedularInterfaceNet::GetTaskOptionString(1, KT_TASKOPT_RST_SERVER_NAME, buffer, sizeof buffer), 0);
+
+    bool failback = false;
+    EXPECT_EQ(EvTask(77001, 0, nullptr, false).getOptionBool(EV_OPTION_FAILBACK_REPLICATION, failback), 0);
+    EXPECT_TRUE(failback);
+    EXPECT_EQ(EvTask(77001, 0, nullptr, false).getOptionBool(1, failback), 0);
+    EXPECT_FALSE(failback);
+    EXPECT_NE(EvTask(1, 0, nullptr, false).getOptionBool(EV_OPTION_FAILBACK_REPLICATION, failback), 0);
+
+    vsJobMgr jobMgr;
+    jobMgr.setJobId("77001");
+    ASSERT_TRUE(jobMgr.LoadJobOptions());
+    EXPECT_EQ(jobMgr.GetVirtualServerRestoreOptions().ulInstanceId, 12u);
+    jobMgr.setJobId("77001x");
+    EXPECT_FALSE(jobMgr.LoadJobOptions());
+    vshost::UnregisterJob(77001);
+    jobMgr.setJobId("77001");
+    EXPECT_FALSE(jobMgr.LoadJobOptions());
+}
+
+// The password tool reads standard input and prints a form this home decrypts.
+TEST(PasswordTool, StoredFormDecryptsUnderTheHomesKey) {
+    vstest::TempHome home;
+    const std::string command = std::string("printf '%s' 'p@ss word' | ") + VS_PASSWD_TOOL + " --home '" + home.path() + "'";
+    FILE* out = popen(command.c_str(), "r");
+    ASSERT_NE(out, nullptr);
+    char line[512] = {};
+    ASSERT_NE(fgets(line, sizeof line, out), nullptr);
+    EXPECT_EQ(pclose(out), 0);
+    std::string stored(line);
+    while (!stored.empty() && stored.back() == '\n') stored.pop_back();
+    EXPECT_EQ(stored.find("p@ss"), std::string::npos);
+    std::string plain;
+    ASSERT_TRUE(vshost::DecryptSecret(stored, plain));
+    EXPECT_EQ(plain, "p@ss word");
+
+    // Nothing on standard input is refused.
+    const std::string empty = std::string(VS_PASSWD_TOOL) + " --home '" + home.path() + "' < /dev/null 2>/dev/null";
+    EXPECT_NE(std::system(empty.c_str()), 0);
+}
+
+}  // namespace

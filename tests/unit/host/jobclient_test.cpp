@@ -1,0 +1,155 @@
+// Restore job client: the central-server check of init and the pending causes it
+// records in the catalog.
+#include "hostapi/jobclient.h"
+#include "hostapi/platform.h"
+#include "temp_home.h"
+#include "vshost/home.h"
+#include "vshost/pending.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Args = std::vector<std::string>;
+
+int Raise(KTJobClient& c, int causeId) { return c.setPendingCauseAndEvent(causeId, 3, 0, false, 300, false, 0, 0, 0, 0); }
+
+TEST(JobClientTest, InitAcceptsOnlyTheCentralServer) {
+    vstest::TempHome home;
+    vshost::settings::Set("Host", "sPhysicalMachine", "MaHost01");
+    KTRstJobClient c;
+    // Out of the box the hub server is this machine, and so is the central server.
+    EXPECT_TRUE(c.init(KTPI_PlatformBase(2).getHubServerHostName(), 1, 2, false, nullptr));
+    EXPECT_TRUE(c.init("mahost01", 1, 2, false, nullptr));
+    EXPECT_FALSE(c.init("mahost0", 1, 2, false, nullptr));
+    EXPECT_FALSE(c.init("", 1, 2, false, nullptr));
+    EXPECT_FALSE(c.init(nullptr, 1, 2, false, nullptr));
+
+    vshost::settings::Set("Host", "sHubServerHostName", "hub.example");
+    EXPECT_FALSE(c.init(KTPI_PlatformBase(2).getHubServerHostName(), 1, 2, false, nullptr));
+    vshost::settings::Set("Host", "sCatalogServerName", "HUB.Example");
+    EXPECT_TRUE(c.init(KTPI_PlatformBase(2).getHubServerHostName(), 1, 2, false, nullptr));
+    EXPECT_FALSE(c.init("mahost01", 1, 2, false, nullptr));
+}
+
+TEST(JobClientTest, CausesCarryTheirArgumentsInOrderPerJob) {
+    vstest::TempHome home;
+    const char* hub = "central01";
+    vshost::settings::Set("Host", "sCatalogServerName", hub);
+
+    KTRstJobClient ready;
+    ASSERT_TRUE(ready.init(hub, 100, 2, false, nullptr));
+    ready << "first" << "with \"quotes\", \\ and \xC3\xA9" << nullptr;
+    EXPECT_EQ(ready.setPendingCauseAndEvent(-7, 1, 2, true, 300, true, 4, 0xFFFFFFFFu, 6, 0xFFFFFFFEu), 0);
+    // The arguments went with that cause only.
+    EXPECT_EQ(Raise(ready, 0x5B000004), 0);
+
+    KTRstJobClient notReady;
+    EXPECT_FALSE(notReady.init("other", 100, 2, false, nullptr));
+    notReady << "vm01";
+    EXPECT_EQ(Raise(notReady, 0x4800006A), 0);
+
+    KTRstJobClient otherJob;
+    ASSERT_TRUE(otherJob.init(hub, 200, 2, false, nullptr));
+    // Bytes that are not UTF-8 are replaced, not allowed to lose the cause.
+    otherJob << "bad\xFF";
+    EXPECT_EQ(Raise(otherJob, 0x5B00001E), 0);
+
+    const auto job100 = vshost::PendingCauses(100);
+    ASSERT_EQ(job100.size(), 3u);
+    const vshost::PendingCause& a = job100[0];
+    EXPECT_EQ(a.jobId, 100);
+    EXPECT_EQ(a.seq, 1);
+    EXPECT_EQ(a.causeId, -7);
+    EXPECT_EQ(a.eventArgs, (Args{"first", "with \"quotes\", \\ and \xC3\xA9", ""}));
+    EXPECT_EQ(a.arg2, 1);
+    EXPECT_EQ(a.arg3, 2);
+    EXPECT_TRUE(a.flag1);
+    EXPECT_EQ(a.messageType, 300);
+    EXPECT_TRUE(a.flag2);
+    EXPECT_EQ(a.alertLevel, 4);
+    EXPECT_EQ(a.flags, 0xFFFFFFFFu);
+    EXPECT_EQ(a.value1, 6u);
+    EXPECT_EQ(a.value2, 0xFFFFFFFEu);
+    EXPECT_TRUE(a.clientReady);
+
+    EXPECT_EQ(job100[1].seq, 2);
+    EXPECT_EQ(job100[1].causeId, 0x5B000004);
+    EXPECT_TRUE(job100[1].eventArgs.empty());
+    EXPECT_FALSE(job100[1].flag1);
+    EXPECT_EQ(job100[1].arg2, 3);
+
+    EXPECT_EQ(job100[2].seq, 3);
+    EXPECT_EQ(job100[2].causeId, 0x4800006A);
+    EXPECT_EQ(job100[2].eventArgs, Args{"vm01"});
+    EXPECT_FALSE(job100[2].clientReady);
+
+    const auto job200 = vshost::PendingCauses(200);
+    ASSERT_EQ(job200.size(), 1u);
+    EXPECT_EQ(job200[0].seq, 1);
+    EXPECT_EQ(job200[0].eventArgs, Args{"bad\xEF\xBF\xBD"});
+    EXPECT_TRUE(vshost::PendingCauses(300).empty());
+}
+
+TEST(JobClientTest, UnrecordableCauseIsLoggedNotThrown) {
+    vshost::LogCapture log;
+    vshost::CloseHome();   // also rules out a $VSHOST_HOME of the caller
+    KTRstJobClient c;
+    c.init("anything", 42, 2, false, nullptr);
+    c << "lost";
+    EXPECT_EQ(Raise(c, 0x5B000019), -1);
+    EXPECT_EQ(log.Count("KTJobClient::setPendingCauseAndEvent: cause [0x5B000019] of job [42] not recorded"), 1u);
+
+    vstest::TempHome home;
+    // A catalog that cannot be opened fails the same way.
+    std::filesystem::create_directory(home.sub("catalog.db"));
+    EXPECT_EQ(Raise(c, 0x5B00001A), -1);
+    EXPECT_EQ(log.Count("cause [0x5B00001A] of job [42] not recorded"), 1u);
+    std::filesystem::remove(home.sub("catalog.db"));
+
+    // Arguments of a cause that was not recorded do not stick to the next one.
+    EXPECT_EQ(Raise(c, 0x5B00001B), 0);
+    const auto causes = vshost::PendingCauses(42);
+    ASSERT_EQ(causes.size(), 1u);
+    EXPECT_TRUE(causes[0].eventArgs.empty());
+}
+
+TEST(JobClientTest, ConcurrentClientsNeverShareANumber) {
+    vstest::TempHome home;
+    constexpr int kThreads = 4;
+    constexpr int kEach = 15;
+    std::vector<int> failures(kThreads, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &failures] {
+            for (int i = 0; i < kEach; ++i) {
+                KTRstJobClient c;
+                c.init(KTPI_PlatformBase(2).getHubServerHostName(), 7, 2, false, nullptr);
+                c << std::to_string(t * 1000 + i).c_str();
+                if (Raise(c, t) != 0) ++failures[static_cast<size_t>(t)];
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
+
+    const auto causes = vshost::PendingCauses(7);
+    ASSERT_EQ(causes.size(), static_cast<size_t>(kThreads * kEach));
+    std::vector<int> nextOfThread(kThreads, 0);
+    for (size_t i = 0; i < causes.size(); ++i) {
+        EXPECT_EQ(causes[i].seq, static_cast<int>(i + 1));
+        ASSERT_EQ(causes[i].eventArgs.size(), 1u);
+        // Each thread's causes keep their own order.
+        const int t = causes[i].causeId;
+        ASSERT_TRUE(t >= 0 && t < kThreads);
+        EXPECT_EQ(causes[i].eventArgs[0], std::to_string(t * 1000 + nextOfThread[static_cast<size_t>(t)]++));
+        EXPECT_TRUE(causes[i].clientReady);
+    }
+}
+
+}  // namespace

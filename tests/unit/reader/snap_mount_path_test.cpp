@@ -1,0 +1,110 @@
+#include "probe.h"
+#include "temp_home.h"
+
+#include "vshost/catalog.h"
+#include "vshost/home.h"
+#include "vshost/job.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+class SnapMountPath : public ::testing::Test {
+protected:
+    vstest::TempHome home;
+    vshost::LogCapture log;
+    KtEvent event;
+};
+
+TEST_F(SnapMountPath, JoinsTheFourValuesAndPrintsThemWithoutThePassword) {
+    Probe r(&event);
+    EXPECT_EQ(r.getSnapMountPath(), "{vcname:,esxname:,username:,password:}");
+    r.PrintSnapMountPath(r.getSnapMountPath());
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::PrintSnapMountPath: MountPath VC:[] ESX:[] User:[][0]"));
+
+    r.m_sVCName = "vc1";
+    r.m_sESXServerName = "esx7";
+    r.m_sUserName = "DOM\\admin";
+    r.m_sPassword = "c3RvcmVk";
+    const std::string path = r.getSnapMountPath();
+    EXPECT_EQ(path, "{vcname:vc1,esxname:esx7,username:DOM\\admin,password:c3RvcmVk}");
+    r.PrintSnapMountPath(path);
+    EXPECT_TRUE(log.Contains("MountPath VC:[vc1] ESX:[esx7] User:[DOM\\admin][8]"));
+
+    // Values are not escaped: a "," ends the VC when printed, a "}" ends the password.
+    r.m_sVCName = "vc,1";
+    r.m_sPassword = "ab}cd";
+    r.PrintSnapMountPath(r.getSnapMountPath());
+    EXPECT_TRUE(log.Contains("MountPath VC:[vc] ESX:[esx7] User:[DOM\\admin][2]"));
+
+    // Missing markers leave their fields empty; the others are still read.
+    r.PrintSnapMountPath("{vcname:only,password:xyz}");
+    EXPECT_TRUE(log.Contains("MountPath VC:[only] ESX:[] User:[][3]"));
+    for (const std::string& line : log.Lines()) EXPECT_EQ(line.find("c3RvcmVk"), std::string::npos) << line;
+}
+
+TEST_F(SnapMountPath, ConfiguredProxyEsxWinsForLaterCallersToo) {
+    vshost::settings::Set("VirtualServer", "sProxyESX", "esx-proxy");
+    Probe r(&event);
+    r.m_sESXServerName = "esx-task";
+    const std::string before = r.m_sESXServerName;   // what a mount context copied earlier keeps
+    EXPECT_EQ(r.getSnapMountPath(), "{vcname:,esxname:esx-proxy,username:,password:}");
+    EXPECT_EQ(before, "esx-task");
+    EXPECT_EQ(r.m_sESXServerName, "esx-proxy");
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::getSnapMountPath: Proxy ESX:[esx-proxy] found in the registry"));
+}
+
+// The whole flow with a real stored password: the clear text reaches the VM-info library
+// but never a log line or the log file; its length and the stored form do.
+TEST_F(SnapMountPath, ClearPasswordNeverReachesTheLog) {
+    const std::string plain = "Tr0ub4dor&3";
+    vshost::Catalog catalog;
+    vshost::AppRecord app;
+    app.appId1 = 3;
+    app.appId2 = 9;
+    app.instanceType = 100;
+    app.serverHostName = "vc1";
+    catalog.AddApplication(app);
+    SHostCredentials creds;
+    creds.sServer = "vc1";
+    creds.sUser = "admin";
+    creds.sPassword = plain;
+    catalog.AddCredential(3, 9, creds);
+    const std::string stored = vsAppMgr::encryptPassword(plain);
+
+    vshost::JobDescription job;
+    job.jobId = 4711;
+    job.taskOptions = {{77, "vc1"}, {82, "esx7"}, {75, "admin"}, {76, stored}};
+    vshost::RegisterJob(job);
+
+    Probe r(&event, 4711);
+    r.setVSInstanceType(static_cast<VirtualServerInstanceType>(100));
+    r.m_bSnapRestore = false;
+    ASSERT_EQ(r.Initialize(), 0);
+    DMInitParams init;
+    init.appId1 = 3;
+    init.appId2 = 9;
+    ASSERT_EQ(r.OpenArchiveFile(init, DMOpenArchiveParams{}), 0);   // connects with the clear password
+    const std::string path = r.getSnapMountPath();
+    r.PrintSnapMountPath(path);
+    vshost::UnregisterJob(4711);
+
+    EXPECT_EQ(path, "{vcname:vc1,esxname:esx7,username:admin,password:" + stored + "}");
+    EXPECT_TRUE(log.Contains("password length [" + std::to_string(plain.size()) + "]"));
+    EXPECT_TRUE(log.Contains("Encrypted Password:[" + stored + "]"));
+    EXPECT_TRUE(log.Contains("User:[admin][" + std::to_string(stored.size()) + "]"));
+    for (const std::string& line : log.Lines()) EXPECT_EQ(line.find(plain), std::string::npos) << line;
+
+    std::ifstream file(vshost::LogFilePath());
+    std::stringstream all;
+    all << file.rdbuf();
+    EXPECT_NE(all.str().find("Encrypted Password"), std::string::npos);
+    EXPECT_EQ(all.str().find(plain), std::string::npos);
+    m_ProxyDecryptedPassword.clear();
+}
+
+}  // namespace
