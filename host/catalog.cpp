@@ -148,20 +148,22 @@ void Catalog::AddArchiveFile(const ArchiveFileRecord& afile) {
     db::Connection conn(m_path);
     db::Statement(conn,
                   "INSERT OR REPLACE INTO archive_files (afile_id, app_id2, backup_job_id, name, volume, "
-                  "snap_engine_id) VALUES (?1, ?2, ?3, ?4, ?5, ?6)")
+                  "snap_engine_id, snap_job_id, datastore) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)")
         .Bind(1, static_cast<int64_t>(afile.afileId))
         .Bind(2, Id(afile.appId2))
         .Bind(3, afile.backupJobId)
         .Bind(4, afile.name)
         .Bind(5, afile.volume)
         .Bind(6, static_cast<int64_t>(afile.snapEngineId))
+        .Bind(7, afile.snapJobId)
+        .Bind(8, afile.datastore)
         .Run();
 }
 
 std::optional<ArchiveFileRecord> Catalog::ArchiveFile(uint64_t afileId) const {
     db::Connection conn(m_path);
     db::Statement q(conn,
-                    "SELECT app_id2, backup_job_id, name, volume, snap_engine_id FROM archive_files "
+                    "SELECT app_id2, backup_job_id, name, volume, snap_engine_id, snap_job_id, datastore FROM archive_files "
                     "WHERE afile_id = ?1");
     q.Bind(1, static_cast<int64_t>(afileId));
     if (!q.Step()) return std::nullopt;
@@ -172,6 +174,8 @@ std::optional<ArchiveFileRecord> Catalog::ArchiveFile(uint64_t afileId) const {
     rec.name = q.Text(2);
     rec.volume = q.Text(3);
     rec.snapEngineId = static_cast<unsigned int>(q.Int(4));
+    rec.snapJobId = q.Int(5);
+    rec.datastore = q.Text(6);
     return rec;
 }
 

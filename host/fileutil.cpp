@@ -13,8 +13,15 @@ CQiError CQiError::FromErrno(const std::string& context) {
     return CQiError(err, context);
 }
 
+CQiError CQiError::VS(int code, std::string context) {
+    CQiError error(code, std::move(context));
+    error.m_vs = true;
+    return error;
+}
+
 std::string CQiError::AsString() const {
     if (m_err == 0) return "no error";
+    if (m_vs) return m_context + " (host error " + std::to_string(m_err) + ")";
     char buf[256];
     const char* text = strerror_r(m_err, buf, sizeof buf);
     return m_context + ": " + text + " (errno " + std::to_string(m_err) + ")";

@@ -91,6 +91,11 @@ const std::vector<const char*>& Migrations() {
             PRIMARY KEY (hubcell_id, subclient_id)
         );
         )sql",
+        // Datastore snapshots: the snapshot job and datastore each archive file holds.
+        R"sql(
+        ALTER TABLE archive_files ADD COLUMN snap_job_id INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE archive_files ADD COLUMN datastore   TEXT NOT NULL DEFAULT '';
+        )sql",
     };
     return steps;
 }

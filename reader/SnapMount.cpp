@@ -2,12 +2,91 @@
 #include "DataReaderVSBase.h"
 
 #include "hostapi/armgr.h"
+#include "hostapi/fileutil.h"
+#include "hostapi/platform.h"
+
+#include <string>
 
 int DataReaderVSBase::MountSnap() {
-    // Snapshot mounting arrives with the datastore snapshot support of the VM-info
-    // library; until then a snap restore cannot be opened.
-    KTlog(m_hLog, 1, "%s: Snapshot mounting is not available in this build.", "DataReaderVSBase::MountSnap");
-    return -1;
+    static const char* const kFn = "DataReaderVSBase::MountSnap";
+
+    // Every archive file of the list is marked at once, so later opens of the same list
+    // find theirs mounted.
+    for (const AFileID& afile : m_afileIds)
+        if (afile.afileId == m_openArchiveParams.archiveFileId && afile.bMounted) return 0;
+
+    unsigned long clientId = 0;
+    KTClient client(m_initParams.appId1, m_sShortClientName, false, 0);
+    const int lookup = client.getClientId(clientId);
+    if (lookup != 0) {
+        KTlog(m_hLog, 1, "%s: Failed to lookup Media Agent %s client id.  Error=%d", kFn, m_sShortClientName.c_str(),
+              lookup);
+        return -1;
+    }
+    KTlog(m_hLog, 1, "%s: Media Agent %s client id = %d.", kFn, m_initParams.mediaAgentName.c_str(),
+          static_cast<int>(clientId));
+    // Each job keeps its results in a folder of its own, removed again by the destructor.
+    if (static_cast<int>(m_vsInstanceType) == 102 && m_initParams.jobId != 0)
+        m_sJobResultsDir += FXString::Format("%lld", m_initParams.jobId) + "/";
+
+    if (m_afileIds.empty()) return 0;
+
+    MountCtx ctx;
+    ctx.nSnapEngineId = static_cast<int32_t>(m_snapEngineId);
+    ctx.bMountRequest = true;
+    ctx.nHubcellId = static_cast<int32_t>(m_openArchiveParams.hubcellId);
+    ctx.nClientId = static_cast<int32_t>(clientId);
+    ctx.nClientId2 = static_cast<int32_t>(clientId);
+    ctx.nJobId = m_initParams.jobId;
+    ctx.sJobResultsDir = m_sJobResultsDir;
+    // Copied before the mount path is built: a configured proxy ESX host replaces the
+    // member for the path only.
+    ctx.hostCredentials.sHost = m_sESXServerName;
+    ctx.hostCredentials.sServer = m_sESXServerName;
+    ctx.hostCredentials.sUser = m_sUserName;
+    ctx.hostCredentials.sPassword = m_sPassword;
+    ctx.bMountFlag = true;
+    ctx.bOption1 = false;
+    ctx.sSnapMountPath = getSnapMountPath();
+    PrintSnapMountPath(ctx.sSnapMountPath);
+    ctx.nCopyId = static_cast<int32_t>(m_openArchiveParams.copyId);
+    ctx.nCopyPrecedence = static_cast<int32_t>(GetCopyPrecedence());
+    ctx.bPathMount = true;
+    ctx.bIndexingV2 = m_appMgr.isUseIndexingV2Enabled();
+
+    std::string afileText;
+    for (const AFileID& afile : m_afileIds) {
+        ctx.afileIds.push_back(afile.afileId);
+        if (!afileText.empty()) afileText += " ";
+        afileText += std::to_string(afile.afileId);
+    }
+    KTlog(m_hLog, 1, "%s:VMInfo::MountSnap( Afiles [%s] Engine [%u]).", kFn, afileText.c_str(), m_snapEngineId);
+
+    const int instanceType = static_cast<int>(getVSInstanceType());
+    if (static_cast<int>(getMountType()) == 1 && (instanceType == 101 || instanceType == 100)) {
+        ctx.bBlockLevelBrowseApplies = true;
+        unsigned long enabled = 1;   // absent means enabled
+        KTPlatformInfo().getNumber("VirtualServer", "nEnableVMWareSnapBlocklevelBrowse", &enabled);
+        ctx.bBlockLevelBrowse = enabled != 0;
+    }
+
+    if (m_appMgr.isUseIndexingV2Enabled()) {
+        if (!DownloadSnapXMLFromIndex(ctx)) return -1;
+        ctx.bIndexingV2 = true;
+    }
+
+    if (!m_pVMInfo || m_pVMInfo->MountSnap(ctx) == 0) {
+        KTlog(m_hLog, 1, "%s: VMInfo::MountSnap() failed.", kFn);
+        CheckVMInfoError(m_pVMInfo, ctx);
+        return -1;
+    }
+
+    for (AFileID& afile : m_afileIds) afile.bMounted = true;
+    m_snapJobId = ctx.nSnapJobId;
+    m_sJobResultsFolder = ctx.sJobResultsDir;
+    m_mountCtxs.push_back(ctx);
+    KTlog(m_hLog, 1, "%s: Mounted Snapshot from Job Id [%lld].", kFn, static_cast<long long>(m_snapJobId));
+    return 0;
 }
 
 unsigned long DataReaderVSBase::GetCopyPrecedence() {

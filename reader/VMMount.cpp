@@ -2,6 +2,7 @@
 #include "DataReaderVSBase.h"
 
 #include "hostapi/fileutil.h"
+#include "hostapi/indexclient.h"
 
 bool DataReaderVSBase::GetVMMountContext(const std::string& vmName, DataReaderVMCtx& out) {
     auto it = m_vmMountCtxMap.find(vmName);
@@ -10,16 +11,92 @@ bool DataReaderVSBase::GetVMMountContext(const std::string& vmName, DataReaderVM
     return true;
 }
 
-int DataReaderVSBase::MountVM(const std::string& vmName, DataReaderVMCtx& out, const std::vector<std::string>&) {
+int DataReaderVSBase::MountVM(const std::string& vmName, DataReaderVMCtx& out,
+                              const std::vector<std::string>& diskNames) {
     static const char* const kFn = "DataReaderVSBase::MountVM";
     KTlog(m_hLog, 1, "%s: MountVM Start >>", kFn);
     if (GetVMMountContext(vmName, out)) {
         KTlog(m_hLog, 1, "%s: VM [%s] Already Mounted", kFn, vmName.c_str());
         return 0;
     }
-    // VM mounting arrives with the datastore snapshot support of the VM-info library.
-    KTlog(m_hLog, 1, "%s: VM mounting is not available in this build.", kFn);
-    return -1;
+
+    MountCtx ctx;
+    ctx.bVMMountFlag = true;
+    ctx.nSnapJobId = m_snapJobId;
+    ctx.sJobResultsDir = m_sJobResultsFolder;
+    ctx.hostCredentials.sHost = m_sESXServerName;
+    ctx.hostCredentials.sServer = m_sESXServerName;
+    ctx.hostCredentials.sUser = m_sUserName;
+    ctx.hostCredentials.sPassword = m_sPassword;
+    ctx.bOption1 = false;
+    ctx.nSnapEngineId = static_cast<int32_t>(m_snapEngineId);
+    GetDiskFiltersForRestore(ctx.diskFilters, diskNames);
+
+    if (m_mountCtxs.empty()) {
+        KTlog(m_hLog, 1, "%s: SnapMountCtx is empty. Mounting of Hardware snapshot may have failed.", kFn);
+        return -1;
+    }
+    const MountCtx& snap = m_mountCtxs.front();
+    const int instanceType = static_cast<int>(m_vsInstanceType);
+    if (instanceType == 102)
+        ctx.bOptionType102 = snap.bOptionType102;
+    else if (instanceType == 100 || instanceType == 101)
+        ctx.bOptionType100 = snap.bOptionType100;
+    ctx.nJobId = snap.nSnapJobId;
+    ctx.nClientId = snap.nClientId;
+    ctx.nClientId2 = snap.nClientId2;
+    ctx.bMountFlag = true;
+    ctx.nHubcellId = static_cast<int32_t>(m_openArchiveParams.hubcellId);
+    ctx.nAppId2 = static_cast<int32_t>(m_initParams.appId2);
+
+    const int mountType = static_cast<int>(m_mountType);
+    const bool fileMountInfo = mountType == 1 || mountType == 3;
+    if (fileMountInfo) {
+        ctx.nMountMode = 1;
+    } else {
+        ctx.nMountMode = 0;
+        ctx.bPathMount = true;
+        ctx.sSnapMountPath = getSnapMountPath();
+    }
+    ctx.bUseCBT = m_bUseCBT;
+    ctx.sMountPoint = CreateTempMountPointDirectory(vmName);
+    ctx.sVMName = vmName;
+
+    if (m_appMgr.isUseIndexingV2Enabled()) {
+        ctx.sRemoteCacheDir = CreateTempMountPointDirectoryForRemoteCache(vmName);
+        ctx.bIndexingV2 = true;
+        if (IsVVOLEngine(m_snapEngineId) || IsVMCentricSnapEngine(m_snapEngineId))
+            ctx.vmInfo.llBackupJobId = m_afileBackupJobId;
+        vsIndexClient indexClient(&m_jobMgr, &m_appMgr, m_sShortClientName);
+        if (!GetVMClientInfo(ctx)) {
+            KTlog(m_hLog, 1, "%s: Failed to get VM Client Info from backup file", kFn);
+            return -1;
+        }
+        if (!indexClient.DownloadVMMetadataFiles(ctx, ctx.sRemoteCacheDir)) {
+            KTlog(m_hLog, 1, "%s: Failed to download the file from location:[%s]", kFn, ctx.sRemoteCacheDir.c_str());
+            return -1;
+        }
+    }
+
+    KTlog(m_hLog, 1, "%s: Mounting VM [%s] on [%s] for hubcell id:[%d]", kFn, vmName.c_str(),
+          m_sESXServerName.c_str(), static_cast<int>(ctx.nHubcellId));
+    if (!m_pVMInfo || m_pVMInfo->MountVM(ctx) == 0) {
+        KTlog(m_hLog, 1, "%s: MountVM failed. Hard failure.", kFn);
+        CheckVMInfoError(m_pVMInfo, ctx);
+        return -1;
+    }
+    KTlog(m_hLog, 1, "%s: Mounted VM [%s] as [%s][%s]", kFn, vmName.c_str(), ctx.sMountedName.c_str(),
+          ctx.sMountedPath.c_str());
+    m_vmNameMap[vmName] = ctx.sMountedPath;
+    out = DataReaderVMCtx{};
+    out.mountCtx = ctx;
+
+    // The VM stays mounted but unregistered when its volumes cannot be listed, so the
+    // next item tries again.
+    if (fileMountInfo && m_pVMInfo->GetFileMountInfo(out.mountCtx, out.mountInfoFiles) == 0) return -1;
+
+    m_vmMountCtxMap[vmName] = out;
+    return 0;
 }
 
 bool DataReaderVSBase::GetDiskFiltersForRestore(std::vector<SDiskFilter>& filters,

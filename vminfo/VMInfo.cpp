@@ -5,6 +5,7 @@
 #include "vshost/home.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <new>
 #include <exception>
 #include <unistd.h>
@@ -97,43 +98,138 @@ int VMInfo::SetOption(const std::string& name, int value) {
     return 1;
 }
 
-// Snapshot and VM mounting arrive with the datastore snapshot support; until then every
-// mount operation fails with the snap-volume mount error.
-int VMInfo::MountSnap(MountCtx&) {
+int VMInfo::Fail(const char* operation, const Failure& failure) {
+    KTlog(&m_log, 1, "VMInfo::%s: error [%d]: %s", operation, failure.code, failure.reason.c_str());
+    m_lastError = failure.code;
+    return 0;
+}
+
+const Snapshot* VMInfo::SnapshotOf(const MountCtx& ctx) const {
+    auto it = m_snapshots.find(ctx.nSnapJobId != 0 ? ctx.nSnapJobId : ctx.nJobId);
+    return it == m_snapshots.end() ? nullptr : &it->second;
+}
+
+const MountedVM* VMInfo::MountedOf(const MountCtx& ctx, const char* operation) {
+    auto it = m_vms.find(ctx.sVMName);
+    if (it != m_vms.end()) return &it->second;
+    Fail(operation, Failure{kErrVMNotFound, "VM [" + ctx.sVMName + "] is not mounted"});
+    return nullptr;
+}
+
+int VMInfo::MountSnap(MountCtx& ctx) {
     if (Faulted("MountSnap")) return 0;
-    KTlog(&m_log, 1, "VMInfo::MountSnap: datastore snapshots are not supported by this build");
-    return Fail(kErrMountSnapVolumes);
+    Snapshot snap;
+    Failure failure;
+    if (!Snapshot::Mount(ctx.afileIds, static_cast<unsigned>(ctx.nSnapEngineId), snap, failure))
+        return Fail("MountSnap", failure);
+
+    ctx.nSnapJobId = snap.jobId;
+    ctx.volSnaps.clear();
+    std::string datastores;
+    for (size_t i = 0; i < snap.volumes.size(); ++i) {
+        const Volume& v = snap.volumes[i];
+        SVolSnap vol;
+        vol.sVolume = v.datastore;
+        vol.sSnapVolume = v.afileName;
+        vol.sMountPath = v.path;
+        vol.ullAfileId = v.afileId;
+        for (const VMRecord& vm : snap.vms)
+            if (vm.volume == i && vm.problem.empty()) vol.vmGuids.push_back(vm.cfg.biosUuid);
+        ctx.volSnaps.push_back(vol);
+        datastores += (datastores.empty() ? "" : " ") + v.datastore;
+    }
+    KTlog(&m_log, 1, "VMInfo::MountSnap: snapshot of job [%lld] mounted: datastores [%s], VMs [%zu]",
+          static_cast<long long>(snap.jobId), datastores.c_str(), snap.vms.size());
+    m_snapshots[snap.jobId] = std::move(snap);
+    m_lastError = kNoError;
+    return 1;
 }
 
-int VMInfo::UnMountSnap(MountCtx&) {
+int VMInfo::UnMountSnap(MountCtx& ctx) {
     if (Faulted("UnMountSnap")) return 0;
+    if (m_snapshots.erase(ctx.nSnapJobId) != 0)
+        KTlog(&m_log, 1, "VMInfo::UnMountSnap: snapshot of job [%lld] unmounted", static_cast<long long>(ctx.nSnapJobId));
     return 1;
 }
 
-int VMInfo::MountVM(MountCtx&) {
+int VMInfo::MountVM(MountCtx& ctx) {
     if (Faulted("MountVM")) return 0;
-    KTlog(&m_log, 1, "VMInfo::MountVM: datastore snapshots are not supported by this build");
-    return Fail(kErrMountSnapVolumes);
-}
-
-int VMInfo::UnMountVM(const MountCtx&) {
-    if (Faulted("UnMountVM")) return 0;
+    const Snapshot* snap = SnapshotOf(ctx);
+    if (!snap)
+        return Fail("MountVM", Failure{kErrMountSnapVolumes, "snapshot of job " + std::to_string(ctx.nSnapJobId) +
+                                                               " is not mounted"});
+    MountedVM vm;
+    Failure failure;
+    if (!MountVMFrom(*snap, ctx.sVMName, ctx.diskFilters, vm, failure)) {
+        SFailure item;
+        item.sItem = ctx.sVMName;
+        item.nErrorCode = failure.code;
+        item.sReason = failure.reason;
+        ctx.failures.push_back(item);
+        return Fail("MountVM", failure);
+    }
+    ctx.sMountedName = vm.displayName;
+    ctx.sMountedPath = vm.folder;
+    ctx.vmInfo.sVMName = vm.displayName;
+    ctx.vmInfo.sVMGuid = vm.guid;
+    KTlog(&m_log, 1, "VMInfo::MountVM: VM [%s] mounted from [%s] with [%zu] items", ctx.sVMName.c_str(),
+          vm.folder.c_str(), vm.items.size());
+    m_vms[ctx.sVMName] = std::move(vm);
+    m_lastError = kNoError;
     return 1;
 }
 
-int VMInfo::GetFileMountInfo(MountCtx&, std::vector<VMInfoStructs::SMountInfoFile>&) {
+int VMInfo::UnMountVM(const MountCtx& ctx) {
+    if (Faulted("UnMountVM")) return 0;
+    m_vms.erase(ctx.sVMName);
+    return 1;
+}
+
+int VMInfo::GetFileMountInfo(MountCtx& ctx, std::vector<VMInfoStructs::SMountInfoFile>& files) {
     if (Faulted("GetFileMountInfo")) return 0;
-    return Fail(kErrMountSnapVolumes);
+    const MountedVM* vm = MountedOf(ctx, "GetFileMountInfo");
+    if (!vm) return 0;
+    files.clear();
+    for (const GuestVolume& v : vm->guestVolumes) {
+        std::error_code ec;
+        if (!std::filesystem::is_directory(v.folder, ec))
+            return Fail("GetFileMountInfo", Failure{kErrMountSnapVolumes, "guest volume " + v.guid + " of VM [" +
+                                                                              ctx.sVMName + "]: folder " + v.folder +
+                                                                              " is missing"});
+        VMInfoStructs::SMountInfoFile file;
+        file.sDevicePath = v.devicePath;
+        file.sVolumeGuid = v.guid;
+        file.sLocalMountPath = v.folder + "/";
+        file.sVolumeName = v.name;
+        for (std::filesystem::recursive_directory_iterator it(v.folder, ec), end; !ec && it != end; it.increment(ec))
+            if (it->is_regular_file(ec)) file.ullSize += it->file_size(ec);
+        files.push_back(file);
+    }
+    return 1;
 }
 
-int VMInfo::GetFullMountInfo(MountCtx&, std::vector<VMInfoStructs::SMountInfoFull>&) {
+int VMInfo::GetFullMountInfo(MountCtx& ctx, std::vector<VMInfoStructs::SMountInfoFull>& infos) {
     if (Faulted("GetFullMountInfo")) return 0;
-    return Fail(kErrMountSnapVolumes);
+    const MountedVM* vm = MountedOf(ctx, "GetFullMountInfo");
+    if (!vm) return 0;
+    VMInfoStructs::SMountInfoFull info;
+    info.sVMName = vm->displayName;
+    info.sVMGuid = vm->guid;
+    info.disks = vm->items;
+    infos.clear();
+    infos.push_back(info);
+    return 1;
 }
 
-int VMInfo::GetVMDisksOnVolume(const MountCtx&, uint64_t, uint32_t& count) {
+int VMInfo::GetVMDisksOnVolume(const MountCtx& vmCtx, uint64_t afileId, uint32_t& count) {
     if (Faulted("GetVMDisksOnVolume")) return 0;
     count = 0;
+    const Snapshot* snap = SnapshotOf(vmCtx);
+    const Volume* volume = snap ? snap->VolumeOfAfile(afileId) : nullptr;
+    auto it = m_vms.find(vmCtx.sVMName);
+    if (!volume || it == m_vms.end()) return 1;
+    for (const VMInfoStructs::SDisk& d : it->second.items)
+        if (d.nBackupType != VMInfoStructs::kBackupTypeConfigFile && d.sDatastore == volume->datastore) ++count;
     return 1;
 }
 

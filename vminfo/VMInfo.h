@@ -2,6 +2,8 @@
 // support) datastore snapshots read from folders.
 #pragma once
 
+#include "Snapshot.h"
+
 #include "hostapi/IVMInfo.h"
 #include "hostapi/log.h"
 
@@ -9,13 +11,6 @@
 #include <string>
 
 namespace vminfo {
-
-// Error codes the readers turn into job messages.
-enum ErrorCode : int {
-    kNoError = 0,
-    kErrConnect = 19,
-    kErrMountSnapVolumes = 30,
-};
 
 class VMInfo final : public IVMInfo {
 public:
@@ -43,6 +38,10 @@ private:
     bool Faulted(const char* operation);
     int Fail(int code);
     bool CredentialsMatch(const std::string& server, const std::string& user, const std::string& password);
+    // Records `failure` as the last error, logs its reason, and returns 0.
+    int Fail(const char* operation, const Failure& failure);
+    const Snapshot* SnapshotOf(const MountCtx& ctx) const;
+    const MountedVM* MountedOf(const MountCtx& ctx, const char* operation);
 
     int m_instanceType;
     long long m_jobId;
@@ -50,6 +49,8 @@ private:
     bool m_initialised = false;
     bool m_connected = false;
     std::map<std::string, int> m_options;
+    std::map<int64_t, Snapshot> m_snapshots;    // by snapshot job id
+    std::map<std::string, MountedVM> m_vms;     // by the name the VM was mounted under
     KTLogObject m_log;
 };
 

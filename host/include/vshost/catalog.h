@@ -36,8 +36,10 @@ struct ArchiveFileRecord {
     unsigned long appId2 = 0;
     int64_t backupJobId = 0;
     std::string name;
-    std::string volume;        // datastore volume folder that the archive file holds
+    std::string volume;        // folder of the datastore volume: absolute, or under <home>/Snapshots
     unsigned int snapEngineId = 0;
+    int64_t snapJobId = 0;     // the snapshot job that made the volume
+    std::string datastore;     // datastore name, as "[datastore] path" names it
 };
 
 // Access to catalog.db of the open home. Every call opens its own connection, so objects

@@ -13,14 +13,24 @@ public:
     CQiError(int err, std::string context);
     static CQiError FromErrno(const std::string& context);
 
+    // A failure of the host's own, with a host error code instead of an errno.
+    static CQiError VS(int code, std::string context);
+
     bool IsError() const { return m_err != 0; }
-    int Errno() const { return m_err; }
-    // "context: strerror (errno N)", or "no error".
+    int Errno() const { return m_vs ? 0 : m_err; }
+    bool IsVS(int code) const { return m_vs && m_err == code; }
+    // "context: strerror (errno N)", "context (host error N)", or "no error".
     std::string AsString() const;
 
 private:
     int m_err = 0;
+    bool m_vs = false;
     std::string m_context;
+};
+
+class VS_HOST_API FXErrorUtil {
+public:
+    static bool IsVS(const CQiError& error, int code) { return error.IsVS(code); }
 };
 
 class VS_HOST_API CQiString : public std::string {

@@ -67,10 +67,11 @@ struct SDiskFilter {
 
 // One datastore volume of a mounted snapshot, filled by the VM-info library.
 struct SVolSnap {
-    std::string sVolume;
-    std::string sSnapVolume;
-    std::string sMountPath;
+    std::string sVolume;                 // datastore name
+    std::string sSnapVolume;             // snapshot volume as the archive file names it
+    std::string sMountPath;              // where the volume is reached
     uint64_t ullAfileId = 0;
+    std::vector<std::string> vmGuids;    // VMs found on the volume
 
     SVolSnap() = default;
     SVolSnap(const SVolSnap& o) { _Copy(o); }
@@ -87,6 +88,7 @@ private:
         sSnapVolume = o.sSnapVolume;
         sMountPath = o.sMountPath;
         ullAfileId = o.ullAfileId;
+        vmGuids = o.vmGuids;
     }
 };
 

@@ -103,7 +103,7 @@ TEST(CatalogTest, ArchiveFilesAndCopies) {
     vstest::TempHome home;
     vshost::Catalog cat;
     const uint64_t bigId = 0xFFFFFFFF00000001ull;   // beyond SQLite's signed range
-    cat.AddArchiveFile({bigId, 2, 123456789012ll, "AF_1", "/vol/ds1", 54});
+    cat.AddArchiveFile({bigId, 2, 123456789012ll, "AF_1", "/vol/ds1", 54, 88, "ds1"});
     cat.AddCopy(10, 2, 3);
     GetAfileInfoReq req;
     req.afileId = bigId;

@@ -46,4 +46,8 @@ struct Probe : DataReaderVSExtent {
     using DataReaderVSBase::m_bMatchAnyVM;
     using DataReaderVSBase::m_jobMgr;
     using DataReaderVSBase::m_openArchiveParams;
+    using DataReaderVSBase::MountVM;
+    using DataReaderVSBase::MountSnap;
+    using DataReaderVSBase::m_snapJobId;
+    using DataReaderVSBase::m_vmNameMap;
 };

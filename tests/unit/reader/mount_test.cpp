@@ -1,0 +1,238 @@
+// Snapshot and VM mounts of the readers against a generated datastore snapshot and the
+// reference VM-info library.
+#include "probe.h"
+#include "temp_home.h"
+
+#include "vshost/catalog.h"
+#include "vshost/home.h"
+#include "vshost/pending.h"
+#include "vssample/sample.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr KTJobID kJob = 4711;
+
+class Mounts : public ::testing::Test {
+protected:
+    void SetUp() override { sample = vssample::GenerateSample(); }
+
+    // A reader of the sample's job, initialised, with the sample's list pre-opened.
+    void Ready(Probe& r, int instanceType = 102, int mountType = 0) {
+        ASSERT_EQ(r.Initialize(), 0);
+        r.setShortClientName(sample.mediaAgentName.c_str());
+        r.setVSInstanceType(static_cast<VirtualServerInstanceType>(instanceType));
+        r.setMountType(static_cast<MountType>(mountType));
+        ASSERT_EQ(r.SetSnapEngineID(sample.snapEngineId), 0);
+        std::string list = sample.afileList;
+        ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
+    }
+    int Open(Probe& r, uint64_t afileId) {
+        DMInitParams init;
+        init.appId1 = sample.appId1;
+        init.appId2 = sample.appId2;
+        init.jobId = kJob;
+        init.mediaAgentName = sample.mediaAgentName;
+        DMOpenArchiveParams open;
+        open.archiveFileId = static_cast<uint32_t>(afileId);
+        open.archGroupId = static_cast<uint32_t>(sample.archGroupId);
+        open.copyId = static_cast<uint32_t>(sample.copyId);
+        return r.OpenArchiveFile(init, open);
+    }
+    std::vector<VMInfoStructs::SDisk> Disks(Probe& r, DataReaderVMCtx& vm) {
+        std::vector<VMInfoStructs::SMountInfoFull> infos;
+        EXPECT_NE(r.m_pVMInfo->GetFullMountInfo(vm.mountCtx, infos), 0);
+        std::vector<VMInfoStructs::SDisk> disks;
+        for (const auto& info : infos)
+            for (const auto& d : info.disks)
+                if (d.nBackupType != VMInfoStructs::kBackupTypeConfigFile) disks.push_back(d);
+        return disks;
+    }
+    std::vector<int> Causes() {
+        std::vector<int> ids;
+        for (const auto& c : vshost::PendingCauses(kJob)) ids.push_back(c.causeId);
+        return ids;
+    }
+
+    vstest::TempHome home;
+    vshost::LogCapture log;
+    KtEvent event;
+    vssample::SampleSnapshot sample;
+};
+
+TEST_F(Mounts, OneMountServesTheListAndTheLastCloseUnmounts) {
+    Probe r(&event, kJob);
+    Ready(r);
+    ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountSnap: Media Agent " + sample.mediaAgentName + " client id = " +
+                             std::to_string(sample.mediaAgentClientId) + "."));
+    EXPECT_TRUE(log.Contains("Mounted Snapshot from Job Id [" + std::to_string(sample.snapJobId) + "]."));
+    EXPECT_TRUE(log.Contains("Copy Precedence: [" + std::to_string(sample.copyPrecedence) + "]"));
+    for (const AFileID& a : r.m_afileIds) EXPECT_TRUE(a.bMounted);
+    EXPECT_EQ(r.m_snapJobId, sample.snapJobId);
+    // Instance type 102 keeps its results in a folder named by the job.
+    EXPECT_EQ(r.m_sJobResultsFolder, home.sub("JobResults/4711/"));
+    ASSERT_EQ(r.m_mountCtxs.size(), 1u);
+    EXPECT_EQ(r.m_mountCtxs[0].afileIds, sample.afileIds);
+    EXPECT_FALSE(r.m_mountCtxs[0].bBlockLevelBrowseApplies);
+
+    // The list's other archive file is already mounted; one outside the list mounts again.
+    ASSERT_EQ(Open(r, sample.afileIds[1]), 0);
+    EXPECT_EQ(log.Count("client id = "), 1u);
+    ASSERT_EQ(Open(r, 9999), 0);
+    EXPECT_EQ(log.Count("client id = "), 2u);
+    EXPECT_EQ(r.m_mountCtxs.size(), 2u);
+
+    DataReaderVMCtx vm;
+    ASSERT_EQ(r.MountVM(sample.vm("web01").biosUuid, vm, {}), 0);
+    EXPECT_EQ(vm.mountCtx.sMountedName, "web01");
+    EXPECT_EQ(vm.mountCtx.nJobId, sample.snapJobId);
+    // Every mount that gets past the client lookup extends the results folder again.
+    EXPECT_EQ(vm.mountCtx.sMountPoint,
+              home.sub("JobResults/4711/4711/JobID_4711_Mount_") + sample.vm("web01").biosUuid);
+
+    for (size_t i = 0; i < sample.afileIds.size() - 1; ++i) EXPECT_EQ(r.Close(1), 0);
+    EXPECT_FALSE(log.Contains("Unmounting All VMs"));
+    EXPECT_EQ(r.Close(1), 0);
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountAllMountedVMs: Unmounting VM [" + sample.vm("web01").biosUuid + "]"));
+    EXPECT_EQ(log.Count("UnMounting snapshot for archive file Id [" + std::to_string(sample.afileIds[0]) + "]"), 2u);
+    EXPECT_EQ(r.m_pVMInfo, nullptr);
+}
+
+TEST_F(Mounts, BlockLevelBrowseSettingForFileMountsOfServerInstances) {
+    {
+        Probe r(&event, kJob);
+        Ready(r, 101, 1);
+        ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
+        ASSERT_FALSE(r.m_mountCtxs.empty());
+        EXPECT_TRUE(r.m_mountCtxs[0].bBlockLevelBrowseApplies);
+        EXPECT_TRUE(r.m_mountCtxs[0].bBlockLevelBrowse);   // absent: enabled
+        EXPECT_EQ(r.m_sJobResultsFolder, home.sub("JobResults/"));
+    }
+    vshost::settings::Set("VirtualServer", "nEnableVMWareSnapBlocklevelBrowse", "0");
+    {
+        Probe r(&event, kJob);
+        Ready(r, 100, 1);
+        ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
+        EXPECT_TRUE(r.m_mountCtxs[0].bBlockLevelBrowseApplies);
+        EXPECT_FALSE(r.m_mountCtxs[0].bBlockLevelBrowse);
+    }
+    {
+        Probe r(&event, kJob);
+        Ready(r, 102, 1);
+        ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
+        EXPECT_FALSE(r.m_mountCtxs[0].bBlockLevelBrowseApplies);
+    }
+}
+
+TEST_F(Mounts, FailedMountsRaiseTheirCauseAndMarkNothing) {
+    vshost::settings::Set("VMInfoFaults", "MountSnap", "30");
+    Probe r(&event, kJob);
+    Ready(r);
+    EXPECT_EQ(Open(r, sample.afileIds[0]), -1);
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountSnap: VMInfo::MountSnap() failed."));
+    EXPECT_EQ(Causes(), std::vector<int>{0x5B00002D});
+    for (const AFileID& a : r.m_afileIds) EXPECT_FALSE(a.bMounted);
+    EXPECT_TRUE(r.m_mountCtxs.empty());
+
+    // A VM cannot be mounted before the snapshot is.
+    DataReaderVMCtx vm;
+    EXPECT_EQ(r.MountVM("web01", vm, {}), -1);
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountVM: SnapMountCtx is empty. Mounting of Hardware snapshot may have failed."));
+
+    // An unknown media agent fails before the library is asked.
+    vshost::settings::Erase("VMInfoFaults", "MountSnap");
+    Probe stranger(&event, kJob);
+    Ready(stranger);
+    stranger.setShortClientName("no-such-ma");
+    EXPECT_EQ(Open(stranger, sample.afileIds[0]), -1);
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountSnap: Failed to lookup Media Agent no-such-ma client id.  Error="));
+
+    // A configuration naming a disk that is gone fails the VM mount with the disk cause.
+    const vssample::SampleDisk& gone = sample.vm("web01").disks.back();
+    fs::remove(gone.path);
+    Probe r2(&event, kJob);
+    Ready(r2);
+    ASSERT_EQ(Open(r2, sample.afileIds[0]), 0);
+    EXPECT_EQ(r2.MountVM("web01", vm, {}), -1);
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountVM: MountVM failed. Hard failure."));
+    EXPECT_EQ(Causes(), (std::vector<int>{0x5B00002D, 0x5B00001E}));
+    EXPECT_FALSE(r2.GetVMMountContext("web01", vm));
+}
+
+TEST_F(Mounts, VMsAreMountedOnceWithTheirDisksFromEveryDatastore) {
+    Probe r(&event, kJob);
+    Ready(r);
+    ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
+    const vssample::SampleVM& web = sample.vm("web01");
+
+    DataReaderVMCtx vm;
+    ASSERT_EQ(r.MountVM(web.vcUuid, vm, {}), 0);
+    ASSERT_EQ(r.MountVM(web.vcUuid, vm, {}), 0);
+    EXPECT_EQ(log.Count("DataReaderVSBase::MountVM: Mounting VM ["), 1u);
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountVM: VM [" + web.vcUuid + "] Already Mounted"));
+    EXPECT_EQ(r.m_vmNameMap[web.vcUuid], vm.mountCtx.sMountedPath);
+
+    std::vector<std::string> datastores;
+    for (const auto& d : Disks(r, vm)) datastores.push_back(d.sDatastore);
+    std::sort(datastores.begin(), datastores.end());
+    datastores.erase(std::unique(datastores.begin(), datastores.end()), datastores.end());
+    EXPECT_EQ(datastores.size(), 2u);
+
+    // Disk filters limit a mount to the named disks.
+    DataReaderVMCtx one;
+    ASSERT_EQ(r.MountVM(web.biosUuid, one, {web.disks.front().name}), 0);
+    ASSERT_EQ(one.mountCtx.diskFilters.size(), 1u);
+    const auto filtered = Disks(r, one);
+    ASSERT_EQ(filtered.size(), 1u);
+    EXPECT_EQ(filtered[0].sDiskName, web.disks.front().name);
+}
+
+TEST_F(Mounts, FileMountInfoFailureLeavesTheVMUnregistered) {
+    vshost::settings::Set("VMInfoFaults", "GetFileMountInfo", "2");
+    Probe r(&event, kJob);
+    Ready(r, 102, 3);
+    ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
+    DataReaderVMCtx vm;
+    EXPECT_EQ(r.MountVM("db01", vm, {}), -1);
+    EXPECT_FALSE(r.GetVMMountContext("db01", vm));
+
+    vshost::settings::Erase("VMInfoFaults", "GetFileMountInfo");
+    ASSERT_EQ(r.MountVM("db01", vm, {}), 0);
+    EXPECT_EQ(log.Count("DataReaderVSBase::MountVM: Mounting VM [db01]"), 2u);
+    EXPECT_EQ(vm.mountCtx.nMountMode, 1);
+    EXPECT_FALSE(vm.mountCtx.bPathMount);
+    EXPECT_EQ(vm.mountInfoFiles.size(), sample.vm("db01").guestVolumeGuids.size());
+    EXPECT_TRUE(r.GetVMMountContext("db01", vm));
+}
+
+TEST_F(Mounts, TemporaryMountPointsAreRemovedWithTheReader) {
+    std::string kept;
+    std::string neverMade;
+    {
+        Probe r(&event, kJob);
+        Ready(r, 101);
+        ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
+        DataReaderVMCtx vm;
+        ASSERT_EQ(r.MountVM("web01", vm, {}), 0);
+        ASSERT_EQ(r.MountVM("db01", vm, {}), 0);
+        ASSERT_EQ(r.m_tempFolders.size(), 2u);
+        kept = r.m_tempFolders[0];
+        neverMade = r.m_tempFolders[1];
+        EXPECT_EQ(kept, home.sub("JobResults/JobID_4711_Mount_web01"));
+        fs::create_directories(kept + "/mnt");   // what a mount leaves behind
+    }
+    EXPECT_FALSE(fs::exists(kept));
+    EXPECT_TRUE(log.Contains("Cleaning up temp folder [" + kept + "]"));
+    EXPECT_FALSE(log.Contains("[" + neverMade + "]"));
+}
+
+}  // namespace

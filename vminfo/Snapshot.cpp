@@ -1,0 +1,323 @@
+#include "Snapshot.h"
+
+#include "vshost/catalog.h"
+#include "vshost/home.h"
+#include "vshost/vmdk.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace vminfo {
+
+namespace {
+
+constexpr const char* kMetadataName = "snapshot.json";
+
+bool Fail(Failure& f, int code, std::string reason) {
+    f.code = code;
+    f.reason = std::move(reason);
+    return false;
+}
+
+std::string Lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+std::string VolumePath(const std::string& volume) {
+    if (!volume.empty() && volume.front() == '/') return fs::path(volume).lexically_normal().string();
+    return (fs::path(vshost::HomeDir()) / "Snapshots" / volume).lexically_normal().string();
+}
+
+// The snapshot's own description, beside its volumes: which job made it and which
+// datastores it holds.
+bool CheckMetadata(const std::string& snapshotDir, int64_t jobId, const std::string& datastore, Failure& f) {
+    const fs::path path = fs::path(snapshotDir) / kMetadataName;
+    std::ifstream in(path);
+    if (!in) return Fail(f, kErrSnapMetadata, path.string() + ": cannot be read");
+    const nlohmann::json doc = nlohmann::json::parse(in, nullptr, false);
+    if (doc.is_discarded() || !doc.is_object() || !doc.contains("snapJobId") ||
+        !doc["snapJobId"].is_number_integer())
+        return Fail(f, kErrSnapMetadata, path.string() + ": not a snapshot description");
+    if (doc["snapJobId"].get<int64_t>() != jobId)
+        return Fail(f, kErrSnapMetadata,
+                    path.string() + ": made by job " + std::to_string(doc["snapJobId"].get<int64_t>()) +
+                        ", the catalog says " + std::to_string(jobId));
+    if (!doc.contains("datastores") || !doc["datastores"].is_array())
+        return Fail(f, kErrDatastoreList, path.string() + ": no datastore list");
+    for (const auto& ds : doc["datastores"])
+        if (ds.is_string() && ds.get<std::string>() == datastore) return true;
+    return Fail(f, kErrDatastoreList, path.string() + ": datastore [" + datastore + "] is not listed");
+}
+
+// VM folders are the volume's subfolders; each .vmx in one is a VM.
+bool ScanVolume(const Volume& volume, size_t index, std::vector<VMRecord>& vms, Failure& f) {
+    std::error_code ec;
+    std::vector<fs::path> vmxFiles;
+    for (fs::directory_iterator it(volume.path, ec), end; !ec && it != end; it.increment(ec)) {
+        if (!it->is_directory(ec)) continue;
+        std::error_code inner;
+        for (fs::directory_iterator f2(it->path(), inner), e2; !inner && f2 != e2; f2.increment(inner))
+            if (f2->path().extension() == ".vmx" && f2->is_regular_file(inner)) vmxFiles.push_back(f2->path());
+    }
+    if (ec) return Fail(f, kErrVMList, volume.path + ": cannot list VMs: " + ec.message());
+    std::sort(vmxFiles.begin(), vmxFiles.end());
+    for (const fs::path& vmx : vmxFiles) {
+        VMRecord rec;
+        rec.folder = vmx.parent_path().string();
+        rec.vmxPath = vmx.string();
+        rec.volume = index;
+        std::ifstream in(vmx);
+        std::stringstream text;
+        if (!in || !(text << in.rdbuf()))
+            rec.problem = rec.vmxPath + ": cannot be read";
+        else
+            rec.cfg = ParseVmx(text.str());
+        vms.push_back(std::move(rec));
+    }
+    return true;
+}
+
+uint64_t FolderBytes(const std::string& folder) {
+    uint64_t total = 0;
+    std::error_code ec;
+    for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
+        if (it->is_regular_file(ec)) total += it->file_size(ec);
+    return total;
+}
+
+// FNV-1a: a stable id for what is the same disk in every snapshot.
+std::string StableHash(const std::string& text) {
+    uint64_t h = 1469598103934665603ull;
+    for (unsigned char c : text) h = (h ^ c) * 1099511628211ull;
+    char buf[17];
+    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
+    return buf;
+}
+
+bool Wanted(const std::vector<SDiskFilter>& filters, const std::string& name, const std::string& secondName) {
+    if (filters.empty()) return true;
+    for (const SDiskFilter& filter : filters) {
+        const std::string want = Lower(filter.sDiskName);
+        if (want == Lower(name) || want == Lower(secondName) ||
+            want == Lower(fs::path(secondName.substr(secondName.find(']') + 1)).filename().string()))
+            return true;
+    }
+    return false;
+}
+
+// Where a .vmx disk entry points: relative to the VM folder, "[datastore] path" or
+// "/vmfs/volumes/<datastore>/path". Absolute paths elsewhere and ".." never leave the
+// snapshot.
+bool ResolveDisk(const Snapshot& snap, const VMRecord& vm, const std::string& fileName, std::string& datastore,
+                 std::string& localPath, std::string& secondName, Failure& f) {
+    const Volume& home = snap.volumes[vm.volume];
+    const Volume* volume = &home;
+    fs::path rel;
+    if (!fileName.empty() && fileName.front() == '[') {
+        const size_t close = fileName.find(']');
+        if (close == std::string::npos) return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: malformed datastore path");
+        const std::string ds = fileName.substr(1, close - 1);
+        volume = snap.VolumeOfDatastore(ds);
+        if (!volume) return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: datastore [" + ds + "] is not in the mounted snapshot");
+        size_t start = close + 1;
+        while (start < fileName.size() && fileName[start] == ' ') ++start;
+        rel = fileName.substr(start);
+    } else if (fileName.rfind("/vmfs/volumes/", 0) == 0) {
+        const std::string rest = fileName.substr(std::string("/vmfs/volumes/").size());
+        const size_t slash = rest.find('/');
+        const std::string ds = rest.substr(0, slash);
+        volume = snap.VolumeOfDatastore(ds);
+        if (!volume || slash == std::string::npos)
+            return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: datastore [" + ds + "] is not in the mounted snapshot");
+        rel = rest.substr(slash + 1);
+    } else if (!fileName.empty() && fileName.front() == '/') {
+        return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: lies outside the snapshot");
+    } else {
+        rel = fs::path(vm.folder).lexically_relative(home.path) / fileName;
+    }
+    rel = rel.lexically_normal();
+    if (rel.empty() || rel.is_absolute() || *rel.begin() == "..")
+        return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: lies outside its datastore");
+    datastore = volume->datastore;
+    localPath = (fs::path(volume->path) / rel).string();
+    secondName = "[" + datastore + "] " + rel.generic_string();
+    return true;
+}
+
+}  // namespace
+
+bool Snapshot::Mount(const std::vector<uint64_t>& afileIds, unsigned snapEngineId, Snapshot& out, Failure& f) {
+    out = Snapshot{};
+    if (afileIds.empty()) return Fail(f, kErrVolSnapInfo, "no archive files to mount");
+    try {
+        vshost::Catalog catalog;
+        for (uint64_t id : afileIds) {
+            const auto rec = catalog.ArchiveFile(id);
+            if (!rec) return Fail(f, kErrVolSnapInfo, "archive file " + std::to_string(id) + " is not in the catalog");
+            if (rec->volume.empty() || rec->snapJobId == 0)
+                return Fail(f, kErrVolSnapInfo, "archive file " + std::to_string(id) + " holds no datastore snapshot");
+            if (out.jobId != 0 && rec->snapJobId != out.jobId)
+                return Fail(f, kErrVolSnapInfo, "archive files of snapshot jobs " + std::to_string(out.jobId) + " and " +
+                                                    std::to_string(rec->snapJobId) + " cannot be mounted together");
+            if (rec->snapEngineId != snapEngineId)
+                return Fail(f, kErrMountSnapVolumes, "archive file " + std::to_string(id) + " was made by snap engine " +
+                                                         std::to_string(rec->snapEngineId) + ", not " +
+                                                         std::to_string(snapEngineId));
+            out.jobId = rec->snapJobId;
+            Volume volume{id, rec->name, rec->datastore, VolumePath(rec->volume)};
+            std::error_code ec;
+            if (!fs::is_directory(volume.path, ec) || ::access(volume.path.c_str(), R_OK | X_OK) != 0)
+                return Fail(f, kErrMountSnapVolumes, "volume " + volume.path + " of archive file " + std::to_string(id) +
+                                                         " is missing or unreadable");
+            if (!CheckMetadata(fs::path(volume.path).parent_path().string(), out.jobId, volume.datastore, f)) return false;
+            if (!out.VolumeOfDatastore(volume.datastore)) out.volumes.push_back(volume);
+        }
+    } catch (const std::exception& e) {
+        return Fail(f, kErrVolSnapInfo, std::string("catalog unavailable: ") + e.what());
+    }
+    for (size_t i = 0; i < out.volumes.size(); ++i)
+        if (!ScanVolume(out.volumes[i], i, out.vms, f)) return false;
+    return true;
+}
+
+const VMRecord* Snapshot::Find(const std::string& key) const {
+    const std::string guid = CanonicalGuid(key);
+    for (const VMRecord& vm : vms)
+        if (vm.problem.empty() && vm.cfg.displayName == key) return &vm;
+    if (!guid.empty())
+        for (const VMRecord& vm : vms)
+            if (vm.problem.empty() && (vm.cfg.biosUuid == guid || vm.cfg.vcUuid == guid)) return &vm;
+    // A VM whose configuration cannot be read is known only by its folder's name.
+    for (const VMRecord& vm : vms)
+        if (!vm.problem.empty() && fs::path(vm.folder).filename() == key) return &vm;
+    return nullptr;
+}
+
+const Volume* Snapshot::VolumeOfDatastore(const std::string& datastore) const {
+    for (const Volume& v : volumes)
+        if (v.datastore == datastore) return &v;
+    return nullptr;
+}
+
+const Volume* Snapshot::VolumeOfAfile(uint64_t afileId) const {
+    for (const Volume& v : volumes)
+        if (v.afileId == afileId) return &v;
+    return nullptr;
+}
+
+bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector<SDiskFilter>& filters,
+                 MountedVM& out, Failure& f) {
+    out = MountedVM{};
+    const VMRecord* vm = snap.Find(key);
+    if (!vm) return Fail(f, kErrVMNotFound, "VM [" + key + "] is not in snapshot job " + std::to_string(snap.jobId));
+    if (!vm->problem.empty()) return Fail(f, kErrConfigFilePath, vm->problem);
+    const Volume& home = snap.volumes[vm->volume];
+    const std::string folderRel = fs::path(vm->folder).lexically_relative(home.path).generic_string();
+
+    GuestSidecar sidecar;
+    std::string why;
+    if (!LoadSidecar(vm->folder, sidecar, why)) return Fail(f, kErrConfigFilePath, why);
+
+    out.displayName = vm->cfg.displayName;
+    out.guid = vm->cfg.biosUuid.empty() ? vm->cfg.vcUuid : vm->cfg.biosUuid;
+    out.folder = vm->folder;
+    out.guestVolumes = sidecar.volumes;
+
+    std::error_code ec;
+    std::vector<fs::path> configFiles;
+    for (fs::directory_iterator it(vm->folder, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string ext = Lower(it->path().extension().string());
+        if ((ext == ".vmx" || ext == ".vmxf" || ext == ".vmsd" || ext == ".nvram") && it->is_regular_file())
+            configFiles.push_back(it->path());
+    }
+    if (ec) return Fail(f, kErrConfigFilePath, vm->folder + ": cannot be listed: " + ec.message());
+    std::sort(configFiles.begin(), configFiles.end());
+    for (const fs::path& p : configFiles) {
+        VMInfoStructs::SDisk file;
+        file.sDiskName = p.filename().string();
+        file.sSecondName = "[" + home.datastore + "] " + folderRel + "/" + file.sDiskName;
+        file.sDiskPath = p.string();
+        file.sDatastore = home.datastore;
+        file.nBackupType = VMInfoStructs::kBackupTypeConfigFile;
+        file.ullSize = fs::file_size(p, ec);
+        if (ec) return Fail(f, kErrConfigFilePath, p.string() + ": " + ec.message());
+        out.items.push_back(file);
+    }
+
+    std::set<std::string> names;
+    auto fileCollection = [&](const std::string& name) -> const FileCollectionDisk* {
+        for (const FileCollectionDisk& d : sidecar.fileCollectionDisks)
+            if (d.name == name) return &d;
+        return nullptr;
+    };
+    std::set<std::string> collectionsUsed;
+    for (const VmxDisk& entry : vm->cfg.disks) {
+        VMInfoStructs::SDisk disk;
+        if (!ResolveDisk(snap, *vm, entry.fileName, disk.sDatastore, disk.sDiskPath, disk.sSecondName, f)) {
+            if (Wanted(filters, fs::path(entry.fileName).filename().string(), entry.fileName)) return false;
+            continue;
+        }
+        disk.sDiskName = fs::path(disk.sDiskPath).filename().string();
+        // Two datastores may hold disks of one file name; the second is told apart by its datastore.
+        if (names.count(disk.sDiskName)) disk.sDiskName = disk.sDatastore + "_" + disk.sDiskName;
+        if (!Wanted(filters, disk.sDiskName, disk.sSecondName)) continue;
+        names.insert(disk.sDiskName);
+        disk.sChangeId = StableHash(out.guid + "|" + disk.sSecondName) + "/" + std::to_string(snap.jobId);
+        if (const FileCollectionDisk* fc = fileCollection(disk.sDiskName)) {
+            collectionsUsed.insert(fc->name);
+            if (!fs::is_directory(fc->folder, ec))
+                return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": folder " + fc->folder + " is missing");
+            disk.sDiskPath = fc->folder;
+            disk.nBackupType = VMInfoStructs::kBackupTypeFileCollection;
+            disk.nDiskType = kDiskTypeFolder;
+            disk.ullSize = FolderBytes(fc->folder);
+        } else {
+            vshost::vmdk::Descriptor descriptor;
+            switch (vshost::vmdk::Inspect(disk.sDiskPath, descriptor, why)) {
+            case vshost::vmdk::Kind::Unreadable:
+                return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": " + why);
+            case vshost::vmdk::Kind::Descriptor:
+                disk.nDiskType = kDiskTypeFlatVmdk;
+                disk.ullSize = descriptor.SizeBytes();
+                break;
+            case vshost::vmdk::Kind::RawImage:
+                disk.nDiskType = kDiskTypeRawImage;
+                disk.ullSize = fs::file_size(disk.sDiskPath, ec);
+                break;
+            }
+            disk.nBackupType = VMInfoStructs::kBackupTypeDisk;
+        }
+        out.items.push_back(disk);
+    }
+    // File-collection disks that the configuration does not name are disks of their own.
+    for (const FileCollectionDisk& fc : sidecar.fileCollectionDisks) {
+        if (collectionsUsed.count(fc.name) || names.count(fc.name)) continue;
+        VMInfoStructs::SDisk disk;
+        disk.sDiskName = fc.name;
+        disk.sSecondName = "[" + home.datastore + "] " + folderRel + "/" + fc.name;
+        if (!Wanted(filters, disk.sDiskName, disk.sSecondName)) continue;
+        if (!fs::is_directory(fc.folder, ec))
+            return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": folder " + fc.folder + " is missing");
+        disk.sDiskPath = fc.folder;
+        disk.sDatastore = home.datastore;
+        disk.sChangeId = StableHash(out.guid + "|" + disk.sSecondName) + "/" + std::to_string(snap.jobId);
+        disk.nBackupType = VMInfoStructs::kBackupTypeFileCollection;
+        disk.nDiskType = kDiskTypeFolder;
+        disk.ullSize = FolderBytes(fc.folder);
+        names.insert(fc.name);
+        out.items.push_back(disk);
+    }
+    return true;
+}
+
+}  // namespace vminfo
