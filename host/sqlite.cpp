@@ -96,6 +96,15 @@ const std::vector<const char*>& Migrations() {
         ALTER TABLE archive_files ADD COLUMN snap_job_id INTEGER NOT NULL DEFAULT 0;
         ALTER TABLE archive_files ADD COLUMN datastore   TEXT NOT NULL DEFAULT '';
         )sql",
+        // Change tracking: extent digests of a disk's state, by change id.
+        R"sql(
+        CREATE TABLE disk_digests (
+            change_id   TEXT PRIMARY KEY,
+            disk_size   INTEGER NOT NULL,
+            extent_size INTEGER NOT NULL,
+            digests     BLOB NOT NULL
+        );
+        )sql",
     };
     return steps;
 }
@@ -139,6 +148,11 @@ Statement& Statement::Bind(int index, const std::string& value) {
     return *this;
 }
 
+Statement& Statement::BindBlob(int index, const std::string& bytes) {
+    if (sqlite3_bind_blob64(m_stmt, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT) != SQLITE_OK) m_db.Fail("bind");
+    return *this;
+}
+
 bool Statement::Step() {
     int rc = sqlite3_step(m_stmt);
     if (rc == SQLITE_ROW) return true;
@@ -157,6 +171,12 @@ std::string Statement::Text(int column) const {
     const unsigned char* text = sqlite3_column_text(m_stmt, column);
     int len = sqlite3_column_bytes(m_stmt, column);
     return text ? std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(len)) : std::string();
+}
+
+std::string Statement::Blob(int column) const {
+    const void* data = sqlite3_column_blob(m_stmt, column);
+    const int len = sqlite3_column_bytes(m_stmt, column);
+    return data ? std::string(static_cast<const char*>(data), static_cast<size_t>(len)) : std::string();
 }
 
 void Migrate(Connection& db) {

@@ -38,6 +38,7 @@ public:
     // Parameters are numbered from 1, as in SQL "?1".
     Statement& Bind(int index, int64_t value);
     Statement& Bind(int index, const std::string& value);
+    Statement& BindBlob(int index, const std::string& bytes);
     // True while a row is available; false when done.
     bool Step();
     // Runs a statement that returns no rows.
@@ -45,6 +46,7 @@ public:
 
     int64_t Int(int column) const;
     std::string Text(int column) const;
+    std::string Blob(int column) const;
 
 private:
     Connection& m_db;

@@ -1,0 +1,98 @@
+#include "vshost/changetrack.h"
+
+#include "sqlite.h"
+#include "vshost/catalog.h"
+
+#include <xxhash.h>
+
+#include <cstring>
+#include <mutex>
+#include <stdexcept>
+
+namespace vshost::changetrack {
+
+namespace {
+
+std::mutex g_passMutex;
+std::optional<DiskDigests> g_completedPass;
+
+// Stored form: (extent, high, low) triples of little-endian 64-bit numbers.
+constexpr size_t kEntryBytes = 24;
+
+void Put(std::string& out, uint64_t v) {
+    for (int i = 0; i < 8; ++i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
+}
+
+uint64_t Get(const char* p) {
+    uint64_t v = 0;
+    for (int i = 7; i >= 0; --i) v = (v << 8) | static_cast<unsigned char>(p[i]);
+    return v;
+}
+
+}  // namespace
+
+Digest DigestOf(const void* data, size_t length) {
+    const XXH128_hash_t h = XXH3_128bits(data, length);
+    return Digest{h.high64, h.low64};
+}
+
+void Store(const std::string& changeId, const DiskDigests& digests) {
+    std::string blob;
+    blob.reserve(digests.extents.size() * kEntryBytes);
+    for (const auto& [extent, digest] : digests.extents) {
+        Put(blob, extent);
+        Put(blob, digest.high);
+        Put(blob, digest.low);
+    }
+    db::Connection conn(Catalog().Path());
+    db::Statement(conn,
+                  "INSERT OR REPLACE INTO disk_digests (change_id, disk_size, extent_size, digests) "
+                  "VALUES (?1, ?2, ?3, ?4)")
+        .Bind(1, changeId)
+        .Bind(2, static_cast<int64_t>(digests.diskSize))
+        .Bind(3, static_cast<int64_t>(digests.extentSize))
+        .BindBlob(4, blob)
+        .Run();
+}
+
+std::optional<DiskDigests> Load(const std::string& changeId) {
+    db::Connection conn(Catalog().Path());
+    db::Statement q(conn, "SELECT disk_size, extent_size, digests FROM disk_digests WHERE change_id = ?1");
+    q.Bind(1, changeId);
+    if (!q.Step()) return std::nullopt;
+    DiskDigests d;
+    d.diskSize = static_cast<uint64_t>(q.Int(0));
+    d.extentSize = static_cast<uint64_t>(q.Int(1));
+    const std::string blob = q.Blob(2);
+    if (blob.size() % kEntryBytes != 0)
+        throw std::runtime_error("digests of change id " + changeId + " are damaged");
+    for (size_t at = 0; at < blob.size(); at += kEntryBytes)
+        d.extents[Get(blob.data() + at)] = Digest{Get(blob.data() + at + 8), Get(blob.data() + at + 16)};
+    return d;
+}
+
+void LeaveCompletedPass(const DiskDigests& digests) {
+    std::lock_guard<std::mutex> lock(g_passMutex);
+    g_completedPass = digests;
+}
+
+void ClearCompletedPass() {
+    std::lock_guard<std::mutex> lock(g_passMutex);
+    g_completedPass.reset();
+}
+
+std::optional<DiskDigests> TakeCompletedPass() {
+    std::lock_guard<std::mutex> lock(g_passMutex);
+    std::optional<DiskDigests> taken = std::move(g_completedPass);
+    g_completedPass.reset();
+    return taken;
+}
+
+bool CommitCompletedPass(const std::string& changeId) {
+    std::optional<DiskDigests> pass = TakeCompletedPass();
+    if (!pass || changeId.empty()) return false;
+    Store(changeId, *pass);
+    return true;
+}
+
+}  // namespace vshost::changetrack

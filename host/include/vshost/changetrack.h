@@ -1,0 +1,50 @@
+// Change tracking by digest, for every disk format. The virtual-disk reader digests each
+// extent it reads; when a pass over the whole disk completes it leaves the digests
+// behind, and the archive writer stores them under the change id with which it records
+// the disk's read as complete. A later read opened with that change id compares against
+// them.
+#pragma once
+
+#include "hostapi/types.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace vshost::changetrack {
+
+struct Digest {
+    uint64_t high = 0;
+    uint64_t low = 0;
+    bool operator==(const Digest&) const = default;
+};
+
+// XXH3-128 of an extent's bytes.
+VS_HOST_API Digest DigestOf(const void* data, size_t length);
+
+// The digests of one state of a disk: one per extent that held data; extents not listed
+// held none.
+struct DiskDigests {
+    uint64_t diskSize = 0;
+    uint64_t extentSize = 0;
+    std::map<uint64_t, Digest> extents;
+};
+
+// Catalog storage, by change id. Store replaces what the id held; throws on a catalog error.
+VS_HOST_API void Store(const std::string& changeId, const DiskDigests& digests);
+VS_HOST_API std::optional<DiskDigests> Load(const std::string& changeId);
+
+// Hand-over from the disk reader to the archive writer within one process: the digests
+// of the last pass that covered a whole disk. Taking them empties the slot, and a pass
+// that does not cover the whole disk clears it.
+VS_HOST_API void LeaveCompletedPass(const DiskDigests& digests);
+VS_HOST_API void ClearCompletedPass();
+VS_HOST_API std::optional<DiskDigests> TakeCompletedPass();
+
+// Stores the completed pass under `changeId`, if there is one; false when there was
+// none to store (nothing is then recorded for the id).
+VS_HOST_API bool CommitCompletedPass(const std::string& changeId);
+
+}  // namespace vshost::changetrack

@@ -1,0 +1,133 @@
+// Disk layouts: raw images and flat VMDK extents, read with pread and probed for data
+// with SEEK_DATA so that holes are never read.
+#include "vdisk_layout.h"
+
+#include "vshost/vmdk.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace vshost::vdisk {
+
+Layout& Layout::operator=(Layout&& other) noexcept {
+    if (this != &other) {
+        Close();
+        size = other.size;
+        m_segments = std::move(other.m_segments);
+        other.m_segments.clear();
+        other.size = 0;
+    }
+    return *this;
+}
+
+void Layout::Close() {
+    for (Segment& s : m_segments)
+        if (s.fd >= 0) ::close(s.fd);
+    m_segments.clear();
+    size = 0;
+}
+
+size_t Layout::FileCount() const {
+    return static_cast<size_t>(std::count_if(m_segments.begin(), m_segments.end(),
+                                             [](const Segment& s) { return s.fd >= 0; }));
+}
+
+CQiError Layout::Open(const std::string& path, int, Layout& out) {
+    out.Close();
+    Layout layout;
+    vshost::vmdk::Descriptor descriptor;
+    std::string why;
+    const vshost::vmdk::Kind kind = vshost::vmdk::Inspect(path, descriptor, why);
+    if (kind == vshost::vmdk::Kind::Unreadable) return CQiError(ENOTSUP, path + ": " + why);
+
+    if (kind == vshost::vmdk::Kind::RawImage) {
+        Segment seg;
+        seg.file = path;
+        seg.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (seg.fd < 0) return CQiError::FromErrno("open " + path);
+        struct stat st{};
+        if (fstat(seg.fd, &st) != 0) {
+            CQiError err = CQiError::FromErrno("stat " + path);
+            ::close(seg.fd);
+            return err;
+        }
+        seg.length = static_cast<uint64_t>(st.st_size);
+        layout.size = seg.length;
+        layout.m_segments.push_back(seg);
+        out = std::move(layout);
+        return {};
+    }
+
+    uint64_t diskOffset = 0;
+    for (const vshost::vmdk::Extent& extent : descriptor.extents) {
+        Segment seg;
+        seg.diskOffset = diskOffset;
+        seg.length = extent.sectors * 512;
+        if (!extent.IsZero()) {
+            seg.file = extent.file;
+            seg.fileOffset = extent.offsetSectors * 512;
+            seg.fd = ::open(extent.file.c_str(), O_RDONLY | O_CLOEXEC);
+            if (seg.fd < 0) return CQiError::FromErrno("open extent " + extent.file + " of " + path);
+        }
+        layout.m_segments.push_back(seg);   // owns the descriptor from here on
+        diskOffset += seg.length;
+    }
+    layout.size = diskOffset;
+    out = std::move(layout);
+    return {};
+}
+
+CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
+    if (offset + length > size || offset + length < offset)
+        return CQiError(EINVAL, "read past the end of the disk");
+    // Extent boundaries may fall inside a read: each segment serves its own part.
+    for (const Segment& seg : m_segments) {
+        if (length == 0) break;
+        const uint64_t segEnd = seg.diskOffset + seg.length;
+        if (segEnd <= offset) continue;
+        const uint64_t take = std::min(length, segEnd - offset);
+        char* out = dest;
+        if (seg.fd < 0) {
+            std::memset(out, 0, take);
+        } else {
+            uint64_t done = 0;
+            while (done < take) {
+                const ssize_t n = ::pread(seg.fd, out + done, take - done,
+                                          static_cast<off_t>(seg.fileOffset + (offset - seg.diskOffset) + done));
+                if (n < 0) {
+                    if (errno == EINTR) continue;
+                    return CQiError::FromErrno("read " + seg.file);
+                }
+                if (n == 0) {   // past the end of a short file: zeros
+                    std::memset(out + done, 0, take - done);
+                    break;
+                }
+                done += static_cast<uint64_t>(n);
+            }
+        }
+        dest += take;
+        offset += take;
+        length -= take;
+    }
+    return {};
+}
+
+std::optional<uint64_t> Layout::NextData(uint64_t from) const {
+    for (const Segment& seg : m_segments) {
+        const uint64_t segEnd = seg.diskOffset + seg.length;
+        if (segEnd <= from || seg.fd < 0) continue;
+        const uint64_t start = std::max(from, seg.diskOffset);
+        const off_t probe = static_cast<off_t>(seg.fileOffset + (start - seg.diskOffset));
+        const off_t found = ::lseek(seg.fd, probe, SEEK_DATA);
+        if (found < 0) continue;   // ENXIO: no data after this point of the file
+        const uint64_t diskPos = seg.diskOffset + (static_cast<uint64_t>(found) - seg.fileOffset);
+        if (diskPos < segEnd) return diskPos;
+    }
+    return std::nullopt;
+}
+
+}  // namespace vshost::vdisk

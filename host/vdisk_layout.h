@@ -1,0 +1,47 @@
+// Where each byte of a virtual disk lies: the image files (and zero ranges) that make
+// up the disk, in disk order.
+#pragma once
+
+#include "hostapi/fileutil.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vshost::vdisk {
+
+struct Segment {
+    uint64_t diskOffset = 0;
+    uint64_t length = 0;
+    int fd = -1;               // -1: a range that reads as zeros
+    uint64_t fileOffset = 0;
+    std::string file;
+};
+
+class Layout {
+public:
+    // A raw image, or a VMDK descriptor whose extents are flat files or zero ranges.
+    static CQiError Open(const std::string& path, int diskType, Layout& out);
+
+    // Reads [offset, offset + length) of the disk; ranges past a file's end read as zeros.
+    CQiError Read(char* dest, uint64_t offset, uint64_t length) const;
+    // The first disk offset at or after `from` that may hold data; none past the last.
+    std::optional<uint64_t> NextData(uint64_t from) const;
+    void Close();
+    size_t FileCount() const;
+
+    uint64_t size = 0;
+
+    Layout() = default;
+    Layout(const Layout&) = delete;
+    Layout& operator=(const Layout&) = delete;
+    Layout(Layout&& other) noexcept { *this = std::move(other); }
+    Layout& operator=(Layout&& other) noexcept;
+    ~Layout() { Close(); }
+
+private:
+    std::vector<Segment> m_segments;
+};
+
+}  // namespace vshost::vdisk
