@@ -1,0 +1,239 @@
+// The archive writer: each call becomes one record (or, for large data, several) of
+// the stream held by the attached pipeline.
+#include "hostapi/archive.h"
+
+#include "vshost/changetrack.h"
+#include "streambytes.h"
+#include "streamencoder.h"
+
+#include <algorithm>
+
+using vshost::detail::PayloadBuilder;
+using vshost::stream::Kind;
+
+vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer) : m_hubServer(hubServer) {}
+
+vsArchive::~vsArchive() {
+    if (m_pipe) close(false);
+}
+
+int vsArchive::Result(int status) {
+    if (status == kOk) return kOk;
+    if (m_pipe) m_lastError = m_pipe->Encoder().Error();
+    // A failed pipeline fails every later call; one line about it is enough.
+    if (status == kErrPipeline) {
+        if (m_pipelineReported) return status;
+        m_pipelineReported = true;
+    }
+    KTlog(m_log, 1, "vsArchive: %s", m_lastError.c_str());
+    return status;
+}
+
+int vsArchive::Refuse(int status, std::string why) {
+    m_lastError = std::move(why);
+    KTlog(m_log, 1, "vsArchive: %s", m_lastError.c_str());
+    return status;
+}
+
+int vsArchive::Attached() {
+    if (m_pipe) return kOk;
+    return Refuse(kErrNotAttached, "the writer is not attached to a pipeline");
+}
+
+int vsArchive::init(CPipelayer* pipe, KTLogObject* log, const std::string& name) {
+    if (m_pipe) return Refuse(kErrOrder, "init on a writer that is already attached");
+    m_log = log;
+    if (!pipe) return Attached();
+    m_pipe = pipe;
+    m_pipelineReported = false;
+    auto& encoder = pipe->Encoder();
+    encoder.Attach();
+    encoder.SetOrigin(m_hubServer, name);
+    PushIdentity();
+    return Result(encoder.Ready());
+}
+
+void vsArchive::PushIdentity() {
+    if (!m_pipe) return;
+    auto& id = m_pipe->Encoder().identity();
+    if (m_hasIds) std::copy(std::begin(m_ids), std::end(m_ids), std::begin(id.archiveFileIds));
+    if (m_hasJobId) id.jobId = m_jobId;
+    if (m_hasToken) id.jobToken = m_token;
+}
+
+void vsArchive::SetArchiveFileId(unsigned id1, unsigned id2, unsigned archiveFileId) {
+    m_ids[0] = id1;
+    m_ids[1] = id2;
+    m_ids[2] = archiveFileId;
+    m_hasIds = true;
+    PushIdentity();
+}
+
+void vsArchive::SetJobId(long long jobId) {
+    m_jobId = jobId;
+    m_hasJobId = true;
+    PushIdentity();
+}
+
+void vsArchive::SetJobToken(const char* token) {
+    m_token = token ? token : "";
+    m_hasToken = true;
+    PushIdentity();
+}
+
+int vsArchive::close(bool finish) {
+    if (!m_pipe) return kOk;
+    m_lentOut = false;
+    const int rc = Result(m_pipe->Encoder().Detach(finish));
+    m_pipe = nullptr;
+    return rc;
+}
+
+vsStreamTotals vsArchive::totals() const {
+    return m_pipe ? m_pipe->Totals() : vsStreamTotals{};
+}
+
+int vsArchive::sendFileHeader(const std::string& path, unsigned long long size, long arg3, bool container,
+                              bool arg5, bool arg6, int arg7, unsigned int extentSize, int arg9,
+                              unsigned long long arg10, bool arg11, bool arg12, bool arg13) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    PayloadBuilder p;
+    p.Bytes(path).U64(size).I64(arg3).Bool(container).Bool(arg5).Bool(arg6).I32(arg7).U32(extentSize).I32(arg9);
+    p.U64(arg10).Bool(arg11).Bool(arg12).Bool(arg13);
+    return Result(m_pipe->Encoder().BeginEntry(Kind::FileHeader, p.str(), container, path));
+}
+
+int vsArchive::sendFCFileHeader(const std::string& path, unsigned long long size, long arg3, bool container,
+                                bool arg5, int arg6, unsigned int arg7, int arg8, unsigned long long arg9,
+                                bool arg10, bool arg11, unsigned long long arg12, unsigned long long arg13,
+                                unsigned long long arg14, unsigned int arg15, unsigned long long arg16,
+                                unsigned long long arg17, unsigned int arg18, unsigned int arg19,
+                                unsigned int arg20, unsigned int arg21) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    PayloadBuilder p;
+    p.Bytes(path).U64(size).I64(arg3).Bool(container).Bool(arg5).I32(arg6).U32(arg7).I32(arg8).U64(arg9);
+    p.Bool(arg10).Bool(arg11).U64(arg12).U64(arg13).U64(arg14).U32(arg15).U64(arg16).U64(arg17);
+    p.U32(arg18).U32(arg19).U32(arg20).U32(arg21);
+    return Result(m_pipe->Encoder().BeginEntry(Kind::CollectionHeader, p.str(), container, path));
+}
+
+int vsArchive::sendDiskInfo(const std::string& vmGuid, const std::string& name, const std::string& extra,
+                            unsigned long itemType, unsigned long productType, unsigned long diskType,
+                            unsigned long long size, unsigned long long extentSize, unsigned long long extentCount) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    PayloadBuilder p;
+    p.Bytes(vmGuid).Bytes(name).Bytes(extra).U64(itemType).U64(productType).U64(diskType);
+    p.U64(size).U64(extentSize).U64(extentCount);
+    return Result(m_pipe->Encoder().Between(Kind::DiskInfo, p.str()));
+}
+
+int vsArchive::sendVolHeaderInfo(const std::string& vmGuid, const std::string& diskName, const char* data,
+                                 unsigned long size) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    if (!data && size > 0) {
+        return Refuse(kErrArgument, "volume header of " + std::to_string(size) + " bytes without data");
+    }
+    PayloadBuilder p;
+    p.Bytes(vmGuid).Bytes(diskName).Bytes(std::string_view(data ? data : "", size));
+    return Result(m_pipe->Encoder().Between(Kind::VolumeHeader, p.str()));
+}
+
+int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::string& diskName,
+                                     const std::string& changeId) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    PayloadBuilder p;
+    p.Bytes(vmGuid).Bytes(diskName).Bytes(changeId);
+    const int rc = Result(m_pipe->Encoder().Between(Kind::DiskReadCompleted, p.str()));
+    // The disk reader's digests of the pass that just ended become the state a later
+    // read under `changeId` compares with; only once the stream records the disk as read.
+    if (rc == kOk && !changeId.empty()) {
+        try {
+            if (!vshost::changetrack::CommitCompletedPass(changeId))
+                KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
+                      "from it reads the whole disk", changeId.c_str(), diskName.c_str());
+        } catch (const std::exception& e) {
+            KTlog(m_log, 1, "Cannot store the digests of change id [%s]: %s", changeId.c_str(), e.what());
+        }
+    } else {
+        vshost::changetrack::ClearCompletedPass();
+    }
+    return rc;
+}
+
+int vsArchive::sendVMReadCompleted(const std::string& vmGuid) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    PayloadBuilder p;
+    p.Bytes(vmGuid);
+    return Result(m_pipe->Encoder().Between(Kind::VMReadCompleted, p.str()));
+}
+
+int vsArchive::allocateBuffer(unsigned long wanted, unsigned long* got, void** buffer) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    if (!got || !buffer) {
+        return Refuse(kErrArgument, "allocateBuffer without places for the buffer and its size");
+    }
+    if (int rc = Result(m_pipe->Encoder().CheckContent("buffer")); rc != kOk) return rc;
+    if (m_lentOut) {
+        return Refuse(kErrOrder, "allocateBuffer while a buffer is still lent");
+    }
+    const unsigned long granted = std::min<unsigned long>(wanted, vshost::stream::kMaxPayload);
+    m_lent.resize(std::max<unsigned long>(granted, 1));   // never a null buffer, even for 0 bytes
+    *got = granted;
+    *buffer = m_lent.data();
+    m_lentOut = true;
+    return kOk;
+}
+
+int vsArchive::writeDataBuffer(const char* data, unsigned long length) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    const bool lent = m_lentOut;
+    m_lentOut = false;   // the buffer comes back whatever happens next
+    if (int rc = Result(m_pipe->Encoder().CheckContent("data")); rc != kOk) return rc;
+    if (!lent || !data || length > m_lent.size()) {
+        return Refuse(!lent ? kErrOrder : kErrArgument, !lent ? "writeDataBuffer with no buffer lent"
+                            : "writeDataBuffer of " + std::to_string(length) + " bytes from a buffer of " +
+                                  std::to_string(m_lent.size()));
+    }
+    return Result(m_pipe->Encoder().Data(data, length));
+}
+
+void vsArchive::freeBuffer() {
+    m_lentOut = false;
+}
+
+int vsArchive::allocateAndSendDataBuffer(const char* data, unsigned long length) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    if (!data && length > 0) {
+        return Refuse(kErrArgument, "data of " + std::to_string(length) + " bytes without a buffer");
+    }
+    return Result(m_pipe->Encoder().Data(data, length));
+}
+
+int vsArchive::sendHole(unsigned long length) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    return Result(m_pipe->Encoder().Hole(length));
+}
+
+int vsArchive::sendEOF(bool complete, unsigned int arg) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    m_lentOut = false;
+    return Result(m_pipe->Encoder().EndEntry(complete, arg));
+}
+
+namespace {
+std::string FileLevelPayload(const vsFileLevelInfo& f) {
+    PayloadBuilder p;
+    p.Bytes(f.clientPath).U64(f.size).U32(f.mode).U32(f.uid).U32(f.gid).I64(f.atimeNs).I64(f.mtimeNs).I64(f.ctimeNs);
+    return p.str();
+}
+}  // namespace
+
+int vsArchive::sendFileLevelHeader(const vsFileLevelInfo& file) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    return Result(m_pipe->Encoder().BeginEntry(Kind::FileLevelHeader, FileLevelPayload(file), false, file.clientPath));
+}
+
+int vsArchive::sendDirectoryEntry(const vsFileLevelInfo& folder) {
+    if (int rc = Attached(); rc != kOk) return rc;
+    return Result(m_pipe->Encoder().Between(Kind::DirectoryEntry, FileLevelPayload(folder)));
+}

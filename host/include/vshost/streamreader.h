@@ -1,0 +1,188 @@
+// Decoder of the backup stream: reads records one at a time with bounded memory,
+// verifies every check value and the entry structure, and says whether the stream
+// ended with a trailer whose totals match what was read.
+#pragma once
+
+#include "hostapi/archive.h"
+#include "hostapi/types.h"
+#include "vshost/streamformat.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace vshost {
+
+struct StreamHeaderRecord {
+    uint16_t majorVersion = 0;   // from the prologue
+    uint16_t minorVersion = 0;
+    int64_t jobId = 0;
+    uint32_t archiveFileIds[3] = {0, 0, 0};
+    int64_t createdNs = 0;
+    std::string jobToken, hubServer, clientName;
+};
+
+struct IdentityRecord {
+    int64_t jobId = 0;
+    uint32_t archiveFileIds[3] = {0, 0, 0};
+    std::string jobToken;
+};
+
+// Arguments are named by their place in the writer's call, the path being the first.
+struct FileHeaderRecord {
+    std::string path;
+    uint64_t size = 0;
+    int64_t arg3 = 0;
+    bool container = false, arg5 = false, arg6 = false;
+    int32_t arg7 = 0;
+    uint32_t extentSize = 0;
+    int32_t arg9 = 0;
+    uint64_t arg10 = 0;
+    bool arg11 = false, arg12 = false, arg13 = false;
+    bool operator==(const FileHeaderRecord&) const = default;
+};
+
+struct CollectionHeaderRecord {
+    std::string path;
+    uint64_t size = 0;
+    int64_t arg3 = 0;
+    bool container = false, arg5 = false;
+    int32_t arg6 = 0;
+    uint32_t arg7 = 0;
+    int32_t arg8 = 0;
+    uint64_t arg9 = 0;
+    bool arg10 = false, arg11 = false;
+    uint64_t arg12 = 0, arg13 = 0, arg14 = 0;
+    uint32_t arg15 = 0;
+    uint64_t arg16 = 0, arg17 = 0;
+    uint32_t arg18 = 0, arg19 = 0, arg20 = 0, arg21 = 0;
+    bool operator==(const CollectionHeaderRecord&) const = default;
+};
+
+// A file-level header or a directory entry (the record's kind tells which).
+struct FileLevelRecord {
+    vsFileLevelInfo info;
+};
+
+// Valid until the next call of StreamReader::Next.
+struct DataRecord {
+    std::string_view bytes;
+};
+
+struct HoleRecord {
+    uint64_t length = 0;
+};
+
+struct EndOfFileRecord {
+    bool complete = false;
+    uint32_t arg = 0;
+};
+
+struct DiskInfoRecord {
+    std::string vmGuid, name, extra;
+    uint64_t itemType = 0, productType = 0, diskType = 0, size = 0, extentSize = 0, extentCount = 0;
+    bool operator==(const DiskInfoRecord&) const = default;
+};
+
+struct VolumeHeaderRecord {
+    std::string vmGuid, diskName;
+    std::string_view data;   // valid until the next call of StreamReader::Next
+};
+
+struct DiskReadCompletedRecord {
+    std::string vmGuid, diskName, changeId;
+};
+
+struct VMReadCompletedRecord {
+    std::string vmGuid;
+};
+
+struct TrailerRecord {
+    vsStreamTotals totals;
+    uint64_t offset = 0;   // where the trailer begins, as its writer saw it
+};
+
+// A record of a kind this decoder does not know, marked as skippable by its writer.
+struct SkippedRecord {};
+
+using RecordBody =
+    std::variant<StreamHeaderRecord, IdentityRecord, FileHeaderRecord, CollectionHeaderRecord, FileLevelRecord,
+                 DataRecord, HoleRecord, EndOfFileRecord, DiskInfoRecord, VolumeHeaderRecord,
+                 DiskReadCompletedRecord, VMReadCompletedRecord, TrailerRecord, SkippedRecord>;
+
+struct StreamRecord {
+    stream::Kind kind = stream::Kind::StreamHeader;
+    uint16_t flags = 0;
+    uint64_t offset = 0;   // of the record's first byte in the stream
+    uint64_t index = 0;    // 0 is the stream header
+    RecordBody body;
+};
+
+class VS_HOST_API StreamReader {
+public:
+    enum class State {
+        Reading,      // no fault so far, trailer not yet read
+        Complete,     // trailer read, totals match, nothing follows it
+        Incomplete,   // the stream ends early: no trailer, or cut inside a record
+        Corrupt,      // a check value, a field or the structure is wrong
+        ReadError,    // the input could not be read
+    };
+
+    // Reads `fd` (not owned) from its current position, sequentially: pipes and
+    // standard input work.
+    explicit StreamReader(int fd);
+    StreamReader(const StreamReader&) = delete;
+    StreamReader& operator=(const StreamReader&) = delete;
+
+    // The next record; false at the end of the stream or at the first fault, after
+    // which state() and error() tell which. The trailer is returned like any record.
+    bool Next(StreamRecord& record);
+
+    State state() const { return m_state; }
+    // "offset N: what is wrong"; empty unless the state is Incomplete, Corrupt or
+    // ReadError.
+    const std::string& error() const { return m_error; }
+    uint64_t errorOffset() const { return m_errorOffset; }
+    // Bytes consumed so far.
+    uint64_t offset() const { return m_offset; }
+    // Totals of the records read so far, counted as a writer counts them.
+    const vsStreamTotals& counted() const { return m_counted; }
+    // Valid after the first record.
+    const StreamHeaderRecord& header() const { return m_header; }
+    bool entryOpen() const { return m_open != Open::None; }
+    const std::string& openPath() const { return m_openPath; }
+
+private:
+    enum class Open { None, Container, Content };
+
+    size_t Read(char* out, size_t length);
+    bool Stop(State state, uint64_t offset, const std::string& what);
+    bool Prologue();
+    bool CheckStructure(const StreamRecord& record, std::string& why);
+    bool AtEnd();
+
+    int m_fd;
+    std::vector<char> m_in;
+    size_t m_inPos = 0, m_inEnd = 0;
+    bool m_inputDone = false;
+    std::vector<char> m_payload;
+    uint64_t m_offset = 0;
+    uint64_t m_index = 0;
+    State m_state = State::Reading;
+    std::string m_error;
+    uint64_t m_errorOffset = 0;
+    bool m_prologueRead = false;
+    char m_prologue[stream::kPrologueBytes] = {};
+    uint16_t m_minor = 0;
+    StreamHeaderRecord m_header;
+    vsStreamTotals m_counted;
+    Open m_open = Open::None;
+    std::string m_openPath;
+};
+
+// "complete", "incomplete", ...
+VS_HOST_API const char* StateName(StreamReader::State state);
+
+}  // namespace vshost

@@ -1,0 +1,162 @@
+// The pipeline sink: batches of stream bytes written to a file or a descriptor.
+#include "hostapi/archive.h"
+#include "streamencoder.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace {
+
+// Keeps SIGPIPE from killing the process while this thread writes: the signal is
+// blocked for the write, and one that the write raised is taken off the pending set
+// before the old mask returns. A SIGPIPE that was already pending stays pending.
+class SigpipeGuard {
+public:
+    SigpipeGuard() {
+        sigemptyset(&m_pipe);
+        sigaddset(&m_pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &m_pipe, &m_old);
+        sigset_t pending;
+        sigemptyset(&pending);
+        sigpending(&pending);
+        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
+    }
+    ~SigpipeGuard() {
+        if (m_raised && !m_wasPending) {
+            const timespec zero{0, 0};
+            while (sigtimedwait(&m_pipe, nullptr, &zero) < 0 && errno == EINTR) {
+            }
+        }
+        pthread_sigmask(SIG_SETMASK, &m_old, nullptr);
+    }
+    SigpipeGuard(const SigpipeGuard&) = delete;
+    SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+    void Raised() { m_raised = true; }
+
+private:
+    sigset_t m_pipe{};
+    sigset_t m_old{};
+    bool m_wasPending = false;
+    bool m_raised = false;
+};
+
+}  // namespace
+
+CPipelayer::CPipelayer(int fd, bool owned, std::string target)
+    : m_fd(fd), m_owned(owned), m_target(std::move(target)), m_batch(kBatchBytes),
+      m_encoder(std::make_unique<vshost::detail::StreamEncoder>(*this)) {}
+
+std::unique_ptr<CPipelayer> CPipelayer::OpenFile(const std::string& path, CQiError& error) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        const int err = errno;
+        error = CQiError(err, "open " + path);
+        return nullptr;
+    }
+    error = CQiError();
+    return std::unique_ptr<CPipelayer>(new CPipelayer(fd, true, path));
+}
+
+std::unique_ptr<CPipelayer> CPipelayer::OpenFd(int fd) {
+    return std::unique_ptr<CPipelayer>(new CPipelayer(fd, false, "descriptor " + std::to_string(fd)));
+}
+
+CPipelayer::~CPipelayer() {
+    Close();
+}
+
+vshost::detail::StreamEncoder& CPipelayer::Encoder() {
+    return *m_encoder;
+}
+
+void CPipelayer::SetArchiveFileId(unsigned long long archiveFileId) {
+    m_encoder->identity().archiveFileIds[2] = static_cast<uint32_t>(archiveFileId);
+}
+
+void CPipelayer::SetJobId(long long jobId) {
+    m_encoder->identity().jobId = jobId;
+}
+
+void CPipelayer::SetJobToken(const char* token) {
+    m_encoder->identity().jobToken = token ? token : "";
+}
+
+void CPipelayer::Abandon() {
+    m_encoder->Abandon();
+}
+
+vsStreamTotals CPipelayer::Totals() const {
+    return m_encoder->Totals();
+}
+
+bool CPipelayer::Finished() const {
+    return m_encoder->Finished();
+}
+
+bool CPipelayer::Write(const void* data, std::size_t length) {
+    if (Failed()) return false;
+    if (m_fd < 0) {
+        m_error = "write to " + m_target + ": the pipeline is closed";
+        return false;
+    }
+    const char* p = static_cast<const char*>(data);
+    m_accepted += length;
+    while (length > 0) {
+        // A piece at least a batch long skips the copy.
+        if (m_used == 0 && length >= m_batch.size()) return WriteOut(p, length);
+        const std::size_t n = std::min(length, m_batch.size() - m_used);
+        std::memcpy(m_batch.data() + m_used, p, n);
+        m_used += n;
+        p += n;
+        length -= n;
+        if (m_used == m_batch.size() && !Flush()) return false;
+    }
+    return true;
+}
+
+bool CPipelayer::Flush() {
+    if (Failed()) return false;
+    if (m_used == 0) return true;
+    const std::size_t n = m_used;
+    m_used = 0;
+    return WriteOut(m_batch.data(), n);
+}
+
+bool CPipelayer::WriteOut(const char* data, std::size_t length) {
+    if (Failed()) return false;
+    SigpipeGuard guard;
+    while (length > 0) {
+        const ssize_t n = ::write(m_fd, data, length);
+        if (n < 0) {
+            const int err = errno;
+            if (err == EINTR) continue;
+            if (err == EPIPE) guard.Raised();
+            m_error = CQiError(err, "write to " + m_target).AsString();
+            return false;
+        }
+        if (n == 0) {
+            m_error = "write to " + m_target + ": no progress";
+            return false;
+        }
+        data += n;
+        length -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool CPipelayer::Close() {
+    bool ok = m_fd < 0 ? !Failed() : Flush();
+    if (m_fd >= 0 && m_owned && ::close(m_fd) != 0 && ok) {
+        const int err = errno;
+        m_error = CQiError(err, "close " + m_target).AsString();
+        ok = false;
+    }
+    m_fd = -1;
+    return ok;
+}

@@ -1,0 +1,83 @@
+// The state of one backup stream and the framing of its records: prologue and stream
+// header before the first record, identity changes, the open entry, totals and the
+// trailer. One per pipeline, shared by every archive writer attached to it. Internal
+// to the host.
+#pragma once
+
+#include "hostapi/archive.h"
+#include "vshost/streamformat.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace vshost::detail {
+
+struct StreamIdentity {
+    int64_t jobId = 0;
+    uint32_t archiveFileIds[3] = {0, 0, 0};
+    std::string jobToken;
+    bool operator==(const StreamIdentity& o) const {
+        return jobId == o.jobId && archiveFileIds[0] == o.archiveFileIds[0] &&
+               archiveFileIds[1] == o.archiveFileIds[1] && archiveFileIds[2] == o.archiveFileIds[2] &&
+               jobToken == o.jobToken;
+    }
+};
+
+class StreamEncoder {
+public:
+    explicit StreamEncoder(CPipelayer& sink) : m_sink(sink) {}
+
+    // Identity; a change after the stream header went out is written as an identity
+    // record before the next record.
+    StreamIdentity& identity() { return m_identity; }
+    // Host and client names of the stream header; the first writer's stay.
+    void SetOrigin(const std::string& hubServer, const std::string& clientName);
+
+    void Attach() { ++m_writers; }
+    // See vsArchive::close.
+    int Detach(bool finish);
+    void Abandon() { m_abandoned = true; }
+
+    // Each returns a vsArchive status; Error() tells why a call failed.
+    int BeginEntry(stream::Kind kind, std::string_view payload, bool container, std::string_view path);
+    int Data(const char* data, size_t length);
+    int Hole(uint64_t length);
+    int EndEntry(bool complete, uint32_t arg);
+    // Records that go between entries.
+    int Between(stream::Kind kind, std::string_view payload);
+    // Fails when the pipeline failed or the trailer is written.
+    int Ready();
+    // Fails unless an entry that may hold data is open.
+    int CheckContent(const char* what);
+
+    const vsStreamTotals& Totals() const { return m_totals; }
+    bool Finished() const { return m_finished; }
+    const std::string& Error() const { return m_error; }
+
+private:
+    enum class Open { None, Container, Content };
+
+    int Fail(int status, std::string why);
+    int Emit(stream::Kind kind, const char* payload, size_t length);
+    int Prepare();
+    int Frame(stream::Kind kind, const char* payload, size_t length);
+
+    CPipelayer& m_sink;
+    StreamIdentity m_identity;
+    StreamIdentity m_written;   // as the stream last stated it
+    std::string m_hubServer, m_clientName;
+    bool m_originSet = false;
+    char m_prologue[stream::kPrologueBytes] = {};
+    bool m_started = false;     // prologue and stream header written
+    bool m_finished = false;
+    bool m_abandoned = false;
+    int m_writers = 0;
+    uint64_t m_index = 0;       // of the next record
+    Open m_open = Open::None;
+    std::string m_openPath;
+    vsStreamTotals m_totals;
+    std::string m_error;
+};
+
+}  // namespace vshost::detail

@@ -1,0 +1,229 @@
+// The backup stream: the pipeline sink that carries it, the archive writer that turns
+// the readers' calls into its records, and the names of disk extents.
+// docs/stream-format.md describes the records.
+#pragma once
+
+#include "hostapi/fileutil.h"
+#include "hostapi/log.h"
+#include "hostapi/types.h"
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+class vsJobMgr;
+class vsAppMgr;
+class vsArchive;
+
+namespace vshost::detail {
+class StreamEncoder;
+}
+
+// Host record that the readers hold and hand to the archive writer.
+class vsSim {};
+
+// Counts of one stream; a cleanly closed stream ends with them in its trailer.
+struct vsStreamTotals {
+    unsigned long long records = 0;      // records before the trailer, the stream header included
+    unsigned long long entries = 0;      // entry headers of every kind
+    unsigned long long badEntries = 0;   // entries closed as incomplete
+    unsigned long long directories = 0;  // directory entries of file-level backups
+    unsigned long long dataBytes = 0;
+    unsigned long long holeBytes = 0;    // zeros recorded by length, never sent
+    bool operator==(const vsStreamTotals&) const = default;
+};
+
+// A file or folder of a file-level backup, as its client describes it.
+struct vsFileLevelInfo {
+    std::string clientPath;           // the client's own form, e.g. "C:\\Users\\a.txt" or "/etc/hosts"
+    unsigned long long size = 0;
+    unsigned int mode = 0;            // POSIX type and permission bits
+    unsigned int uid = 0;
+    unsigned int gid = 0;
+    long long atimeNs = 0;            // nanoseconds since 1970-01-01 UTC
+    long long mtimeNs = 0;
+    long long ctimeNs = 0;
+    bool operator==(const vsFileLevelInfo&) const = default;
+};
+
+// The pipeline: where one backup stream goes, a file or an inherited descriptor such as
+// standard output. Bytes are gathered into batches of kBatchBytes and written with
+// loops that resume after EINTR and partial writes. The first failed write (ENOSPC,
+// EPIPE, ...) fails the pipeline for good; ErrorText() says why. A write to a pipe or
+// socket whose reader went away never raises SIGPIPE: the signal is blocked in the
+// writing thread for the write and a SIGPIPE it caused is consumed, so the process's
+// disposition of SIGPIPE is left alone.
+//
+// The pipeline also holds the state of its stream (identity, open entry, totals), so
+// that several archive writers attached to it write one consistent stream. Not safe
+// for use from several threads at once.
+class VS_HOST_API CPipelayer {
+public:
+    static constexpr std::size_t kBatchBytes = std::size_t{1} << 20;
+
+    // Creates or truncates `path` (mode 0600 before the umask). Null with `error` set
+    // when it cannot be opened.
+    static std::unique_ptr<CPipelayer> OpenFile(const std::string& path, CQiError& error);
+    // Writes to `fd`, which stays the caller's (Close does not close it).
+    static std::unique_ptr<CPipelayer> OpenFd(int fd);
+    // Flushes and closes without reporting; call Close to learn whether that worked.
+    // Writers still attached must not be used afterwards.
+    ~CPipelayer();
+    CPipelayer(const CPipelayer&) = delete;
+    CPipelayer& operator=(const CPipelayer&) = delete;
+
+    // Identity of the stream, as the file-level reader gives it: the archive file id
+    // (the third of vsArchive::SetArchiveFileId's values), the job id and token.
+    void SetArchiveFileId(unsigned long long archiveFileId);
+    void SetJobId(long long jobId);
+    void SetJobToken(const char* token);
+
+    // Writes out the batch gathered so far; false when the pipeline has failed.
+    bool Flush();
+    // Flushes and closes the target; false when that or any earlier write failed.
+    bool Close();
+    // The owner declares the stream unfinished (a stopped job): no trailer will be
+    // written, so decoders see the stream as incomplete.
+    void Abandon();
+
+    bool Failed() const { return !m_error.empty(); }
+    const std::string& ErrorText() const { return m_error; }
+    // Bytes accepted so far, the unflushed batch included.
+    unsigned long long BytesWritten() const { return m_accepted; }
+    // Totals of the records written so far.
+    vsStreamTotals Totals() const;
+    // True once the trailer is written.
+    bool Finished() const;
+
+private:
+    friend class vsArchive;
+    friend class vshost::detail::StreamEncoder;
+
+    CPipelayer(int fd, bool owned, std::string target);
+    bool Write(const void* data, std::size_t length);
+    bool WriteOut(const char* data, std::size_t length);
+    vshost::detail::StreamEncoder& Encoder();
+
+    int m_fd;
+    bool m_owned;
+    std::string m_target;   // for messages: the path, or "descriptor N"
+    std::vector<char> m_batch;
+    std::size_t m_used = 0;
+    unsigned long long m_accepted = 0;
+    std::string m_error;
+    std::unique_ptr<vshost::detail::StreamEncoder> m_encoder;
+};
+
+// The archive writer: turns calls into the records of the backup stream in a
+// pipeline. Entries are opened by a header call and closed by sendEOF; data, holes
+// and lent buffers belong to an open entry that is not a container; other records go
+// between entries. A call out of that order is refused with an error status and
+// writes nothing. Once the pipeline has failed every call reports an error.
+//
+// Every int status is 0 for success; judge it with isError.
+class VS_HOST_API vsArchive {
+public:
+    static constexpr int kOk = 0;
+    static constexpr int kErrPipeline = -1;     // the pipeline failed; the stream is lost
+    static constexpr int kErrOrder = -2;        // call out of order, e.g. data outside an entry
+    static constexpr int kErrNotAttached = -3;  // init was not called, failed, or close came first
+    static constexpr int kErrArgument = -4;     // e.g. a text longer than a record holds
+    static constexpr int kErrFinished = -5;     // the stream's trailer is already written
+
+    // The reference host uses neither manager nor the sim record; the hub server name
+    // goes into the stream header.
+    vsArchive(vsJobMgr* jobMgr, vsAppMgr* appMgr, vsSim* sim, const std::string& hubServer);
+    // A writer destroyed while attached detaches as close(false) does.
+    ~vsArchive();
+    vsArchive(const vsArchive&) = delete;
+    vsArchive& operator=(const vsArchive&) = delete;
+
+    // Attaches to the pipeline; `log` (may be null) receives failures, `name` is the
+    // client name for the stream header. Non-zero on failure.
+    int init(CPipelayer* pipe, KTLogObject* log, const std::string& name);
+    void SetArchiveFileId(unsigned id1, unsigned id2, unsigned archiveFileId);
+    void SetJobId(long long jobId);
+    void SetJobToken(const char* token);
+    // Detaches from the pipeline and flushes it. With `finish` true the last writer to
+    // leave writes the trailer, provided no entry is open and nobody abandoned the
+    // stream; with false the stream is abandoned (it will have no trailer).
+    int close(bool finish);
+    bool isError(int status) const { return status != kOk; }
+
+    // Entry headers. `container` marks an entry that names a folder of later entries
+    // (a VM, a disk) and holds no data itself. sendFileHeader's eighth argument is the
+    // extent size of a disk entry. Every argument is carried in the record.
+    int sendFileHeader(const std::string& path, unsigned long long size, long arg3, bool container, bool arg5,
+                       bool arg6, int arg7, unsigned int extentSize, int arg9, unsigned long long arg10, bool arg11,
+                       bool arg12, bool arg13);
+    int sendFCFileHeader(const std::string& path, unsigned long long size, long arg3, bool container, bool arg5,
+                         int arg6, unsigned int arg7, int arg8, unsigned long long arg9, bool arg10, bool arg11,
+                         unsigned long long arg12, unsigned long long arg13, unsigned long long arg14,
+                         unsigned int arg15, unsigned long long arg16, unsigned long long arg17, unsigned int arg18,
+                         unsigned int arg19, unsigned int arg20, unsigned int arg21);
+
+    // Records between entries.
+    int sendDiskInfo(const std::string& vmGuid, const std::string& name, const std::string& extra,
+                     unsigned long itemType, unsigned long productType, unsigned long diskType,
+                     unsigned long long size, unsigned long long extentSize, unsigned long long extentCount);
+    int sendVolHeaderInfo(const std::string& vmGuid, const std::string& diskName, const char* data,
+                          unsigned long size);
+    int sendDiskReadCompleted(const std::string& vmGuid, const std::string& diskName, const std::string& changeId);
+    int sendVMReadCompleted(const std::string& vmGuid);
+
+    // Entry data. allocateBuffer lends a buffer of up to `wanted` bytes (at most one
+    // record's worth, 1 MiB) until writeDataBuffer sends its first `length` bytes or
+    // freeBuffer gives it back. allocateAndSendDataBuffer copies the caller's bytes,
+    // in several records when they exceed one. sendHole records zeros by length only.
+    int allocateBuffer(unsigned long wanted, unsigned long* got, void** buffer);
+    int writeDataBuffer(const char* data, unsigned long length);
+    void freeBuffer();
+    int allocateAndSendDataBuffer(const char* data, unsigned long length);
+    int sendHole(unsigned long length);
+    // Closes the open entry; `complete` false marks it abandoned.
+    int sendEOF(bool complete, unsigned int arg);
+
+    // File-level backups: a file entry (data, holes and sendEOF follow as for any
+    // entry; for a symbolic link the data is the link's target) and a folder, which is
+    // a single record and opens no entry.
+    int sendFileLevelHeader(const vsFileLevelInfo& file);
+    int sendDirectoryEntry(const vsFileLevelInfo& folder);
+
+    // Why the last failed call failed.
+    const std::string& lastError() const { return m_lastError; }
+    // Totals of the attached stream so far (zero when not attached).
+    vsStreamTotals totals() const;
+
+private:
+    int Attached();
+    int Result(int status);
+    int Refuse(int status, std::string why);
+    void PushIdentity();
+
+    CPipelayer* m_pipe = nullptr;
+    KTLogObject* m_log = nullptr;
+    std::string m_hubServer;
+    std::vector<char> m_lent;
+    bool m_lentOut = false;
+    bool m_pipelineReported = false;
+    std::string m_lastError;
+    // Identity values set on this writer, pushed to the stream when attached.
+    bool m_hasIds = false, m_hasJobId = false, m_hasToken = false;
+    unsigned m_ids[3] = {0, 0, 0};
+    long long m_jobId = 0;
+    std::string m_token;
+};
+
+// Names of disk extents: "Extent" followed by the extent number in 20 decimal digits
+// with leading zeros ("Extent00000000000000000012"), so that every 64-bit number has a
+// name of the same length and names sort as their numbers.
+class VS_HOST_API ExtentNameConverter {
+public:
+    // Never fails; returns true.
+    static bool GetFilePath(unsigned long long extentNumber, std::string& name);
+    // Accepts the 20-digit form and "Extent" followed by the number without leading
+    // zeros ("Extent12", "Extent0"). Anything else (signs, blanks, other lengths,
+    // separators, numbers beyond 64 bits) is refused with `extentNumber` unchanged.
+    static bool GetExtentNumberFromFileName(const std::string& name, unsigned long long& extentNumber);
+};

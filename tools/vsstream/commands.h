@@ -1,0 +1,28 @@
+// The vsstream commands, callable without the command line.
+#pragma once
+
+#include "vshost/streamreader.h"
+
+#include <ostream>
+#include <string>
+
+namespace vsstream {
+
+// Exit codes of every command.
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitCorrupt = 1,      // a check value, field or the structure is wrong; or a restore problem
+    kExitIncomplete = 2,   // everything read is sound, but the stream ends without a trailer
+    kExitUnreadable = 3,   // the stream or the restore folder cannot be opened or read
+};
+
+// Each reads the stream from `fd` to its end or its first fault.
+int RunList(int fd, std::ostream& out, std::ostream& err);
+int RunVerify(int fd, std::ostream& out, std::ostream& err);
+int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err);
+
+// The exit code for how the stream ended, with `problems` found beside the decoder's
+// own checks; writes the decoder's complaint, if any, to `err`.
+int Conclude(const vshost::StreamReader& reader, bool problems, std::ostream& err);
+
+}  // namespace vsstream

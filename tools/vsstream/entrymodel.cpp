@@ -1,0 +1,157 @@
+// Entry classification by header kind, container flag, path depth and the disks known
+// so far.
+#include "entrymodel.h"
+
+#include <algorithm>
+
+namespace vsstream {
+
+using vshost::stream::Kind;
+
+const char* EntryKindName(EntryKind kind) {
+    switch (kind) {
+    case EntryKind::VM: return "vm";
+    case EntryKind::ConfigFile: return "config";
+    case EntryKind::Disk: return "disk";
+    case EntryKind::Extent: return "extent";
+    case EntryKind::CollectionNode: return "node";
+    case EntryKind::FileLevel: return "file";
+    case EntryKind::Other: return "other";
+    }
+    return "?";
+}
+
+bool DecodeExtentName(const std::string& name, uint64_t& number) {
+    unsigned long long n = 0;
+    if (ExtentNameConverter::GetExtentNumberFromFileName(name, n)) {
+        number = n;
+        return true;
+    }
+    // A host may name one extent by hand, e.g. "Extent12" or "disk0_Extent7".
+    const size_t at = name.find("Extent");
+    if (at == std::string::npos) return false;
+    size_t i = at + 6;
+    if (i >= name.size() || name[i] < '0' || name[i] > '9') return false;
+    uint64_t v = 0;
+    for (; i < name.size() && name[i] >= '0' && name[i] <= '9'; ++i) {
+        const unsigned d = static_cast<unsigned>(name[i] - '0');
+        if (v > (UINT64_MAX - d) / 10) return false;
+        v = v * 10 + d;
+    }
+    number = v;
+    return true;
+}
+
+const DiskGeometry* EntryModel::Disk(const std::string& key) const {
+    auto it = m_disks.find(key);
+    return it == m_disks.end() ? nullptr : &it->second;
+}
+
+bool EntryModel::Classify(std::string& why) {
+    Entry& e = m_entry;
+    const size_t depth = static_cast<size_t>(std::count(e.path.begin(), e.path.end(), '\\'));
+    const size_t cut = e.path.rfind('\\');
+    const std::string parent = cut == std::string::npos ? std::string() : e.path.substr(0, cut);
+    if (e.container) {
+        if (depth == 1) e.kind = EntryKind::VM;
+        else if (depth == 2 || m_disks.count(e.path)) e.kind = EntryKind::Disk;   // disk names may hold a backslash
+        else e.kind = EntryKind::Other;
+        return true;
+    }
+    auto disk = m_disks.find(parent);
+    if (disk == m_disks.end()) {
+        e.kind = depth == 2 ? EntryKind::ConfigFile : EntryKind::Other;
+        unsigned long long n = 0;
+        if (depth == 3 && ExtentNameConverter::GetExtentNumberFromFileName(e.path.substr(cut + 1), n)) {
+            why = "extent [" + e.path + "] of a disk the stream never described";
+            return false;
+        }
+        return true;
+    }
+    e.kind = EntryKind::Extent;
+    e.diskKey = parent;
+    if (!DecodeExtentName(e.path.substr(cut + 1), e.extentNumber)) {
+        why = "entry [" + e.path + "] under disk [" + parent + "] has no extent name";
+        return false;
+    }
+    if (disk->second.extentSize == 0) {
+        why = "extent [" + e.path + "] of a disk whose extent size is 0";
+        return false;
+    }
+    return true;
+}
+
+bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
+    switch (record.kind) {
+    case Kind::FileHeader: {
+        const auto& h = std::get<vshost::FileHeaderRecord>(record.body);
+        m_entry = Entry{};
+        m_entry.path = h.path;
+        m_entry.offset = record.offset;
+        m_entry.size = h.size;
+        m_entry.container = h.container;
+        m_open = true;
+        const bool ok = Classify(why);
+        if (m_entry.kind == EntryKind::Disk) {
+            DiskGeometry& g = m_disks[h.path];
+            g.size = h.size;
+            g.extentSize = h.extentSize;
+            g.hasEntry = true;
+        }
+        return ok;
+    }
+    case Kind::CollectionHeader: {
+        const auto& h = std::get<vshost::CollectionHeaderRecord>(record.body);
+        m_entry = Entry{};
+        m_entry.kind = EntryKind::CollectionNode;
+        m_entry.path = h.path;
+        m_entry.offset = record.offset;
+        m_entry.size = h.size;
+        m_entry.container = h.container;
+        m_open = true;
+        return true;
+    }
+    case Kind::FileLevelHeader: {
+        const auto& h = std::get<vshost::FileLevelRecord>(record.body);
+        m_entry = Entry{};
+        m_entry.kind = EntryKind::FileLevel;
+        m_entry.path = h.info.clientPath;
+        m_entry.offset = record.offset;
+        m_entry.size = h.info.size;
+        m_entry.file = h.info;
+        m_open = true;
+        return true;
+    }
+    case Kind::Data:
+        m_entry.dataBytes += std::get<vshost::DataRecord>(record.body).bytes.size();
+        return true;
+    case Kind::Hole:
+        m_entry.holeBytes += std::get<vshost::HoleRecord>(record.body).length;
+        return true;
+    case Kind::EndOfFile:
+        m_open = false;
+        m_entry.closed = true;
+        m_entry.complete = std::get<vshost::EndOfFileRecord>(record.body).complete;
+        if (m_entry.kind == EntryKind::Extent) {
+            DiskGeometry& g = m_disks[m_entry.diskKey];
+            ++g.extents;
+            if (m_entry.dataBytes == 0) ++g.holeExtents;
+        }
+        return true;
+    case Kind::DiskInfo: {
+        // Geometry for disks whose entry may never come (a stream of single extents).
+        const auto& d = std::get<vshost::DiskInfoRecord>(record.body);
+        if (d.itemType != vshost::stream::kItemDiskExtents) return true;
+        DiskGeometry& g = m_disks["\\" + d.vmGuid + "\\" + d.name];
+        if (!g.hasEntry) {
+            g.size = d.size;
+            g.extentSize = d.extentSize;
+        }
+        return true;
+    }
+    default:
+        return true;
+    }
+}
+
+}  // namespace vsstream

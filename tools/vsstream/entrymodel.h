@@ -1,0 +1,65 @@
+// What each entry of a backup stream is (a VM, a configuration file, a disk, an
+// extent, a file-collection node, a file-level file), worked out from the records as
+// they go by. Shared by list, verify and restore.
+#pragma once
+
+#include "vshost/streamreader.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace vsstream {
+
+enum class EntryKind { VM, ConfigFile, Disk, Extent, CollectionNode, FileLevel, Other };
+const char* EntryKindName(EntryKind kind);
+
+struct DiskGeometry {
+    uint64_t size = 0;
+    uint64_t extentSize = 0;
+    bool hasEntry = false;   // from a disk entry; otherwise from a disk-info record only
+    uint64_t extents = 0;    // extent entries seen
+    uint64_t holeExtents = 0;   // of which held no data, only holes
+};
+
+struct Entry {
+    EntryKind kind = EntryKind::Other;
+    std::string path;
+    uint64_t offset = 0;   // of the header record
+    uint64_t size = 0;     // as the header states
+    bool container = false;
+    std::string diskKey;   // extents: the disk entry's path
+    uint64_t extentNumber = 0;
+    vsFileLevelInfo file;  // file-level entries
+    uint64_t dataBytes = 0;
+    uint64_t holeBytes = 0;
+    bool closed = false;
+    bool complete = false;   // as its end-of-file record says
+};
+
+// Number of an extent name: a converter name, or a name holding "Extent" followed by
+// the decimal number.
+bool DecodeExtentName(const std::string& name, uint64_t& number);
+
+class EntryModel {
+public:
+    // Takes one record in stream order. False with `why` when an entry header cannot
+    // be what its place says (a name under a disk that is no extent name, an extent of
+    // a disk with no size); the entry is still tracked.
+    bool Apply(const vshost::StreamRecord& record, std::string& why);
+
+    bool entryOpen() const { return m_open; }
+    // The open entry, or the one that was just closed.
+    const Entry& entry() const { return m_entry; }
+    const DiskGeometry* Disk(const std::string& key) const;
+    const std::map<std::string, DiskGeometry>& disks() const { return m_disks; }
+
+private:
+    bool Classify(std::string& why);
+
+    Entry m_entry;
+    bool m_open = false;
+    std::map<std::string, DiskGeometry> m_disks;   // by the disk entry's path
+};
+
+}  // namespace vsstream

@@ -1,0 +1,255 @@
+// Applying records to files below the restore folder.
+#include "restore.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace vsstream {
+
+using vshost::stream::Kind;
+
+namespace {
+
+bool WriteAt(int fd, const char* data, uint64_t length, uint64_t at) {
+    while (length > 0) {
+        const ssize_t n = ::pwrite(fd, data, length, static_cast<off_t>(at));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data += n;
+        length -= static_cast<uint64_t>(n);
+        at += static_cast<uint64_t>(n);
+    }
+    return true;
+}
+
+// Zeros the range of an existing image, keeping it sparse where the file system can.
+bool ZeroRange(int fd, uint64_t at, uint64_t length) {
+    if (length == 0) return true;
+    if (::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(at),
+                    static_cast<off_t>(length)) == 0)
+        return true;
+    if (errno != EOPNOTSUPP && errno != ENOSYS) return false;
+    static const char zeros[64 * 1024] = {};
+    while (length > 0) {
+        const uint64_t n = std::min<uint64_t>(length, sizeof zeros);
+        if (!WriteAt(fd, zeros, n, at)) return false;
+        at += n;
+        length -= n;
+    }
+    return true;
+}
+
+timespec FromNs(long long ns) {
+    long long sec = ns / 1000000000;
+    long long rest = ns % 1000000000;
+    if (rest < 0) {
+        rest += 1000000000;
+        --sec;
+    }
+    return timespec{static_cast<time_t>(sec), static_cast<long>(rest)};
+}
+
+void SetModeAndTimes(int fd, const vsFileLevelInfo& info) {
+    ::fchmod(fd, static_cast<mode_t>(info.mode & 07777));
+    const timespec times[2] = {FromNs(info.atimeNs), FromNs(info.mtimeNs)};
+    ::futimens(fd, times);
+}
+
+std::string Why(const char* what) {
+    return std::string(what) + ": " + std::strerror(errno);
+}
+
+}  // namespace
+
+void Restorer::Problem(uint64_t offset, const std::string& what) {
+    m_err << "offset " << offset << ": " << what << "\n";
+    ++m_counts.problems;
+}
+
+void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model, bool usable) {
+    switch (record.kind) {
+    case Kind::FileHeader:
+    case Kind::CollectionHeader:
+    case Kind::FileLevelHeader:
+        if (usable) {
+            Begin(model.entry(), model, record.offset);
+        } else {
+            m_target = Target::Skip;
+            ++m_counts.problems;
+        }
+        break;
+    case Kind::Data: {
+        const auto bytes = std::get<vshost::DataRecord>(record.body).bytes;
+        Write(bytes.data(), bytes.size(), record.offset);
+        break;
+    }
+    case Kind::Hole:
+        Hole(std::get<vshost::HoleRecord>(record.body).length, record.offset);
+        break;
+    case Kind::EndOfFile:
+        End(model.entry(), record.offset);
+        break;
+    case Kind::DirectoryEntry: {
+        const auto& info = std::get<vshost::FileLevelRecord>(record.body).info;
+        PathParts parts;
+        std::string why;
+        if (!SplitClientPath(info.clientPath, parts, why)) return Problem(record.offset, why + "; not restored");
+        Folder(parts, record.offset);
+        m_folderTimes.push_back({parts, info});
+        break;
+    }
+    default:
+        break;
+    }
+}
+
+void Restorer::Folder(const PathParts& parts, uint64_t offset) {
+    std::string why;
+    if (m_root.Folder(parts, parts.size(), why).valid()) ++m_counts.folders;
+    else Problem(offset, why);
+}
+
+Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& model, uint64_t offset) {
+    auto it = m_images.find(key);
+    if (it != m_images.end()) return &it->second;
+    PathParts parts;
+    std::string why;
+    if (!SplitEntryPath(key, parts, why)) {
+        Problem(offset, why + "; disk not restored");
+        return nullptr;
+    }
+    Image image;
+    image.fd = m_root.OpenImage(parts, image.fresh, why);
+    if (!image.fd.valid()) {
+        Problem(offset, why);
+        return nullptr;
+    }
+    // The disk's size now: an incremental may grow or shrink it.
+    const DiskGeometry* g = model.Disk(key);
+    if (g && ::ftruncate(image.fd.get(), static_cast<off_t>(g->size)) != 0) {
+        Problem(offset, Why(("cannot size " + JoinParts(parts, parts.size())).c_str()));
+        return nullptr;
+    }
+    ++m_counts.images;
+    return &m_images.emplace(key, std::move(image)).first->second;
+}
+
+void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
+    m_target = Target::Skip;
+    m_file.Reset();
+    m_image = nullptr;
+    m_pos = 0;
+    m_fileLevel = e.kind == EntryKind::FileLevel;
+    std::string why;
+    if (e.kind == EntryKind::Extent) {
+        const DiskGeometry* g = model.Disk(e.diskKey);
+        if (!(m_image = GetImage(e.diskKey, model, offset))) return;
+        if (e.extentNumber > UINT64_MAX / g->extentSize) return Problem(offset, "extent number out of range");
+        m_pos = e.extentNumber * g->extentSize;
+        m_target = Target::Extent;
+        return;
+    }
+    const bool ok = m_fileLevel ? SplitClientPath(e.path, m_parts, why) : SplitEntryPath(e.path, m_parts, why);
+    if (!ok) return Problem(offset, why + "; not restored");
+    if (e.kind == EntryKind::Disk) {
+        Image* image = GetImage(e.path, model, offset);
+        if (image && ::ftruncate(image->fd.get(), static_cast<off_t>(e.size)) != 0)
+            Problem(offset, Why("cannot size disk image"));
+        m_target = Target::None;
+    } else if (e.container) {
+        Folder(m_parts, offset);
+        m_target = Target::None;
+    } else if (m_fileLevel && e.file.mode != 0 && !S_ISREG(e.file.mode)) {
+        m_err << "offset " << offset << ": " << e.path << " is not a regular file; skipped\n";
+        ++m_counts.skipped;
+    } else {
+        m_target = Target::File;
+        m_info = e.file;
+    }
+}
+
+// Regular files are made on their first data, hole or end-of-file, so that an empty
+// entry that names an existing folder can leave it alone.
+bool Restorer::EnsureFile(uint64_t offset) {
+    if (m_file.valid()) return true;
+    std::string why;
+    m_file = m_root.CreateFile(m_parts, m_fileLevel ? 0600 : 0644, why);
+    if (m_file.valid()) return true;
+    Problem(offset, why);
+    m_target = Target::Skip;
+    return false;
+}
+
+void Restorer::Write(const char* data, uint64_t length, uint64_t offset) {
+    if (m_target == Target::File && !EnsureFile(offset)) return;
+    if (m_target != Target::File && m_target != Target::Extent) return;
+    const int fd = m_target == Target::File ? m_file.get() : m_image->fd.get();
+    if (!WriteAt(fd, data, length, m_pos)) {
+        Problem(offset, Why("write failed"));
+        m_target = Target::Skip;
+        return;
+    }
+    m_pos += length;
+    if (m_target == Target::Extent) m_image->highWater = std::max(m_image->highWater, m_pos);
+}
+
+void Restorer::Hole(uint64_t length, uint64_t offset) {
+    if (m_target == Target::File) {
+        // A new file is all zeros past what was written; its size is set at the end.
+        if (EnsureFile(offset)) m_pos += length;
+        return;
+    }
+    if (m_target != Target::Extent) return;
+    // A fresh image is zero wherever this run wrote nothing; an earlier image (or an
+    // extent this run already wrote) must lose its old bytes.
+    if ((!m_image->fresh || m_pos < m_image->highWater) && !ZeroRange(m_image->fd.get(), m_pos, length)) {
+        Problem(offset, Why("cannot clear a hole"));
+        m_target = Target::Skip;
+        return;
+    }
+    m_pos += length;
+}
+
+void Restorer::End(const Entry& e, uint64_t offset) {
+    if (!e.complete) {
+        m_err << "offset " << offset << ": " << e.path << " was closed as incomplete by its writer\n";
+        ++m_counts.abandoned;
+    }
+    if (m_target == Target::Extent) ++m_counts.extents;
+    if (m_target == Target::File) {
+        if (!m_file.valid() && e.dataBytes == 0 && m_root.IsFolder(m_parts)) {
+            // An empty entry where a folder already is (a file-collection disk restored
+            // before): keep the folder.
+        } else if (EnsureFile(offset)) {
+            if (!m_file.valid()) return;
+            if (::ftruncate(m_file.get(), static_cast<off_t>(m_pos)) != 0) Problem(offset, Why("cannot size file"));
+            if (m_fileLevel) SetModeAndTimes(m_file.get(), m_info);
+            if (m_pos == 0) m_root.MarkReplaceable(m_parts);
+            ++m_counts.files;
+        }
+    }
+    m_file.Reset();
+    m_target = Target::None;
+}
+
+void Restorer::Finish() {
+    m_counts.files -= std::min(m_counts.files, m_root.replaced());   // empty entries that became folders
+    m_file.Reset();
+    m_images.clear();
+    // Deepest folders first: setting a child's times changes its parent's, and a
+    // parent without write permission would refuse its children's changes.
+    std::stable_sort(m_folderTimes.begin(), m_folderTimes.end(),
+                     [](const FolderTimes& a, const FolderTimes& b) { return a.parts.size() > b.parts.size(); });
+    for (const FolderTimes& f : m_folderTimes) {
+        std::string why;
+        Fd dir = m_root.Folder(f.parts, f.parts.size(), why);
+        if (dir.valid()) SetModeAndTimes(dir.get(), f.info);
+    }
+    m_folderTimes.clear();
+}
+
+}  // namespace vsstream

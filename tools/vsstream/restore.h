@@ -1,0 +1,75 @@
+// Rebuilding a backup stream's content below a folder: configuration files, sparse
+// disk images (extents written at their place, holes left sparse or punched), file
+// collection nodes and file-level files and folders. Applying an incremental stream
+// onto an earlier restore updates the disk images in place.
+#pragma once
+
+#include "entrymodel.h"
+#include "safepath.h"
+
+#include <cstdint>
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace vsstream {
+
+struct RestoreCounts {
+    uint64_t files = 0;
+    uint64_t folders = 0;
+    uint64_t images = 0;
+    uint64_t extents = 0;
+    uint64_t abandoned = 0;   // entries their writer closed as incomplete
+    uint64_t skipped = 0;     // entries not restored (not a regular file, ...)
+    uint64_t problems = 0;    // entries refused or failed
+};
+
+class Restorer {
+public:
+    // Problems go to `err`, one line each, with the offset of the record concerned.
+    Restorer(SafeRoot& root, std::ostream& err) : m_root(root), m_err(err) {}
+
+    // One record in stream order, after `model` has taken it; `usable` is false when
+    // the model refused the entry's header.
+    void Apply(const vshost::StreamRecord& record, const EntryModel& model, bool usable);
+    // Closes what is open and sets the modes and times of file-level folders.
+    void Finish();
+    const RestoreCounts& counts() const { return m_counts; }
+
+private:
+    enum class Target { None, Skip, File, Extent };
+    struct Image {
+        Fd fd;
+        bool fresh = false;
+        uint64_t highWater = 0;   // end of the data written by this run
+    };
+    struct FolderTimes {
+        PathParts parts;
+        vsFileLevelInfo info;
+    };
+
+    void Begin(const Entry& e, const EntryModel& model, uint64_t offset);
+    Image* GetImage(const std::string& key, const EntryModel& model, uint64_t offset);
+    bool EnsureFile(uint64_t offset);
+    void Write(const char* data, uint64_t length, uint64_t offset);
+    void Hole(uint64_t length, uint64_t offset);
+    void End(const Entry& e, uint64_t offset);
+    void Folder(const PathParts& parts, uint64_t offset);
+    void Problem(uint64_t offset, const std::string& what);
+
+    SafeRoot& m_root;
+    std::ostream& m_err;
+    std::map<std::string, Image> m_images;   // by disk entry path
+    Target m_target = Target::None;
+    PathParts m_parts;
+    Fd m_file;
+    Image* m_image = nullptr;
+    uint64_t m_pos = 0;
+    bool m_fileLevel = false;
+    vsFileLevelInfo m_info;
+    std::vector<FolderTimes> m_folderTimes;
+    RestoreCounts m_counts;
+};
+
+}  // namespace vsstream
