@@ -35,6 +35,15 @@ DataReaderVSBase::DataReaderVSBase(CPipelayer* pipelayer, KtEvent* event, KTJobI
 
 DataReaderVSBase::~DataReaderVSBase() {
     Close(1);
+    // A reader deleted with archive files of its list still open would otherwise leave
+    // the snapshot and its VMs mounted and the VM-info object alive.
+    if (m_pVMInfo) {
+        KTlog(m_hLog, 1, "Deleted with [%d] archive file(s) still open: unmounting",
+              static_cast<int>(m_afileRefCount));
+        UnMountAllMountedVMs();
+        UnMountSnap();
+        CleanupVMInfoObject();
+    }
     KTlog(m_hLog, 1, "DataReaderVSBase deleted successfully.");
 
     // Only this job's own results folder is ever removed: its last component must read

@@ -9,7 +9,11 @@
 #include "vshost/catalog.h"
 #include "vshost/home.h"
 
+#include "hostapi/archive.h"
+
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
 
 #include <dlfcn.h>
 
@@ -58,21 +62,24 @@ TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
     auto makeFileLevel = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware");
     ASSERT_TRUE(makeExtent && makeCollection && makeFileLevel);
 
+    auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
     const struct {
         DataReaderVSBase* reader;
         const char* tag;
+        bool ownItems;   // reads items itself rather than through the base
     } readers[] = {
-        {makeExtent(nullptr, &event, 101), "DM_VSEXT\t"},
-        {makeCollection(nullptr, &event, 102), "DM_FS\t"},
-        {makeFileLevel(nullptr, &event, 103), "DM_VSVMWARE"},
+        {makeExtent(pipe.get(), &event, 101), "DM_VSEXT\t", true},
+        {makeCollection(pipe.get(), &event, 102), "DM_FS\t", false},
+        {makeFileLevel(pipe.get(), &event, 103), "DM_VSVMWARE", false},
     };
-    for (const auto& [reader, tag] : readers) {
+    for (const auto& [reader, tag, ownItems] : readers) {
         ASSERT_NE(reader, nullptr);
         // Found beside the plug-in with no environment variable.
         EXPECT_EQ(reader->Initialize(), 0);
         EXPECT_EQ(reader->OnSnapSrcPath(nullptr), -1);
         delete reader;
-        EXPECT_EQ(log.Count(std::string(tag) + " DataReaderVSBase::OnSnapSrcPath: Base class handling SnapSrcPath"), 1u)
+        EXPECT_EQ(log.Count(std::string(tag) + " DataReaderVSBase::OnSnapSrcPath: Base class handling SnapSrcPath"),
+                  ownItems ? 0u : 1u)
             << tag;
         EXPECT_EQ(log.Count(std::string(tag) + " DataReaderVSBase deleted successfully."), 1u) << tag;
     }
@@ -88,7 +95,8 @@ TEST(Plugin, MissingVMInfoLibraryIsReportedAndOpenFails) {
     Plugin plugin(Install(home, ""));
     ASSERT_NE(plugin.handle, nullptr) << dlerror();
     auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
-    std::unique_ptr<DataReaderVSBase> reader(make(nullptr, &event, 7));
+    auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    std::unique_ptr<DataReaderVSBase> reader(make(pipe.get(), &event, 7));
 
     EXPECT_EQ(reader->Initialize(), 0);   // not fatal here
     EXPECT_TRUE(log.Contains("DataReaderVSBase::LoadVMInfoDLL: ERROR: LoadLibrary(libVMInfo.so) failed! Err=0x"));
@@ -107,7 +115,8 @@ TEST(Plugin, VMInfoLibraryWithoutEntryPointsIsReported) {
     Plugin plugin(Install(home, VS_FIXTURE_NO_ENTRY_POINTS));
     ASSERT_NE(plugin.handle, nullptr) << dlerror();
     auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
-    std::unique_ptr<DataReaderVSBase> reader(make(nullptr, &event, 7));
+    auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    std::unique_ptr<DataReaderVSBase> reader(make(pipe.get(), &event, 7));
 
     EXPECT_EQ(reader->Initialize(), 0);
     EXPECT_EQ(reader->OpenArchiveFile(DMInitParams{}, DMOpenArchiveParams{}), -1);

@@ -185,7 +185,7 @@ struct MountCtx {
     int32_t nMountMode = 0;  // 1
     std::string sMountedName;  // 2
     std::string sVMName;  // 3
-    std::string sReserved4;  // 4
+    std::string sVersion;  // 4: version text of the mounting library ("9.0" names disks by their second name)
     std::string sMountPoint;  // 5
     std::string sJobResultsDir;  // 6
     int64_t nJobId = 0;  // 7

@@ -4,8 +4,30 @@
 
 #include "DataReaderVSExtent.h"
 
-struct Probe : DataReaderVSExtent {
-    explicit Probe(KtEvent* event = nullptr, KTJobID jobId = 4711) : DataReaderVSExtent(nullptr, event, jobId) {}
+#include "hostapi/archive.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+// The pipeline a probe writes to: a file, or /dev/null; it outlives the reader.
+struct ProbePipe {
+    explicit ProbePipe(const std::string& path) {
+        CQiError err;
+        pipe = CPipelayer::OpenFile(path, err);
+        if (!pipe) throw std::runtime_error("cannot open the pipeline " + path + ": " + err.AsString());
+    }
+    std::unique_ptr<CPipelayer> pipe;
+};
+
+struct Probe : ProbePipe, DataReaderVSExtent {
+    explicit Probe(KtEvent* event = nullptr, KTJobID jobId = 4711, const std::string& stream = "/dev/null")
+        : ProbePipe(stream), DataReaderVSExtent(pipe.get(), event, jobId) {}
+
+    using DataReaderVSExtent::CloseAllDiskHandles;
+    using DataReaderVSExtent::FixDiskName;
+    using DataReaderVSExtent::GetDiskHandle;
+    using DataReaderVSExtent::m_diskHandles;
 
     using DataReaderVSBase::CheckVMInfoError;
     using DataReaderVSBase::CleanupVMInfoObject;
