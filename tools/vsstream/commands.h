@@ -20,6 +20,9 @@ enum ExitCode : int {
 int RunList(int fd, std::ostream& out, std::ostream& err);
 int RunVerify(int fd, std::ostream& out, std::ostream& err);
 int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err);
+// A fresh restore goes to a folder that is missing or empty; an update onto an earlier
+// restore needs that folder. False with the reason otherwise.
+bool CheckRestoreFolder(const std::string& dir, bool fresh, std::string& why);
 
 // The exit code for how the stream ended, with `problems` found beside the decoder's
 // own checks; writes the decoder's complaint, if any, to `err`.

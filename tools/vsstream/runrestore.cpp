@@ -2,7 +2,45 @@
 #include "commands.h"
 #include "restore.h"
 
+#include <filesystem>
+#include <unistd.h>
+
 namespace vsstream {
+
+bool CheckRestoreFolder(const std::string& dir, bool fresh, std::string& why) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    const bool exists = fs::exists(dir, ec);
+    if (fresh && exists && !(fs::is_directory(dir, ec) && fs::is_empty(dir, ec))) {
+        why = "restore --to " + dir + ": the folder is not empty; use --onto to update an earlier restore";
+        return false;
+    }
+    if (!fresh && !fs::is_directory(dir, ec)) {
+        why = "restore --onto " + dir + ": no earlier restore there";
+        return false;
+    }
+    return true;
+}
+
+// The change id of each disk the stream completed, beside its image as
+// "<disk>.changeid": what a later incremental reads against.
+void RecordChangeId(SafeRoot& root, const vshost::DiskReadCompletedRecord& done, std::ostream& out,
+                    std::ostream& err) {
+    if (done.changeId.empty()) return;
+    std::string why;
+    PathParts parts;
+    if (!SplitEntryPath("\\" + done.vmGuid + "\\" + done.diskName + ".changeid", parts, why)) {
+        err << "change id of " << done.diskName << " not recorded: " << why << "\n";
+        return;
+    }
+    Fd fd = root.CreateFile(parts, 0644, why);
+    const std::string text = done.changeId + "\n";
+    if (!fd.valid() || ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        err << "change id of " << done.diskName << " not recorded: " << why << "\n";
+        return;
+    }
+    out << "disk \\" << done.vmGuid << "\\" << done.diskName << " complete, change id [" << done.changeId << "]\n";
+}
 
 int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err) {
     SafeRoot root;
@@ -20,6 +58,8 @@ int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& 
         const bool usable = model.Apply(record, why);
         if (!usable) err << "offset " << record.offset << ": " << why << "; not restored\n";
         restorer.Apply(record, model, usable);
+        if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
+            RecordChangeId(root, *done, out, err);
     }
     restorer.Finish();
     const RestoreCounts& c = restorer.counts();

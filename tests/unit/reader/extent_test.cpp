@@ -12,9 +12,11 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -236,6 +238,18 @@ TEST_F(Extents, IncrementalCarriesOnlyChangesAndResumeCompletesAStoppedDisk) {
     const Stream incr = Decode(home.sub("incr.bin"));
     EXPECT_EQ(incr.Extents("\\" + guid + "\\web01.vmdk"), 2u);     // the changed one and the punched one
     EXPECT_EQ(incr.Extents("\\" + guid + "\\web01_1.vmdk"), 0u);   // nothing changed
+    // The same through vsstream: a fresh restore, then the incremental onto it.
+    const std::string dir = home.sub("restored");
+    ASSERT_EQ(std::system(("'" VS_STREAM_TOOL "' restore " + home.sub("full.bin") + " --to " + dir + " >/dev/null").c_str()), 0);
+    struct stat st{};
+    ASSERT_EQ(::stat((dir + "/" + guid + "/web01.vmdk").c_str(), &st), 0);
+    EXPECT_LT(static_cast<uint64_t>(st.st_blocks) * 512, static_cast<uint64_t>(st.st_size) / 2);   // holes stay holes
+    EXPECT_EQ(ReadFile(dir + "/" + guid + "/web01.vmx"), ReadFile(web.folder + "/web01.vmx"));
+    EXPECT_EQ(ReadFile(dir + "/" + guid + "/web01.vmdk.changeid"), ids["web01.vmdk"] + "\n");
+    ASSERT_EQ(std::system(("'" VS_STREAM_TOOL "' restore " + home.sub("incr.bin") + " --onto " + dir + " >/dev/null").c_str()), 0);
+    for (const vssample::SampleDisk& d : later.vm("web01").disks)
+        EXPECT_TRUE(ReadFile(dir + "/" + guid + "/" + d.name) == SourceDisk(d.path)) << d.name;
+
     const std::string fullDisk = full.Disk(guid, "web01.vmdk");
     EXPECT_TRUE(incr.Disk(guid, "web01.vmdk", fullDisk) == SourceDisk(later.vm("web01").disks[0].path));
     EXPECT_TRUE(incr.Disk(guid, "web01_1.vmdk", full.Disk(guid, "web01_1.vmdk")) ==

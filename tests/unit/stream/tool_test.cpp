@@ -64,11 +64,11 @@ TEST(StreamTool, VerifyListAndRestoreFromStandardInput) {
               std::string::npos)
         << r.out;
 
-    r = Tool(home, "restore - " + home.sub("out") + " <" + stream);
+    r = Tool(home, "restore - --to " + home.sub("out") + " <" + stream);
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_TRUE(ReadFile(home.sub("out/vm1/disk0")) == disk);
     EXPECT_EQ(ReadFile(home.sub("out/vm1/vm1.vmx")), "x = 1\n");
-    r = Tool(home, "restore - " + home.sub("out2") + " <" + home.sub("cut.stream"));
+    r = Tool(home, "restore - --to " + home.sub("out2") + " <" + home.sub("cut.stream"));
     EXPECT_EQ(r.code, 2);
     EXPECT_TRUE(ReadFile(home.sub("out2/vm1/disk0")) == disk);   // all that was whole is restored
 }
