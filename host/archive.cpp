@@ -148,6 +148,7 @@ int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::strin
     // read under `changeId` compares with; only once the stream records the disk as read.
     if (rc == kOk && !changeId.empty()) {
         try {
+            vshost::changetrack::RecordJobDisk(m_jobId, {vmGuid, diskName, changeId});
             if (!vshost::changetrack::CommitCompletedPass(changeId))
                 KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
                       "from it reads the whole disk", changeId.c_str(), diskName.c_str());

@@ -95,4 +95,24 @@ bool CommitCompletedPass(const std::string& changeId) {
     return true;
 }
 
+void RecordJobDisk(int64_t jobId, const JobDisk& disk) {
+    db::Connection conn(Catalog().Path());
+    db::Statement(conn,
+                  "INSERT OR REPLACE INTO job_disks (job_id, vm_guid, disk_name, change_id) VALUES (?1, ?2, ?3, ?4)")
+        .Bind(1, jobId)
+        .Bind(2, disk.vmGuid)
+        .Bind(3, disk.diskName)
+        .Bind(4, disk.changeId)
+        .Run();
+}
+
+std::vector<JobDisk> JobDisks(int64_t jobId) {
+    db::Connection conn(Catalog().Path());
+    db::Statement q(conn, "SELECT vm_guid, disk_name, change_id FROM job_disks WHERE job_id = ?1 ORDER BY rowid");
+    q.Bind(1, jobId);
+    std::vector<JobDisk> out;
+    while (q.Step()) out.push_back(JobDisk{q.Text(0), q.Text(1), q.Text(2)});
+    return out;
+}
+
 }  // namespace vshost::changetrack

@@ -107,6 +107,10 @@ bool CPipelayer::Write(const void* data, std::size_t length) {
     }
     const char* p = static_cast<const char*>(data);
     m_accepted += length;
+    {
+        std::lock_guard<std::mutex> lock(m_progressMutex);
+        m_progress.bytesWritten = m_accepted;
+    }
     while (length > 0) {
         // A piece at least a batch long skips the copy.
         if (m_used == 0 && length >= m_batch.size()) return WriteOut(p, length);
@@ -159,4 +163,15 @@ bool CPipelayer::Close() {
     }
     m_fd = -1;
     return ok;
+}
+
+void CPipelayer::NoteProgress(const vsStreamTotals& totals, const std::string* entry) {
+    std::lock_guard<std::mutex> lock(m_progressMutex);
+    m_progress.totals = totals;
+    if (entry) m_progress.entry = *entry;
+}
+
+vsStreamProgress CPipelayer::Progress() const {
+    std::lock_guard<std::mutex> lock(m_progressMutex);
+    return m_progress;
 }

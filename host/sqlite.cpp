@@ -105,6 +105,16 @@ const std::vector<const char*>& Migrations() {
             digests     BLOB NOT NULL
         );
         )sql",
+        // What each job read: every disk completed, with the change id of its state.
+        R"sql(
+        CREATE TABLE job_disks (
+            job_id    INTEGER NOT NULL,
+            vm_guid   TEXT NOT NULL,
+            disk_name TEXT NOT NULL,
+            change_id TEXT NOT NULL,
+            PRIMARY KEY (job_id, vm_guid, disk_name)
+        );
+        )sql",
     };
     return steps;
 }

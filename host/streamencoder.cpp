@@ -105,6 +105,7 @@ int StreamEncoder::BeginEntry(Kind kind, std::string_view payload, bool containe
     m_open = container ? Open::Container : Open::Content;
     m_openPath = path;
     ++m_totals.entries;
+    m_sink.NoteProgress(m_totals, &m_openPath);
     return vsArchive::kOk;
 }
 
@@ -122,6 +123,7 @@ int StreamEncoder::Data(const char* data, size_t length) {
         const size_t piece = length < stream::kMaxPayload ? length : stream::kMaxPayload;
         if (int rc = Emit(Kind::Data, data, piece); rc != vsArchive::kOk) return rc;
         m_totals.dataBytes += piece;
+        m_sink.NoteProgress(m_totals, nullptr);
         data += piece;
         length -= piece;
     }
@@ -134,6 +136,7 @@ int StreamEncoder::Hole(uint64_t length) {
     p.U64(length);
     if (int rc = Emit(Kind::Hole, p.str().data(), p.str().size()); rc != vsArchive::kOk) return rc;
     m_totals.holeBytes += length;
+    m_sink.NoteProgress(m_totals, nullptr);
     return vsArchive::kOk;
 }
 

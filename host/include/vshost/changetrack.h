@@ -12,6 +12,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vshost::changetrack {
 
@@ -46,5 +47,14 @@ VS_HOST_API std::optional<DiskDigests> TakeCompletedPass();
 // Stores the completed pass under `changeId`, if there is one; false when there was
 // none to store (nothing is then recorded for the id).
 VS_HOST_API bool CommitCompletedPass(const std::string& changeId);
+
+// Disks a job completed, with the change id of each: what an incremental job reads against.
+struct JobDisk {
+    std::string vmGuid;
+    std::string diskName;
+    std::string changeId;
+};
+VS_HOST_API void RecordJobDisk(int64_t jobId, const JobDisk& disk);
+VS_HOST_API std::vector<JobDisk> JobDisks(int64_t jobId);
 
 }  // namespace vshost::changetrack

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,13 @@ struct vsFileLevelInfo {
     long long mtimeNs = 0;
     long long ctimeNs = 0;
     bool operator==(const vsFileLevelInfo&) const = default;
+};
+
+// What a pipeline has carried so far, readable from another thread (progress display).
+struct vsStreamProgress {
+    vsStreamTotals totals;
+    unsigned long long bytesWritten = 0;   // stream bytes accepted
+    std::string entry;                     // path of the entry opened last
 };
 
 // The pipeline: where one backup stream goes, a file or an inherited descriptor such as
@@ -95,6 +103,8 @@ public:
     vsStreamTotals Totals() const;
     // True once the trailer is written.
     bool Finished() const;
+    // Safe to call from any thread while the stream is written.
+    vsStreamProgress Progress() const;
 
 private:
     friend class vsArchive;
@@ -103,6 +113,7 @@ private:
     CPipelayer(int fd, bool owned, std::string target);
     bool Write(const void* data, std::size_t length);
     bool WriteOut(const char* data, std::size_t length);
+    void NoteProgress(const vsStreamTotals& totals, const std::string* entry);
     vshost::detail::StreamEncoder& Encoder();
 
     int m_fd;
@@ -113,6 +124,8 @@ private:
     unsigned long long m_accepted = 0;
     std::string m_error;
     std::unique_ptr<vshost::detail::StreamEncoder> m_encoder;
+    mutable std::mutex m_progressMutex;
+    vsStreamProgress m_progress;
 };
 
 // The archive writer: turns calls into the records of the backup stream in a

@@ -1,0 +1,118 @@
+// The data mover as a user runs it: job files, exit statuses, the stream on standard
+// output, the demo.
+#include "jobspec.h"
+#include "temp_home.h"
+
+#include "vshost/catalog.h"
+#include "vssample/sample.h"
+
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <sys/wait.h>
+
+namespace {
+
+struct Result {
+    int status = -1;
+    std::string output;   // stdout and stderr
+};
+
+Result Shell(const std::string& command) {
+    Result r;
+    FILE* p = popen((command + " 2>&1").c_str(), "r");
+    std::array<char, 4096> buf{};
+    size_t n = 0;
+    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.output.append(buf.data(), n);
+    const int rc = pclose(p);
+    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : 128;
+    return r;
+}
+
+std::string Vsdm() { return "'" VSDM_TOOL "'"; }
+
+nlohmann::json With(nlohmann::json doc, const std::string& key, const nlohmann::json& value) {
+    doc[key] = value;
+    return doc;
+}
+
+TEST(VsdmJobFile, MistakesNameTheirField) {
+    const nlohmann::json good = {{"jobId", 7},        {"appId", {3, 17}}, {"mediaAgent", "ma01"},
+                                 {"archiveFiles", {1207}}, {"items", {{{"path", "vm"}}}}};
+    EXPECT_NO_THROW(vsdm::ParseJob(good.dump(), "j", "/base"));
+    const auto job = vsdm::ParseJob(With(With(good, "out", "s.bin"), "home", "h").dump(), "j", "/base");
+    EXPECT_EQ(job.out, "/base/s.bin");
+    EXPECT_EQ(job.home, "/base/h");
+
+    const std::pair<nlohmann::json, std::string> bad[] = {
+        {With(good, "reader", "tape"), "\"reader\""},
+        {With(good, "archiveFiles", nlohmann::json::array()), "\"archiveFiles\""},
+        {With(good, "archiveFiles", {-4}), "\"archiveFiles\""},
+        {With(good, "items", {{{"options", "x"}}}), "items[0]"},
+        {With(good, "instanceType", "102"), "\"instanceType\""},
+        {With(good, "jobToken", std::string(80, 't')), "\"jobToken\""},
+    };
+    for (const auto& [doc, field] : bad) {
+        try {
+            vsdm::ParseJob(doc.dump(), "j", "/base");
+            ADD_FAILURE() << doc.dump();
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(field), std::string::npos) << e.what();
+        }
+    }
+    nlohmann::json noAgent = good;
+    noAgent.erase("mediaAgent");
+    EXPECT_THROW(vsdm::ParseJob(noAgent.dump(), "j", "/base"), std::runtime_error);
+    EXPECT_THROW(vsdm::ParseJob("{\"jobId\": 7,", "j", "/base"), std::runtime_error);
+}
+
+TEST(VsdmRun, ExitStatusesAndTheStreamOnStandardOutput) {
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    nlohmann::json job = {{"jobId", 31},
+                          {"appId", {s.appId1, s.appId2}},
+                          {"jobOptions", nlohmann::json::object()},
+                          {"mediaAgent", s.mediaAgentName},
+                          {"archiveFiles", s.afileIds},
+                          {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
+                          {"home", home.path()},
+                          {"items", {{{"path", s.vm("db01").biosUuid}}}}};
+    std::ofstream(home.sub("ok.json")) << job.dump();
+
+    // The stream can be piped; the summary goes to stderr.
+    Result r = Shell(Vsdm() + " run " + home.sub("ok.json") + " --out - 2>" + home.sub("err.txt") + " | '" VSSTREAM_TOOL
+                     "' verify -");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("complete:"), std::string::npos) << r.output;
+
+    job["items"].push_back({{"path", "nosuchvm"}});
+    std::ofstream(home.sub("partial.json")) << job.dump();
+    r = Shell(Vsdm() + " run " + home.sub("partial.json") + " --out " + home.sub("partial.bin"));
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_NE(r.output.find("1 of 2 items succeeded"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("pending cause 0x5B000004"), std::string::npos) << r.output;
+    EXPECT_EQ(Shell("'" VSSTREAM_TOOL "' verify " + home.sub("partial.bin")).status, 0);
+
+    job["archiveFiles"] = {424242};
+    std::ofstream(home.sub("nofile.json")) << job.dump();
+    r = Shell(Vsdm() + " run " + home.sub("nofile.json") + " --out " + home.sub("nofile.bin"));
+    EXPECT_EQ(r.status, 2) << r.output;
+
+    std::ofstream(home.sub("bad.json")) << R"({"jobId": 1, "mediaAgent": "ma01", "archiveFiles": [1], "items": []})";
+    r = Shell(Vsdm() + " run " + home.sub("bad.json"));
+    EXPECT_EQ(r.status, 64);
+    EXPECT_NE(r.output.find("field \"items\""), std::string::npos) << r.output;
+}
+
+TEST(VsdmDemo, RestoresWhatItBacksUp) {
+    const Result r = Shell(Vsdm() + " demo");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("demo passed"), std::string::npos) << r.output;
+    EXPECT_EQ(r.output.find("MISMATCH"), std::string::npos) << r.output;
+}
+
+}  // namespace

@@ -1,0 +1,119 @@
+#include "jobspec.h"
+
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace vsdm {
+
+namespace {
+
+using nlohmann::json;
+
+[[noreturn]] void Bad(const std::string& origin, const std::string& field, const std::string& what) {
+    throw std::runtime_error(origin + ": field \"" + field + "\" " + what);
+}
+
+template <typename T>
+T Number(const json& doc, const char* field, const std::string& origin, T fallback, bool required = false) {
+    if (!doc.contains(field)) {
+        if (required) Bad(origin, field, "is missing");
+        return fallback;
+    }
+    const json& v = doc[field];
+    if (!v.is_number_integer()) Bad(origin, field, "must be a whole number");
+    return v.get<T>();
+}
+
+std::string Text(const json& doc, const char* field, const std::string& origin, bool required = false) {
+    if (!doc.contains(field)) {
+        if (required) Bad(origin, field, "is missing");
+        return {};
+    }
+    if (!doc[field].is_string()) Bad(origin, field, "must be a text");
+    return doc[field].get<std::string>();
+}
+
+}  // namespace
+
+const char* ReaderName(ReaderKind kind) {
+    switch (kind) {
+    case ReaderKind::Extent: return "extent";
+    case ReaderKind::FileCollection: return "fileCollection";
+    case ReaderKind::FileLevel: return "fileLevel";
+    }
+    return "?";
+}
+
+DataMoverJob ParseJob(const std::string& text, const std::string& origin, const std::string& baseDir) {
+    DataMoverJob job;
+    job.host = vshost::ParseJobText(text, origin);
+    const json doc = json::parse(text, nullptr, false);   // well-formed: the host parse passed
+
+    const std::string reader = Text(doc, "reader", origin);
+    if (reader.empty() || reader == "extent") job.reader = ReaderKind::Extent;
+    else if (reader == "fileCollection") job.reader = ReaderKind::FileCollection;
+    else if (reader == "fileLevel") job.reader = ReaderKind::FileLevel;
+    else Bad(origin, "reader", "must be \"extent\", \"fileCollection\" or \"fileLevel\", not \"" + reader + "\"");
+
+    job.instanceType = Number<int>(doc, "instanceType", origin, 102);
+    job.mountType = Number<int>(doc, "mountType", origin, 0);
+    if (doc.contains("blockLevel")) {
+        if (!doc["blockLevel"].is_boolean()) Bad(origin, "blockLevel", "must be true or false");
+        job.blockLevel = doc["blockLevel"].get<bool>();
+    }
+    job.snapEngineId = Number<unsigned>(doc, "snapEngineId", origin, 0);
+    job.mediaAgent = Text(doc, "mediaAgent", origin, true);
+    job.jobToken = Text(doc, "jobToken", origin);
+    if (job.jobToken.size() >= 64) Bad(origin, "jobToken", "must be shorter than 64 characters");
+
+    if (!doc.contains("archiveFiles") || !doc["archiveFiles"].is_array() || doc["archiveFiles"].empty())
+        Bad(origin, "archiveFiles", "must be a list of one or more archive file ids");
+    for (const json& id : doc["archiveFiles"]) {
+        if (!id.is_number_unsigned() || id.get<uint64_t>() == 0 || id.get<uint64_t>() > 0xffffffffull)
+            Bad(origin, "archiveFiles", "must hold archive file ids (whole numbers from 1 to 4294967295)");
+        job.archiveFiles.push_back(id.get<uint64_t>());
+    }
+    if (doc.contains("open")) {
+        const json& open = doc["open"];
+        if (!open.is_object()) Bad(origin, "open", "must be an object");
+        job.archGroupId = Number<unsigned long>(open, "archGroupId", origin + " (open)", 0);
+        job.copyId = Number<unsigned long>(open, "copyId", origin + " (open)", 0);
+        job.hubcellId = Number<int64_t>(open, "hubcellId", origin + " (open)", 0);
+    }
+
+    if (!doc.contains("items") || !doc["items"].is_array() || doc["items"].empty())
+        Bad(origin, "items", "must be a list of one or more items");
+    size_t n = 0;
+    for (const json& item : doc["items"]) {
+        const std::string where = origin + " (items[" + std::to_string(n++) + "])";
+        if (!item.is_object()) Bad(where, "items", "must hold objects");
+        JobItem it;
+        it.path = Text(item, "path", where, true);
+        if (it.path.empty()) Bad(where, "path", "must not be empty");
+        it.optionsXml = Text(item, "options", where);
+        job.items.push_back(it);
+    }
+
+    job.out = Text(doc, "out", origin);
+    if (!job.out.empty() && job.out != "-" && std::filesystem::path(job.out).is_relative())
+        job.out = (std::filesystem::path(baseDir) / job.out).string();
+    job.home = Text(doc, "home", origin);
+    if (!job.home.empty() && std::filesystem::path(job.home).is_relative())
+        job.home = (std::filesystem::path(baseDir) / job.home).lexically_normal().string();
+    return job;
+}
+
+DataMoverJob LoadJob(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error(path + ": cannot be read");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string base = std::filesystem::absolute(path).parent_path().string();
+    return ParseJob(text.str(), path, base);
+}
+
+}  // namespace vsdm

@@ -1,0 +1,44 @@
+// What the data mover needs from a job file besides what the host services read: the
+// reader to use, its settings, the archive files, the items and the stream target.
+#pragma once
+
+#include "vshost/job.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vsdm {
+
+enum class ReaderKind { Extent, FileCollection, FileLevel };
+
+struct JobItem {
+    std::string path;         // snap source path: "VM[\disk[\extent]]"
+    std::string optionsXml;   // may be empty
+};
+
+struct DataMoverJob {
+    vshost::JobDescription host;   // task, event and job options
+    ReaderKind reader = ReaderKind::Extent;
+    int instanceType = 102;
+    int mountType = 0;
+    bool blockLevel = false;
+    unsigned snapEngineId = 0;
+    std::string mediaAgent;
+    std::string jobToken;
+    std::vector<uint64_t> archiveFiles;
+    unsigned long archGroupId = 0;
+    unsigned long copyId = 0;
+    int64_t hubcellId = 0;
+    std::vector<JobItem> items;
+    std::string out;          // stream file; "-" is standard output; empty: not given
+    std::string home;         // host home; relative to the job file's folder
+};
+
+// Reads a job file; throws std::runtime_error naming the file and the field at fault.
+DataMoverJob LoadJob(const std::string& path);
+DataMoverJob ParseJob(const std::string& text, const std::string& origin, const std::string& baseDir);
+
+const char* ReaderName(ReaderKind kind);
+
+}  // namespace vsdm

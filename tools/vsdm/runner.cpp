@@ -1,0 +1,334 @@
+#include "runner.h"
+
+#include "Factories.h"
+#include "DataReaderVSBase.h"
+
+#include "hostapi/archive.h"
+#include "hostapi/event.h"
+#include "hostapi/snapsrc.h"
+#include "vshost/changetrack.h"
+#include "vshost/home.h"
+#include "vshost/pending.h"
+#include "vshost/streamreader.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <iomanip>
+#include <iostream>
+#include <set>
+#include <thread>
+#include <unistd.h>
+
+namespace vsdm {
+
+namespace {
+
+KtEvent* g_stop = nullptr;
+
+extern "C" void OnStopSignal(int) {
+    if (g_stop) g_stop->set();
+}
+
+class StopSignals {
+public:
+    explicit StopSignals(KtEvent& event) {
+        g_stop = &event;
+        struct sigaction sa {};
+        sa.sa_handler = OnStopSignal;
+        sigemptyset(&sa.sa_mask);
+        sigaction(SIGINT, &sa, &m_oldInt);
+        sigaction(SIGTERM, &sa, &m_oldTerm);
+    }
+    ~StopSignals() {
+        sigaction(SIGINT, &m_oldInt, nullptr);
+        sigaction(SIGTERM, &m_oldTerm, nullptr);
+        g_stop = nullptr;
+    }
+
+private:
+    struct sigaction m_oldInt {};
+    struct sigaction m_oldTerm {};
+};
+
+// The plug-in stays loaded for the life of the process, as the VM-info library it loads does.
+class Plugin {
+public:
+    explicit Plugin(const std::string& path) : m_handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {}
+    Plugin(const Plugin&) = delete;
+    Plugin& operator=(const Plugin&) = delete;
+    void* handle() const { return m_handle; }
+    template <typename F>
+    F Resolve(const char* name) const {
+        return reinterpret_cast<F>(dlsym(m_handle, name));
+    }
+
+private:
+    void* m_handle;
+};
+
+std::string Human(double bytes) {
+    const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    int u = 0;
+    while (bytes >= 1024 && u < 4) {
+        bytes /= 1024;
+        ++u;
+    }
+    char buf[32];
+    std::snprintf(buf, sizeof buf, u ? "%.1f %s" : "%.0f %s", bytes, units[u]);
+    return buf;
+}
+
+// A line on stderr, rewritten in place, while the job runs.
+class ProgressLine {
+public:
+    ProgressLine(const CPipelayer& pipe, std::ostream& out, uint64_t expectBytes)
+        : m_pipe(pipe), m_out(out), m_expect(expectBytes), m_thread([this] { Loop(); }) {}
+    ~ProgressLine() {
+        m_done = true;
+        m_thread.join();
+        m_out << "\r\033[K" << std::flush;
+    }
+
+private:
+    void Loop() {
+        const auto start = std::chrono::steady_clock::now();
+        while (!m_done) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(250));
+            const vsStreamProgress p = m_pipe.Progress();
+            const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            const double read = static_cast<double>(p.totals.dataBytes + p.totals.holeBytes);
+            const double speed = secs > 0 ? read / secs : 0;
+            std::string where = p.entry;
+            if (where.size() > 60) where = "..." + where.substr(where.size() - 57);
+            m_out << "\r\033[K" << where << "  read " << Human(read) << ", sent " << Human(static_cast<double>(p.bytesWritten))
+                  << ", holes " << Human(static_cast<double>(p.totals.holeBytes)) << ", " << Human(speed) << "/s";
+            if (m_expect > 0 && speed > 0 && read < static_cast<double>(m_expect))
+                m_out << ", ETA " << static_cast<long>((static_cast<double>(m_expect) - read) / speed) << " s";
+            m_out << std::flush;
+        }
+    }
+
+    const CPipelayer& m_pipe;
+    std::ostream& m_out;
+    uint64_t m_expect;
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;
+};
+
+// Change ids of what job `from` completed, as options of the items of that VM.
+void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
+    const auto disks = vshost::changetrack::JobDisks(from);
+    if (disks.empty())
+        throw std::runtime_error("job " + std::to_string(from) + " recorded no disks with change ids to build on");
+    for (JobItem& item : job.items) {
+        const std::string vm = item.path.substr(0, item.path.find('\\'));
+        VirtualServer::SnapSrcPathOptions options;
+        std::string why;
+        if (!item.optionsXml.empty() && !options.Unserialize(item.optionsXml, why))
+            throw std::runtime_error("item " + item.path + ": its options cannot be read: " + why);
+        options.useCBT = 1;
+        size_t added = 0;
+        for (const auto& d : disks) {
+            if (d.vmGuid != vm) continue;
+            bool known = false;
+            for (auto& entry : options.diskInfo)
+                if (entry.diskName == d.diskName) {
+                    entry.changeId = d.changeId;
+                    known = true;
+                }
+            if (!known) options.diskInfo.push_back({d.diskName, "", d.changeId, 0, 0});
+            ++added;
+        }
+        report << "item " << item.path << ": " << added << " disk(s) read against job " << from << "\n";
+        item.optionsXml = options.Serialize();
+    }
+}
+
+// What the stream holds, read back from its file.
+void CountStream(const std::string& path, RunSummary& s) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    vshost::StreamReader reader(fd);
+    vshost::StreamRecord rec;
+    std::set<std::string> vms;
+    uint64_t allocated = 0, dataExtents = 0;
+    bool inExtent = false, extentHasData = false;
+    while (reader.Next(rec)) {
+        if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body)) {
+            const size_t depth = static_cast<size_t>(std::count(h->path.begin(), h->path.end(), '\\'));
+            if (depth == 1) vms.insert(h->path);
+            inExtent = depth == 3 && h->path.find("\\Extent", h->path.rfind('\\')) != std::string::npos;
+            extentHasData = false;
+            if (depth == 2 && !h->container) ++s.configFiles;
+        } else if (std::holds_alternative<vshost::DataRecord>(rec.body)) {
+            extentHasData = true;
+        } else if (std::holds_alternative<vshost::EndOfFileRecord>(rec.body) && inExtent) {
+            ++s.extentsSent;
+            if (extentHasData) ++dataExtents;
+            else ++s.holeExtents;
+            inExtent = false;
+        } else if (auto* d = std::get_if<vshost::DiskInfoRecord>(&rec.body)) {
+            if (d->itemType == 3) allocated += d->extentCount;
+        } else if (std::holds_alternative<vshost::DiskReadCompletedRecord>(rec.body)) {
+            ++s.disks;
+        }
+    }
+    ::close(fd);
+    s.vms = static_cast<unsigned>(vms.size());
+    s.extentsUnchanged = allocated > dataExtents ? allocated - dataExtents : 0;
+    s.streamComplete = reader.state() == vshost::StreamReader::State::Complete;
+}
+
+}  // namespace
+
+std::string PluginPath() {
+    char self[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) return "libvsdatareader.so";
+    self[n] = '\0';
+    const std::filesystem::path bin = std::filesystem::path(self).parent_path();
+    return (bin.parent_path() / "lib" / "libvsdatareader.so").string();
+}
+
+RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& report) {
+    RunSummary s;
+    const auto started = std::chrono::steady_clock::now();
+    if (!options.out.empty()) job.out = options.out;
+    if (job.out.empty()) throw std::runtime_error("no stream target: give --out FILE (or - for standard output)");
+    if (options.incrementalFrom != 0) FillIncremental(job, options.incrementalFrom, report);
+    vshost::RegisterJob(job.host);
+
+    Plugin plugin(PluginPath());
+    if (!plugin.handle()) throw std::runtime_error(std::string("cannot load the plug-in: ") + dlerror());
+
+    CQiError err;
+    std::unique_ptr<CPipelayer> pipe =
+        job.out == "-" ? CPipelayer::OpenFd(STDOUT_FILENO) : CPipelayer::OpenFile(job.out, err);
+    if (!pipe) throw std::runtime_error("cannot open the stream target " + job.out + ": " + err.AsString());
+
+    KtEvent stop;
+    StopSignals signals(stop);
+    DataReaderVSBase* reader = nullptr;
+    switch (job.reader) {
+    case ReaderKind::Extent:
+        if (auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent"))
+            reader = make(pipe.get(), &stop, job.host.jobId);
+        break;
+    case ReaderKind::FileCollection:
+        if (auto make = plugin.Resolve<CreateDataReaderVSFileCollectionFn>("CreateDataReaderVSFileCollection"))
+            reader = make(pipe.get(), &stop, job.host.jobId);
+        break;
+    case ReaderKind::FileLevel:
+        if (auto make = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware"))
+            reader = make(pipe.get(), &stop, job.host.jobId);
+        break;
+    }
+    if (!reader) throw std::runtime_error(std::string("the plug-in made no ") + ReaderName(job.reader) + " reader");
+    std::unique_ptr<DataReaderVSBase> owned(reader);
+
+    reader->setShortClientName(job.mediaAgent.c_str());
+    reader->setVSInstanceType(static_cast<VirtualServerInstanceType>(job.instanceType));
+    reader->setMountType(static_cast<MountType>(job.mountType));
+    reader->setVSBlockLevel(job.blockLevel);
+    reader->SetSnapEngineID(job.snapEngineId);
+
+    bool opened = reader->Initialize() == 0;
+    if (!opened) report << "vsdm: the reader could not be initialised (see the log)\n";
+    std::string list;
+    for (uint64_t id : job.archiveFiles) list += (list.empty() ? "" : "|") + std::to_string(id);
+    if (opened) opened = reader->PreOpenArchiveFile(list.data()) == 0;
+
+    DMInitParams init;
+    init.appId1 = job.host.appId1;
+    init.appId2 = job.host.appId2;
+    init.jobId = job.host.jobId;
+    init.mediaAgentName = job.mediaAgent;
+    std::snprintf(init.jobToken, sizeof init.jobToken, "%s", job.jobToken.c_str());
+    size_t openCount = 0;
+    for (uint64_t id : job.archiveFiles) {
+        if (!opened) break;
+        DMOpenArchiveParams open;
+        open.archiveFileId = static_cast<uint32_t>(id);
+        open.archGroupId = static_cast<uint32_t>(job.archGroupId);
+        open.copyId = static_cast<uint32_t>(job.copyId);
+        open.hubcellId = job.hubcellId;
+        if (reader->OpenArchiveFile(init, open) != 0) {
+            report << "vsdm: archive file " << id << " could not be opened (see the log and the pending causes)\n";
+            opened = false;
+        } else {
+            ++openCount;
+        }
+    }
+
+    if (opened) {
+        std::unique_ptr<ProgressLine> progress;
+        if (options.progress) progress = std::make_unique<ProgressLine>(*pipe, std::cerr, 0);
+        for (const JobItem& item : job.items) {
+            if (stop.wait(0)) break;
+            FSRSnapSrcPath path;
+            path.sSnapSrcPath = item.path;
+            path.sOptionsXml = item.optionsXml;
+            ++s.items;
+            const int rc = reader->OnSnapSrcPath(&path);
+            if (rc != 0) {
+                ++s.itemsFailed;
+                report << "item " << item.path << ": failed (" << rc << ")\n";
+            }
+        }
+    }
+    for (size_t i = 0; i < openCount; ++i) reader->Close(1);
+    const bool stopped = stop.wait(0);
+    if (stopped) pipe->Abandon();
+    owned.reset();   // the reader's writer finishes the stream as it goes
+    const bool written = pipe->Close();
+
+    const vsStreamTotals totals = pipe->Totals();
+    s.dataBytes = totals.dataBytes;
+    s.holeBytes = totals.holeBytes;
+    s.streamBytes = pipe->BytesWritten();
+    s.streamComplete = pipe->Finished();
+    if (job.out != "-") CountStream(job.out, s);
+    s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+
+    if (!written) {
+        report << "vsdm: the stream could not be written: " << pipe->ErrorText() << "\n";
+        s.status = kExitStreamFailed;
+    } else if (stopped) {
+        s.status = kExitStopped;
+    } else if (!opened) {
+        s.status = kExitJobFailed;
+    } else if (s.itemsFailed > 0) {
+        s.status = kExitItemsFailed;
+    }
+    return s;
+}
+
+void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& out) {
+    const double secs = s.seconds > 0 ? s.seconds : 1e-9;
+    out << "job " << job.host.jobId << " (" << ReaderName(job.reader) << " reader): " << s.items - s.itemsFailed << " of "
+        << s.items << " items succeeded\n";
+    out << "  VMs " << s.vms << ", disks completed " << s.disks << ", configuration files " << s.configFiles << "\n";
+    out << "  extents sent " << s.extentsSent << " (" << s.holeExtents << " as holes), unchanged and not sent "
+        << s.extentsUnchanged << "\n";
+    out << "  read " << Human(static_cast<double>(s.dataBytes + s.holeBytes)) << " (" << Human(static_cast<double>(s.holeBytes))
+        << " of holes), stream " << Human(static_cast<double>(s.streamBytes)) << " in " << std::fixed << std::setprecision(2)
+        << s.seconds << " s: read " << Human(static_cast<double>(s.dataBytes + s.holeBytes) / secs) << "/s, written "
+        << Human(static_cast<double>(s.streamBytes) / secs) << "/s\n";
+    out << "  stream " << (job.out == "-" ? std::string("standard output") : job.out) << ": "
+        << (s.streamComplete ? "complete" : "INCOMPLETE") << "\n";
+    const auto causes = vshost::PendingCauses(job.host.jobId);
+    for (const auto& c : causes) {
+        out << "  pending cause 0x" << std::hex << std::uppercase << c.causeId << std::dec << std::nouppercase;
+        for (const auto& a : c.eventArgs) out << " [" << a << "]";
+        out << "\n";
+    }
+    out << "  log " << vshost::LogFilePath() << "\n";
+}
+
+}  // namespace vsdm

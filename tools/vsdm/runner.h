@@ -1,0 +1,47 @@
+// Runs one job: loads the plug-in, drives a reader through its lifecycle over the job's
+// archive files and items, and writes the backup stream.
+#pragma once
+
+#include "jobspec.h"
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+namespace vsdm {
+
+// Exit statuses of `vsdm run` (also in the README).
+enum ExitStatus : int {
+    kExitOk = 0,            // every item succeeded and the stream is complete
+    kExitItemsFailed = 1,   // the job ran, some items failed; the stream is complete
+    kExitJobFailed = 2,     // the job could not start or its archive files could not be opened
+    kExitStreamFailed = 3,  // the stream could not be written; it is not complete
+    kExitStopped = 4,       // stopped by SIGINT or SIGTERM; the stream is marked incomplete
+    kExitUsage = 64,        // bad command line or job file
+};
+
+struct RunOptions {
+    std::string out;                 // overrides the job's "out"
+    int64_t incrementalFrom = 0;     // fill change ids from what this job recorded
+    bool progress = false;           // progress line on stderr
+};
+
+struct RunSummary {
+    unsigned items = 0, itemsFailed = 0;
+    unsigned vms = 0, disks = 0, configFiles = 0;
+    uint64_t extentsSent = 0, extentsUnchanged = 0, holeExtents = 0;
+    uint64_t dataBytes = 0, holeBytes = 0, streamBytes = 0;
+    double seconds = 0;
+    bool streamComplete = false;
+    int status = kExitOk;
+};
+
+// The plug-in file next to this program ("../lib/libvsdatareader.so").
+std::string PluginPath();
+
+RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& report);
+
+// Writes the summary and the job's pending causes.
+void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& out);
+
+}  // namespace vsdm
