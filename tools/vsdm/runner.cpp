@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <sys/stat.h>
 #include <cstdio>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -152,6 +153,9 @@ void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
 
 // What the stream holds, read back from its file.
 void CountStream(const std::string& path, RunSummary& s) {
+    // Only a regular file can be read back; a pipe or FIFO has handed its bytes on.
+    struct stat sb {};
+    if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) return;
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return;
     vshost::StreamReader reader(fd);

@@ -12,8 +12,14 @@
 
 #include <array>
 #include <cstdio>
+#include <csignal>
+#include <fcntl.h>
 #include <fstream>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -106,6 +112,74 @@ TEST(VsdmRun, ExitStatusesAndTheStreamOnStandardOutput) {
     r = Shell(Vsdm() + " run " + home.sub("bad.json"));
     EXPECT_EQ(r.status, 64);
     EXPECT_NE(r.output.find("field \"items\""), std::string::npos) << r.output;
+}
+
+// SIGINT while the stream is blocked on a slow consumer: the reader stops after the
+// current extent, the job says it was stopped, and the stream ends cleanly, marked
+// incomplete (no trailer), with every record before the stop intact.
+TEST(VsdmRun, StopSignalEndsTheStreamCleanlyButIncomplete) {
+    vstest::TempHome home;
+    vssample::SampleOptions options;
+    options.diskSize = 256ull << 20;
+    const vssample::SampleSnapshot s = vssample::GenerateSample(options);
+    const nlohmann::json job = {{"jobId", 32},
+                                {"appId", {s.appId1, s.appId2}},
+                                {"jobOptions", nlohmann::json::object()},
+                                {"mediaAgent", s.mediaAgentName},
+                                {"archiveFiles", s.afileIds},
+                                {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
+                                {"home", home.path()},
+                                {"items", {{{"path", s.vm("web01").biosUuid}}, {{"path", s.vm("db01").biosUuid}}}}};
+    std::ofstream(home.sub("job.json")) << job.dump();
+
+    // Full run first, for the number of extents a complete stream holds.
+    Result full = Shell(Vsdm() + " run " + home.sub("job.json") + " --out " + home.sub("full.bin"));
+    ASSERT_EQ(full.status, 0) << full.output;
+
+    const std::string fifo = home.sub("stream.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int readEnd = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);   // so that vsdm's open does not wait
+    ASSERT_GE(readEnd, 0);
+    const std::string tool = VSDM_TOOL, jobPath = home.sub("job.json"), errPath = home.sub("stop.err");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const char* argv[] = {tool.c_str(), "run", jobPath.c_str(), "--out", fifo.c_str(), nullptr};
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, tool.c_str(), &actions, nullptr, const_cast<char**>(argv), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+
+    // Once data waits in the pipe, vsdm is inside the stream, blocked on its consumer.
+    pollfd pfd{readEnd, POLLIN, 0};
+    ASSERT_EQ(poll(&pfd, 1, 30000), 1);
+    usleep(200000);
+    kill(pid, SIGINT);
+    fcntl(readEnd, F_SETFL, 0);
+    std::string stream;
+    std::array<char, 65536> buf{};
+    ssize_t n = 0;
+    while ((n = read(readEnd, buf.data(), buf.size())) > 0) stream.append(buf.data(), static_cast<size_t>(n));
+    close(readEnd);
+    int wstatus = 0;
+    ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
+    ASSERT_TRUE(WIFEXITED(wstatus));
+    std::ifstream errFile(errPath);
+    const std::string err((std::istreambuf_iterator<char>(errFile)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(WEXITSTATUS(wstatus), 4) << err;
+    EXPECT_NE(err.find("INCOMPLETE"), std::string::npos) << err;
+
+    std::ofstream(home.sub("stopped.bin"), std::ios::binary) << stream;
+    const Result verify = Shell("'" VSSTREAM_TOOL "' verify " + home.sub("stopped.bin"));
+    EXPECT_EQ(verify.status, 2) << verify.output;   // incomplete, not corrupt
+    const Result fullList = Shell("'" VSSTREAM_TOOL "' list " + home.sub("full.bin"));
+    const Result stoppedList = Shell("'" VSSTREAM_TOOL "' list " + home.sub("stopped.bin"));
+    const auto extents = [](const std::string& listing) {
+        size_t count = 0;
+        for (size_t at = listing.find("Extent"); at != std::string::npos; at = listing.find("Extent", at + 1)) ++count;
+        return count;
+    };
+    EXPECT_GT(extents(stoppedList.output), 0u) << stoppedList.output;
+    EXPECT_LT(extents(stoppedList.output), extents(fullList.output));
 }
 
 TEST(VsdmDemo, RestoresWhatItBacksUp) {
