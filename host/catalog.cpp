@@ -160,23 +160,41 @@ void Catalog::AddArchiveFile(const ArchiveFileRecord& afile) {
         .Run();
 }
 
+namespace {
+
+ArchiveFileRecord ArchiveFileRow(db::Statement& q) {
+    ArchiveFileRecord rec;
+    rec.afileId = static_cast<uint64_t>(q.Int(0));
+    rec.appId2 = ULong(q.Int(1));
+    rec.backupJobId = q.Int(2);
+    rec.name = q.Text(3);
+    rec.volume = q.Text(4);
+    rec.snapEngineId = static_cast<unsigned int>(q.Int(5));
+    rec.snapJobId = q.Int(6);
+    rec.datastore = q.Text(7);
+    return rec;
+}
+
+constexpr const char* kArchiveFileColumns =
+    "SELECT afile_id, app_id2, backup_job_id, name, volume, snap_engine_id, snap_job_id, datastore FROM archive_files ";
+
+}  // namespace
+
 std::optional<ArchiveFileRecord> Catalog::ArchiveFile(uint64_t afileId) const {
     db::Connection conn(m_path);
-    db::Statement q(conn,
-                    "SELECT app_id2, backup_job_id, name, volume, snap_engine_id, snap_job_id, datastore FROM archive_files "
-                    "WHERE afile_id = ?1");
+    db::Statement q(conn, (std::string(kArchiveFileColumns) + "WHERE afile_id = ?1").c_str());
     q.Bind(1, static_cast<int64_t>(afileId));
     if (!q.Step()) return std::nullopt;
-    ArchiveFileRecord rec;
-    rec.afileId = afileId;
-    rec.appId2 = ULong(q.Int(0));
-    rec.backupJobId = q.Int(1);
-    rec.name = q.Text(2);
-    rec.volume = q.Text(3);
-    rec.snapEngineId = static_cast<unsigned int>(q.Int(4));
-    rec.snapJobId = q.Int(5);
-    rec.datastore = q.Text(6);
-    return rec;
+    return ArchiveFileRow(q);
+}
+
+std::vector<ArchiveFileRecord> Catalog::ArchiveFilesOfSnapJob(int64_t snapJobId) const {
+    db::Connection conn(m_path);
+    db::Statement q(conn, (std::string(kArchiveFileColumns) + "WHERE snap_job_id = ?1 ORDER BY afile_id").c_str());
+    q.Bind(1, snapJobId);
+    std::vector<ArchiveFileRecord> out;
+    while (q.Step()) out.push_back(ArchiveFileRow(q));
+    return out;
 }
 
 void Catalog::AddCopy(unsigned long archGroupId, unsigned long copyId, unsigned long precedence) {

@@ -1,5 +1,4 @@
 // Construction of the three readers: each logs under its own tag and debug-level key.
-#include "DataReaderVMware.h"
 #include "DataReaderVSFileCollection.h"
 
 DataReaderVSFileCollection::DataReaderVSFileCollection(CPipelayer* pipelayer, KtEvent* event, KTJobID jobId)
@@ -8,10 +7,3 @@ DataReaderVSFileCollection::DataReaderVSFileCollection(CPipelayer* pipelayer, Kt
 }
 
 DataReaderVSFileCollection::~DataReaderVSFileCollection() = default;
-
-DataReaderVMware::DataReaderVMware(CPipelayer* pipelayer, KtEvent* event, KTJobID jobId)
-    : DataReaderVSBase(pipelayer, event, jobId) {
-    InitKTLog("DM_VSVMWARE", "nDATAMOVERVSWARE", jobId);
-}
-
-DataReaderVMware::~DataReaderVMware() = default;

@@ -26,8 +26,14 @@ int DataReaderVSBase::MountSnap() {
     KTlog(m_hLog, 1, "%s: Media Agent %s client id = %d.", kFn, m_initParams.mediaAgentName.c_str(),
           static_cast<int>(clientId));
     // Each job keeps its results in a folder of its own, removed again by the destructor.
-    if (static_cast<int>(m_vsInstanceType) == 102 && m_initParams.jobId != 0)
+    if (static_cast<int>(m_vsInstanceType) == 102 && m_initParams.jobId != 0) {
         m_sJobResultsDir += FXString::Format("%lld", m_initParams.jobId) + "/";
+        // Made here so that what the job writes there (collect files, mount points) has a home.
+        const CQiError made = FXFolder::Create(m_sJobResultsDir, 0700);
+        if (made.IsError())
+            KTlog(m_hLog, 1, "%s: Failed to create job results folder [%s]: %s", kFn, m_sJobResultsDir.c_str(),
+                  made.AsString().c_str());
+    }
 
     if (m_afileIds.empty()) return 0;
 

@@ -62,17 +62,21 @@ TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
     auto makeFileLevel = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware");
     ASSERT_TRUE(makeExtent && makeCollection && makeFileLevel);
 
-    auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    // One stream each: a stream is finished when its last writer leaves.
+    const int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    auto pipe1 = CPipelayer::OpenFd(devNull), pipe2 = CPipelayer::OpenFd(devNull), pipe3 = CPipelayer::OpenFd(devNull);
     const struct {
         DataReaderVSBase* reader;
         const char* tag;
         bool ownItems;   // reads items itself rather than through the base
+        const char* lastLine;
     } readers[] = {
-        {makeExtent(pipe.get(), &event, 101), "DM_VSEXT\t", true},
-        {makeCollection(pipe.get(), &event, 102), "DM_FS\t", false},
-        {makeFileLevel(pipe.get(), &event, 103), "DM_VSVMWARE", false},
+        {makeExtent(pipe1.get(), &event, 101), "DM_VSEXT\t", true, "DataReaderVSBase deleted successfully."},
+        {makeCollection(pipe2.get(), &event, 102), "DM_FS\t", false, "DataReaderVSBase deleted successfully."},
+        // The file-level reader's log ends with its own line: its log object goes first.
+        {makeFileLevel(pipe3.get(), &event, 103), "DM_VSVMWARE", false, "DataReaderVMware deleted successfully."},
     };
-    for (const auto& [reader, tag, ownItems] : readers) {
+    for (const auto& [reader, tag, ownItems, lastLine] : readers) {
         ASSERT_NE(reader, nullptr);
         // Found beside the plug-in with no environment variable.
         EXPECT_EQ(reader->Initialize(), 0);
@@ -81,8 +85,9 @@ TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
         EXPECT_EQ(log.Count(std::string(tag) + " DataReaderVSBase::OnSnapSrcPath: Base class handling SnapSrcPath"),
                   ownItems ? 0u : 1u)
             << tag;
-        EXPECT_EQ(log.Count(std::string(tag) + " DataReaderVSBase deleted successfully."), 1u) << tag;
+        EXPECT_EQ(log.Count(std::string(tag) + " " + lastLine), 1u) << tag;
     }
+    close(devNull);
     EXPECT_FALSE(log.Contains("LoadLibrary"));
 }
 

@@ -95,6 +95,9 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
         it.path = Text(item, "path", where, true);
         if (it.path.empty()) Bad(where, "path", "must not be empty");
         it.optionsXml = Text(item, "options", where);
+        it.clientPath = Text(item, "clientPath", where);
+        if (it.clientPath.empty()) it.clientPath = it.path;
+        it.fileFilterCount = Number<int32_t>(item, "filter", where, 0);
         job.items.push_back(it);
     }
 

@@ -15,6 +15,10 @@ enum class ReaderKind { Extent, FileCollection, FileLevel };
 struct JobItem {
     std::string path;         // snap source path: "VM[\disk[\extent]]"
     std::string optionsXml;   // may be empty
+    // File-level items: the client path to list (default: `path`) and whether names
+    // are filtered by the path's last component.
+    std::string clientPath;
+    int32_t fileFilterCount = 0;
 };
 
 struct DataMoverJob {

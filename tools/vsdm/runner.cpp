@@ -5,6 +5,7 @@
 
 #include "hostapi/archive.h"
 #include "hostapi/event.h"
+#include "hostapi/filebackup.h"
 #include "hostapi/snapsrc.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
@@ -152,6 +153,18 @@ void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
 }
 
 // What the stream holds, read back from its file.
+// One file-level item: the VM and volume mounted, the collect file listed, its files sent.
+int RunFileLevelItem(DataReaderVMware& reader, const JobItem& item) {
+    if (reader.OnSnapSrcPath(item.path.c_str()) != 0) return -1;
+    FSRSnapSrcPath request;
+    request.fileFilterCount = item.fileFilterCount;
+    request.sClientPath = item.clientPath;
+    request.sSnapSrcPath = item.path;
+    std::string collectFile;
+    if (reader.CreateListOfFilesToRead(request, collectFile) != 0) return -1;
+    return reader.SendFiles(collectFile.c_str()) == 0 ? 0 : -1;
+}
+
 void CountStream(const std::string& path, RunSummary& s) {
     // Only a regular file can be read back; a pipe or FIFO has handed its bytes on.
     struct stat sb {};
@@ -162,8 +175,14 @@ void CountStream(const std::string& path, RunSummary& s) {
     vshost::StreamRecord rec;
     std::set<std::string> vms;
     uint64_t allocated = 0, dataExtents = 0;
-    bool inExtent = false, extentHasData = false;
+    bool inExtent = false, extentHasData = false, inFile = false;
     while (reader.Next(rec)) {
+        if (rec.kind == vshost::stream::Kind::FileLevelHeader) inFile = true;
+        if (rec.kind == vshost::stream::Kind::DirectoryEntry) ++s.folders;
+        if (auto* eof = std::get_if<vshost::EndOfFileRecord>(&rec.body); eof && inFile) {
+            ++(eof->complete ? s.files : s.filesFailed);
+            inFile = false;
+        }
         if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body)) {
             const size_t depth = static_cast<size_t>(std::count(h->path.begin(), h->path.end(), '\\'));
             if (depth == 1) vms.insert(h->path);
@@ -242,11 +261,15 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     reader->setVSBlockLevel(job.blockLevel);
     reader->SetSnapEngineID(job.snapEngineId);
 
+    // The file-level reader has operations of its own around the common lifecycle.
+    DataReaderVMware* fileLevel = job.reader == ReaderKind::FileLevel ? static_cast<DataReaderVMware*>(reader) : nullptr;
+    if (fileLevel && !fileLevel->isValid()) throw std::runtime_error("the plug-in made an invalid file-level reader");
+
     bool opened = reader->Initialize() == 0;
     if (!opened) report << "vsdm: the reader could not be initialised (see the log)\n";
     std::string list;
     for (uint64_t id : job.archiveFiles) list += (list.empty() ? "" : "|") + std::to_string(id);
-    if (opened) opened = reader->PreOpenArchiveFile(list.data()) == 0;
+    if (opened) opened = (fileLevel ? fileLevel->PreOpenArchiveFile(list.data(), 0) : reader->PreOpenArchiveFile(list.data())) == 0;
 
     DMInitParams init;
     init.appId1 = job.host.appId1;
@@ -279,17 +302,21 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
             path.sSnapSrcPath = item.path;
             path.sOptionsXml = item.optionsXml;
             ++s.items;
-            const int rc = reader->OnSnapSrcPath(&path);
+            const int rc = fileLevel ? RunFileLevelItem(*fileLevel, item) : reader->OnSnapSrcPath(&path);
             if (rc != 0) {
                 ++s.itemsFailed;
                 report << "item " << item.path << ": failed (" << rc << ")\n";
             }
         }
     }
-    for (size_t i = 0; i < openCount; ++i) reader->Close(1);
+    for (size_t i = 0; i < openCount; ++i) {
+        if (fileLevel) fileLevel->Close();
+        else reader->Close(1);
+    }
     const bool stopped = stop.wait(0);
     if (stopped) pipe->Abandon();
     owned.reset();   // the reader's writer finishes the stream as it goes
+    VMLivebrowse::UnmountAll();
     const bool written = pipe->Close();
 
     const vsStreamTotals totals = pipe->Totals();
@@ -317,8 +344,12 @@ void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& ou
     const double secs = s.seconds > 0 ? s.seconds : 1e-9;
     out << "job " << job.host.jobId << " (" << ReaderName(job.reader) << " reader): " << s.items - s.itemsFailed << " of "
         << s.items << " items succeeded\n";
-    out << "  VMs " << s.vms << ", disks completed " << s.disks << ", configuration files " << s.configFiles << "\n";
-    out << "  extents sent " << s.extentsSent << " (" << s.holeExtents << " as holes), unchanged and not sent "
+    if (job.reader == ReaderKind::FileLevel)
+        out << "  files " << s.files << ", folders " << s.folders << ", files failed " << s.filesFailed << "\n";
+    else
+        out << "  VMs " << s.vms << ", disks completed " << s.disks << ", configuration files " << s.configFiles << "\n";
+    if (job.reader != ReaderKind::FileLevel)
+        out << "  extents sent " << s.extentsSent << " (" << s.holeExtents << " as holes), unchanged and not sent "
         << s.extentsUnchanged << "\n";
     out << "  read " << Human(static_cast<double>(s.dataBytes + s.holeBytes)) << " (" << Human(static_cast<double>(s.holeBytes))
         << " of holes), stream " << Human(static_cast<double>(s.streamBytes)) << " in " << std::fixed << std::setprecision(2)

@@ -66,6 +66,8 @@ public:
 
     void AddArchiveFile(const ArchiveFileRecord& afile);
     std::optional<ArchiveFileRecord> ArchiveFile(uint64_t afileId) const;
+    // Every archive file made by snapshot job `snapJobId`, by id.
+    std::vector<ArchiveFileRecord> ArchiveFilesOfSnapJob(int64_t snapJobId) const;
 
     void AddCopy(unsigned long archGroupId, unsigned long copyId, unsigned long precedence);
     std::optional<unsigned long> CopyPrecedence(unsigned long archGroupId, unsigned long copyId) const;

@@ -49,6 +49,12 @@ public:
 class VS_HOST_API FXString {
 public:
     static std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    // Splits `text` at every occurrence of `separator` (not empty) into `parts`
+    // (cleared first). Empty parts are dropped: "a\\b\" gives "a" and "b"; an empty
+    // text gives no part.
+    static void Split(const std::string& text, const std::string& separator, std::vector<std::string>& parts);
+    // ASCII upper case; other bytes (UTF-8 sequences) are left as they are.
+    static std::string ToUpper(const std::string& text);
 };
 
 class VS_HOST_API FXFolder {
@@ -75,10 +81,29 @@ public:
     static bool IsFile(const std::string& path);
     // Last component; trailing delimiters are ignored ("/a/b/" gives "b").
     static std::string GetBaseName(const std::string& path);
+    // Whether `path` itself is a symbolic link. Nothing there (an empty path included)
+    // is not a link and no error; any other failure to look is an error.
+    static CQiError IsLink(const std::string& path, bool& isLink);
+    // `folder` and `name` joined by exactly one "/".
+    static std::string Append(const std::string& folder, const std::string& name);
 };
 
 class VS_HOST_API CQiDirectory {
 public:
+    // Called for each entry of a walk with the folder it lies in and its name; an error
+    // ends the walk with that error.
+    typedef CQiError (*WalkCallback)(const char* dir, const char* name, bool isDir, void* ctx);
+    // Calls `callback` for every entry below `path`, folders before their content,
+    // names in byte order within a folder: the top level only when `subDirLevel` is 0,
+    // every level when it is -1 (n > 0: n levels below the top). Links are reported,
+    // never followed. With `stopOnError` an unreadable subfolder ends the walk with its
+    // error; otherwise it is passed over. The root folder of the host is refused: no
+    // job lists the backup host's own file system.
+    static CQiError Walk(const std::string& path, void* ctx, int subDirLevel, bool stopOnError,
+                         WalkCallback callback);
+    // Whether `name` matches `pattern`, where "*" matches any run of characters
+    // (none included) and "?" exactly one; ASCII case is ignored when `ignoreCase`.
+    static bool MatchWildcard(const std::string& name, const std::string& pattern, bool ignoreCase);
     // Removes a folder; with `recursive` its whole content first. Never follows links
     // out of the folder.
     static CQiError Remove(const std::string& path, bool recursive, bool force = false);
