@@ -1,0 +1,453 @@
+// The file-level reader end to end: guest volumes of a generated snapshot mounted
+// through live browse, collect files, files sent through the file-backup writer, the
+// stream decoded and restored.
+#include "probe.h"
+#include "temp_home.h"
+
+#include "DataReaderVMware.h"
+#include "vshost/home.h"
+#include "vshost/streamreader.h"
+#include "vssample/sample.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr KTJobID kJob = 4711;
+
+struct FileLevelProbe : ProbePipe, DataReaderVMware {
+    explicit FileLevelProbe(KtEvent* event, const std::string& stream = "/dev/null")
+        : ProbePipe(stream), DataReaderVMware(pipe.get(), event, kJob) {}
+    using DataReaderVMware::m_bValid;
+    using DataReaderVMware::m_pCollectFile;
+    using DataReaderVMware::m_sCollectFileName;
+    using DataReaderVMware::m_snapSrc;
+    using DataReaderVMware::m_sOrigClientMountPath;
+    using DataReaderVMware::m_sPathToRestore;
+    using DataReaderVMware::m_sSnapMountPath;
+    using DataReaderVMware::VMGuidVolGuidToVolumePathMap;
+    using DataReaderVSBase::m_bSnapRestore;
+};
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void WriteFile(const fs::path& path, const std::string& text) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// What a stream holds, entry by entry: client path, whether its end was good, its data.
+struct FileEntry {
+    vsFileLevelInfo info;
+    std::string data;
+    bool complete = false;
+    bool ended = false;
+};
+
+struct Decoded {
+    std::map<std::string, FileEntry> files;
+    std::vector<std::string> folders;
+    std::string raw;
+    vshost::StreamReader::State state = vshost::StreamReader::State::Reading;
+};
+
+Decoded Decode(const std::string& path) {
+    Decoded d;
+    d.raw = ReadFile(path);
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    vshost::StreamReader reader(fd);
+    vshost::StreamRecord rec;
+    FileEntry* open = nullptr;
+    while (reader.Next(rec)) {
+        if (rec.kind == vshost::stream::Kind::FileLevelHeader) {
+            const auto& info = std::get<vshost::FileLevelRecord>(rec.body).info;
+            open = &d.files[info.clientPath];
+            open->info = info;
+        } else if (rec.kind == vshost::stream::Kind::DirectoryEntry) {
+            d.folders.push_back(std::get<vshost::FileLevelRecord>(rec.body).info.clientPath);
+        } else if (auto* data = std::get_if<vshost::DataRecord>(&rec.body); data && open) {
+            open->data += std::string(data->bytes);
+        } else if (auto* eof = std::get_if<vshost::EndOfFileRecord>(&rec.body); eof && open) {
+            open->complete = eof->complete;
+            open->ended = true;
+            open = nullptr;
+        }
+    }
+    d.state = reader.state();
+    ::close(fd);
+    return d;
+}
+
+class FileLevel : public ::testing::Test {
+protected:
+    void SetUp() override {
+        sample = vssample::GenerateSample();
+        const vssample::SampleVM& db = sample.vm("db01");
+        vm = db.biosUuid;
+        volC = db.guestVolumeGuids.at(0);
+        folderC = fs::path(db.folder) / "guest/C";
+        folderD = fs::path(db.folder) / "guest/D";
+    }
+    void TearDown() override { VMLivebrowse::UnmountAll(); }
+
+    // Initialised, opened on the sample's archive files, ready for items.
+    void Open(FileLevelProbe& r) {
+        ASSERT_TRUE(r.isValid());
+        ASSERT_EQ(r.Initialize(), 0);
+        r.setShortClientName(sample.mediaAgentName.c_str());
+        r.setVSInstanceType(static_cast<VirtualServerInstanceType>(102));
+        std::string list = sample.afileList;
+        ASSERT_EQ(r.PreOpenArchiveFile(list.data(), 0ul), 0);
+        DMInitParams init;
+        init.appId1 = sample.appId1;
+        init.appId2 = sample.appId2;
+        init.jobId = kJob;
+        init.mediaAgentName = sample.mediaAgentName;
+        DMOpenArchiveParams open;
+        open.archiveFileId = static_cast<uint32_t>(sample.afileIds[0]);
+        open.archGroupId = static_cast<uint32_t>(sample.archGroupId);
+        open.copyId = static_cast<uint32_t>(sample.copyId);
+        ASSERT_EQ(r.OpenArchiveFile(init, open), 0);
+    }
+
+    // One item as the data mover drives it; the first failing step's result.
+    unsigned Item(FileLevelProbe& r, const std::string& snapPath, const std::string& clientPath, int filter = 0,
+                  std::string* collect = nullptr) {
+        if (unsigned rc = r.OnSnapSrcPath(snapPath.c_str()); rc != 0) return rc;
+        FSRSnapSrcPath item;
+        item.fileFilterCount = filter;
+        item.sClientPath = clientPath;
+        std::string out;
+        if (unsigned rc = r.CreateListOfFilesToRead(item, out); rc != 0) return rc;
+        if (collect) *collect = ReadFile(out);
+        return r.SendFiles(out.c_str());
+    }
+
+    vstest::TempHome home;
+    vshost::LogCapture log;
+    KtEvent event;
+    vssample::SampleSnapshot sample;
+    std::string vm, volC;
+    fs::path folderC, folderD;
+};
+
+TEST_F(FileLevel, WholeVolumesRoundTripThroughVsstream) {
+    // An empty folder and a sparse file too: both must come back as they were.
+    fs::create_directories(folderC / "Temp");
+    {
+        std::ofstream sparse(folderC / "pagefile.sys", std::ios::binary);
+        sparse.seekp(3 << 20);
+        sparse << "end";
+    }
+    ::chmod((folderC / "Windows/win.ini").c_str(), 0640);
+    const std::string stream = home.sub("fl.bin");
+    std::string collect;
+    {
+        FileLevelProbe r(&event, stream);
+        Open(r);
+        // C by its GUID, D by its name.
+        EXPECT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC, 0, &collect), 0u);
+        EXPECT_EQ(collect, vm + "\\" + volC + "/\n");
+        EXPECT_EQ(Item(r, vm + "\\D:", vm + "\\D:"), 0u);
+        r.Close();
+    }
+    const Decoded d = Decode(stream);
+    EXPECT_EQ(d.state, vshost::StreamReader::State::Complete);
+
+    const fs::path to = home.sub("restore");
+    const std::string cmd = std::string("'") + VS_STREAM_TOOL + "' restore '" + stream + "' --to '" + to.string() + "'";
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    for (const auto& [source, restored] : {std::pair{folderC, to / vm / volC}, std::pair{folderD, to / vm / "D:"}}) {
+        size_t count = 0;
+        for (const auto& e : fs::recursive_directory_iterator(source)) {
+            const fs::path twin = restored / fs::relative(e.path(), source);
+            ++count;
+            ASSERT_TRUE(fs::exists(twin)) << twin;
+            struct stat a {}, b {};
+            ::stat(e.path().c_str(), &a);
+            ::stat(twin.c_str(), &b);
+            EXPECT_EQ(a.st_mode, b.st_mode) << twin;
+            EXPECT_EQ(a.st_mtim.tv_sec, b.st_mtim.tv_sec) << twin;
+            EXPECT_EQ(a.st_mtim.tv_nsec, b.st_mtim.tv_nsec) << twin;
+            if (e.is_regular_file()) {
+                EXPECT_TRUE(ReadFile(e.path()) == ReadFile(twin)) << twin;
+                EXPECT_EQ(a.st_size, b.st_size) << twin;
+            }
+        }
+        EXPECT_GE(count, 3u);
+    }
+    // The sparse file's hole travelled by length, not as zeros.
+    const FileEntry& page = d.files.at(vm + "\\" + volC + "/pagefile.sys");
+    EXPECT_LT(page.data.size(), 1u << 20);
+}
+
+TEST_F(FileLevel, CollectFileIsNamedRewrittenAndRemoved) {
+    std::string name;
+    {
+        FileLevelProbe r(&event);
+        Open(r);
+        std::string first, second;
+        ASSERT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC + "/Windows", 0, &first), 0u);
+        name = r.m_sCollectFileName;
+        // Job results folder of this job; archive file, stream number and time in the name.
+        const std::string expected = home.sub("JobResults/4711/ColFile_JID4711_AF" + std::to_string(sample.afileIds[0]) + "_Str0_");
+        EXPECT_EQ(name.rfind(expected, 0), 0u) << name;
+        EXPECT_EQ(name.substr(name.size() - 4), ".txt");
+        EXPECT_EQ(first, vm + "\\" + volC + "/Windows/\n");
+
+        // Same file, content replaced; the control character cuts off what follows it.
+        ASSERT_EQ(Item(r, vm + "\\D:", vm + "\\D:/data\x12trailing", 0, &second), 0u);
+        EXPECT_EQ(r.m_sCollectFileName, name);
+        EXPECT_EQ(second, vm + "\\D:/data/\n");
+        EXPECT_EQ(r.countLines(name.c_str()), 1u);
+
+        // The next archive file open removes it.
+        DMInitParams init;
+        init.jobId = kJob;
+        DMOpenArchiveParams open;
+        open.archiveFileId = static_cast<uint32_t>(sample.afileIds[1]);
+        r.OpenArchiveFile(init, open);
+        EXPECT_FALSE(fs::exists(name));
+        EXPECT_TRUE(r.m_sCollectFileName.empty());
+        ASSERT_EQ(Item(r, vm + "\\D:", vm + "\\D:"), 0u);
+        name = r.m_sCollectFileName;
+        EXPECT_TRUE(fs::exists(name));
+    }
+    // And so does the reader's end.
+    EXPECT_FALSE(fs::exists(name));
+    EXPECT_EQ(log.Count("DM_VSVMWARE DataReaderVMware deleted successfully."), 1u);
+
+    FileLevelProbe r(&event);
+    EXPECT_EQ(r.countLines(home.sub("missing.txt").c_str()), 1u);
+    std::ofstream(home.sub("long.txt")) << std::string(2000, 'x') << "\nshort\n";
+    EXPECT_EQ(r.countLines(home.sub("long.txt").c_str()), 3u);   // a long line counts per 1 KiB read
+}
+
+TEST_F(FileLevel, ItemsThatCannotBeReadFailWithTheirReason) {
+    FileLevelProbe r(&event);
+    Open(r);
+    EXPECT_EQ(r.OnSnapSrcPath((vm + "/" + volC).c_str()), ~0u);
+    EXPECT_TRUE(log.Contains("[ERROR] Linux path received for restore to a Windows MA.[" + vm + "/" + volC + "]"));
+    EXPECT_EQ(r.OnSnapSrcPath(vm.c_str()), ~0u);
+    EXPECT_TRUE(log.Contains("Error parsing the VM Guid from the snap source path [" + vm + "]"));
+    EXPECT_EQ(r.OnSnapSrcPath("no-such-vm\\C:"), ~0u);
+    EXPECT_TRUE(log.Contains("Failed to mount VM"));
+
+    vshost::settings::Set("VMInfoFaults", "MountVM", "23");
+    EXPECT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), ~0u);
+    vshost::settings::Set("VMInfoFaults", "MountVM", "");
+
+    // Three backslash parts never start with their own first two and a "/".
+    FSRSnapSrcPath item;
+    std::string out = "untouched";
+    item.sClientPath = vm + "\\" + volC + "\\Windows";
+    EXPECT_EQ(r.CreateListOfFilesToRead(item, out), ~0u);
+    EXPECT_TRUE(log.Contains("Failed to scan for srcMountPath"));
+    EXPECT_EQ(out, "untouched");
+    item.sClientPath.clear();
+    EXPECT_EQ(r.CreateListOfFilesToRead(item, out), ~0u);
+    EXPECT_TRUE(log.Contains("Path sent by client side in empty or NULL"));
+
+    // The collect file cannot be made when the job results folder is gone.
+    ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
+    fs::remove_all(home.sub("JobResults/4711"));
+    item.sClientPath = vm + "\\" + volC;
+    EXPECT_EQ(r.CreateListOfFilesToRead(item, out), ~0u);
+    EXPECT_TRUE(log.Contains("to create list of files, errno [2]."));
+
+    EXPECT_EQ(r.SendFiles(nullptr), ~0u);
+    EXPECT_TRUE(log.Contains("DataReaderVMware::SendFiles: Passed in collect file name is NULL."));
+    EXPECT_EQ(r.SendFiles(home.sub("nothere.txt").c_str()), ~0u);
+    EXPECT_TRUE(log.Contains("DataReaderVMware::SendFiles: Failed to open collect file."));
+}
+
+TEST_F(FileLevel, LiveBrowseUnavailableFailsTheItem) {
+    // No archive file open and none listed: the open parameters' (none) is tried.
+    FileLevelProbe r(&event);
+    ASSERT_EQ(r.Initialize(), 0);
+    EXPECT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), ~0u);
+    EXPECT_TRUE(log.Contains("Failed to acquire live browse object"));
+}
+
+TEST_F(FileLevel, LifecycleChecksAndFlags) {
+    {
+        DataReaderVMware bad(nullptr, nullptr, kJob);
+        EXPECT_FALSE(bad.isValid());
+        EXPECT_TRUE(log.Contains("Invalid pipelayer pointer passed in."));
+        EXPECT_FALSE(log.Contains("Invalid KtEvent pointer passed in."));
+    }
+    FileLevelProbe noEvent(nullptr);
+    EXPECT_FALSE(noEvent.isValid());
+    EXPECT_TRUE(log.Contains("Invalid KtEvent pointer passed in."));
+
+    FileLevelProbe r(&event);
+    DMInitParams init;
+    DMOpenArchiveParams open;
+    EXPECT_EQ(r.OpenArchiveFile(init, open), ~0);
+    EXPECT_TRUE(log.Contains("ClBackupW2kFile object is not initialized."));
+    std::string list = sample.afileList;
+    r.PreOpenArchiveFile(list.data(), 7ul);
+    EXPECT_FALSE(r.m_bSnapRestore);
+    r.PreOpenArchiveFile(list.data(), 0ul);
+    EXPECT_TRUE(r.m_bSnapRestore);
+    EXPECT_TRUE(r.EnableReadSecurityOnly(true));
+    EXPECT_FALSE(r.EnableReadSecurityOnly(false));
+    EXPECT_TRUE(r.SendComponentRestoreMsgHdr(FSRSnapSrcPath{}));
+    EXPECT_TRUE(log.Contains("ClBackup reader is null."));
+}
+
+TEST_F(FileLevel, FailedFilesAreMarkedAndTheRestStillGoes) {
+    const std::string stream = home.sub("partial.bin");
+    {
+        FileLevelProbe r(&event, stream);
+        Open(r);
+        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
+        FSRSnapSrcPath item;
+        item.sClientPath = vm + "\\" + volC;
+        std::string collect;
+        ASSERT_EQ(r.CreateListOfFilesToRead(item, collect), 0u);
+        // A list with a file that vanished between listing and sending, then a good one.
+        std::ofstream(collect) << vm << "\\" << volC << "/gone.txt\n" << vm << "\\" << volC << "/Windows/win.ini\n";
+        EXPECT_EQ(r.SendFiles(collect.c_str()), 0u);
+        r.Close();
+    }
+    const Decoded d = Decode(stream);
+    const FileEntry& gone = d.files.at(vm + "\\" + volC + "/gone.txt");
+    EXPECT_TRUE(gone.ended);
+    EXPECT_FALSE(gone.complete);
+    EXPECT_TRUE(gone.data.empty());
+    const FileEntry& ini = d.files.at(vm + "\\" + volC + "/Windows/win.ini");
+    EXPECT_TRUE(ini.complete);
+    EXPECT_EQ(ini.data, ReadFile(folderC / "Windows/win.ini"));
+}
+
+TEST_F(FileLevel, StopBetweenFilesLeavesTheRestUnsent) {
+    const std::string stream = home.sub("stopped.bin");
+    {
+        FileLevelProbe r(&event, stream);
+        Open(r);
+        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
+        FSRSnapSrcPath item;
+        item.sClientPath = vm + "\\" + volC;
+        std::string collect;
+        ASSERT_EQ(r.CreateListOfFilesToRead(item, collect), 0u);
+        // The volume folder, then Users: the stop comes on the third file's poll.
+        event.setAfterPolls(3);
+        EXPECT_EQ(r.SendFiles(collect.c_str()), ~0u);
+        EXPECT_TRUE(log.Contains("DataReaderVMware::isStopSignaled: Stop signaled by FsRestoreHead."));
+        r.Close();
+    }
+    const Decoded d = Decode(stream);
+    EXPECT_EQ(d.folders.size(), 2u);
+    EXPECT_TRUE(d.files.empty());
+}
+
+TEST_F(FileLevel, BrokenStreamFailsTheBackup) {
+    WriteFile(folderC / "big.bin", std::string(3 << 20, 'b'));
+    FileLevelProbe r(&event, "/dev/full");
+    Open(r);
+    EXPECT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC), ~0u);
+    EXPECT_TRUE(log.Contains("indicates FAIL_BACKUP."));
+}
+
+// Whatever an item says, nothing outside the guest volume is read: "..", absolute
+// paths, links out of the volume (absolute, relative, in the middle of a path), and the
+// path where the volume map gives no mount path.
+TEST_F(FileLevel, NothingOutsideTheVolumeIsEverSent) {
+    const std::string marker = "SECRET-OUTSIDE-THE-VOLUME";
+    const fs::path outside = home.sub("outside");
+    WriteFile(outside / "secret.txt", marker);
+    fs::create_symlink(outside / "secret.txt", folderC / "abs-link");
+    fs::create_symlink("../../../../../../outside/secret.txt", folderC / "rel-link");
+    fs::create_symlink(outside, folderC / "dir-link");
+    fs::create_symlink("Windows/win.ini", folderC / "inner-link");
+
+    const std::string stream = home.sub("sec.bin");
+    const std::string volPath = vm + "\\" + volC;
+    {
+        FileLevelProbe r(&event, stream);
+        Open(r);
+        EXPECT_EQ(Item(r, volPath, volPath), 0u);   // the whole volume, links included
+        const std::string escapes[] = {
+            volPath + "/../../../../outside/secret.txt",
+            volPath + "/Windows/../../../outside/secret.txt",
+            volPath + "/" + outside.string() + "/secret.txt",
+            volPath + "/dir-link/secret.txt",
+            volPath + "/abs-link",
+        };
+        for (const std::string& path : escapes) EXPECT_EQ(Item(r, volPath, path), 0u) << path;
+        // No mapping at all: a client path of one part, listed with a filter.
+        EXPECT_EQ(Item(r, volPath, outside.string() + "/", 1), 0u);
+        EXPECT_EQ(Item(r, volPath, outside.string() + "/secret.txt"), 0u);
+        r.Close();
+    }
+    const Decoded d = Decode(stream);
+    EXPECT_EQ(d.raw.find(marker), std::string::npos);
+    EXPECT_EQ(d.files.at(volPath + "/inner-link").data, "Windows/win.ini");
+    for (const char* link : {"/abs-link", "/rel-link"}) {
+        const FileEntry& e = d.files.at(volPath + link);
+        EXPECT_FALSE(e.complete) << link;
+        EXPECT_TRUE(e.data.empty()) << link;
+    }
+    EXPECT_TRUE(log.Contains("it is a link that points out of its volume"));
+    EXPECT_TRUE(log.Contains("climbs out of its volume"));
+}
+
+TEST(FileLevelHost, WildcardsWalksAndSplits) {
+    EXPECT_TRUE(CQiDirectory::MatchWildcard("Report.DOC", "*.doc", true));
+    EXPECT_FALSE(CQiDirectory::MatchWildcard("Report.DOC", "*.doc", false));
+    EXPECT_TRUE(CQiDirectory::MatchWildcard("a1c", "a?c", false));
+    EXPECT_FALSE(CQiDirectory::MatchWildcard("ac", "a?c", false));
+    EXPECT_TRUE(CQiDirectory::MatchWildcard("abcbc", "*bc", false));
+    EXPECT_TRUE(CQiDirectory::MatchWildcard("", "*", false));
+    EXPECT_FALSE(CQiDirectory::MatchWildcard("x", "", false));
+
+    std::vector<std::string> parts;
+    FXString::Split("a\\\\b\\", "\\", parts);
+    EXPECT_EQ(parts, (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(FXString::ToUpper("vm1\\Data/é"), "VM1\\DATA/é");
+
+    bool link = true;
+    EXPECT_FALSE(CQiPath::IsLink("/no/such/path", link).IsError());
+    EXPECT_FALSE(link);
+    EXPECT_TRUE(CQiDirectory::Walk("/", nullptr, 0, false, [](const char*, const char*, bool, void*) { return CQiError(); })
+                    .IsError());
+}
+
+// With a volume map entry that matches, a filtered walk lists folders and matching
+// files, each as a client-form line under the client mount path.
+TEST_F(FileLevel, FilteredWalkWritesClientFormLines) {
+    WriteFile(folderC / "docs/a.doc", "a");
+    WriteFile(folderC / "docs/b.txt", "b");
+    WriteFile(folderC / "docs/sub/c.DOC", "c");
+    FileLevelProbe r(&event);
+    r.m_snapSrc.m_bFilter = true;
+    r.m_snapSrc.m_bRecurse = true;
+    r.m_snapSrc.m_sFilePattern = "*.doc";
+    r.m_sSnapMountPath = folderC.string();
+    r.m_sOrigClientMountPath = "VM1\\VOL1/";
+    const std::string listPath = home.sub("walk.txt");
+    r.m_pCollectFile = std::fopen(listPath.c_str(), "w+");
+    ASSERT_NE(r.m_pCollectFile, nullptr);
+    // Folders pass the filter only when they match it too; "sub" does not, so its
+    // content is reached but the folder itself is not listed.
+    ASSERT_FALSE(CQiDirectory::Walk((folderC / "docs").string(), &r, -1, false, &DataReaderVMware::PathWalkerStatic).IsError());
+    std::fclose(r.m_pCollectFile);
+    r.m_pCollectFile = nullptr;
+    EXPECT_EQ(ReadFile(listPath), "VM1\\VOL1/docs/a.doc\nVM1\\VOL1/docs/sub/c.DOC\n");
+}
+
+}  // namespace
