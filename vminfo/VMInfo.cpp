@@ -166,6 +166,8 @@ int VMInfo::MountVM(MountCtx& ctx) {
         item.nErrorCode = failure.code;
         item.sReason = failure.reason;
         ctx.failures.push_back(item);
+        // The name asked for, so that whoever reports the failure can say which VM.
+        if (ctx.sMountedName.empty()) ctx.sMountedName = ctx.sVMName;
         return Fail("MountVM", failure);
     }
     ctx.sMountedName = vm.displayName;

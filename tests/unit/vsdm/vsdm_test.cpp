@@ -100,7 +100,7 @@ TEST(VsdmRun, ExitStatusesAndTheStreamOnStandardOutput) {
     r = Shell(Vsdm() + " run " + home.sub("partial.json") + " --out " + home.sub("partial.bin"));
     EXPECT_EQ(r.status, 1) << r.output;
     EXPECT_NE(r.output.find("1 of 2 items succeeded"), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find("pending cause 0x5B000004"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("pending cause 0x5B000004 [nosuchvm]"), std::string::npos) << r.output;
     EXPECT_EQ(Shell("'" VSSTREAM_TOOL "' verify " + home.sub("partial.bin")).status, 0);
 
     job["archiveFiles"] = {424242};
