@@ -180,7 +180,7 @@ private:
     bool Expand();
 
     CPipelayer* m_pipe;
-    KtEvent* m_event;
+    [[maybe_unused]] KtEvent* m_event;   // the job's stop event, for writers that poll it
     KTLogObject m_log;
     vsArchive m_archive;
     vsSim m_sim;
