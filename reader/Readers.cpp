@@ -7,8 +7,6 @@ DataReaderVSFileCollection::DataReaderVSFileCollection(CPipelayer* pipelayer, Kt
     InitKTLog("DM_FS\t", "nDATAREADERVSFS", jobId);
 }
 
-DataReaderVSFileCollection::~DataReaderVSFileCollection() = default;
-
 DataReaderVMware::DataReaderVMware(CPipelayer* pipelayer, KtEvent* event, KTJobID jobId)
     : DataReaderVSBase(pipelayer, event, jobId) {
     InitKTLog("DM_VSVMWARE", "nDATAMOVERVSWARE", jobId);

@@ -253,6 +253,16 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         WriteText(files / "srv/share/big.bin", std::string(40000, 'b'));
         WriteText(files / "srv/share/notes.txt", "file collection sample\n");
         fs::create_directories(files / "srv/empty");
+        // Nested folders, names with blanks, an empty file, and a file larger than the
+        // collection's read-ahead.
+        WriteText(files / "srv/share/My Documents/budget 2024.txt", "rent 1200\nfood 400\n");
+        WriteText(files / "srv/share/My Documents/2024/Q1/plan.txt", std::string(5000, 'p'));
+        WriteText(files / "var/log/empty.log", "");
+        {
+            const uint64_t archiveBytes = 2 * kMiB + 12345;
+            SparseFile archive(files / "srv/media/archive.bin", archiveBytes);
+            archive.WriteRange(0, archiveBytes, 501);
+        }
         nlohmann::json sidecar = {{"fileCollectionDisks", {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}}}}};
         WriteText(ds2 / "fs01/vmguest.json", sidecar.dump(2));
         uint64_t fcBytes = 0;

@@ -62,15 +62,17 @@ TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
     auto makeFileLevel = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware");
     ASSERT_TRUE(makeExtent && makeCollection && makeFileLevel);
 
-    auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    // One stream each: a reader that goes away finishes the stream it wrote.
+    std::unique_ptr<CPipelayer> pipes[3];
+    for (auto& pipe : pipes) pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
     const struct {
         DataReaderVSBase* reader;
         const char* tag;
         bool ownItems;   // reads items itself rather than through the base
     } readers[] = {
-        {makeExtent(pipe.get(), &event, 101), "DM_VSEXT\t", true},
-        {makeCollection(pipe.get(), &event, 102), "DM_FS\t", false},
-        {makeFileLevel(pipe.get(), &event, 103), "DM_VSVMWARE", false},
+        {makeExtent(pipes[0].get(), &event, 101), "DM_VSEXT\t", true},
+        {makeCollection(pipes[1].get(), &event, 102), "DM_FS\t", true},
+        {makeFileLevel(pipes[2].get(), &event, 103), "DM_VSVMWARE", false},
     };
     for (const auto& [reader, tag, ownItems] : readers) {
         ASSERT_NE(reader, nullptr);
