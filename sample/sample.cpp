@@ -263,15 +263,26 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
             SparseFile archive(files / "srv/media/archive.bin", archiveBytes);
             archive.WriteRange(0, archiveBytes, 501);
         }
-        nlohmann::json sidecar = {{"fileCollectionDisks", {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}}}}};
+        // A second collection that the configuration does not name: a disk of its own.
+        const fs::path homeFiles = ds2 / "fs01/home.files";
+        WriteText(homeFiles / "alice/.profile", "export EDITOR=vi\n");
+        WriteText(homeFiles / "alice/notes 1.txt", std::string(9000, 'a'));
+        fs::create_directories(homeFiles / "bob");
+        nlohmann::json sidecar = {{"fileCollectionDisks",
+                                   {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}},
+                                    {{"name", "fs01_home"}, {"folder", "home.files"}}}}};
         WriteText(ds2 / "fs01/vmguest.json", sidecar.dump(2));
-        uint64_t fcBytes = 0;
-        for (const auto& e : fs::recursive_directory_iterator(files))
-            if (e.is_regular_file()) fcBytes += e.file_size();
+        auto bytes = [](const fs::path& folder) {
+            uint64_t n = 0;
+            for (const auto& e : fs::recursive_directory_iterator(folder))
+                if (e.is_regular_file()) n += e.file_size();
+            return n;
+        };
         SparseFile raw(ds2 / "fs01/fs01_data.img", size);
         FillDisk(raw, 0, size, 401);
-        vm.disks = {Disk("fs01.vmdk", "ds2", "fs01", files, fcBytes, 2),
-                    Disk("fs01_data.img", "ds2", "fs01", ds2 / "fs01/fs01_data.img", size)};
+        vm.disks = {Disk("fs01.vmdk", "ds2", "fs01", files, bytes(files), 2),
+                    Disk("fs01_data.img", "ds2", "fs01", ds2 / "fs01/fs01_data.img", size),
+                    Disk("fs01_home", "ds2", "fs01", homeFiles, bytes(homeFiles), 2)};
         s.vms.push_back(vm);
     }
 
