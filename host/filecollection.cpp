@@ -195,11 +195,6 @@ CQiError FolderCollection::Open(MountCtx& ctx) {
     m_faultRead = Fault("Read");
     m_faultGetBuffer = Fault("GetBuffer");
     m_faultSendBuffer = Fault("SendBuffer");
-    try {
-        m_ahead.resize(kReadAheadBytes);
-    } catch (const std::bad_alloc&) {
-        return CQiError(ENOMEM, Label() + ": no memory for the read-ahead buffer");
-    }
     CQiError err = Start();
     if (err.IsError()) {
         Close();
@@ -216,6 +211,11 @@ CQiError FolderCollection::Start() {
     m_dataOffset = 0;
     m_bytesRead = 0;
     m_open = false;
+    try {
+        m_ahead.resize(kReadAheadBytes);
+    } catch (const std::bad_alloc&) {
+        return CQiError(ENOMEM, Label() + ": no memory for the read-ahead buffer");
+    }
     // The folder the snapshot declares is taken as it is; below it nothing is followed.
     Level top;
     top.fd = OwnedFd(::open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

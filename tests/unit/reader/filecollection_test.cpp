@@ -17,7 +17,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -37,7 +36,6 @@ struct FCProbe : ProbePipe, DataReaderVSFileCollection {
     using DataReaderVSBase::m_bMatchAnyVM;
     using DataReaderVSBase::m_pVMInfo;
     using DataReaderVSBase::MountVM;
-    using DataReaderVSFileCollection::SendDiskHeader;
 };
 
 std::string ReadFile(const std::string& path) {
@@ -176,26 +174,15 @@ protected:
         o.diskInfo = disks;
         return o.Serialize();
     }
-    // A collection of fs01's disk opened through a mounted VM, as the reader opens it.
-    boost::shared_ptr<CFileCollection> Collection(FCProbe& r) {
-        DataReaderVMCtx ctx;
-        EXPECT_EQ(r.MountVM(guid, ctx, {}), 0);
-        mounted = ctx.mountCtx;
-        auto c = CFileCollection::createFileCollectionInstance(VS_DISK_TYPE_FOLDER);
-        c->SetVMInfo(r.m_pVMInfo, mounted.sVMName, mounted.sMountedName);
-        c->SetVMDiskGuid("fs01.vmdk");
-        return c;
-    }
 
     vstest::TempHome home;
     vshost::LogCapture log;
     KtEvent event;
     vssample::SampleSnapshot sample;
     std::string guid, folder;
-    MountCtx mounted;
 };
 
-TEST_F(FileCollections, WholeVMRoundTripsItsCollectionDisk) {
+TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
     ASSERT_EQ(Run({{guid, ""}}, "full.bin"), std::vector<int>{0});
     const Stream s = Decode(home.sub("full.bin"));
     EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
@@ -204,9 +191,6 @@ TEST_F(FileCollections, WholeVMRoundTripsItsCollectionDisk) {
     // nodes; the raw image of the same VM is no collection and is not read here.
     ASSERT_EQ(s.files.size(), 1u);
     EXPECT_EQ(s.files[0].path, "\\" + guid);
-    const std::string dir = home.sub("restored");
-    ASSERT_EQ(std::system(("'" VS_STREAM_TOOL "' restore " + home.sub("full.bin") + " --to " + dir + " >/dev/null").c_str()),
-              0);
     std::vector<std::string> done;
     for (const vssample::SampleDisk& d : sample.vm("fs01").disks) {
         if (d.backupType != 2) continue;
@@ -216,8 +200,6 @@ TEST_F(FileCollections, WholeVMRoundTripsItsCollectionDisk) {
         EXPECT_TRUE(head->header.container);
         EXPECT_EQ(head->header.size, d.size);
         EXPECT_EQ(s.Tree(disk), SourceTree(d.path)) << d.name;
-        // vsstream rebuilds the folder: names, structure, contents, empty folders and files.
-        EXPECT_EQ(SourceTree(dir + "/" + guid + "/" + d.name), SourceTree(d.path)) << d.name;
         done.push_back(d.name);
     }
     EXPECT_EQ(done, (std::vector<std::string>{"fs01.vmdk", "fs01_home"}));
@@ -252,21 +234,12 @@ TEST_F(FileCollections, WholeVMRoundTripsItsCollectionDisk) {
         EXPECT_EQ(h.arg16, offset + h.size) << name;                 // the crossed pair: data end, then parent
         const size_t cut = name.rfind('\\');
         EXPECT_EQ(h.arg17, cut == std::string::npos ? 0u : numbers.at(name.substr(0, cut))) << name;
-        EXPECT_EQ(h.arg9, static_cast<uint64_t>(st.st_ino)) << name;
         EXPECT_EQ(h.arg14, static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000000000u + st.st_mtim.tv_nsec) << name;
         EXPECT_EQ(h.arg18, st.st_mode) << name;
         EXPECT_EQ((h.arg15 & FC_ATTRIBUTE_DIRECTORY) != 0, S_ISDIR(st.st_mode)) << name;
-        EXPECT_EQ(h.arg6, 1);
-        EXPECT_TRUE(h.arg11);
-        EXPECT_FALSE(h.container);
         numbers[name] = i;
         offset += h.size;
     }
-    struct stat a {}, b {};
-    ASSERT_EQ(::stat((folder + "/srv/media/archive.bin").c_str(), &a), 0);
-    ASSERT_EQ(::stat((dir + "/" + guid + "/fs01.vmdk/srv/media/archive.bin").c_str(), &b), 0);
-    EXPECT_EQ(a.st_mtim.tv_sec, b.st_mtim.tv_sec);
-    EXPECT_EQ(a.st_mode, b.st_mode);
 }
 
 TEST_F(FileCollections, ItemForms) {
@@ -392,9 +365,14 @@ TEST_F(FileCollections, CollectionWalksWithoutFollowingLinksAndNoticesChanges) {
     fs::create_symlink("/etc/passwd", folder + "/etc/passwd-link");
     fs::create_directory_symlink("/etc", folder + "/etc-link");
     std::ofstream(folder + "/etc/back\\slash") << "x";
+    // Opened through a mounted VM, as the reader opens it.
     auto r = Open("");
-    auto c = Collection(*r);
-    ASSERT_FALSE(c->Open(mounted).IsError());
+    DataReaderVMCtx vm;
+    ASSERT_EQ(r->MountVM(guid, vm, {}), 0);
+    auto c = CFileCollection::createFileCollectionInstance(VS_DISK_TYPE_FOLDER);
+    c->SetVMInfo(r->m_pVMInfo, vm.mountCtx.sVMName, vm.mountCtx.sMountedName);
+    c->SetVMDiskGuid("fs01.vmdk");
+    ASSERT_FALSE(c->Open(vm.mountCtx).IsError());
     EXPECT_EQ(c->GetFolder(), folder);
     std::vector<std::string> names;
     SFileNode node;
@@ -440,33 +418,6 @@ TEST_F(FileCollections, CollectionWalksWithoutFollowingLinksAndNoticesChanges) {
     fs::rename(folder + "/etc/hostname", folder + "/srv/share/notes.txt");
     err = c->ReadNode(node, piece, sizeof piece, got);
     EXPECT_NE(err.AsString().find("was replaced after it was listed"), std::string::npos) << err.AsString();
-
-    // A disk the VM does not hold as a collection.
-    auto other = CFileCollection::createFileCollectionInstance(VS_DISK_TYPE_FOLDER);
-    other->SetVMInfo(r->m_pVMInfo, mounted.sVMName, mounted.sMountedName);
-    other->SetVMDiskGuid("fs01_data.img");
-    EXPECT_EQ(other->Open(mounted).Errno(), ENOENT);
-}
-
-TEST_F(FileCollections, DiskHeaderDescribesTheCollection) {
-    {
-        auto r = Open(home.sub("info.bin"));
-        std::string vm = guid, disk = "fs01.vmdk", path = folder;
-        EXPECT_EQ(r->SendDiskHeader(vm, disk, path, 0, VS_DISK_TYPE_FOLDER, 1234, nullptr), 0u);
-    }
-    const int fd = ::open(home.sub("info.bin").c_str(), O_RDONLY);
-    vshost::StreamReader reader(fd);
-    vshost::StreamRecord rec;
-    bool seen = false;
-    while (reader.Next(rec))
-        if (auto* d = std::get_if<vshost::DiskInfoRecord>(&rec.body)) {
-            EXPECT_EQ(d->itemType, 5u);
-            EXPECT_EQ(d->diskType, 3u);
-            EXPECT_EQ(d->size, 1234u);
-            seen = true;
-        }
-    ::close(fd);
-    EXPECT_TRUE(seen);
 }
 
 }  // namespace

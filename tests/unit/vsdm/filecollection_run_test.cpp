@@ -14,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace fs = std::filesystem;
@@ -88,11 +89,17 @@ TEST(VsdmFileCollection, JobRestoresEveryCollectionDiskOfTheVM) {
     const std::string dir = home.sub("restore");
     out = Shell("'" VSSTREAM_TOOL "' restore " + home.sub("fc.stream") + " --to " + dir, status);
     ASSERT_EQ(status, 0) << out;
+    // Names, folder structure (empty folders and files included) and contents.
     for (const auto& d : vm.disks) {
         if (d.backupType == 2) {
             EXPECT_EQ(Tree(dir + "/" + vm.biosUuid + "/" + d.name), Tree(d.path)) << d.name;
         }
     }
+    struct stat a {}, b {};
+    ASSERT_EQ(::stat((vm.disks[0].path + "/srv/media/archive.bin").c_str(), &a), 0);
+    ASSERT_EQ(::stat((dir + "/" + vm.biosUuid + "/fs01.vmdk/srv/media/archive.bin").c_str(), &b), 0);
+    EXPECT_EQ(a.st_mtim.tv_sec, b.st_mtim.tv_sec);
+    EXPECT_EQ(a.st_mode, b.st_mode);
 }
 
 }  // namespace
