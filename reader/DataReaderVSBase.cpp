@@ -241,3 +241,23 @@ bool DataReaderVSBase::IsVVOLEngine(unsigned engineId) { return engineId == 58 |
 bool DataReaderVSBase::IsVMCentricSnapEngine(unsigned engineId) {
     return engineId == 66 || engineId == 77 || engineId == 82;
 }
+
+std::vector<std::string> DataReaderVSBase::SplitSnapSrcPath(const std::string& path) {
+    std::vector<std::string> tokens;
+    std::string token;
+    for (char c : path) {
+        if (c == '\\') {
+            if (!token.empty()) tokens.push_back(token);
+            token.clear();
+        } else {
+            token += c;
+        }
+    }
+    if (!token.empty()) tokens.push_back(token);
+    return tokens;
+}
+
+bool DataReaderVSBase::CheckForSnapPathProcessed(const char* path) {
+    auto it = m_processedSnapPaths.find(path ? path : "");
+    return it != m_processedSnapPaths.end() && it->second;
+}

@@ -56,6 +56,12 @@ public:
 protected:
     void InitKTLog(const char* tag, const char* debugKey, KTJobID jobId);
 
+    // Snap source paths of the readers that take items whole: "VM[\disk[\...]]".
+    // Split at every backslash; empty pieces are dropped.
+    static std::vector<std::string> SplitSnapSrcPath(const std::string& path);
+    // True when an item of `path` has been handled since the last close.
+    bool CheckForSnapPathProcessed(const char* path);
+
     // VM-info library binding.
     bool LoadVMInfoDLL();
     IVMInfo* CreateIVMInfoObject();

@@ -42,7 +42,6 @@ protected:
 
     // Item handling.
     int ProcessSnapSrcPathOptions(const char* xml, VirtualServer::SnapSrcPathOptions& options);
-    bool CheckForSnapPathProcessed(const char* path);
     DiskOptionIt GetDiskRestoreOptions(const std::string& diskName, VirtualServer::SnapSrcPathOptions& options,
                                        bool alternate);
 

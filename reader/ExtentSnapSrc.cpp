@@ -8,21 +8,6 @@ namespace {
 
 constexpr const char* kFn = "OnSnapSrcPath";
 
-std::vector<std::string> SplitPath(const std::string& path) {
-    std::vector<std::string> tokens;
-    std::string token;
-    for (char c : path) {
-        if (c == '\\') {
-            if (!token.empty()) tokens.push_back(token);
-            token.clear();
-        } else {
-            token += c;
-        }
-    }
-    if (!token.empty()) tokens.push_back(token);
-    return tokens;
-}
-
 }  // namespace
 
 int DataReaderVSExtent::ProcessSnapSrcPathOptions(const char* xml, VirtualServer::SnapSrcPathOptions& options) {
@@ -34,11 +19,6 @@ int DataReaderVSExtent::ProcessSnapSrcPathOptions(const char* xml, VirtualServer
               "job. XML string [%s]",
               xml);
     return 0;
-}
-
-bool DataReaderVSExtent::CheckForSnapPathProcessed(const char* path) {
-    auto it = m_processedSnapPaths.find(path ? path : "");
-    return it != m_processedSnapPaths.end() && it->second;
 }
 
 DataReaderVSExtent::DiskOptionIt DataReaderVSExtent::GetDiskRestoreOptions(const std::string& diskName,
@@ -69,7 +49,7 @@ int DataReaderVSExtent::OnSnapSrcPath(FSRSnapSrcPath* item) {
         return 0;
     }
 
-    const std::vector<std::string> tokens = SplitPath(path);
+    const std::vector<std::string> tokens = SplitSnapSrcPath(path);
     if (tokens.empty() || tokens.size() >= 4) {
         KTlog(m_hLog, 1, "Error parsing the VM Guid from the snap source path [%s]", path.c_str());
         return ~0;

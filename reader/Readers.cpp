@@ -6,4 +6,3 @@ DataReaderVSFileCollection::DataReaderVSFileCollection(CPipelayer* pipelayer, Kt
     InitKTLog("DM_FS\t", "nDATAREADERVSFS", jobId);
 }
 
-DataReaderVSFileCollection::~DataReaderVSFileCollection() = default;

@@ -253,15 +253,36 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         WriteText(files / "srv/share/big.bin", std::string(40000, 'b'));
         WriteText(files / "srv/share/notes.txt", "file collection sample\n");
         fs::create_directories(files / "srv/empty");
-        nlohmann::json sidecar = {{"fileCollectionDisks", {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}}}}};
+        // Nested folders, names with blanks, an empty file, and a file larger than the
+        // collection's read-ahead.
+        WriteText(files / "srv/share/My Documents/budget 2024.txt", "rent 1200\nfood 400\n");
+        WriteText(files / "srv/share/My Documents/2024/Q1/plan.txt", std::string(5000, 'p'));
+        WriteText(files / "var/log/empty.log", "");
+        {
+            const uint64_t archiveBytes = 2 * kMiB + 12345;
+            SparseFile archive(files / "srv/media/archive.bin", archiveBytes);
+            archive.WriteRange(0, archiveBytes, 501);
+        }
+        // A second collection that the configuration does not name: a disk of its own.
+        const fs::path homeFiles = ds2 / "fs01/home.files";
+        WriteText(homeFiles / "alice/.profile", "export EDITOR=vi\n");
+        WriteText(homeFiles / "alice/notes 1.txt", std::string(9000, 'a'));
+        fs::create_directories(homeFiles / "bob");
+        nlohmann::json sidecar = {{"fileCollectionDisks",
+                                   {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}},
+                                    {{"name", "fs01_home"}, {"folder", "home.files"}}}}};
         WriteText(ds2 / "fs01/vmguest.json", sidecar.dump(2));
-        uint64_t fcBytes = 0;
-        for (const auto& e : fs::recursive_directory_iterator(files))
-            if (e.is_regular_file()) fcBytes += e.file_size();
+        auto bytes = [](const fs::path& folder) {
+            uint64_t n = 0;
+            for (const auto& e : fs::recursive_directory_iterator(folder))
+                if (e.is_regular_file()) n += e.file_size();
+            return n;
+        };
         SparseFile raw(ds2 / "fs01/fs01_data.img", size);
         FillDisk(raw, 0, size, 401);
-        vm.disks = {Disk("fs01.vmdk", "ds2", "fs01", files, fcBytes, 2),
-                    Disk("fs01_data.img", "ds2", "fs01", ds2 / "fs01/fs01_data.img", size)};
+        vm.disks = {Disk("fs01.vmdk", "ds2", "fs01", files, bytes(files), 2),
+                    Disk("fs01_data.img", "ds2", "fs01", ds2 / "fs01/fs01_data.img", size),
+                    Disk("fs01_home", "ds2", "fs01", homeFiles, bytes(homeFiles), 2)};
         s.vms.push_back(vm);
     }
 

@@ -72,7 +72,7 @@ TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
         const char* lastLine;
     } readers[] = {
         {makeExtent(pipe1.get(), &event, 101), "DM_VSEXT\t", true, "DataReaderVSBase deleted successfully."},
-        {makeCollection(pipe2.get(), &event, 102), "DM_FS\t", false, "DataReaderVSBase deleted successfully."},
+        {makeCollection(pipe2.get(), &event, 102), "DM_FS\t", true, "DataReaderVSBase deleted successfully."},
         // The file-level reader's log ends with its own line: its log object goes first.
         {makeFileLevel(pipe3.get(), &event, 103), "DM_VSVMWARE", false, "DataReaderVMware deleted successfully."},
     };

@@ -6,6 +6,7 @@
 #include "hostapi/archive.h"
 #include "hostapi/event.h"
 #include "hostapi/filebackup.h"
+#include "hostapi/filecollection.h"
 #include "hostapi/snapsrc.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
@@ -189,6 +190,12 @@ void CountStream(const std::string& path, RunSummary& s) {
             inExtent = depth == 3 && h->path.find("\\Extent", h->path.rfind('\\')) != std::string::npos;
             extentHasData = false;
             if (depth == 2 && !h->container) ++s.configFiles;
+        } else if (auto* c = std::get_if<vshost::CollectionHeaderRecord>(&rec.body)) {
+            inExtent = false;
+            if (!c->container) {
+                ++s.nodes;
+                if (c->arg15 & FC_ATTRIBUTE_DIRECTORY) ++s.nodeFolders;
+            }
         } else if (std::holds_alternative<vshost::DataRecord>(rec.body)) {
             extentHasData = true;
         } else if (std::holds_alternative<vshost::EndOfFileRecord>(rec.body) && inExtent) {
@@ -348,9 +355,12 @@ void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& ou
         out << "  files " << s.files << ", folders " << s.folders << ", files failed " << s.filesFailed << "\n";
     else
         out << "  VMs " << s.vms << ", disks completed " << s.disks << ", configuration files " << s.configFiles << "\n";
-    if (job.reader != ReaderKind::FileLevel)
+    if (job.reader == ReaderKind::Extent)
         out << "  extents sent " << s.extentsSent << " (" << s.holeExtents << " as holes), unchanged and not sent "
         << s.extentsUnchanged << "\n";
+    if (job.reader == ReaderKind::FileCollection || s.nodes > 0)
+        out << "  file-collection nodes " << s.nodes << " (" << s.nodeFolders << " folders, " << s.nodes - s.nodeFolders
+            << " files)\n";
     out << "  read " << Human(static_cast<double>(s.dataBytes + s.holeBytes)) << " (" << Human(static_cast<double>(s.holeBytes))
         << " of holes), stream " << Human(static_cast<double>(s.streamBytes)) << " in " << std::fixed << std::setprecision(2)
         << s.seconds << " s: read " << Human(static_cast<double>(s.dataBytes + s.holeBytes) / secs) << "/s, written "

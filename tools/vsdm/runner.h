@@ -31,6 +31,7 @@ struct RunSummary {
     unsigned vms = 0, disks = 0, configFiles = 0;
     uint64_t extentsSent = 0, extentsUnchanged = 0, holeExtents = 0;
     uint64_t files = 0, folders = 0, filesFailed = 0;   // file-level entries
+    uint64_t nodes = 0, nodeFolders = 0;   // file-collection nodes, and of them folders
     uint64_t dataBytes = 0, holeBytes = 0, streamBytes = 0;
     double seconds = 0;
     bool streamComplete = false;

@@ -108,6 +108,7 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         m_entry.offset = record.offset;
         m_entry.size = h.size;
         m_entry.container = h.container;
+        m_entry.node = h;
         m_open = true;
         return true;
     }

@@ -3,6 +3,7 @@
 // they go by. Shared by list, verify and restore.
 #pragma once
 
+#include "hostapi/filecollection.h"
 #include "vshost/streamreader.h"
 
 #include <cstdint>
@@ -31,11 +32,17 @@ struct Entry {
     std::string diskKey;   // extents: the disk entry's path
     uint64_t extentNumber = 0;
     vsFileLevelInfo file;  // file-level entries
+    vshost::CollectionHeaderRecord node;   // file-collection entries: the header as written
     uint64_t dataBytes = 0;
     uint64_t holeBytes = 0;
     bool closed = false;
     bool complete = false;   // as its end-of-file record says
 };
+
+// A file-collection node that is a folder (by its attributes, the 15th header field).
+inline bool IsFolderNode(const Entry& e) {
+    return e.kind == EntryKind::CollectionNode && !e.container && (e.node.arg15 & FC_ATTRIBUTE_DIRECTORY) != 0;
+}
 
 // Number of an extent name: a converter name, or a name holding "Extent" followed by
 // the decimal number.

@@ -31,8 +31,8 @@ void EntryLine(const Entry& e, std::ostream& out) {
     std::string name = e.path;
     if (!e.closed) name += "  (no end-of-file)";
     else if (!e.complete) name += "  (closed as incomplete)";
-    const char* kind = e.container ? (e.kind == EntryKind::CollectionNode ? "node-folder" : EntryKindName(e.kind))
-                                   : EntryKindName(e.kind);
+    const char* kind = EntryKindName(e.kind);
+    if (e.kind == EntryKind::CollectionNode) kind = e.container ? "collection" : IsFolderNode(e) ? "node-folder" : "node";
     out << Row(kind, e.size, e.dataBytes, e.holeBytes, name) << "\n";
 }
 

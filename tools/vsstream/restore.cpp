@@ -59,6 +59,21 @@ void SetModeAndTimes(int fd, const vsFileLevelInfo& info) {
     ::futimens(fd, times);
 }
 
+// What a file-collection node's header says of its file or folder, in the form the
+// file-level entries use. A writer that leaves the mode out gets ordinary permissions.
+vsFileLevelInfo NodeInfo(const Entry& e) {
+    vsFileLevelInfo info;
+    info.clientPath = e.path;
+    info.size = e.size;
+    info.mode = e.node.arg18 != 0 ? e.node.arg18 : (IsFolderNode(e) ? S_IFDIR | 0755 : S_IFREG | 0644);
+    info.uid = e.node.arg19;
+    info.gid = e.node.arg20;
+    info.ctimeNs = static_cast<long long>(e.node.arg12);
+    info.atimeNs = static_cast<long long>(e.node.arg13);
+    info.mtimeNs = static_cast<long long>(e.node.arg14);
+    return info;
+}
+
 std::string Why(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
 }
@@ -144,6 +159,7 @@ void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
     m_image = nullptr;
     m_pos = 0;
     m_fileLevel = e.kind == EntryKind::FileLevel;
+    m_keepInfo = m_fileLevel || e.kind == EntryKind::CollectionNode;
     std::string why;
     if (e.kind == EntryKind::Extent) {
         const DiskGeometry* g = model.Disk(e.diskKey);
@@ -163,12 +179,17 @@ void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
     } else if (e.container) {
         Folder(m_parts, offset);
         m_target = Target::None;
+    } else if (IsFolderNode(e)) {
+        // Made now, so that an empty folder is restored too; its times are set at the end.
+        Folder(m_parts, offset);
+        m_folderTimes.push_back({m_parts, NodeInfo(e)});
+        m_target = Target::None;
     } else if (m_fileLevel && e.file.mode != 0 && !S_ISREG(e.file.mode)) {
         m_err << "offset " << offset << ": " << e.path << " is not a regular file; skipped\n";
         ++m_counts.skipped;
     } else {
         m_target = Target::File;
-        m_info = e.file;
+        m_info = e.kind == EntryKind::CollectionNode ? NodeInfo(e) : e.file;
     }
 }
 
@@ -177,7 +198,7 @@ void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
 bool Restorer::EnsureFile(uint64_t offset) {
     if (m_file.valid()) return true;
     std::string why;
-    m_file = m_root.CreateFile(m_parts, m_fileLevel ? 0600 : 0644, why);
+    m_file = m_root.CreateFile(m_parts, m_keepInfo ? 0600 : 0644, why);
     if (m_file.valid()) return true;
     Problem(offset, why);
     m_target = Target::Skip;
@@ -227,7 +248,7 @@ void Restorer::End(const Entry& e, uint64_t offset) {
         } else if (EnsureFile(offset)) {
             if (!m_file.valid()) return;
             if (::ftruncate(m_file.get(), static_cast<off_t>(m_pos)) != 0) Problem(offset, Why("cannot size file"));
-            if (m_fileLevel) SetModeAndTimes(m_file.get(), m_info);
+            if (m_keepInfo) SetModeAndTimes(m_file.get(), m_info);
             if (m_pos == 0) m_root.MarkReplaceable(m_parts);
             ++m_counts.files;
         }

@@ -67,6 +67,7 @@ private:
     Image* m_image = nullptr;
     uint64_t m_pos = 0;
     bool m_fileLevel = false;
+    bool m_keepInfo = false;   // the entry's mode and times are restored (file-level files, collection nodes)
     vsFileLevelInfo m_info;
     std::vector<FolderTimes> m_folderTimes;
     RestoreCounts m_counts;

@@ -1,0 +1,423 @@
+// The file-collection reader end to end: items of a generated snapshot go through the
+// real reader, VM-info library, file collection and archive writer; the stream is
+// decoded and compared with the folder the disk is made of. Faults come from the host's
+// own fault settings or from changing the folder under the collection.
+#include "DataReaderVSFileCollection.h"
+#include "probe.h"
+#include "temp_home.h"
+
+#include "vshost/home.h"
+#include "vshost/streamreader.h"
+#include "vssample/sample.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr KTJobID kJob = 4712;
+
+struct FCProbe : ProbePipe, DataReaderVSFileCollection {
+    explicit FCProbe(KtEvent* event, const std::string& stream)
+        : ProbePipe(stream), DataReaderVSFileCollection(pipe.get(), event, kJob) {}
+    using DataReaderVSBase::m_afileRefCount;
+    using DataReaderVSBase::m_bMatchAnyVM;
+    using DataReaderVSBase::m_pVMInfo;
+    using DataReaderVSBase::MountVM;
+};
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// What a folder holds, by node name ("srv\share\a.txt"): content, or nullopt for a folder.
+std::map<std::string, std::optional<std::string>> SourceTree(const std::string& folder) {
+    std::map<std::string, std::optional<std::string>> out;
+    for (const auto& e : fs::recursive_directory_iterator(folder)) {
+        std::string name = fs::relative(e.path(), folder).string();
+        std::replace(name.begin(), name.end(), '/', '\\');
+        if (e.is_directory()) out[name] = std::nullopt;
+        else out[name] = ReadFile(e.path().string());
+    }
+    return out;
+}
+
+// Node names in the order a collection must give them: a folder before what it holds,
+// the entries of each folder by name.
+void PreOrder(const fs::path& dir, const std::string& prefix, std::vector<std::string>& out) {
+    std::vector<fs::directory_entry> entries(fs::directory_iterator(dir), fs::directory_iterator{});
+    std::sort(entries.begin(), entries.end(),
+              [](const auto& a, const auto& b) { return a.path().filename().string() < b.path().filename().string(); });
+    for (const auto& e : entries) {
+        out.push_back(prefix + e.path().filename().string());
+        if (e.is_directory() && !e.is_symlink()) PreOrder(e.path(), out.back() + "\\", out);
+    }
+}
+
+struct Node {
+    vshost::CollectionHeaderRecord header;
+    std::string data;
+    size_t largestPiece = 0;
+    bool closed = false, complete = false;
+};
+
+struct Stream {
+    std::vector<vshost::FileHeaderRecord> files;
+    std::vector<Node> nodes;   // collection headers, the disk's own included
+    std::vector<vshost::DiskReadCompletedRecord> disksDone;
+    vshost::StreamReader::State state = vshost::StreamReader::State::Reading;
+
+    const Node* Find(const std::string& path) const {
+        for (const Node& n : nodes)
+            if (n.header.path == path) return &n;
+        return nullptr;
+    }
+    // Nodes below `disk`, by their name relative to it.
+    std::map<std::string, std::optional<std::string>> Tree(const std::string& disk) const {
+        std::map<std::string, std::optional<std::string>> out;
+        for (const Node& n : nodes) {
+            if (n.header.path.rfind(disk + "\\", 0) != 0) continue;
+            const std::string name = n.header.path.substr(disk.size() + 1);
+            if (n.header.arg15 & FC_ATTRIBUTE_DIRECTORY) out[name] = std::nullopt;
+            else out[name] = n.data;
+        }
+        return out;
+    }
+};
+
+Stream Decode(const std::string& path) {
+    Stream s;
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    vshost::StreamReader reader(fd);
+    vshost::StreamRecord rec;
+    bool inNode = false;
+    while (reader.Next(rec)) {
+        if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body)) {
+            s.files.push_back(*h);
+            inNode = false;
+        } else if (auto* c = std::get_if<vshost::CollectionHeaderRecord>(&rec.body)) {
+            s.nodes.push_back(Node{*c, {}, 0, false, false});
+            inNode = true;
+        } else if (auto* d = std::get_if<vshost::DataRecord>(&rec.body); d && inNode) {
+            s.nodes.back().data += std::string(d->bytes);
+            s.nodes.back().largestPiece = std::max(s.nodes.back().largestPiece, d->bytes.size());
+        } else if (auto* e = std::get_if<vshost::EndOfFileRecord>(&rec.body); e && inNode) {
+            s.nodes.back().closed = true;
+            s.nodes.back().complete = e->complete;
+        } else if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&rec.body)) {
+            s.disksDone.push_back(*done);
+        }
+    }
+    s.state = reader.state();
+    ::close(fd);
+    return s;
+}
+
+class FileCollections : public ::testing::Test {
+protected:
+    void SetUp() override {
+        sample = vssample::GenerateSample();
+        guid = sample.vm("fs01").biosUuid;
+        folder = sample.vm("fs01").disks[0].path;
+    }
+
+    // The reader prepared as the data mover prepares it, archive files open.
+    std::unique_ptr<FCProbe> Open(const std::string& stream) {
+        auto r = std::make_unique<FCProbe>(&event, stream.empty() ? "/dev/null" : stream);
+        EXPECT_EQ(r->Initialize(), 0);
+        r->setShortClientName(sample.mediaAgentName.c_str());
+        r->setVSInstanceType(static_cast<VirtualServerInstanceType>(102));
+        r->SetSnapEngineID(sample.snapEngineId);
+        std::string list = sample.afileList;
+        r->PreOpenArchiveFile(list.data());
+        DMInitParams init;
+        init.appId1 = sample.appId1;
+        init.appId2 = sample.appId2;
+        init.jobId = kJob;
+        init.mediaAgentName = sample.mediaAgentName;
+        DMOpenArchiveParams open;
+        open.archiveFileId = static_cast<uint32_t>(sample.afileIds[0]);
+        open.archGroupId = static_cast<uint32_t>(sample.archGroupId);
+        open.copyId = static_cast<uint32_t>(sample.copyId);
+        EXPECT_EQ(r->OpenArchiveFile(init, open), 0);
+        return r;
+    }
+    static int Item(FCProbe& r, const std::string& path, const std::string& options = "") {
+        FSRSnapSrcPath p;
+        p.sSnapSrcPath = path;
+        p.sOptionsXml = options;
+        return r.OnSnapSrcPath(&p);
+    }
+    // One job: the items in order, then every archive file closed and the reader gone.
+    std::vector<int> Run(const std::vector<std::pair<std::string, std::string>>& items, const std::string& stream) {
+        std::vector<int> results;
+        auto r = Open(home.sub(stream));
+        for (const auto& [path, options] : items) results.push_back(Item(*r, path, options));
+        for (size_t i = 0; i < sample.afileIds.size(); ++i) r->Close(1);
+        return results;
+    }
+    static std::string Options(const std::vector<VirtualServer::SnapSrcPathDiskInfo>& disks) {
+        VirtualServer::SnapSrcPathOptions o;
+        o.diskInfo = disks;
+        return o.Serialize();
+    }
+
+    vstest::TempHome home;
+    vshost::LogCapture log;
+    KtEvent event;
+    vssample::SampleSnapshot sample;
+    std::string guid, folder;
+};
+
+TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
+    ASSERT_EQ(Run({{guid, ""}}, "full.bin"), std::vector<int>{0});
+    const Stream s = Decode(home.sub("full.bin"));
+    EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
+
+    // The VM entry, then each collection disk as a container of its size followed by its
+    // nodes; the raw image of the same VM is no collection and is not read here.
+    ASSERT_EQ(s.files.size(), 1u);
+    EXPECT_EQ(s.files[0].path, "\\" + guid);
+    std::vector<std::string> done;
+    for (const vssample::SampleDisk& d : sample.vm("fs01").disks) {
+        if (d.backupType != 2) continue;
+        const std::string disk = "\\" + guid + "\\" + d.name;
+        const Node* head = s.Find(disk);
+        ASSERT_TRUE(head) << d.name;
+        EXPECT_TRUE(head->header.container);
+        EXPECT_EQ(head->header.size, d.size);
+        EXPECT_EQ(s.Tree(disk), SourceTree(d.path)) << d.name;
+        done.push_back(d.name);
+    }
+    EXPECT_EQ(done, (std::vector<std::string>{"fs01.vmdk", "fs01_home"}));
+    ASSERT_EQ(s.disksDone.size(), 2u);
+    EXPECT_EQ(s.disksDone[0].diskName, "fs01.vmdk");
+    EXPECT_EQ(s.disksDone[1].diskName, "fs01_home");
+
+    const std::string disk = "\\" + guid + "\\fs01.vmdk";
+    const auto source = SourceTree(folder);
+    ASSERT_EQ(s.nodes[0].header.path, disk);
+    EXPECT_EQ(log.Count("Done sending disk/volume [fs01.vmdk]"), source.size());
+
+    // Nodes in a stable order, each closed, its data in pieces of at most 4 KiB, its
+    // fields where the header puts them.
+    std::vector<std::string> order;
+    PreOrder(folder, "", order);
+    std::map<std::string, uint64_t> numbers;
+    uint64_t offset = 0;
+    for (size_t i = 1; i <= source.size(); ++i) {
+        const Node& n = s.nodes[i];
+        const auto& h = n.header;
+        const std::string name = h.path.substr(disk.size() + 1);
+        EXPECT_EQ(name, order.at(i - 1));
+        EXPECT_TRUE(n.closed && n.complete) << name;
+        EXPECT_LE(n.largestPiece, 4096u) << name;
+        struct stat st {};
+        std::string local = name;
+        std::replace(local.begin(), local.end(), '\\', '/');
+        ASSERT_EQ(::lstat((folder + "/" + local).c_str(), &st), 0) << name;
+        EXPECT_EQ(h.size, S_ISDIR(st.st_mode) ? 0u : static_cast<uint64_t>(st.st_size)) << name;
+        EXPECT_EQ(static_cast<uint64_t>(h.arg3), offset) << name;   // where its data lies in the disk
+        EXPECT_EQ(h.arg16, offset + h.size) << name;                 // the crossed pair: data end, then parent
+        const size_t cut = name.rfind('\\');
+        EXPECT_EQ(h.arg17, cut == std::string::npos ? 0u : numbers.at(name.substr(0, cut))) << name;
+        EXPECT_EQ(h.arg14, static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000000000u + st.st_mtim.tv_nsec) << name;
+        EXPECT_EQ(h.arg18, st.st_mode) << name;
+        EXPECT_EQ((h.arg15 & FC_ATTRIBUTE_DIRECTORY) != 0, S_ISDIR(st.st_mode)) << name;
+        numbers[name] = i;
+        offset += h.size;
+    }
+}
+
+TEST_F(FileCollections, ItemForms) {
+    const std::vector<int> results = Run({
+        {guid + "\\fs01.vmdk", ""},        // one disk
+        {guid + "\\fs01.vmdk", ""},        // the same path again
+        {guid + "\\a\\b\\c", ""},          // four components
+        {guid + "\\nosuch.vmdk", ""},      // a disk the VM lacks
+        {guid + "\\fs01_data.img\\x", ""}, // a disk that is no collection: counted, nothing sent
+    }, "forms.bin");
+    EXPECT_EQ(results, (std::vector<int>{0, 0, ~0, ~0, 0}));
+    EXPECT_TRUE(log.Contains("Path:[" + guid + "\\fs01.vmdk] already processed"));
+    EXPECT_TRUE(log.Contains("Error parsing the VM Guid from the snap source path [" + guid + "\\a\\b\\c]"));
+    EXPECT_TRUE(log.Contains("No items sent for [" + guid + "] [nosuch.vmdk]"));
+    EXPECT_EQ(log.Count("Sending VM ["), 1u);
+    const Stream s = Decode(home.sub("forms.bin"));
+    EXPECT_EQ(s.Tree("\\" + guid + "\\fs01.vmdk"), SourceTree(folder));   // sent once
+    EXPECT_TRUE(s.Tree("\\" + guid + "\\fs01_home").empty());             // and alone
+    EXPECT_EQ(s.disksDone.size(), 1u);
+
+    // A disk processed in an earlier attempt is counted, not opened and not sent.
+    log.Clear();
+    EXPECT_EQ(Run({{guid, Options({{"fs01.vmdk", "", "", 1, 0}})}}, "processed.bin"), std::vector<int>{0});
+    EXPECT_TRUE(log.Contains("OnSnapSrcPath: Disk [fs01.vmdk]: Already processed in a previous attempt of the job? [Yes]"));
+    const Stream p = Decode(home.sub("processed.bin"));
+    EXPECT_FALSE(p.Find("\\" + guid + "\\fs01.vmdk"));
+    EXPECT_EQ(p.Tree("\\" + guid + "\\fs01_home"), SourceTree(sample.vm("fs01").disks[2].path));
+
+    // An incremental item finds the disk by its second name and writes it under the first.
+    {
+        auto r = Open(home.sub("incr.bin"));
+        EXPECT_EQ(Item(*r, guid + "\\fs01.vmdk", Options({{"target.vmdk", "FS01.VMDK", "", 0, 0}})), 0);
+        EXPECT_TRUE(r->m_bMatchAnyVM);
+    }
+    const Stream incr = Decode(home.sub("incr.bin"));
+    EXPECT_EQ(incr.Tree("\\" + guid + "\\target.vmdk"), SourceTree(folder));
+    EXPECT_TRUE(incr.Tree("\\" + guid + "\\fs01.vmdk").empty());
+}
+
+TEST_F(FileCollections, FailuresEndTheDisk) {
+    // A buffer that cannot be had closes the node as incomplete and ends the disk there.
+    vshost::settings::Set("FileCollectionFaults", "GetBuffer", "-1");
+    EXPECT_EQ(Run({{guid, ""}}, "nobuffer.bin"), std::vector<int>{~0});
+    EXPECT_TRUE(log.Contains("Failed to allocate pipeline buffer"));
+    Stream s = Decode(home.sub("nobuffer.bin"));
+    ASSERT_EQ(s.nodes.size(), 3u);   // the disk, "etc", "etc\hostname"
+    EXPECT_EQ(s.nodes.back().header.path, "\\" + guid + "\\fs01.vmdk\\etc\\hostname");
+    EXPECT_TRUE(s.nodes.back().closed);
+    EXPECT_FALSE(s.nodes.back().complete);
+    EXPECT_TRUE(s.disksDone.empty());
+    vshost::settings::Erase("FileCollectionFaults", "GetBuffer");
+
+    // A failed read leaves the node without an end-of-file: the stream stays incomplete.
+    vshost::settings::Set("FileCollectionFaults", "Read", "5");
+    EXPECT_EQ(Run({{guid, ""}}, "noread.bin"), std::vector<int>{~0});
+    EXPECT_TRUE(log.Contains("Failed to backup file collection fs01.vmdk due to file collection [fs01.vmdk]"));
+    EXPECT_TRUE(log.Contains("Input/output error (errno 5)"));
+    s = Decode(home.sub("noread.bin"));
+    EXPECT_EQ(s.state, vshost::StreamReader::State::Incomplete);
+    EXPECT_FALSE(s.nodes.back().closed);
+    vshost::settings::Erase("FileCollectionFaults", "Read");
+
+    vshost::settings::Set("FileCollectionFaults", "NextNode", "5");
+    EXPECT_EQ(Run({{guid, ""}}, "nonext.bin"), std::vector<int>{~0});
+    EXPECT_TRUE(log.Contains("Failed to get next node during backing up file collection."));
+    EXPECT_EQ(Decode(home.sub("nonext.bin")).nodes.size(), 1u);
+    vshost::settings::Erase("FileCollectionFaults", "NextNode");
+
+    vshost::settings::Set("FileCollectionFaults", "Open", "13");
+    EXPECT_EQ(Run({{guid, ""}}, "noopen.bin"), std::vector<int>{~0});
+    EXPECT_TRUE(log.Contains("Failed to open disk to archive, Err=[file collection [fs01.vmdk]"));
+    EXPECT_TRUE(log.Contains("\nDisk=[fs01.vmdk]\nDiskType=[3]"));
+    vshost::settings::Erase("FileCollectionFaults", "Open");
+
+    // A stream that cannot be written: the batch holding archive.bin's data is the first
+    // to reach the disk, so the five nodes before it are all that got done.
+    log.Clear();
+    {
+        auto r = Open("/dev/full");
+        EXPECT_EQ(Item(*r, guid), ~0);
+    }
+    EXPECT_TRUE(log.Contains("Failed to send pipeline data buffer for file [fs01.vmdk]"));
+    EXPECT_FALSE(log.Contains("Failed to allocate pipeline buffer"));
+    EXPECT_EQ(log.Count("Done sending disk/volume [fs01.vmdk]"), 5u);
+}
+
+TEST_F(FileCollections, StopBetweenNodesEndsTheItemAndLeavesTheLastClose) {
+    auto r = Open(home.sub("stopped.bin"));
+    event.setAfterPolls(3);
+    ASSERT_EQ(r->m_afileRefCount, 2);
+    EXPECT_EQ(Item(*r, guid), 0);
+    EXPECT_TRUE(log.Contains("Received job interruption flag..."));
+    EXPECT_EQ(r->m_afileRefCount, 1);
+    EXPECT_EQ(r->Close(1), 0);   // the one close left unmounts
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountAllMountedVMs: All VMs unmounted"));
+    r.reset();
+    // Two nodes of the first disk; the next disk stops before its first node.
+    size_t nodes = 0;
+    for (const Node& n : Decode(home.sub("stopped.bin")).nodes) nodes += n.header.container ? 0 : 1;
+    EXPECT_EQ(nodes, 2u);
+}
+
+TEST_F(FileCollections, CollectionWalksWithoutFollowingLinksAndNoticesChanges) {
+    // Operations sit at the places callers built against them expect (8th, 10th, 17th
+    // and 18th virtual operations, destructors counted as two).
+    auto slot = [](auto member) {
+        struct {
+            uintptr_t ptr;
+            ptrdiff_t adj;
+        } raw;
+        static_assert(sizeof member == sizeof raw);
+        std::memcpy(&raw, &member, sizeof raw);
+        return (raw.ptr - 1) / sizeof(void*) + 1;   // a virtual member holds 1 + its table offset
+    };
+    EXPECT_EQ(slot(&CFileCollection::GetNextNode), 8u);
+    EXPECT_EQ(slot(&CFileCollection::ReadNode), 10u);
+    EXPECT_EQ(slot(&CFileCollection::GetBuffer), 17u);
+    EXPECT_EQ(slot(&CFileCollection::SendBuffer), 18u);
+    EXPECT_FALSE(CFileCollection::createFileCollectionInstance(1));
+
+    // Links (to a file and to a folder outside) and a name the node form cannot carry
+    // are passed over.
+    fs::create_symlink("/etc/passwd", folder + "/etc/passwd-link");
+    fs::create_directory_symlink("/etc", folder + "/etc-link");
+    std::ofstream(folder + "/etc/back\\slash") << "x";
+    // Opened through a mounted VM, as the reader opens it.
+    auto r = Open("");
+    DataReaderVMCtx vm;
+    ASSERT_EQ(r->MountVM(guid, vm, {}), 0);
+    auto c = CFileCollection::createFileCollectionInstance(VS_DISK_TYPE_FOLDER);
+    c->SetVMInfo(r->m_pVMInfo, vm.mountCtx.sVMName, vm.mountCtx.sMountedName);
+    c->SetVMDiskGuid("fs01.vmdk");
+    ASSERT_FALSE(c->Open(vm.mountCtx).IsError());
+    EXPECT_EQ(c->GetFolder(), folder);
+    std::vector<std::string> names;
+    SFileNode node;
+    CQiError err;
+    while (!(err = c->GetNextNode(node)).IsError()) names.push_back(node.sName);
+    EXPECT_TRUE(FXErrorUtil::IsVS(err, 1));
+    EXPECT_TRUE(FXErrorUtil::IsVS(c->GetNextNode(node), 1));   // and stays at the end
+    fs::remove(folder + "/etc/passwd-link");
+    fs::remove(folder + "/etc-link");
+    fs::remove(folder + "/etc/back\\slash");
+    std::vector<std::string> expected;
+    PreOrder(folder, "", expected);
+    EXPECT_EQ(names, expected);
+    EXPECT_TRUE(log.Contains("[etc/passwd-link] is neither a file nor a folder; not collected"));
+    EXPECT_TRUE(log.Contains("[etc/back\\slash] holds a backslash in its name; not collected"));
+
+    // A file larger than the read-ahead comes whole in the caller's pieces; reading
+    // stops at the size the node states.
+    ASSERT_FALSE(c->Rewind().IsError());
+    auto seek = [&](const std::string& name) {
+        while (!c->GetNextNode(node).IsError())
+            if (node.sName == name) return true;
+        return false;
+    };
+    ASSERT_TRUE(seek("srv\\media\\archive.bin"));
+    std::string data;
+    char piece[4096];
+    unsigned long got = 0;
+    while (!(err = c->ReadNode(node, piece, sizeof piece, got)).IsError() && got > 0) data.append(piece, got);
+    EXPECT_FALSE(err.IsError()) << err.AsString();
+    EXPECT_TRUE(data == ReadFile(folder + "/srv/media/archive.bin"));
+
+    // A file that shrinks, or is replaced, between its node and its reading fails to read.
+    ASSERT_TRUE(seek("srv\\share\\big.bin"));
+    ASSERT_EQ(::truncate((folder + "/srv/share/big.bin").c_str(), 100), 0);
+    err = c->ReadNode(node, piece, sizeof piece, got);
+    EXPECT_FALSE(err.IsError());
+    EXPECT_EQ(got, 100u);
+    err = c->ReadNode(node, piece, sizeof piece, got);
+    EXPECT_TRUE(FXErrorUtil::IsVS(err, VS_ERROR_NODE_CHANGED)) << err.AsString();
+    EXPECT_NE(err.AsString().find("srv/share/big.bin ends at 100 bytes; 40000 were listed"), std::string::npos);
+    ASSERT_TRUE(seek("srv\\share\\notes.txt"));
+    fs::rename(folder + "/etc/hostname", folder + "/srv/share/notes.txt");
+    err = c->ReadNode(node, piece, sizeof piece, got);
+    EXPECT_NE(err.AsString().find("was replaced after it was listed"), std::string::npos) << err.AsString();
+}
+
+}  // namespace
