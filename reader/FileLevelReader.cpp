@@ -37,16 +37,15 @@ DataReaderVMware::~DataReaderVMware() {
     m_pClBackup = nullptr;
     delete m_pNameMapper;
     m_pNameMapper = nullptr;
+    // A finishing close: the stream of a job that ran to its end gets its trailer (a
+    // stopped job's owner abandons the stream first). It comes before the log goes,
+    // since the writer reports through the reader's log.
+    if (m_pArchive) m_pArchive->close(true);
     KTlog(m_hLog, 1, "DataReaderVMware deleted successfully.");
     delete m_hLog;
     m_hLog = nullptr;
-    if (m_pArchive) {
-        // A finishing close: the stream of a job that ran to its end gets its trailer
-        // (a stopped job's owner abandons the stream first).
-        m_pArchive->close(true);
-        delete m_pArchive;
-        m_pArchive = nullptr;
-    }
+    delete m_pArchive;
+    m_pArchive = nullptr;
     cleanUp();
 }
 
