@@ -1,0 +1,7 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+uint64_t PlainXXH3_64(const void* data, size_t length, uint64_t seed);
+uint64_t PlainXXH3_128(const void* data, size_t length);
