@@ -2,8 +2,7 @@
 
 #include "sqlite.h"
 #include "vshost/catalog.h"
-
-#include <xxhash.h>
+#include "xxh3.h"
 
 #include <cstring>
 #include <mutex>

@@ -6,8 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#define XXH_STATIC_LINKING_ONLY   // XXH3_state_t on the stack
-#include <xxhash.h>
+#include "xxh3.h"
 
 namespace vshost::detail {
 
