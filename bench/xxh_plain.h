@@ -1,3 +1,4 @@
+// XXH3 straight from the library, without the host's run-time dispatch.
 #pragma once
 
 #include <cstddef>
