@@ -2,8 +2,7 @@
 
 #include "sqlite.h"
 #include "vshost/catalog.h"
-
-#include <xxhash.h>
+#include "xxh3.h"
 
 #include <cstring>
 #include <mutex>
@@ -33,6 +32,7 @@ uint64_t Get(const char* p) {
 
 Digest DigestOf(const void* data, size_t length) {
     const XXH128_hash_t h = XXH3_128bits(data, length);
+    vshost::detail::AfterVectorHash();
     return Digest{h.high64, h.low64};
 }
 

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -111,9 +112,14 @@ bool CPipelayer::Write(const void* data, std::size_t length) {
         std::lock_guard<std::mutex> lock(m_progressMutex);
         m_progress.bytesWritten = m_accepted;
     }
+    // A large piece (a data record's payload) is not copied: it goes out right behind
+    // the batch gathered so far, in the same system call.
+    if (length >= kDirectBytes) {
+        const std::size_t n = m_used;
+        m_used = 0;
+        return WriteOut(m_batch.data(), n, p, length);
+    }
     while (length > 0) {
-        // A piece at least a batch long skips the copy.
-        if (m_used == 0 && length >= m_batch.size()) return WriteOut(p, length);
         const std::size_t n = std::min(length, m_batch.size() - m_used);
         std::memcpy(m_batch.data() + m_used, p, n);
         m_used += n;
@@ -132,11 +138,19 @@ bool CPipelayer::Flush() {
     return WriteOut(m_batch.data(), n);
 }
 
-bool CPipelayer::WriteOut(const char* data, std::size_t length) {
+bool CPipelayer::WriteOut(const char* first, std::size_t firstLength, const char* second, std::size_t secondLength) {
     if (Failed()) return false;
     SigpipeGuard guard;
-    while (length > 0) {
-        const ssize_t n = ::write(m_fd, data, length);
+    iovec pieces[2] = {{const_cast<char*>(first), firstLength}, {const_cast<char*>(second), secondLength}};
+    iovec* next = pieces;
+    int count = 2;
+    while (count > 0) {
+        if (next->iov_len == 0) {
+            ++next;
+            --count;
+            continue;
+        }
+        const ssize_t n = ::writev(m_fd, next, count);
         if (n < 0) {
             const int err = errno;
             if (err == EINTR) continue;
@@ -148,8 +162,17 @@ bool CPipelayer::WriteOut(const char* data, std::size_t length) {
             m_error = "write to " + m_target + ": no progress";
             return false;
         }
-        data += n;
-        length -= static_cast<std::size_t>(n);
+        // A partial write: resume where it stopped.
+        auto done = static_cast<std::size_t>(n);
+        while (count > 0 && done >= next->iov_len) {
+            done -= next->iov_len;
+            ++next;
+            --count;
+        }
+        if (count > 0) {
+            next->iov_base = static_cast<char*>(next->iov_base) + done;
+            next->iov_len -= done;
+        }
     }
     return true;
 }

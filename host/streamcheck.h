@@ -6,15 +6,16 @@
 #include <cstddef>
 #include <cstdint>
 
-#define XXH_STATIC_LINKING_ONLY   // XXH3_state_t on the stack
-#include <xxhash.h>
+#include "xxh3.h"
 
 namespace vshost::detail {
 
 // Low 32 bits of XXH3-64 over the frame's first 8 bytes (kind, flags, length): lets a
 // decoder trust a length before it reads that many bytes.
 inline uint32_t FrameCheck(const char* frame8, uint64_t index) {
-    return static_cast<uint32_t>(XXH3_64bits_withSeed(frame8, 8, index) & 0xffffffffu);
+    const uint64_t check = XXH3_64bits_withSeed(frame8, 8, index);
+    AfterVectorHash();
+    return static_cast<uint32_t>(check & 0xffffffffu);
 }
 
 // XXH3-64 over the 12-byte frame followed by the payload. The stream header's
@@ -27,7 +28,9 @@ inline uint64_t RecordChecksum(const char* prologue, size_t prologueBytes, const
     if (prologue) XXH3_64bits_update(&state, prologue, prologueBytes);
     XXH3_64bits_update(&state, frame, frameBytes);
     if (payloadBytes > 0) XXH3_64bits_update(&state, payload, payloadBytes);
-    return XXH3_64bits_digest(&state);
+    const uint64_t sum = XXH3_64bits_digest(&state);
+    AfterVectorHash();
+    return sum;
 }
 
 }  // namespace vshost::detail

@@ -18,7 +18,9 @@ using stream::Kind;
 
 namespace {
 
-constexpr size_t kInputBytes = size_t{1} << 20;
+// Small records are read through a buffer of this size; what is left of a larger
+// payload is read straight into place.
+constexpr size_t kInputBytes = size_t{64} << 10;
 
 std::string KindText(Kind kind) {
     const char* name = stream::KindName(kind);
@@ -67,7 +69,9 @@ size_t StreamReader::Read(char* out, size_t length) {
     while (done < length) {
         if (m_inPos == m_inEnd) {
             if (m_inputDone) break;
-            const ssize_t n = ::read(m_fd, m_in.data(), m_in.size());
+            const bool direct = length - done >= m_in.size();
+            char* into = direct ? out + done : m_in.data();
+            const ssize_t n = ::read(m_fd, into, direct ? length - done : m_in.size());
             if (n < 0) {
                 const int err = errno;
                 if (err == EINTR) continue;
@@ -77,6 +81,10 @@ size_t StreamReader::Read(char* out, size_t length) {
             if (n == 0) {
                 m_inputDone = true;
                 break;
+            }
+            if (direct) {
+                done += static_cast<size_t>(n);
+                continue;
             }
             m_inPos = 0;
             m_inEnd = static_cast<size_t>(n);

@@ -5,6 +5,7 @@
 #include "detail.h"
 #include "vshost/home.h"
 #include "hostapi/log.h"
+#include "hostapi/zeroscan.h"
 #include "vdisk_layout.h"
 #include "vshost/changetrack.h"
 
@@ -41,12 +42,6 @@ unsigned long long ConfiguredExtentSize() {
         else KTlog(Log(), 1, "Ignoring extent size setting [%s]: want a number of KiB of at least 4", text.c_str());
     }
     return kb * 1024;
-}
-
-bool AllZero(const char* data, size_t length) {
-    for (size_t i = 0; i < length; ++i)
-        if (data[i] != 0) return false;
-    return true;
 }
 
 }  // namespace
@@ -194,7 +189,7 @@ CQiError CArchiveVirtualDiskFile::GetNextBlock(CAutoMemory<char>& buffer, unsign
     ctx.position = n;
     d.lastReturned = n;
 
-    if (AllZero(buffer.Ptr(), buffer.Size())) {
+    if (IsZeroFilled(buffer.Ptr(), buffer.Size())) {
         // No data now: unchanged when there was none before either, else it goes out as zeros.
         if (d.base && !d.base->extents.count(n)) buffer.SetSize(0);
         return {};

@@ -3,6 +3,7 @@
 #include "DataReaderVSExtent.h"
 
 #include "hostapi/fxfile.h"
+#include "hostapi/zeroscan.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,13 +18,6 @@ constexpr unsigned long kFirstBlockBytes = 65536;
 std::string VMPath(const std::string& vm) { return FXString::Format("\\%s", vm.c_str()); }
 std::string ItemPath(const std::string& vm, const std::string& item) {
     return FXString::Format("\\%s\\%s", vm.c_str(), item.c_str());
-}
-
-bool AllZero(const char* data, size_t length) {
-    // Stops at the first byte that is not zero: data extents cost almost nothing here.
-    for (size_t i = 0; i < length; ++i)
-        if (data[i] != 0) return false;
-    return true;
 }
 
 }  // namespace
@@ -248,7 +242,7 @@ int DataReaderVSExtent::SendDiskExtent(const std::string& vmGuid, const std::str
         KTlog(m_hLog, 1, "Failed to extent header [%s], retCode [%d]", path.c_str(), rc);
         return ~0;
     }
-    if (AllZero(buffer.Ptr(), size))
+    if (IsZeroFilled(buffer.Ptr(), size))
         m_pArchive->sendHole(size);
     else
         m_pArchive->allocateAndSendDataBuffer(buffer.Ptr(), size);

@@ -141,6 +141,57 @@ SampleDisk Disk(const std::string& name, const std::string& datastore, const std
     return d;
 }
 
+// Ids and names every generated snapshot shares, over the given datastores.
+SampleSnapshot Identity(const SampleOptions& options, std::vector<std::string> datastores) {
+    SampleSnapshot s;
+    s.snapJobId = options.snapJobId;
+    s.snapEngineId = options.snapEngineId;
+    s.datastores = std::move(datastores);
+    s.appId1 = 3;
+    s.appId2 = 17;
+    s.instanceType = options.instanceType;
+    s.mediaAgentName = "ma01";
+    s.mediaAgentClientId = 2;
+    s.archGroupId = 11;
+    s.copyId = 1;
+    s.copyPrecedence = 1;
+    return s;
+}
+
+void WriteSnapshotJson(const fs::path& root, const SampleSnapshot& s) {
+    WriteText(root / "snapshot.json",
+              nlohmann::json{{"snapJobId", s.snapJobId}, {"snapEngineId", s.snapEngineId}, {"datastores", s.datastores}}
+                  .dump(2));
+}
+
+// The rows of the host home's catalog that describe the snapshot: the media agent, the
+// application, the copy and one archive file per datastore.
+void AddCatalogRows(SampleSnapshot& s, const SampleOptions& options) {
+    vshost::Catalog catalog;
+    if (!catalog.ClientId(s.mediaAgentName)) catalog.AddClient(s.mediaAgentClientId, s.mediaAgentName);
+    vshost::AppRecord app;
+    app.appId1 = s.appId1;
+    app.appId2 = s.appId2;
+    app.instanceType = s.instanceType;
+    app.clientId = s.mediaAgentClientId;
+    catalog.AddApplication(app);
+    catalog.AddCopy(s.archGroupId, s.copyId, s.copyPrecedence);
+    for (size_t i = 0; i < s.datastores.size(); ++i) {
+        vshost::ArchiveFileRecord afile;
+        afile.afileId = options.firstAfileId + i;
+        afile.appId2 = s.appId2;
+        afile.backupJobId = s.snapJobId;
+        afile.name = "SNAP_" + std::to_string(s.snapJobId) + "_" + s.datastores[i];
+        afile.volume = std::to_string(s.snapJobId) + "/" + s.datastores[i];
+        afile.snapEngineId = s.snapEngineId;
+        afile.snapJobId = s.snapJobId;
+        afile.datastore = s.datastores[i];
+        catalog.AddArchiveFile(afile);
+        s.afileIds.push_back(afile.afileId);
+        s.afileList += (i ? "|" : "") + std::to_string(afile.afileId);
+    }
+}
+
 }  // namespace
 
 const SampleVM& SampleSnapshot::vm(const std::string& name) const {
@@ -155,19 +206,7 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
     if (options.diskSize < 4 * kMiB || options.diskSize % kMiB != 0)
         throw std::runtime_error("disk size must be a whole number of MiB, at least 4");
 
-    SampleSnapshot s;
-    s.snapJobId = options.snapJobId;
-    s.snapEngineId = options.snapEngineId;
-    s.datastores = {"ds1", "ds2"};
-    s.appId1 = 3;
-    s.appId2 = 17;
-    s.instanceType = options.instanceType;
-    s.mediaAgentName = "ma01";
-    s.mediaAgentClientId = 2;
-    s.archGroupId = 11;
-    s.copyId = 1;
-    s.copyPrecedence = 1;
-
+    SampleSnapshot s = Identity(options, {"ds1", "ds2"});
     const fs::path root = fs::path(home) / "Snapshots" / std::to_string(s.snapJobId);
     const fs::path ds1 = root / "ds1";
     const fs::path ds2 = root / "ds2";
@@ -286,33 +325,39 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         s.vms.push_back(vm);
     }
 
-    WriteText(root / "snapshot.json",
-              nlohmann::json{{"snapJobId", s.snapJobId}, {"snapEngineId", s.snapEngineId}, {"datastores", s.datastores}}
-                  .dump(2));
+    WriteSnapshotJson(root, s);
+    AddCatalogRows(s, options);
+    return s;
+}
 
-    vshost::Catalog catalog;
-    if (!catalog.ClientId(s.mediaAgentName)) catalog.AddClient(s.mediaAgentClientId, s.mediaAgentName);
-    vshost::AppRecord app;
-    app.appId1 = s.appId1;
-    app.appId2 = s.appId2;
-    app.instanceType = s.instanceType;
-    app.clientId = s.mediaAgentClientId;
-    catalog.AddApplication(app);
-    catalog.AddCopy(s.archGroupId, s.copyId, s.copyPrecedence);
-    for (size_t i = 0; i < s.datastores.size(); ++i) {
-        vshost::ArchiveFileRecord afile;
-        afile.afileId = options.firstAfileId + i;
-        afile.appId2 = s.appId2;
-        afile.backupJobId = s.snapJobId;
-        afile.name = "SNAP_" + std::to_string(s.snapJobId) + "_" + s.datastores[i];
-        afile.volume = std::to_string(s.snapJobId) + "/" + s.datastores[i];
-        afile.snapEngineId = s.snapEngineId;
-        afile.snapJobId = s.snapJobId;
-        afile.datastore = s.datastores[i];
-        catalog.AddArchiveFile(afile);
-        s.afileIds.push_back(afile.afileId);
-        s.afileList += (i ? "|" : "") + std::to_string(afile.afileId);
-    }
+SampleSnapshot GenerateImageSnapshot(const std::string& image, const SampleOptions& options) {
+    const std::string home = vshost::HomeDir();
+    if (home.empty()) throw std::runtime_error("no host home is open");
+    std::error_code ec;
+    if (!fs::is_regular_file(image, ec)) throw std::runtime_error(image + " is not a regular file");
+
+    SampleSnapshot s = Identity(options, {"ds1"});
+    const fs::path root = fs::path(home) / "Snapshots" / std::to_string(s.snapJobId);
+    const fs::path folder = root / "ds1" / "img01";
+    SampleVM vm;
+    vm.name = "img01";
+    vm.biosUuid = "564d5a11-0b0c-4d0e-8f10-1112131415aa";
+    vm.vcUuid = "5003a0b1-c2d3-e4f5-0617-28394a5b6c7d";
+    vm.folder = folder.string();
+    ConfigFiles(vm, folder,
+                Vmx(vm, {{"scsi0.present", "TRUE"}, {"scsi0:0.present", "TRUE"}, {"scsi0:0.fileName", "img01.img"}}));
+    // A hard link, not a copy: the image may be large, and the reader must see its
+    // holes as they are.
+    const fs::path disk = folder / "img01.img";
+    fs::create_hard_link(image, disk, ec);
+    if (ec)
+        throw std::runtime_error("cannot link " + image + " into the snapshot as " + disk.string() + ": " + ec.message() +
+                                 " (the image must be on the host home's file system)");
+    vm.disks = {Disk("img01.img", "ds1", "img01", disk, fs::file_size(disk))};
+    s.vms.push_back(vm);
+
+    WriteSnapshotJson(root, s);
+    AddCatalogRows(s, options);
     return s;
 }
 

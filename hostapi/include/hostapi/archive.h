@@ -56,12 +56,12 @@ struct vsStreamProgress {
 };
 
 // The pipeline: where one backup stream goes, a file or an inherited descriptor such as
-// standard output. Bytes are gathered into batches of kBatchBytes and written with
-// loops that resume after EINTR and partial writes. The first failed write (ENOSPC,
-// EPIPE, ...) fails the pipeline for good; ErrorText() says why. A write to a pipe or
-// socket whose reader went away never raises SIGPIPE: the signal is blocked in the
-// writing thread for the write and a SIGPIPE it caused is consumed, so the process's
-// disposition of SIGPIPE is left alone.
+// standard output. Bytes are gathered into batches of kBatchBytes (large pieces go out
+// behind the batch without a copy) and written with loops that resume after EINTR and
+// partial writes. The first failed write (ENOSPC, EPIPE, ...) fails the pipeline for
+// good; ErrorText() says why. A write to a pipe or socket whose reader went away never
+// raises SIGPIPE: the signal is blocked in the writing thread for the write and a
+// SIGPIPE it caused is consumed, so the process's disposition of SIGPIPE is left alone.
 //
 // The pipeline also holds the state of its stream (identity, open entry, totals), so
 // that several archive writers attached to it write one consistent stream. Not safe
@@ -69,6 +69,9 @@ struct vsStreamProgress {
 class VS_HOST_API CPipelayer {
 public:
     static constexpr std::size_t kBatchBytes = std::size_t{1} << 20;
+    // Pieces at least this long (data payloads) are written from the caller's memory
+    // behind the batch, not copied into it.
+    static constexpr std::size_t kDirectBytes = std::size_t{64} << 10;
 
     // Creates or truncates `path` (mode 0600 before the umask). Null with `error` set
     // when it cannot be opened.
@@ -112,7 +115,9 @@ private:
 
     CPipelayer(int fd, bool owned, std::string target);
     bool Write(const void* data, std::size_t length);
-    bool WriteOut(const char* data, std::size_t length);
+    // Writes both pieces in order, resuming after EINTR and partial writes.
+    bool WriteOut(const char* first, std::size_t firstLength, const char* second = nullptr,
+                  std::size_t secondLength = 0);
     void NoteProgress(const vsStreamTotals& totals, const std::string* entry);
     vshost::detail::StreamEncoder& Encoder();
 

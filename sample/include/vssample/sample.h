@@ -59,4 +59,10 @@ struct SampleOptions {
 // with the reason when a file or row cannot be written.
 SampleSnapshot GenerateSample(const SampleOptions& options = {});
 
+// A snapshot of one VM, img01 on datastore ds1, whose only disk is the raw image
+// `image` (hard-linked into the VM folder as img01.img, so the image must be on the
+// home's file system), with its catalog rows. For benchmarks and tests over images of
+// any size and layout; options.diskSize is not used.
+SampleSnapshot GenerateImageSnapshot(const std::string& image, const SampleOptions& options = {});
+
 }  // namespace vssample

@@ -91,12 +91,16 @@ TEST(StreamSink, InterruptedAndPartialWritesThroughAPipeLoseNothing) {
     std::thread reader([&] { decoded = DecodeFd(fds[0]); });
     std::string disk = Pattern(6u << 20, 9);
     std::fill(disk.begin() + (2u << 20), disk.begin() + (3u << 20), '\0');
+    // Small records gathered into a batch bigger than the pipe holds, then a payload
+    // that goes out behind it in the same write.
+    const std::string config = Pattern(200u << 10, 3);
     {
         auto pipe = CPipelayer::OpenFd(fds[1]);
         vsSim sim;
         vsArchive w(nullptr, nullptr, &sim, "hub");
         EXPECT_EQ(w.init(pipe.get(), nullptr, "c"), 0);   // no ASSERT: the reader thread must be joined
         SendVM(w, "vm1");
+        SendConfig(w, "vm1", "vm1.nvram", config);
         SendDisk(w, "vm1", "disk0", disk, 1u << 20);
         EXPECT_EQ(w.close(true), 0) << w.lastError();
     }
@@ -113,5 +117,5 @@ TEST(StreamSink, InterruptedAndPartialWritesThroughAPipeLoseNothing) {
         if (d.record.kind == vshost::stream::Kind::Data) rebuilt += d.bytes;
         if (auto* h = std::get_if<vshost::HoleRecord>(&d.record.body)) rebuilt += std::string(h->length, '\0');
     }
-    EXPECT_TRUE(rebuilt == disk);
+    EXPECT_TRUE(rebuilt == config + disk);
 }
