@@ -55,7 +55,8 @@ JobDescription ParseJobText(const std::string& text, const std::string& origin) 
     json doc;
     try {
         doc = json::parse(text);
-    } catch (const json::parse_error& e) {
+    } catch (const json::exception& e) {
+        // Syntax errors and numbers beyond what JSON numbers here can hold alike.
         throw std::runtime_error(origin + ": not valid JSON: " + e.what());
     }
     if (!doc.is_object()) throw std::runtime_error(origin + ": a job file holds one JSON object");

@@ -75,6 +75,8 @@ TEST(VsdmJobFile, MistakesNameTheirField) {
     noAgent.erase("mediaAgent");
     EXPECT_THROW(vsdm::ParseJob(noAgent.dump(), "j", "/base"), std::runtime_error);
     EXPECT_THROW(vsdm::ParseJob("{\"jobId\": 7,", "j", "/base"), std::runtime_error);
+    // A number too large for any number type is bad input too, not a crash.
+    EXPECT_THROW(vsdm::ParseJob("{\"jobId\": 5e555555}", "j", "/base"), std::runtime_error);
 }
 
 TEST(VsdmRun, ExitStatusesAndTheStreamOnStandardOutput) {
