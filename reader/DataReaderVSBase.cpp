@@ -1,6 +1,9 @@
 // Reader lifecycle: construction, initialisation, archive-file list, open and close.
 #include "DataReaderVSBase.h"
 
+#include "hostapi/archive.h"
+#include "hostapi/counter.h"
+
 #include "hostapi/fileutil.h"
 #include "hostapi/armgr.h"
 #include "hostapi/platform.h"
@@ -64,6 +67,26 @@ DataReaderVSBase::~DataReaderVSBase() {
 
     delete m_hLog;
     m_hLog = nullptr;
+}
+
+int DataReaderVSBase::CreateArchiveWriter(CPipelayer* pipe, vsSim* sim, const std::string& clientName,
+                                          vsArchive*& out) {
+    out = new (std::nothrow) vsArchive(nullptr, nullptr, sim, m_sHubServerHostName);
+    if (!out) {
+        KTlog(m_hLog, 1, "Failed to allocate KTArchive object.");
+        return ~0;
+    }
+    if (out->init(pipe, m_hLog, clientName) != 0) {
+        KTlog(m_hLog, 1, "Failed to attach to KTArchive to pipeline.");
+        return ~0;
+    }
+    return 0;
+}
+
+void DataReaderVSBase::StartSpeedCounter(CMediaSpeedCounter& counter, const char* name) {
+    counter.Init(name, 0);
+    counter.Reset();
+    counter.EnableLogging();
 }
 
 void DataReaderVSBase::InitKTLog(const char* tag, const char* debugKey, KTJobID jobId) {

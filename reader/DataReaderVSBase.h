@@ -17,6 +17,9 @@
 #include <vector>
 
 class CPipelayer;
+class CMediaSpeedCounter;
+class vsArchive;
+class vsSim;
 
 #define VS_READER_EXPORT __attribute__((visibility("default")))
 
@@ -98,6 +101,13 @@ protected:
     bool DownloadSnapXMLFromIndex(const MountCtx& ctx);
     std::string CreateTempMountPointDirectoryForRemoteCache(const std::string& name);
     bool GetVMClientInfo(MountCtx& ctx);
+
+    // The archive writer each reader owns: created into `out` and attached to `pipe`
+    // under `clientName`; ~0 after logging which step failed (`out` may then hold a
+    // writer that is not attached, freed with the reader).
+    int CreateArchiveWriter(CPipelayer* pipe, vsSim* sim, const std::string& clientName, vsArchive*& out);
+    // Names, zeroes and starts logging one of a reader's speed counters.
+    static void StartSpeedCounter(CMediaSpeedCounter& counter, const char* name);
 
     // Reports the VM-info library's last error for `ctx` to the job.
     void CheckVMInfoError(IVMInfo* vmInfo, MountCtx& ctx);

@@ -27,23 +27,9 @@ int DataReaderVSFileCollection::Initialize() {
     const int rc = DataReaderVSBase::Initialize();
     if (rc != 0) return rc;
 
-    m_readSpeed.Init("Virtual Disk Read Speed", 0);
-    m_readSpeed.Reset();
-    m_readSpeed.EnableLogging();
-    m_writeSpeed.Init("Pipeline Write Speed", 0);
-    m_writeSpeed.Reset();
-    m_writeSpeed.EnableLogging();
-
-    m_pArchive = new (std::nothrow) vsArchive(nullptr, nullptr, &m_vsSim, m_sHubServerHostName);
-    if (!m_pArchive) {
-        KTlog(m_hLog, 1, "Failed to allocate KTArchive object.");
-        return ~0;
-    }
-    if (m_pArchive->init(m_pPipelayer, m_hLog, m_sShortClientName) != 0) {
-        KTlog(m_hLog, 1, "Failed to attach to KTArchive to pipeline.");
-        return ~0;
-    }
-    return 0;
+    StartSpeedCounter(m_readSpeed, "Virtual Disk Read Speed");
+    StartSpeedCounter(m_writeSpeed, "Pipeline Write Speed");
+    return CreateArchiveWriter(m_pPipelayer, &m_vsSim, m_sShortClientName, m_pArchive);
 }
 
 int DataReaderVSFileCollection::OpenArchiveFile(const DMInitParams& initParams,

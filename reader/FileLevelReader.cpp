@@ -53,16 +53,8 @@ int DataReaderVMware::Initialize() {
     const int rc = DataReaderVSBase::Initialize();
     if (rc != 0) return rc;
 
-    m_pArchive = new (std::nothrow) vsArchive(nullptr, nullptr, &m_vsSim, m_sHubServerHostName);
-    if (!m_pArchive) {
-        KTlog(m_hLog, 1, "Failed to allocate KTArchive object.");
-        return ~0;
-    }
     m_sArchiveName = m_sShortClientName;
-    if (m_pArchive->init(m_pPipe, m_hLog, m_sArchiveName) != 0) {
-        KTlog(m_hLog, 1, "Failed to attach to KTArchive to pipeline.");
-        return ~0;
-    }
+    if (CreateArchiveWriter(m_pPipe, &m_vsSim, m_sArchiveName, m_pArchive) != 0) return ~0;
     m_pClBackup = new (std::nothrow) ClBackupFile(m_pPipe, m_pStopEvent, true);
     if (!m_pClBackup) {
         KTlog(m_hLog, 1, "Failed to allocate ClBackupW2kFile object.");
