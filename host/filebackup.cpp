@@ -2,6 +2,8 @@
 // mapper, opened below its volume's root only, and sent as a file-level entry.
 #include "hostapi/filebackup.h"
 
+#include "vshost/fd.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -16,29 +18,7 @@
 
 namespace {
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : m_fd(fd) {}
-    ~Fd() { Reset(); }
-    Fd(Fd&& o) noexcept : m_fd(o.m_fd) { o.m_fd = -1; }
-    Fd& operator=(Fd&& o) noexcept {
-        if (this != &o) {
-            Reset();
-            m_fd = o.m_fd;
-            o.m_fd = -1;
-        }
-        return *this;
-    }
-    int get() const { return m_fd; }
-    bool valid() const { return m_fd >= 0; }
-    void Reset() {
-        if (m_fd >= 0) ::close(m_fd);
-        m_fd = -1;
-    }
-
-private:
-    int m_fd;
-};
+using vshost::Fd;
 
 // Opens `relative` below the folder `root` refers to. Links in the middle of the path
 // are followed only while they stay below the root; the last component is followed

@@ -6,6 +6,8 @@
 // pieces.
 #include "hostapi/filecollection.h"
 
+#include "vshost/fd.h"
+
 #include "hostapi/archive.h"
 #include "hostapi/log.h"
 #include "vshost/home.h"
@@ -51,33 +53,11 @@ unsigned long long Ns(const timespec& t) {
     return static_cast<unsigned long long>(t.tv_sec) * 1000000000ull + static_cast<unsigned long long>(t.tv_nsec);
 }
 
-class OwnedFd {
-public:
-    OwnedFd() = default;
-    explicit OwnedFd(int fd) : m_fd(fd) {}
-    ~OwnedFd() { Reset(); }
-    OwnedFd(OwnedFd&& o) noexcept : m_fd(std::exchange(o.m_fd, -1)) {}
-    OwnedFd& operator=(OwnedFd&& o) noexcept {
-        if (this != &o) {
-            Reset();
-            m_fd = std::exchange(o.m_fd, -1);
-        }
-        return *this;
-    }
-    int get() const { return m_fd; }
-    bool valid() const { return m_fd >= 0; }
-    void Reset() {
-        if (m_fd >= 0) ::close(m_fd);
-        m_fd = -1;
-    }
-
-private:
-    int m_fd = -1;
-};
+using vshost::Fd;
 
 // One folder on the way down: its descriptor and its entries in node order.
 struct Level {
-    OwnedFd fd;
+    Fd fd;
     std::vector<std::string> names;
     size_t next = 0;
     unsigned long long number = 0;   // the folder's node number; 0 for the top
@@ -149,7 +129,7 @@ private:
         std::string shown;                  // for messages: relative to the collection, with slashes
         dev_t device = 0;
         ino_t inode = 0;
-        OwnedFd fd;                         // opened on the first read
+        Fd fd;                         // opened on the first read
     };
 
     CQiError Start();
@@ -218,7 +198,7 @@ CQiError FolderCollection::Start() {
     }
     // The folder the snapshot declares is taken as it is; below it nothing is followed.
     Level top;
-    top.fd = OwnedFd(::open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    top.fd = Fd(::open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!top.fd.valid()) return CQiError::FromErrno(Label() + ": cannot open folder " + m_folder);
     if (CQiError err = ListFolder(top.fd.get(), m_folder, top.names); err.IsError()) return err;
     m_levels.push_back(std::move(top));
@@ -301,7 +281,7 @@ CQiError FolderCollection::GetNextNode(SFileNode& node) {
 
         if (S_ISDIR(st.st_mode)) {
             Level below;
-            below.fd = OwnedFd(::openat(level.fd.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            below.fd = Fd(::openat(level.fd.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (!below.fd.valid()) return CQiError::FromErrno(Label() + ": cannot enter folder " + shown);
             if (CQiError err = ListFolder(below.fd.get(), shown, below.names); err.IsError()) return err;
             below.number = node.ullNodeNumber;
@@ -340,7 +320,7 @@ CQiError FolderCollection::ReadNode(SFileNode& node, char* buffer, unsigned long
             int fd = ::openat(c.parentFd, c.name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
             if (fd < 0 && errno == EPERM) fd = ::openat(c.parentFd, c.name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
             if (fd < 0) return CQiError::FromErrno(Label() + ": cannot open " + c.shown);
-            c.fd = OwnedFd(fd);
+            c.fd = Fd(fd);
             struct stat st {};
             if (::fstat(fd, &st) != 0) return CQiError::FromErrno(Label() + ": cannot inspect " + c.shown);
             if (!S_ISREG(st.st_mode) || st.st_ino != c.inode || st.st_dev != c.device)

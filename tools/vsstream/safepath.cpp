@@ -42,11 +42,6 @@ std::string Errno(int err) {
 
 }  // namespace
 
-void Fd::Reset() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
-}
-
 bool SplitEntryPath(std::string_view path, PathParts& parts, std::string& why) {
     if (path.empty() || path.front() != '\\') {
         why = "entry name [" + std::string(path) + "] does not begin with a backslash";

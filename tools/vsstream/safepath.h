@@ -5,6 +5,8 @@
 // an earlier run or another user left there) stops the walk instead of leading out.
 #pragma once
 
+#include "vshost/fd.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -24,32 +26,7 @@ bool SplitEntryPath(std::string_view path, PathParts& parts, std::string& why);
 bool SplitClientPath(std::string_view path, PathParts& parts, std::string& why);
 std::string JoinParts(const PathParts& parts, size_t count);
 
-// Owns a descriptor that closes on destruction.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : m_fd(fd) {}
-    ~Fd() { Reset(); }
-    Fd(Fd&& o) noexcept : m_fd(o.Release()) {}
-    Fd& operator=(Fd&& o) noexcept {
-        if (this != &o) {
-            Reset();
-            m_fd = o.Release();
-        }
-        return *this;
-    }
-    int get() const { return m_fd; }
-    bool valid() const { return m_fd >= 0; }
-    int Release() {
-        int fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
-    void Reset();
-
-private:
-    int m_fd = -1;
-};
+using Fd = vshost::Fd;
 
 class SafeRoot {
 public:
