@@ -143,12 +143,23 @@ int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::strin
     if (int rc = Attached(); rc != kOk) return rc;
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(diskName).Bytes(changeId);
-    const int rc = Result(m_pipe->Encoder().Between(Kind::DiskReadCompleted, p.str()));
-    // The disk reader's digests of the pass that just ended become the state a later
-    // read under `changeId` compares with; only once the stream records the disk as read.
-    if (rc == kOk && !changeId.empty()) {
+    int rc = Result(m_pipe->Encoder().Between(Kind::DiskReadCompleted, p.str()));
+    // The catalog may only say a disk was read once its marker has left the batch: a
+    // job killed after that leaves a stream that holds the disk whole, one killed
+    // before it leaves a catalog that does not count on it.
+    if (rc == kOk) rc = Result(m_pipe->Encoder().Flush());
+    if (rc == kOk) {
         try {
             vshost::changetrack::RecordJobDisk(m_jobId, {vmGuid, diskName, changeId});
+        } catch (const std::exception& e) {
+            KTlog(m_log, 1, "Cannot record disk [%s] as read by job [%lld]: %s", diskName.c_str(),
+                  static_cast<long long>(m_jobId), e.what());
+        }
+    }
+    // The disk reader's digests of the pass that just ended become the state a later
+    // read under `changeId` compares with.
+    if (rc == kOk && !changeId.empty()) {
+        try {
             if (!vshost::changetrack::CommitCompletedPass(changeId))
                 KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
                       "from it reads the whole disk", changeId.c_str(), diskName.c_str());

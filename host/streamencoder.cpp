@@ -37,6 +37,11 @@ int StreamEncoder::Fail(int status, std::string why) {
     return status;
 }
 
+int StreamEncoder::Flush() {
+    if (!m_sink.Flush()) return Fail(vsArchive::kErrPipeline, "the pipeline failed: " + m_sink.ErrorText());
+    return vsArchive::kOk;
+}
+
 // The checks every call makes first: a failed pipeline outranks any other complaint.
 int StreamEncoder::Ready() {
     if (m_sink.Failed()) return Fail(vsArchive::kErrPipeline, "the pipeline failed: " + m_sink.ErrorText());

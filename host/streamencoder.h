@@ -46,6 +46,8 @@ public:
     int EndEntry(bool complete, uint32_t arg);
     // Records that go between entries.
     int Between(stream::Kind kind, std::string_view payload);
+    // Hands every batched byte to the target now.
+    int Flush();
     // Fails when the pipeline failed or the trailer is written.
     int Ready();
     // Fails unless an entry that may hold data is open.

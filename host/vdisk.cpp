@@ -44,6 +44,15 @@ unsigned long long ConfiguredExtentSize() {
     return kb * 1024;
 }
 
+// [VDiskFaults] <disk file name>=<n>: reading extent n of that disk fails with EIO, as
+// a failing datastore would (tests).
+std::optional<unsigned long long> FaultyExtent(const std::string& path) {
+    std::string text;
+    const std::string name = path.substr(path.find_last_of('/') + 1);
+    if (!vshost::settings::Get("VDiskFaults", name, text)) return std::nullopt;
+    return vshost::detail::ParseWholeNumber(text);
+}
+
 }  // namespace
 
 struct CArchiveVirtualDiskFile::Impl {
@@ -59,6 +68,7 @@ struct CArchiveVirtualDiskFile::Impl {
     unsigned long long lastReturned = kNoExtentYet;
     ct::DiskDigests pass;   // digests of the extents with data seen by the current pass
     bool passWhole = false;
+    std::optional<unsigned long long> faultyExtent;
 
     unsigned long long ExtentCount() const { return (layout.size + extentSize - 1) / extentSize; }
     unsigned long long ExtentBytes(unsigned long long n) const {
@@ -80,7 +90,9 @@ struct CArchiveVirtualDiskFile::Impl {
     CQiError Read(CAutoMemory<char>& buffer, unsigned long long n) {
         const unsigned long long bytes = ExtentBytes(n);
         buffer.Reserve(extentSize);
-        CQiError err = layout.Read(buffer.Ptr(), n * extentSize, bytes);
+        CQiError err = faultyExtent == n ? CQiError(EIO, "read extent " + std::to_string(n) + " of " + path +
+                                                             ": input/output error (injected)")
+                                         : layout.Read(buffer.Ptr(), n * extentSize, bytes);
         buffer.SetSize(err.IsError() ? 0 : bytes);
         return err;
     }
@@ -129,6 +141,7 @@ CQiError CArchiveVirtualDiskFile::Open(const std::string& path, DiskType_t diskT
     CQiError err = vshost::vdisk::Layout::Open(path, diskType, m_impl->layout);
     if (err.IsError()) return err;
     m_impl->extentSize = ConfiguredExtentSize();
+    m_impl->faultyExtent = FaultyExtent(path);
     m_impl->open = true;
     m_impl->inPass = false;
     m_impl->LoadBase();

@@ -72,8 +72,19 @@ CQiError Layout::Open(const std::string& path, int, Layout& out) {
             seg.fileOffset = extent.offsetSectors * 512;
             seg.fd = ::open(extent.file.c_str(), O_RDONLY | O_CLOEXEC);
             if (seg.fd < 0) return CQiError::FromErrno("open extent " + extent.file + " of " + path);
+            layout.m_segments.push_back(seg);   // owns the descriptor from here on
+            // A flat file always spans its whole extent, even when thin; a shorter one
+            // lost its end, and reading it as zeros would back up a damaged disk as sound.
+            struct stat st{};
+            if (fstat(seg.fd, &st) != 0) return CQiError::FromErrno("stat extent " + extent.file + " of " + path);
+            const uint64_t needed = seg.fileOffset + seg.length;
+            if (static_cast<uint64_t>(st.st_size) < needed)
+                return CQiError(EIO, "extent file " + extent.file + " of " + path + " holds " +
+                                         std::to_string(st.st_size) + " bytes, the descriptor needs " +
+                                         std::to_string(needed) + ": the image is cut short");
+        } else {
+            layout.m_segments.push_back(seg);
         }
-        layout.m_segments.push_back(seg);   // owns the descriptor from here on
         diskOffset += seg.length;
     }
     layout.size = diskOffset;
@@ -102,10 +113,10 @@ CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
                     if (errno == EINTR) continue;
                     return CQiError::FromErrno("read " + seg.file);
                 }
-                if (n == 0) {   // past the end of a short file: zeros
-                    std::memset(out + done, 0, take - done);
-                    break;
-                }
+                if (n == 0)   // the file was cut short after it was opened
+                    return CQiError(EIO, seg.file + " ends before byte " +
+                                             std::to_string(seg.fileOffset + (offset - seg.diskOffset) + take) +
+                                             ": the image was cut short while it was read");
                 done += static_cast<uint64_t>(n);
             }
         }

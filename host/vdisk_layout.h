@@ -24,7 +24,7 @@ public:
     // A raw image, or a VMDK descriptor whose extents are flat files or zero ranges.
     static CQiError Open(const std::string& path, int diskType, Layout& out);
 
-    // Reads [offset, offset + length) of the disk; ranges past a file's end read as zeros.
+    // Reads [offset, offset + length) of the disk; a file that ends early is an error.
     CQiError Read(char* dest, uint64_t offset, uint64_t length) const;
     // The first disk offset at or after `from` that may hold data; none past the last.
     std::optional<uint64_t> NextData(uint64_t from) const;

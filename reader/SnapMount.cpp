@@ -33,6 +33,8 @@ int DataReaderVSBase::MountSnap() {
         if (made.IsError())
             KTlog(m_hLog, 1, "%s: Failed to create job results folder [%s]: %s", kFn, m_sJobResultsDir.c_str(),
                   made.AsString().c_str());
+        else
+            m_sJobResultsFolder = m_sJobResultsDir;   // removed by the destructor even when the mount fails
     }
 
     if (m_afileIds.empty()) return 0;

@@ -26,6 +26,11 @@ int main(int argc, char** argv) {
                     "read each disk against the change id that job JOBID recorded for it");
 
     std::string keep;
+    std::string resume;
+    run->add_option("--resume", resume,
+                    "STREAM of a stopped attempt of this job: skip the disks it holds whole, go on inside the one it "
+                    "was reading");
+
     CLI::App* demo = app.add_subcommand("demo", "back up a generated sample snapshot, restore it, compare");
     demo->add_option("--keep", keep, "build in this (new or empty) folder and leave it there");
     CLI11_PARSE(app, argc, argv);
@@ -52,6 +57,7 @@ int main(int argc, char** argv) {
     vsdm::RunOptions options;
     options.out = out;
     options.incrementalFrom = incrementalFrom;
+    options.resumeFrom = resume;
     options.progress = isatty(STDERR_FILENO) != 0;
     try {
         const vsdm::RunSummary summary = vsdm::RunJob(job, options, std::cerr);

@@ -1,4 +1,5 @@
 #include "runner.h"
+#include "resume.h"
 
 #include "Factories.h"
 #include "DataReaderVSBase.h"
@@ -127,7 +128,7 @@ private:
 // Change ids of what job `from` completed, as options of the items of that VM.
 void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
     const auto disks = vshost::changetrack::JobDisks(from);
-    if (disks.empty())
+    if (std::none_of(disks.begin(), disks.end(), [](const auto& d) { return !d.changeId.empty(); }))
         throw std::runtime_error("job " + std::to_string(from) + " recorded no disks with change ids to build on");
     for (JobItem& item : job.items) {
         const std::string vm = item.path.substr(0, item.path.find('\\'));
@@ -138,7 +139,7 @@ void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
         options.useCBT = 1;
         size_t added = 0;
         for (const auto& d : disks) {
-            if (d.vmGuid != vm) continue;
+            if (d.vmGuid != vm || d.changeId.empty()) continue;
             bool known = false;
             for (auto& entry : options.diskInfo)
                 if (entry.diskName == d.diskName) {
@@ -232,6 +233,13 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     if (!options.out.empty()) job.out = options.out;
     if (job.out.empty()) throw std::runtime_error("no stream target: give --out FILE (or - for standard output)");
     if (options.incrementalFrom != 0) FillIncremental(job, options.incrementalFrom, report);
+    if (!options.resumeFrom.empty()) {
+        std::error_code ec;
+        if (options.resumeFrom == job.out || std::filesystem::equivalent(options.resumeFrom, job.out, ec))
+            throw std::runtime_error("the resumed attempt needs a stream of its own: give --out another file than " +
+                                     options.resumeFrom);
+        ApplyResume(job, options.resumeFrom, report);
+    }
     vshost::RegisterJob(job.host);
 
     Plugin plugin(PluginPath());

@@ -23,6 +23,7 @@ enum ExitStatus : int {
 struct RunOptions {
     std::string out;                 // overrides the job's "out"
     int64_t incrementalFrom = 0;     // fill change ids from what this job recorded
+    std::string resumeFrom;          // stream of a stopped attempt of this job to go on from
     bool progress = false;           // progress line on stderr
 };
 

@@ -137,6 +137,7 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
             DiskGeometry& g = m_disks[m_entry.diskKey];
             ++g.extents;
             if (m_entry.dataBytes == 0) ++g.holeExtents;
+            if (m_entry.complete) g.nextExtent = std::max(g.nextExtent, m_entry.extentNumber + 1);
         }
         return true;
     case Kind::DiskInfo: {
@@ -150,9 +151,21 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         }
         return true;
     }
+    case Kind::DiskReadCompleted: {
+        const auto& d = std::get<vshost::DiskReadCompletedRecord>(record.body);
+        m_disks["\\" + d.vmGuid + "\\" + d.diskName].readCompleted = true;
+        return true;
+    }
     default:
         return true;
     }
+}
+
+std::vector<std::string> EntryModel::IncompleteDisks() const {
+    std::vector<std::string> out;
+    for (const auto& [key, g] : m_disks)
+        if (g.hasEntry && !g.readCompleted) out.push_back(key);
+    return out;
 }
 
 }  // namespace vsstream

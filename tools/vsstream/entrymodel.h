@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace vsstream {
 
@@ -21,6 +22,8 @@ struct DiskGeometry {
     bool hasEntry = false;   // from a disk entry; otherwise from a disk-info record only
     uint64_t extents = 0;    // extent entries seen
     uint64_t holeExtents = 0;   // of which held no data, only holes
+    bool readCompleted = false;   // the reader marked the disk done; else it failed or was stopped
+    uint64_t nextExtent = 0;      // one past the highest extent that arrived whole
 };
 
 struct Entry {
@@ -60,6 +63,8 @@ public:
     const Entry& entry() const { return m_entry; }
     const DiskGeometry* Disk(const std::string& key) const;
     const std::map<std::string, DiskGeometry>& disks() const { return m_disks; }
+    // Disks whose entry began but that the reader never marked done.
+    std::vector<std::string> IncompleteDisks() const;
 
 private:
     bool Classify(std::string& why);

@@ -90,7 +90,10 @@ int RunList(int fd, std::ostream& out, std::ostream& err) {
     for (const auto& [key, g] : model.disks()) {
         if (!g.hasEntry && g.extents == 0) continue;
         out << "disk " << key << ": size " << g.size << ", extent size " << g.extentSize << ", " << g.extents
-            << " extents sent, " << g.holeExtents << " of them holes\n";
+            << " extents sent, " << g.holeExtents << " of them holes"
+            << (!g.hasEntry         ? "\n"
+                : g.readCompleted ? ", read completed\n"
+                                  : ", INCOMPLETE: the reader did not finish it (the disk failed or the job stopped)\n");
     }
     return Conclude(reader, problems, err);
 }

@@ -69,6 +69,8 @@ int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& 
     if (c.abandoned) out << "; " << c.abandoned << " entries were incomplete in the stream";
     if (c.problems) out << "; " << c.problems << " problems";
     out << "\n";
+    for (const std::string& disk : model.IncompleteDisks())
+        out << "disk " << disk << ": incomplete in the stream, its image holds only what was read\n";
     return Conclude(reader, c.problems > 0, err);
 }
 

@@ -26,6 +26,9 @@ int RunVerify(int fd, std::ostream& out, std::ostream& err) {
     out << verdict << ": " << t.records << " records, " << t.entries
         << " entries (" << t.badEntries << " closed as incomplete), " << t.directories << " folders, " << t.dataBytes
         << " data bytes, " << t.holeBytes << " hole bytes, " << reader.offset() << " bytes read\n";
+    // A sound stream may still hold disks the reader gave up on: say which.
+    for (const std::string& disk : model.IncompleteDisks())
+        out << "disk " << disk << ": incomplete, the reader did not finish it\n";
     return code;
 }
 

@@ -1,5 +1,6 @@
 // The archive writer: what a VM's calls become, refused calls, shared pipelines.
 #include "stream_support.h"
+#include "vshost/changetrack.h"
 #include "vshost/home.h"
 
 #include <gtest/gtest.h>
@@ -238,4 +239,38 @@ TEST(StreamWriter, OnlyACleanCloseByTheLastWriterEndsTheStream) {
         EXPECT_EQ(r.state, vshost::StreamReader::State::Complete) << r.error;
         EXPECT_EQ(r.records.size(), 2u);
     }
+}
+
+// The catalog counts a disk as read only once its marker is in the target, not merely
+// in the writer's batch: a job killed right after must not leave the catalog claiming a
+// disk that its stream lacks.
+TEST(StreamWriter, ADiskIsRecordedAsReadOnlyOnceItsMarkerIsWritten) {
+    TempHome home;
+    {
+        StreamFile s(home.sub("vm.stream"));
+        s.writer.SetJobId(77);
+        SendVM(s.writer, "vm1");
+        SendDisk(s.writer, "vm1", "disk0.vmdk", Pattern(4096, 3), 1024);
+        const DecodeResult onDisk = DecodeBytes(s.Bytes());   // the writer is still open
+        ASSERT_FALSE(onDisk.records.empty());
+        EXPECT_EQ(onDisk.records.back().record.kind, Kind::DiskReadCompleted);
+        const auto recorded = vshost::changetrack::JobDisks(77);
+        ASSERT_EQ(recorded.size(), 1u);
+        EXPECT_EQ(recorded[0].diskName, "disk0.vmdk");
+        EXPECT_EQ(recorded[0].changeId, "change-1");
+    }
+    // A target that takes nothing: the marker never lands, and nothing is recorded.
+    CQiError err;
+    auto full = CPipelayer::OpenFile("/dev/full", err);
+    ASSERT_TRUE(full) << err.AsString();
+    KTLogObject log;
+    InitKTlog(&log, "DM_TEST\t", "", 0);
+    vsSim sim;
+    vsArchive writer{nullptr, nullptr, &sim, "hub1"};
+    ASSERT_EQ(writer.init(full.get(), &log, "client1"), 0);
+    writer.SetJobId(78);
+    ASSERT_EQ(Header(writer, "\\vm1", 0, true), 0);
+    ASSERT_EQ(writer.sendEOF(true, 0), 0);
+    EXPECT_NE(writer.sendDiskReadCompleted("vm1", "disk0.vmdk", "change-2"), 0);
+    EXPECT_TRUE(vshost::changetrack::JobDisks(78).empty());
 }

@@ -1,0 +1,132 @@
+// Running vsdm and vsstream as a user does, for the tests of whole jobs.
+#pragma once
+
+#include "temp_home.h"
+#include "vssample/sample.h"
+
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <cstdio>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <poll.h>
+#include <spawn.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace vstest {
+
+struct RunResult {
+    int status = -1;      // exit status; 128 + signal when killed
+    std::string output;   // stdout and stderr
+};
+
+inline RunResult Shell(const std::string& command) {
+    RunResult r;
+    FILE* p = popen((command + " 2>&1").c_str(), "r");
+    std::array<char, 4096> buf{};
+    size_t n = 0;
+    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.output.append(buf.data(), n);
+    const int rc = pclose(p);
+    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : WIFSIGNALED(rc) ? 128 + WTERMSIG(rc) : 128;
+    return r;
+}
+
+inline std::string Vsdm() { return "'" VSDM_TOOL "'"; }
+inline std::string Vsstream() { return "'" VSSTREAM_TOOL "'"; }
+
+inline std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// An extent job over the sample snapshot with the given items (VM or disk paths).
+inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnapshot& s, int jobId,
+                                const std::vector<std::string>& paths) {
+    nlohmann::json items = nlohmann::json::array();
+    for (const std::string& p : paths) items.push_back({{"path", p}});
+    return {{"jobId", jobId},
+            {"appId", {s.appId1, s.appId2}},
+            {"jobOptions", nlohmann::json::object()},
+            {"mediaAgent", s.mediaAgentName},
+            {"archiveFiles", s.afileIds},
+            {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
+            {"home", home.path()},
+            {"items", items}};
+}
+
+// vsdm writing into a FIFO that this test reads at its own pace: the job can be
+// caught at a known point of its stream and signalled there.
+class SlowConsumerRun {
+public:
+    SlowConsumerRun(const TempHome& home, const std::string& jobFile, const std::vector<std::string>& extraArgs = {})
+        : m_errPath(home.sub("run.err")) {
+        const std::string fifo = home.sub("stream.fifo");
+        ::unlink(fifo.c_str());
+        if (mkfifo(fifo.c_str(), 0600) != 0) return;
+        m_read = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);   // so that vsdm's open does not wait
+        const std::string tool = VSDM_TOOL;
+        std::vector<std::string> args = {tool, "run", jobFile, "--out", fifo};
+        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+        std::vector<char*> argv;
+        for (std::string& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (posix_spawn(&m_pid, tool.c_str(), &actions, nullptr, argv.data(), environ) != 0) m_pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~SlowConsumerRun() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+        if (m_read >= 0) close(m_read);
+    }
+    bool started() const { return m_pid > 0 && m_read >= 0; }
+
+    // Reads until the stream holds at least `bytes` (false if it ended first).
+    bool ReadUntil(size_t bytes) {
+        pollfd pfd{m_read, POLLIN, 0};
+        if (m_stream.empty()) {
+            if (poll(&pfd, 1, 30000) != 1) return false;
+            fcntl(m_read, F_SETFL, 0);
+        }
+        std::array<char, 65536> buf{};
+        while (m_stream.size() < bytes) {
+            const ssize_t n = read(m_read, buf.data(), std::min(buf.size(), bytes - m_stream.size()));
+            if (n <= 0) return false;
+            m_stream.append(buf.data(), static_cast<size_t>(n));
+        }
+        return true;
+    }
+    // Sends `signal` while vsdm waits on this consumer, takes the rest, and returns the
+    // wait status.
+    int SignalAndDrain(int signal) {
+        usleep(200000);
+        kill(m_pid, signal);
+        std::array<char, 65536> buf{};
+        ssize_t n = 0;
+        while ((n = read(m_read, buf.data(), buf.size())) > 0) m_stream.append(buf.data(), static_cast<size_t>(n));
+        int wstatus = 0;
+        waitpid(m_pid, &wstatus, 0);
+        m_pid = -1;
+        return wstatus;
+    }
+    const std::string& stream() const { return m_stream; }
+    std::string errors() const { return ReadAll(m_errPath); }
+
+private:
+    std::string m_errPath;
+    int m_read = -1;
+    pid_t m_pid = -1;
+    std::string m_stream;
+};
+
+}  // namespace vstest
