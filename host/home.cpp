@@ -40,7 +40,9 @@ HomeState LoadHome(const std::string& dir) {
     st.dir = std::filesystem::absolute(dir).lexically_normal().string();
     if (st.dir.size() > 1 && st.dir.back() == '/') st.dir.pop_back();
 
-    MakeFolder(st.dir, 0755);
+    // Everything here is the owner's alone: the catalog holds stored credentials, the
+    // logs and job results name servers, VMs and guest files.
+    MakeFolder(st.dir, 0700);
     const std::string keys = st.dir + "/keys";
     MakeFolder(keys, 0700);
     // The key folder may predate us or the umask may have widened it; it holds secrets.
@@ -49,15 +51,20 @@ HomeState LoadHome(const std::string& dir) {
         CQiError err = CQiError::FromErrno("chmod " + keys);
         throw std::runtime_error("cannot restrict the key folder to its owner: " + err.AsString());
     }
-    MakeFolder(st.dir + "/IndexCache", 0755);
-    MakeFolder(st.dir + "/JobResults", 0755);
-    MakeFolder(st.dir + "/Log Files", 0755);
+    MakeFolder(st.dir + "/IndexCache", 0700);
+    MakeFolder(st.dir + "/JobResults", 0700);
+    MakeFolder(st.dir + "/Log Files", 0700);
+    // SQLite would create the catalog with the umask's mode, and its journals follow it.
+    const std::string catalog = st.dir + "/catalog.db";
+    const int db = open(catalog.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (db < 0) throw std::runtime_error("cannot create the catalog: " + CQiError::FromErrno(catalog).AsString());
+    close(db);
 
     const std::string ini = st.dir + "/settings.ini";
     if (CQiPath::Exists(ini)) st.settings = ReadSettingsFile(ini);
 
     const std::string log = st.dir + "/Log Files/vsreader.log";
-    st.logFd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    st.logFd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (st.logFd < 0) throw std::runtime_error("cannot open log file: " + CQiError::FromErrno(log).AsString());
     return st;
 }

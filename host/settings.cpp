@@ -1,4 +1,5 @@
 // The settings store and its settings.ini form.
+#include "atomicfile.h"
 #include "detail.h"
 #include "hostapi/fileutil.h"
 #include "vshost/home.h"
@@ -78,29 +79,16 @@ SettingsMap ReadSettingsFile(const std::string& path) {
 }
 
 void WriteSettingsFile(const std::string& path, const SettingsMap& settings) {
-    // Written aside and renamed so a reader never sees half a file.
-    const std::string tmp = path + ".tmp." + std::to_string(getpid());
-    {
-        std::ofstream out(tmp, std::ios::trunc);
-        if (!out) throw std::runtime_error("cannot write " + tmp);
-        bool first = true;
-        for (const auto& [section, keys] : settings) {
-            if (keys.empty()) continue;
-            out << (first ? "" : "\n") << '[' << section << "]\n";
-            first = false;
-            for (const auto& [key, value] : keys) out << key << '=' << value << '\n';
-        }
-        out.flush();
-        if (!out) {
-            unlink(tmp.c_str());
-            throw std::runtime_error("cannot write " + tmp);
-        }
+    std::string text;
+    for (const auto& [section, keys] : settings) {
+        if (keys.empty()) continue;
+        text += (text.empty() ? "[" : "\n[") + section + "]\n";
+        for (const auto& [key, value] : keys) text += key + '=' + value + '\n';
     }
-    if (std::rename(tmp.c_str(), path.c_str()) != 0) {
-        CQiError err = CQiError::FromErrno("rename " + tmp);
-        unlink(tmp.c_str());
-        throw std::runtime_error(err.AsString());
-    }
+    // Written aside and renamed so a reader never sees half a file; only the owner reads it.
+    AtomicFile file(path, 0600);
+    if (!file.Ok() || !file.Write(text.data(), text.size()) || !file.Commit())
+        throw std::runtime_error("cannot write " + path + ": " + file.Error());
 }
 
 std::optional<std::string> Setting(const std::string& section, const std::string& key) {

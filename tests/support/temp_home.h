@@ -3,13 +3,47 @@
 
 #include "vshost/home.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace vstest {
+
+// Plain passwords this test hands to the system. Before a home is removed, every file
+// in it (logs, catalog, settings, job results, streams, restores) is searched for them:
+// a password may only ever be kept in its stored form.
+inline std::set<std::string>& PlainSecrets() {
+    static std::set<std::string> secrets;
+    return secrets;
+}
+inline std::string Secret(const std::string& plain) {
+    PlainSecrets().insert(plain);
+    return plain;
+}
+
+// The files under `dir` that hold one of the plain passwords, with the password.
+inline std::vector<std::string> FilesHoldingSecrets(const std::string& dir) {
+    std::vector<std::string> found;
+    if (PlainSecrets().empty()) return found;
+    std::error_code ec;
+    for (auto it = std::filesystem::recursive_directory_iterator(dir, ec);
+         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+        if (!it->is_regular_file(ec) || it->is_symlink(ec)) continue;
+        std::ifstream in(it->path(), std::ios::binary);
+        const std::string content{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        for (const std::string& secret : PlainSecrets())
+            if (content.find(secret) != std::string::npos) found.push_back(it->path().string() + ": " + secret);
+    }
+    return found;
+}
 
 class TempHome {
 public:
@@ -22,6 +56,7 @@ public:
     }
     ~TempHome() {
         vshost::CloseHome();
+        for (const std::string& hit : FilesHoldingSecrets(m_path)) ADD_FAILURE() << "plain password in " << hit;
         std::error_code ec;
         std::filesystem::remove_all(m_path, ec);
     }

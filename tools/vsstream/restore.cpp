@@ -54,7 +54,9 @@ timespec FromNs(long long ns) {
 }
 
 void SetModeAndTimes(int fd, const vsFileLevelInfo& info) {
-    ::fchmod(fd, static_cast<mode_t>(info.mode & 07777));
+    // Permission bits only: a stream never makes a set-user-id or set-group-id file,
+    // whoever runs the restore.
+    ::fchmod(fd, static_cast<mode_t>(info.mode & 0777));
     const timespec times[2] = {FromNs(info.atimeNs), FromNs(info.mtimeNs)};
     ::futimens(fd, times);
 }

@@ -58,9 +58,9 @@ TEST(CatalogTest, CredentialsKeepOrderAndDecrypt) {
     app.snapMountEsxServer = "esx09";
     app.indexingV2 = true;
     cat.AddApplication(app);
-    cat.AddCredential(1, 2, Cred("h1", "vc01", "pw-one"));
+    cat.AddCredential(1, 2, Cred("h1", "vc01", vstest::Secret("pw-one")));
     cat.AddCredential(1, 3, Cred("hx", "VC01", "pw-x"));
-    cat.AddCredential(1, 2, Cred("h2", "esx02", "pw-two", 2));
+    cat.AddCredential(1, 2, Cred("h2", "esx02", vstest::Secret("pw-two"), 2));
     cat.AddCredential(1, 2, Cred("h3", "esx03", ""));
     auto stored = cat.Credentials(1, 2);
     ASSERT_EQ(stored.size(), 3u);
@@ -89,7 +89,8 @@ TEST(CatalogTest, UndecryptablePasswordFailsWholeList) {
     vstest::TempHome first;
     vshost::Catalog().AddCredential(1, 2, Cred("h1", "vc01", "pw"));
     vstest::TempHome second;   // another key
-    std::filesystem::copy_file(first.sub("catalog.db"), second.sub("catalog.db"));
+    std::filesystem::copy_file(first.sub("catalog.db"), second.sub("catalog.db"),
+                                 std::filesystem::copy_options::overwrite_existing);
     vshost::LogCapture cap;
     vsAppMgr mgr;
     mgr.setAppId(1, 2);

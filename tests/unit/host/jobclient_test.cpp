@@ -107,6 +107,7 @@ TEST(JobClientTest, UnrecordableCauseIsLoggedNotThrown) {
 
     vstest::TempHome home;
     // A catalog that cannot be opened fails the same way.
+    std::filesystem::remove(home.sub("catalog.db"));
     std::filesystem::create_directory(home.sub("catalog.db"));
     EXPECT_EQ(Raise(c, 0x5B00001A), -1);
     EXPECT_EQ(log.Count("cause [0x5B00001A] of job [42] not recorded"), 1u);

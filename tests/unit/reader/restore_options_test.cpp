@@ -146,7 +146,7 @@ TEST_F(RestoreOptions, NoServerInTheTaskTakesTheDefaultRecords) {
 
 TEST_F(RestoreOptions, OwnServerWithATaskPasswordDecryptsIt) {
     catalog.AddApplication(App(9, 100, "vc1"));
-    const std::string stored = vsAppMgr::encryptPassword("s3cret!");
+    const std::string stored = vsAppMgr::encryptPassword(vstest::Secret("s3cret!"));
     job.taskOptions = {{77, "VC1"}, {82, "esx7"}, {75, "admin"}, {76, stored}};
     Probe r(&event, kJob);
     EXPECT_EQ(Settle(r), 1);
@@ -290,7 +290,7 @@ TEST_F(RestoreOptions, CrossServerRestoresMountThroughTheSourceServer) {
 
     // V2 restoring to the parent's own server: user and password from the task.
     job.taskOptions[77] = "VC-SRC";
-    job.taskOptions[76] = vsAppMgr::encryptPassword("task-pw");
+    job.taskOptions[76] = vsAppMgr::encryptPassword(vstest::Secret("task-pw"));
     {
         Probe r(&event, kJob);
         EXPECT_EQ(Settle(r), 1);

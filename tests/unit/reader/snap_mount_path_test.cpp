@@ -61,7 +61,7 @@ TEST_F(SnapMountPath, ConfiguredProxyEsxWinsForLaterCallersToo) {
 // The whole flow with a real stored password: the clear text reaches the VM-info library
 // but never a log line or the log file; its length and the stored form do.
 TEST_F(SnapMountPath, ClearPasswordNeverReachesTheLog) {
-    const std::string plain = "Tr0ub4dor&3";
+    const std::string plain = vstest::Secret("Tr0ub4dor&3");
     vshost::Catalog catalog;
     vshost::AppRecord app;
     app.appId1 = 3;

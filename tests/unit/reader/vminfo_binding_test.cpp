@@ -36,7 +36,7 @@ protected:
         catalog.AddApplication(app);
         vshost::JobDescription job;
         job.jobId = kJob;
-        job.taskOptions = {{77, server}, {82, "esx1"}, {75, user}, {76, vsAppMgr::encryptPassword(password)}};
+        job.taskOptions = {{77, server}, {82, "esx1"}, {75, user}, {76, vsAppMgr::encryptPassword(vstest::Secret(password))}};
         vshost::RegisterJob(job);
     }
 

@@ -85,6 +85,9 @@ TEST(StreamRestore, EveryEntryKindLandsInItsPlace) {
         w.allocateAndSendDataBuffer("127.0.0.1", 9);
         w.sendHole(3);   // a file-level file may end in a hole
         ASSERT_EQ(w.sendEOF(true, 0), 0);
+        ASSERT_EQ(w.sendFileLevelHeader({"/etc/su", 2, 0106755, 0, 0, 0, 0, 0}), 0);   // set-user-id and -group-id
+        w.allocateAndSendDataBuffer("#!", 2);
+        ASSERT_EQ(w.sendEOF(true, 0), 0);
         ASSERT_EQ(w.sendFileLevelHeader({"/etc/link", 5, 0120777, 0, 0, 0, 0, 0}), 0);
         w.allocateAndSendDataBuffer("hosts", 5);
         ASSERT_EQ(w.sendEOF(true, 0), 0);
@@ -110,9 +113,11 @@ TEST(StreamRestore, EveryEntryKindLandsInItsPlace) {
     ASSERT_EQ(stat((dir + "/etc").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0750u);
     EXPECT_EQ(st.st_mtim.tv_sec, 1600000000);
+    ASSERT_EQ(stat((dir + "/etc/su").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
     EXPECT_FALSE(fs::exists(fs::symlink_status(dir + "/etc/link")));
     EXPECT_NE(r.err.find("/etc/link is not a regular file; skipped"), std::string::npos) << r.err;
-    EXPECT_NE(r.out.find("restored 4 files, 1 disk images (5 extents)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("restored 5 files, 1 disk images (5 extents)"), std::string::npos) << r.out;
 }
 
 TEST(StreamRestore, IncrementalsOntoAnEarlierRestoreGiveTheNewDisk) {
