@@ -81,9 +81,21 @@ void vsArchive::SetJobToken(const char* token) {
     PushIdentity();
 }
 
+// A writer that failed inside an entry may leave it without its end-of-file. The next
+// header, or the last writer's final close, ends it as incomplete, so that the rest of
+// the job still goes into a sound stream and the entry is counted as bad.
+int vsArchive::EndDanglingEntry() {
+    vshost::detail::StreamEncoder& encoder = m_pipe->Encoder();
+    if (!encoder.EntryOpen()) return kOk;
+    KTlog(m_log, 1, "vsArchive: entry [%s] was left open; ended as incomplete", encoder.OpenPath().c_str());
+    m_lentOut = false;
+    return Result(encoder.EndEntry(false, 0));
+}
+
 int vsArchive::close(bool finish) {
     if (!m_pipe) return kOk;
     m_lentOut = false;
+    if (finish && m_pipe->Encoder().Writers() == 1) EndDanglingEntry();
     const int rc = Result(m_pipe->Encoder().Detach(finish));
     m_pipe = nullptr;
     return rc;
@@ -100,6 +112,7 @@ int vsArchive::sendFileHeader(const std::string& path, unsigned long long size, 
     PayloadBuilder p;
     p.Bytes(path).U64(size).I64(arg3).Bool(container).Bool(arg5).Bool(arg6).I32(arg7).U32(extentSize).I32(arg9);
     p.U64(arg10).Bool(arg11).Bool(arg12).Bool(arg13);
+    if (int rc = EndDanglingEntry(); rc != kOk) return rc;
     return Result(m_pipe->Encoder().BeginEntry(Kind::FileHeader, p.str(), container, path));
 }
 
@@ -114,6 +127,7 @@ int vsArchive::sendFCFileHeader(const std::string& path, unsigned long long size
     p.Bytes(path).U64(size).I64(arg3).Bool(container).Bool(arg5).I32(arg6).U32(arg7).I32(arg8).U64(arg9);
     p.Bool(arg10).Bool(arg11).U64(arg12).U64(arg13).U64(arg14).U32(arg15).U64(arg16).U64(arg17);
     p.U32(arg18).U32(arg19).U32(arg20).U32(arg21);
+    if (int rc = EndDanglingEntry(); rc != kOk) return rc;
     return Result(m_pipe->Encoder().BeginEntry(Kind::CollectionHeader, p.str(), container, path));
 }
 
@@ -242,6 +256,7 @@ std::string FileLevelPayload(const vsFileLevelInfo& f) {
 
 int vsArchive::sendFileLevelHeader(const vsFileLevelInfo& file) {
     if (int rc = Attached(); rc != kOk) return rc;
+    if (int rc = EndDanglingEntry(); rc != kOk) return rc;
     return Result(m_pipe->Encoder().BeginEntry(Kind::FileLevelHeader, FileLevelPayload(file), false, file.clientPath));
 }
 

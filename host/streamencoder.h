@@ -54,6 +54,9 @@ public:
     int CheckContent(const char* what);
 
     const vsStreamTotals& Totals() const { return m_totals; }
+    bool EntryOpen() const { return m_open != Open::None; }
+    const std::string& OpenPath() const { return m_openPath; }
+    int Writers() const { return m_writers; }
     bool Finished() const { return m_finished; }
     const std::string& Error() const { return m_error; }
 

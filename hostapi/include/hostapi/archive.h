@@ -217,6 +217,7 @@ private:
     int Attached();
     int Result(int status);
     int Refuse(int status, std::string why);
+    int EndDanglingEntry();
     void PushIdentity();
 
     CPipelayer* m_pipe = nullptr;

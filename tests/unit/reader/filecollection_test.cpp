@@ -292,14 +292,18 @@ TEST_F(FileCollections, FailuresEndTheDisk) {
     EXPECT_TRUE(s.disksDone.empty());
     vshost::settings::Erase("FileCollectionFaults", "GetBuffer");
 
-    // A failed read leaves the node without an end-of-file: the stream stays incomplete.
+    // A failed read leaves the node without an end-of-file from the reader; the writer
+    // ends it as incomplete at the close, and the stream is still whole.
     vshost::settings::Set("FileCollectionFaults", "Read", "5");
     EXPECT_EQ(Run({{guid, ""}}, "noread.bin"), std::vector<int>{~0});
     EXPECT_TRUE(log.Contains("Failed to backup file collection fs01.vmdk due to file collection [fs01.vmdk]"));
     EXPECT_TRUE(log.Contains("Input/output error (errno 5)"));
+    EXPECT_TRUE(log.Contains("was left open; ended as incomplete"));
     s = Decode(home.sub("noread.bin"));
-    EXPECT_EQ(s.state, vshost::StreamReader::State::Incomplete);
-    EXPECT_FALSE(s.nodes.back().closed);
+    EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
+    EXPECT_TRUE(s.nodes.back().closed);
+    EXPECT_FALSE(s.nodes.back().complete);
+    EXPECT_TRUE(s.disksDone.empty());
     vshost::settings::Erase("FileCollectionFaults", "Read");
 
     vshost::settings::Set("FileCollectionFaults", "NextNode", "5");
