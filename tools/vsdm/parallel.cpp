@@ -218,6 +218,7 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
         return total;
     }
 
+    const std::string self = SelfPath();
     // The signals are taken synchronously below; a child is reaped only there, so a pid
     // that a signal is forwarded to is always still this run's child.
     sigset_t handled, old;
@@ -227,7 +228,6 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
     sigaddset(&handled, SIGCHLD);
     pthread_sigmask(SIG_BLOCK, &handled, &old);
 
-    const std::string self = SelfPath();
     for (Child& c : children) Spawn(c, self, o);
 
     bool stopped = false;
