@@ -49,6 +49,7 @@ struct Child {
     std::vector<size_t> share;
     pid_t pid = -1;
     int reportFd = -1;      // read end of its report pipe
+    std::string report;     // what came through it
     bool running = false;
     int waitStatus = 0;
     std::string why;        // set when it could not be started
@@ -58,7 +59,7 @@ struct Child {
 // and its report pipe on kChildReportFd.
 void Spawn(Child& c, const std::string& self, const StreamsOptions& o) {
     int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0 || ::fcntl(pipeFds[0], F_SETFL, O_NONBLOCK) != 0) {
         c.why = std::string("no report pipe: ") + std::strerror(errno);
         return;
     }
@@ -99,16 +100,21 @@ void Spawn(Child& c, const std::string& self, const StreamsOptions& o) {
     c.running = true;
 }
 
-std::string ReadAll(int fd) {
-    std::string text;
+// Takes what the child's report pipe holds now (a report larger than the pipe's buffer
+// would otherwise hold the child up at its end); closes it at its end.
+void TakeReport(Child& c) {
     char buf[4096];
-    for (;;) {
-        const ssize_t n = ::read(fd, buf, sizeof buf);
+    while (c.reportFd >= 0) {
+        const ssize_t n = ::read(c.reportFd, buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        text.append(buf, static_cast<size_t>(n));
+        if (n < 0 && errno == EAGAIN) return;
+        if (n <= 0) {
+            ::close(c.reportFd);
+            c.reportFd = -1;
+            return;
+        }
+        c.report.append(buf, static_cast<size_t>(n));
     }
-    return text;
 }
 
 void Add(RunSummary& total, const RunSummary& s) {
@@ -241,9 +247,10 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
                 c.waitStatus = st;
             }
         }
+        for (Child& c : children) TakeReport(c);
         if (std::none_of(children.begin(), children.end(), [](const Child& c) { return c.running; })) break;
-        siginfo_t info{};
-        const int sig = sigwaitinfo(&handled, &info);
+        const timespec tick{0, 50 * 1000 * 1000};
+        const int sig = sigtimedwait(&handled, nullptr, &tick);
         if (sig == SIGINT || sig == SIGTERM) {
             stopped = true;
             for (const Child& c : children)
@@ -265,10 +272,9 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
         RunSummary s;
         const std::string name = "stream " + std::to_string(c.number) + " (" + c.path + ")";
         bool reported = false;
-        if (c.reportFd >= 0) {
-            reported = DecodeSummary(ReadAll(c.reportFd), s);
-            ::close(c.reportFd);
-        }
+        TakeReport(c);
+        if (c.reportFd >= 0) ::close(c.reportFd);
+        reported = !c.report.empty() && DecodeSummary(c.report, s);
         int childStatus = kExitJobFailed;
         if (!c.why.empty()) {
             report << "vsdm: " << name << " " << c.why << "\n";
