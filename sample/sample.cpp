@@ -331,30 +331,42 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
 }
 
 SampleSnapshot GenerateImageSnapshot(const std::string& image, const SampleOptions& options) {
+    return GenerateImagesSnapshot({image}, options);
+}
+
+SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, const SampleOptions& options) {
     const std::string home = vshost::HomeDir();
     if (home.empty()) throw std::runtime_error("no host home is open");
+    if (images.empty() || images.size() > 99) throw std::runtime_error("a snapshot of images holds 1 to 99 of them");
     std::error_code ec;
-    if (!fs::is_regular_file(image, ec)) throw std::runtime_error(image + " is not a regular file");
+    for (const std::string& image : images)
+        if (!fs::is_regular_file(image, ec)) throw std::runtime_error(image + " is not a regular file");
 
     SampleSnapshot s = Identity(options, {"ds1"});
     const fs::path root = fs::path(home) / "Snapshots" / std::to_string(s.snapJobId);
-    const fs::path folder = root / "ds1" / "img01";
-    SampleVM vm;
-    vm.name = "img01";
-    vm.biosUuid = "564d5a11-0b0c-4d0e-8f10-1112131415aa";
-    vm.vcUuid = "5003a0b1-c2d3-e4f5-0617-28394a5b6c7d";
-    vm.folder = folder.string();
-    ConfigFiles(vm, folder,
-                Vmx(vm, {{"scsi0.present", "TRUE"}, {"scsi0:0.present", "TRUE"}, {"scsi0:0.fileName", "img01.img"}}));
-    // A hard link, not a copy: the image may be large, and the reader must see its
-    // holes as they are.
-    const fs::path disk = folder / "img01.img";
-    fs::create_hard_link(image, disk, ec);
-    if (ec)
-        throw std::runtime_error("cannot link " + image + " into the snapshot as " + disk.string() + ": " + ec.message() +
-                                 " (the image must be on the host home's file system)");
-    vm.disks = {Disk("img01.img", "ds1", "img01", disk, fs::file_size(disk))};
-    s.vms.push_back(vm);
+    for (size_t i = 0; i < images.size(); ++i) {
+        char number[8];
+        std::snprintf(number, sizeof number, "%02zu", (i + 1) % 100);
+        SampleVM vm;
+        vm.name = std::string("img") + number;
+        // The first VM keeps the identity it had when snapshots held one image.
+        vm.biosUuid = std::string("564d5a11-0b0c-4d0e-8f10-1112131415") + (i == 0 ? "aa" : number);
+        vm.vcUuid = std::string("5003a0b1-c2d3-e4f5-0617-28394a5b6c") + (i == 0 ? "7d" : number);
+        const fs::path folder = root / "ds1" / vm.name;
+        vm.folder = folder.string();
+        const std::string file = vm.name + ".img";
+        ConfigFiles(vm, folder,
+                    Vmx(vm, {{"scsi0.present", "TRUE"}, {"scsi0:0.present", "TRUE"}, {"scsi0:0.fileName", file}}));
+        // A hard link, not a copy: the image may be large, and the reader must see its
+        // holes as they are.
+        const fs::path disk = folder / file;
+        fs::create_hard_link(images[i], disk, ec);
+        if (ec)
+            throw std::runtime_error("cannot link " + images[i] + " into the snapshot as " + disk.string() + ": " +
+                                     ec.message() + " (the image must be on the host home's file system)");
+        vm.disks = {Disk(file, "ds1", vm.name, disk, fs::file_size(disk))};
+        s.vms.push_back(vm);
+    }
 
     WriteSnapshotJson(root, s);
     AddCatalogRows(s, options);

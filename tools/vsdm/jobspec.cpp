@@ -98,6 +98,9 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
         it.clientPath = Text(item, "clientPath", where);
         if (it.clientPath.empty()) it.clientPath = it.path;
         it.fileFilterCount = Number<int32_t>(item, "filter", where, 0);
+        if (item.contains("bytes") && !item["bytes"].is_number_unsigned())
+            Bad(where, "bytes", "must be a whole number of bytes, 0 or more");
+        it.expectedBytes = Number<uint64_t>(item, "bytes", where, 0);
         job.items.push_back(it);
     }
 

@@ -19,6 +19,9 @@ struct JobItem {
     // are filtered by the path's last component.
     std::string clientPath;
     int32_t fileFilterCount = 0;
+    // What the scheduler expects the item to read, in bytes; 0 when not known. Only
+    // used to balance the items of a parallel run over its streams.
+    uint64_t expectedBytes = 0;
 };
 
 struct DataMoverJob {

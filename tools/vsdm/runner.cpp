@@ -154,7 +154,6 @@ void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
     }
 }
 
-// What the stream holds, read back from its file.
 // One file-level item: the VM and volume mounted, the collect file listed, its files sent.
 int RunFileLevelItem(DataReaderVMware& reader, const JobItem& item) {
     if (reader.OnSnapSrcPath(item.path.c_str()) != 0) return -1;
@@ -167,6 +166,9 @@ int RunFileLevelItem(DataReaderVMware& reader, const JobItem& item) {
     return reader.SendFiles(collectFile.c_str()) == 0 ? 0 : -1;
 }
 
+}  // namespace
+
+// What the stream holds, read back from its file.
 void CountStream(const std::string& path, RunSummary& s) {
     // Only a regular file can be read back; a pipe or FIFO has handed its bytes on.
     struct stat sb {};
@@ -212,11 +214,16 @@ void CountStream(const std::string& path, RunSummary& s) {
     }
     ::close(fd);
     s.vms = static_cast<unsigned>(vms.size());
+    s.vmPaths.assign(vms.begin(), vms.end());
     s.extentsUnchanged = allocated > dataExtents ? allocated - dataExtents : 0;
     s.streamComplete = reader.state() == vshost::StreamReader::State::Complete;
+    if (s.streamBytes == 0) {
+        // Not counted while writing (a stream another process left): take the decoder's totals.
+        s.dataBytes = reader.counted().dataBytes;
+        s.holeBytes = reader.counted().holeBytes;
+        s.streamBytes = reader.offset();
+    }
 }
-
-}  // namespace
 
 std::string PluginPath() {
     char self[4096];
@@ -232,6 +239,11 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     const auto started = std::chrono::steady_clock::now();
     if (!options.out.empty()) job.out = options.out;
     if (job.out.empty()) throw std::runtime_error("no stream target: give --out FILE (or - for standard output)");
+    if (options.share) {
+        std::vector<JobItem> mine;
+        for (size_t i : *options.share) mine.push_back(job.items.at(i));
+        job.items = std::move(mine);
+    }
     if (options.incrementalFrom != 0) FillIncremental(job, options.incrementalFrom, report);
     if (!options.resumeFrom.empty()) {
         std::error_code ec;
@@ -373,8 +385,14 @@ void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& ou
         << " of holes), stream " << Human(static_cast<double>(s.streamBytes)) << " in " << std::fixed << std::setprecision(2)
         << s.seconds << " s: read " << Human(static_cast<double>(s.dataBytes + s.holeBytes) / secs) << "/s, written "
         << Human(static_cast<double>(s.streamBytes) / secs) << "/s\n";
-    out << "  stream " << (job.out == "-" ? std::string("standard output") : job.out) << ": "
-        << (s.streamComplete ? "complete" : "INCOMPLETE") << "\n";
+    if (s.streams > 1) {
+        out << "  stream set " << job.out << " (" << s.streams << " streams): " << (s.streamComplete ? "complete" : "INCOMPLETE")
+            << "\n";
+        for (const std::string& why : s.incompleteStreams) out << "    INCOMPLETE " << why << "\n";
+    } else {
+        out << "  stream " << (job.out == "-" ? std::string("standard output") : job.out) << ": "
+            << (s.streamComplete ? "complete" : "INCOMPLETE") << "\n";
+    }
     const auto causes = vshost::PendingCauses(job.host.jobId);
     for (const auto& c : causes) {
         out << "  pending cause 0x" << std::hex << std::uppercase << c.causeId << std::dec << std::nouppercase;

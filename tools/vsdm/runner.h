@@ -5,8 +5,10 @@
 #include "jobspec.h"
 
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace vsdm {
 
@@ -25,6 +27,9 @@ struct RunOptions {
     int64_t incrementalFrom = 0;     // fill change ids from what this job recorded
     std::string resumeFrom;          // stream of a stopped attempt of this job to go on from
     bool progress = false;           // progress line on stderr
+    // Indices of the items to run, in this order; all of them when not set (one
+    // process of a parallel run takes its share this way).
+    std::optional<std::vector<size_t>> share;
 };
 
 struct RunSummary {
@@ -37,12 +42,20 @@ struct RunSummary {
     double seconds = 0;
     bool streamComplete = false;
     int status = kExitOk;
+    std::vector<std::string> vmPaths;   // VM entries in the stream, so that a merge counts each VM once
+    // A parallel run: how many streams, and those that are not complete (path and why).
+    unsigned streams = 1;
+    std::vector<std::string> incompleteStreams;
 };
 
 // The plug-in file next to this program ("../lib/libvsdatareader.so").
 std::string PluginPath();
 
 RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& report);
+
+// Counts what the stream file at `path` holds into `s`: entries, extents, VMs, disks,
+// whether it is complete. Nothing when `path` is not a regular file.
+void CountStream(const std::string& path, RunSummary& s);
 
 // Writes the summary and the job's pending causes.
 void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& out);

@@ -5,6 +5,7 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace vsstream {
 
@@ -20,6 +21,19 @@ enum ExitCode : int {
 int RunList(int fd, std::ostream& out, std::ostream& err);
 int RunVerify(int fd, std::ostream& out, std::ostream& err);
 int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err);
+
+// A stream to read, by the name it is reported under.
+struct StreamInput {
+    std::string name;
+    int fd = -1;
+};
+// Restores several streams (the members of a stream set) one after the other into one
+// folder; with more than one, each problem line names its stream. The exit code is the
+// worst of theirs.
+int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err);
+
+// The worse of two exit codes: unreadable, then corrupt, then incomplete, then sound.
+int WorseCode(int a, int b);
 // A fresh restore goes to a folder that is missing or empty; an update onto an earlier
 // restore needs that folder. False with the reason otherwise.
 bool CheckRestoreFolder(const std::string& dir, bool fresh, std::string& why);

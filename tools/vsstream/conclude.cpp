@@ -15,4 +15,16 @@ int Conclude(const vshost::StreamReader& reader, bool problems, std::ostream& er
     }
 }
 
+int WorseCode(int a, int b) {
+    const auto rank = [](int code) {
+        switch (code) {
+        case kExitOk: return 0;
+        case kExitIncomplete: return 1;
+        case kExitCorrupt: return 2;
+        default: return 3;
+        }
+    };
+    return rank(b) > rank(a) ? b : a;
+}
+
 }  // namespace vsstream

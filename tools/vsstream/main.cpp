@@ -1,38 +1,122 @@
-// vsstream: lists, verifies and restores backup streams.
+// vsstream: lists, verifies and restores backup streams and stream sets.
 #include "commands.h"
+#include "lineprefix.h"
+
+#include "vshost/streamset.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <iostream>
 #include <unistd.h>
 
 namespace {
 
-// "-" is standard input.
-int OpenStream(const std::string& name) {
-    if (name == "-") return STDIN_FILENO;
-    const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) std::cerr << "vsstream: cannot open " << name << ": " << std::strerror(errno) << "\n";
-    return fd;
+using vsstream::StreamInput;
+
+// What the command line names, opened: streams as they are, stream sets as their
+// members. `code` carries what was found wrong on the way (a missing member makes the
+// set incomplete; a member of another job makes it corrupt).
+struct Inputs {
+    std::vector<StreamInput> streams;
+    int code = vsstream::kExitOk;
+    std::vector<std::string> notes;   // what is wrong with the sets, for the summary line
+    size_t expected = 0;              // streams named, the members of sets included
+
+    ~Inputs() {
+        for (const StreamInput& s : streams)
+            if (s.fd != STDIN_FILENO) ::close(s.fd);
+    }
+};
+
+// The job id in a stream's header, or -1; leaves the file at its start.
+int64_t HeaderJobId(int fd) {
+    int64_t id = -1;
+    {
+        vshost::StreamReader reader(fd);
+        vshost::StreamRecord record;
+        if (reader.Next(record))
+            if (auto* h = std::get_if<vshost::StreamHeaderRecord>(&record.body)) id = h->jobId;
+    }
+    ::lseek(fd, 0, SEEK_SET);
+    return id;
+}
+
+void AddSet(Inputs& in, const std::string& name, int fd) {
+    vshost::StreamSet set;
+    std::string why;
+    if (!vshost::ReadStreamSet(fd, set, why)) {
+        in.notes.push_back(name + ": " + why);
+        in.code = vsstream::WorseCode(in.code, vsstream::kExitCorrupt);
+        return;
+    }
+    const std::filesystem::path folder = std::filesystem::path(name).parent_path();
+    in.expected += set.members.size();
+    for (const std::string& member : set.members) {
+        const std::string path = (folder / member).string();
+        const int mfd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (mfd < 0) {
+            const bool missing = errno == ENOENT;
+            in.notes.push_back(name + ": stream " + path + (missing ? " is missing" : std::string(" cannot be opened: ") + std::strerror(errno)));
+            in.code = vsstream::WorseCode(in.code, missing ? vsstream::kExitIncomplete : vsstream::kExitUnreadable);
+            continue;
+        }
+        const int64_t job = HeaderJobId(mfd);
+        if (job >= 0 && job != set.jobId) {
+            in.notes.push_back(name + ": stream " + path + " belongs to job " + std::to_string(job) + ", not to the set's job " +
+                               std::to_string(set.jobId));
+            in.code = vsstream::WorseCode(in.code, vsstream::kExitCorrupt);
+            ::close(mfd);
+            continue;
+        }
+        in.streams.push_back({path, mfd});
+    }
+}
+
+// "-" is standard input. False when a name cannot be opened at all.
+bool Open(const std::vector<std::string>& names, Inputs& in) {
+    for (const std::string& name : names) {
+        if (name == "-") {
+            ++in.expected;
+            in.streams.push_back({"-", STDIN_FILENO});
+            continue;
+        }
+        const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            std::cerr << "vsstream: cannot open " << name << ": " << std::strerror(errno) << "\n";
+            return false;
+        }
+        if (vshost::LooksLikeStreamSet(fd)) {
+            AddSet(in, name, fd);
+            ::close(fd);
+        } else {
+            ++in.expected;
+            in.streams.push_back({name, fd});
+        }
+    }
+    return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"Lists, verifies and restores backup streams (\"-\" reads standard input).\n"
+    CLI::App app{"Lists, verifies and restores backup streams (\"-\" reads standard input). A stream set that a "
+                 "parallel vsdm run leaves stands for all of its streams; several streams are taken in turn.\n"
                  "Exit codes: 0 sound and complete, 1 corrupt or a restore problem, 2 incomplete "
-                 "(no trailer), 3 cannot read."};
+                 "(no trailer, or a stream of a set missing), 3 cannot read."};
     app.require_subcommand(1);
-    std::string stream, to, onto;
+    std::vector<std::string> names;
+    std::string to, onto;
+    const char* what = "stream files or stream sets, or - for standard input";
     CLI::App* list = app.add_subcommand("list", "one line per entry: kind, size, data and hole bytes, name");
-    list->add_option("STREAM", stream, "stream file, or - for standard input")->required();
+    list->add_option("STREAM", names, what)->required();
     CLI::App* verify = app.add_subcommand("verify", "check every record, the entry structure and the trailer");
-    verify->add_option("STREAM", stream, "stream file, or - for standard input")->required();
+    verify->add_option("STREAM", names, what)->required();
     CLI::App* restore = app.add_subcommand("restore", "rebuild files and sparse disk images below a folder");
-    restore->add_option("STREAM", stream, "stream file, or - for standard input")->required();
+    restore->add_option("STREAM", names, what)->required();
     CLI::Option* toOpt = restore->add_option("--to", to, "a new restore folder (missing or empty)");
     CLI::Option* ontoOpt =
         restore->add_option("--onto", onto, "an earlier restore to update (an incremental or resumed stream)");
@@ -50,13 +134,35 @@ int main(int argc, char** argv) {
             return vsstream::kExitUnreadable;
         }
     }
-    const int fd = OpenStream(stream);
-    if (fd < 0) return vsstream::kExitUnreadable;
-    int code = vsstream::kExitOk;
-    if (list->parsed()) code = vsstream::RunList(fd, std::cout, std::cerr);
-    else if (verify->parsed()) code = vsstream::RunVerify(fd, std::cout, std::cerr);
-    else code = vsstream::RunRestore(fd, toOpt->count() ? to : onto, std::cout, std::cerr);
-    if (fd != STDIN_FILENO) ::close(fd);
+    Inputs in;
+    if (!Open(names, in)) return vsstream::kExitUnreadable;
+    const bool several = in.streams.size() > 1 || !in.notes.empty() || names.size() > 1;
+    for (const std::string& note : in.notes) std::cerr << "vsstream: " << note << "\n";
+
+    int code = in.code;
+    if (restore->parsed()) {
+        code = vsstream::WorseCode(code, vsstream::RunRestoreAll(in.streams, toOpt->count() ? to : onto, std::cout, std::cerr));
+    } else {
+        vsstream::LinePrefix outPrefix(std::cout), errPrefix(std::cerr);
+        std::ostream out(&outPrefix), err(&errPrefix);
+        for (const StreamInput& s : in.streams) {
+            // A listing is long: its stream gets a heading; a verdict is one line, named.
+            if (several && list->parsed()) out << "== " << s.name << "\n";
+            outPrefix.SetPrefix(several && verify->parsed() ? s.name + ": " : "");
+            errPrefix.SetPrefix(several ? s.name + ": " : "");
+            const int one = list->parsed() ? vsstream::RunList(s.fd, out, err) : vsstream::RunVerify(s.fd, out, err);
+            code = vsstream::WorseCode(code, one);
+        }
+        out.flush();
+        err.flush();
+    }
+    if (several) {
+        const char* verdict = code == vsstream::kExitOk           ? "complete"
+                              : code == vsstream::kExitIncomplete ? "INCOMPLETE"
+                              : code == vsstream::kExitCorrupt    ? "NOT SOUND"
+                                                                  : "UNREADABLE";
+        std::cout << "streams: " << in.streams.size() << " of " << in.expected << " read, " << verdict << "\n";
+    }
     std::cout.flush();
     return code;
 }

@@ -1,9 +1,12 @@
 // vsstream restore: decode, classify and apply, record by record.
 #include "commands.h"
+#include "lineprefix.h"
 #include "restore.h"
 
 #include <filesystem>
 #include <unistd.h>
+
+#include <set>
 
 namespace vsstream {
 
@@ -43,35 +46,56 @@ void RecordChangeId(SafeRoot& root, const vshost::DiskReadCompletedRecord& done,
 }
 
 int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err) {
+    return RunRestoreAll({StreamInput{"", fd}}, dir, out, err);
+}
+
+int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err) {
     SafeRoot root;
     std::string why;
     if (!root.Open(dir, why)) {
         err << why << "\n";
         return kExitUnreadable;
     }
-    vshost::StreamReader reader(fd);
-    EntryModel model;
-    Restorer restorer(root, err);
-    vshost::StreamRecord record;
-    while (reader.Next(record)) {
-        why.clear();
-        const bool usable = model.Apply(record, why);
-        if (!usable) err << "offset " << record.offset << ": " << why << "; not restored\n";
-        restorer.Apply(record, model, usable);
-        if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
-            RecordChangeId(root, *done, out, err);
+    LinePrefix prefixed(err);
+    std::ostream perr(&prefixed);
+    // One restorer for all: a disk that two streams touch is one image of this run.
+    Restorer restorer(root, perr);
+    int code = kExitOk;
+    // Disks a stream began but never marked read, unless another stream of the set did.
+    std::set<std::string> incomplete, completed;
+    for (const StreamInput& input : inputs) {
+        prefixed.SetPrefix(inputs.size() > 1 ? input.name + ": " : "");
+        vshost::StreamReader reader(input.fd);
+        EntryModel model;
+        vshost::StreamRecord record;
+        const uint64_t problemsBefore = restorer.counts().problems;
+        while (reader.Next(record)) {
+            why.clear();
+            const bool usable = model.Apply(record, why);
+            if (!usable) perr << "offset " << record.offset << ": " << why << "; not restored\n";
+            restorer.Apply(record, model, usable);
+            if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
+                RecordChangeId(root, *done, out, perr);
+        }
+        code = WorseCode(code, Conclude(reader, restorer.counts().problems > problemsBefore, perr));
+        for (const std::string& disk : model.IncompleteDisks()) incomplete.insert(disk);
+        for (const auto& [key, g] : model.disks())
+            if (g.readCompleted) completed.insert(key);
     }
     restorer.Finish();
+    perr.flush();
     const RestoreCounts& c = restorer.counts();
     out << "restored " << c.files << " files, " << c.images << " disk images (" << c.extents << " extents), "
         << c.folders << " folders into " << dir;
+    if (inputs.size() > 1) out << " from " << inputs.size() << " streams";
     if (c.skipped) out << "; " << c.skipped << " entries skipped";
     if (c.abandoned) out << "; " << c.abandoned << " entries were incomplete in the stream";
     if (c.problems) out << "; " << c.problems << " problems";
     out << "\n";
-    for (const std::string& disk : model.IncompleteDisks())
-        out << "disk " << disk << ": incomplete in the stream, its image holds only what was read\n";
-    return Conclude(reader, c.problems > 0, err);
+    for (const std::string& disk : incomplete)
+        if (!completed.count(disk))
+            out << "disk " << disk << ": incomplete in the stream, its image holds only what was read\n";
+    return code;
 }
 
 }  // namespace vsstream

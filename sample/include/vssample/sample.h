@@ -64,5 +64,7 @@ SampleSnapshot GenerateSample(const SampleOptions& options = {});
 // home's file system), with its catalog rows. For benchmarks and tests over images of
 // any size and layout; options.diskSize is not used.
 SampleSnapshot GenerateImageSnapshot(const std::string& image, const SampleOptions& options = {});
+// The same with one VM per image: img01, img02, ... in the order given.
+SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, const SampleOptions& options = {});
 
 }  // namespace vssample

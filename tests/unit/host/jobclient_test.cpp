@@ -3,12 +3,15 @@
 #include "hostapi/jobclient.h"
 #include "hostapi/platform.h"
 #include "temp_home.h"
+#include "vshost/changetrack.h"
 #include "vshost/home.h"
 #include "vshost/pending.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -151,6 +154,51 @@ TEST(JobClientTest, ConcurrentClientsNeverShareANumber) {
         EXPECT_EQ(causes[i].eventArgs[0], std::to_string(t * 1000 + nextOfThread[static_cast<size_t>(t)]++));
         EXPECT_TRUE(causes[i].clientReady);
     }
+}
+
+// Processes of one parallel job, each with its own connections and file locks, write
+// causes, change-tracking digests and completed disks at the same time: none is turned
+// away busy, and every cause gets a number of its own.
+TEST(JobClientTest, ConcurrentProcessesRecordIntoOneJob) {
+    vstest::TempHome home;
+    constexpr int kProcesses = 3;
+    constexpr int kEach = 25;
+    vshost::PendingCauses(8);   // the catalog exists before the race
+    std::vector<pid_t> pids;
+    for (int p = 0; p < kProcesses; ++p) {
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            int failures = 0;
+            for (int i = 0; i < kEach; ++i) {
+                KTRstJobClient c;
+                c.init(KTPI_PlatformBase(2).getHubServerHostName(), 8, 2, false, nullptr);
+                if (Raise(c, p) != 0) ++failures;
+                try {
+                    const std::string disk = "disk" + std::to_string(p) + "_" + std::to_string(i);
+                    vshost::changetrack::DiskDigests digests;
+                    digests.diskSize = 1 << 20;
+                    digests.extentSize = 1 << 20;
+                    digests.extents[0] = vshost::changetrack::Digest{1, 2};
+                    vshost::changetrack::Store("cid-" + disk, digests);
+                    vshost::changetrack::RecordJobDisk(8, {"vm", disk, "cid-" + disk});
+                } catch (const std::exception&) {
+                    ++failures;
+                }
+            }
+            _exit(failures);
+        }
+        pids.push_back(pid);
+    }
+    for (pid_t pid : pids) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    const auto causes = vshost::PendingCauses(8);
+    ASSERT_EQ(causes.size(), static_cast<size_t>(kProcesses * kEach));
+    for (size_t i = 0; i < causes.size(); ++i) EXPECT_EQ(causes[i].seq, static_cast<int>(i + 1));
+    EXPECT_EQ(vshost::changetrack::JobDisks(8).size(), static_cast<size_t>(kProcesses * kEach));
 }
 
 }  // namespace

@@ -1,0 +1,363 @@
+// `vsdm run --streams N`: the items shared out among N processes, the stream set they
+// leave, and vsstream taking the set as a whole.
+#include "split.h"
+#include "temp_home.h"
+
+#include "hostapi/snapsrc.h"
+#include "vshost/changetrack.h"
+#include "vshost/pending.h"
+#include "vssample/sample.h"
+
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <spawn.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Result {
+    int status = -1;
+    std::string output;   // stdout and stderr
+};
+
+Result Shell(const std::string& command) {
+    Result r;
+    FILE* p = popen((command + " 2>&1").c_str(), "r");
+    std::array<char, 4096> buf{};
+    size_t n = 0;
+    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.output.append(buf.data(), n);
+    const int rc = pclose(p);
+    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : 128;
+    return r;
+}
+
+const std::string kVsdm = "'" VSDM_TOOL "'";
+const std::string kVsstream = "'" VSSTREAM_TOOL "'";
+
+nlohmann::json Job(const vssample::SampleSnapshot& s, int64_t jobId, const std::string& home,
+                   const std::vector<std::string>& items) {
+    nlohmann::json job = {{"jobId", jobId},
+                          {"appId", {s.appId1, s.appId2}},
+                          {"jobOptions", nlohmann::json::object()},
+                          {"mediaAgent", s.mediaAgentName},
+                          {"archiveFiles", s.afileIds},
+                          {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
+                          {"home", home}};
+    VirtualServer::SnapSrcPathOptions cbt;
+    cbt.useCBT = 1;
+    for (const std::string& item : items) job["items"].push_back({{"path", item}, {"options", cbt.Serialize()}});
+    return job;
+}
+
+// Relative path to content, or "<folder>".
+std::map<std::string, std::string> Tree(const std::string& folder) {
+    std::map<std::string, std::string> out;
+    for (const auto& e : fs::recursive_directory_iterator(folder)) {
+        const std::string name = fs::relative(e.path(), folder).string();
+        if (e.is_directory()) {
+            out[name] = "<folder>";
+        } else {
+            std::ifstream in(e.path(), std::ios::binary);
+            out[name] = std::string(std::istreambuf_iterator<char>(in), {});
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> Items(const vssample::SampleSnapshot& s) {
+    return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
+}
+
+TEST(VsdmStreams, SplitBalancesExpectedBytesAndDealsTheRestRoundRobin) {
+    std::vector<vsdm::JobItem> items(5);
+    using Shares = std::vector<std::vector<size_t>>;
+    EXPECT_EQ(vsdm::SplitItems(items, 2), (Shares{{0, 2, 4}, {1, 3}}));
+    EXPECT_EQ(vsdm::SplitItems(items, 1), (Shares{{0, 1, 2, 3, 4}}));
+    // Never more shares than items.
+    EXPECT_EQ(vsdm::SplitItems(items, 9).size(), 5u);
+
+    // The largest first, each to the lighter share: 100 | 80 + 10 + 10, then the last
+    // 10 to the first share on the tie.
+    const uint64_t sizes[] = {100, 10, 10, 10, 80};
+    for (size_t i = 0; i < 5; ++i) items[i].expectedBytes = sizes[i];
+    EXPECT_EQ(vsdm::SplitItems(items, 2), (Shares{{0, 3}, {1, 2, 4}}));
+    // An item without a size weighs the mean of those with one, not nothing.
+    items[1].expectedBytes = 0;
+    items[4].expectedBytes = 0;   // mean of 100, 10, 10 = 40
+    EXPECT_EQ(vsdm::SplitItems(items, 2), (Shares{{0}, {1, 2, 3, 4}}));
+
+    EXPECT_EQ(vsdm::ParseShare(vsdm::FormatShare({0, 3, 17}), 18), (std::vector<size_t>{0, 3, 17}));
+    for (const char* bad : {"", "1,", ",1", "1,,2", "a", "-1", "18", "1 2"})
+        EXPECT_THROW(vsdm::ParseShare(bad, 18), std::runtime_error) << bad;
+}
+
+TEST(VsdmStreams, TwoStreamsRestoreTheSameTreeAsOneAndRecordEveryDisk) {
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    std::ofstream(home.sub("one.json")) << Job(s, 51, home.path(), Items(s)).dump();
+    std::ofstream(home.sub("two.json")) << Job(s, 52, home.path(), Items(s)).dump();
+
+    Result r = Shell(kVsdm + " run " + home.sub("one.json") + " --out " + home.sub("one.stream"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    // More streams than items: one process per item.
+    r = Shell(kVsdm + " run " + home.sub("two.json") + " --streams 5 --out " + home.sub("three.set"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("stream set " + home.sub("three.set") + " (3 streams): complete"), std::string::npos)
+        << r.output;
+    r = Shell(kVsdm + " run " + home.sub("two.json") + " --streams 2 --out " + home.sub("two.set"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("3 of 3 items succeeded"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("VMs 3, disks completed 4"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("(2 streams): complete"), std::string::npos) << r.output;
+    EXPECT_TRUE(fs::is_regular_file(home.sub("two.set.1")) && fs::is_regular_file(home.sub("two.set.2")));
+
+    r = Shell(kVsstream + " verify " + home.sub("two.set"));
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("streams: 2 of 2 read, complete"), std::string::npos) << r.output;
+
+    r = Shell(kVsstream + " restore " + home.sub("one.stream") + " --to " + home.sub("r1"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = Shell(kVsstream + " restore " + home.sub("two.set") + " --to " + home.sub("r2"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    const auto one = Tree(home.sub("r1"));
+    EXPECT_GT(one.size(), 10u);
+    EXPECT_TRUE(one == Tree(home.sub("r2")));
+    // The members named one by one restore the same.
+    r = Shell(kVsstream + " restore " + home.sub("two.set.2") + " " + home.sub("two.set.1") + " --to " + home.sub("r3"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(one == Tree(home.sub("r3")));
+
+    // Every disk of both processes is recorded under the job, so an incremental
+    // (parallel too) builds on the parallel run.
+    auto disks = [](int64_t job) {
+        std::set<std::string> out;
+        for (const auto& d : vshost::changetrack::JobDisks(job)) out.insert(d.vmGuid + "/" + d.diskName);
+        return out;
+    };
+    EXPECT_EQ(disks(52), disks(51));
+    EXPECT_EQ(disks(52).size(), 4u);
+    r = Shell(kVsdm + " run " + home.sub("two.json") + " --streams 2 --incremental-from 52 --out " +
+              home.sub("incr.set"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("extents sent 0"), std::string::npos) << r.output;   // nothing changed
+
+    // A set missing a member is incomplete, never fine.
+    fs::remove(home.sub("two.set.1"));
+    r = Shell(kVsstream + " verify " + home.sub("two.set"));
+    EXPECT_EQ(r.status, 2) << r.output;
+    EXPECT_NE(r.output.find(home.sub("two.set.1") + " is missing"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("streams: 1 of 2 read, INCOMPLETE"), std::string::npos) << r.output;
+    EXPECT_EQ(Shell(kVsstream + " restore " + home.sub("two.set") + " --to " + home.sub("r4")).status, 2);
+    // A member of another job does not pass for one of the set.
+    fs::copy_file(home.sub("one.stream"), home.sub("two.set.1"));
+    r = Shell(kVsstream + " list " + home.sub("two.set"));
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_NE(r.output.find("belongs to job 51, not to the set's job 52"), std::string::npos) << r.output;
+}
+
+TEST(VsdmStreams, FailedItemsOfEveryStreamMergeUnderTheJob) {
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    // Round-robin: the two missing VMs land in different streams.
+    std::ofstream(home.sub("job.json"))
+        << Job(s, 53, home.path(), {s.vm("db01").biosUuid, s.vm("web01").biosUuid, "nosuchvm1", "nosuchvm2"}).dump();
+    const Result r = Shell(kVsdm + " run " + home.sub("job.json") + " --streams 2 --out " + home.sub("s"));
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_NE(r.output.find("2 of 4 items succeeded"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("vsdm [stream 1]: item nosuchvm1: failed"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("vsdm [stream 2]: item nosuchvm2: failed"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("pending cause 0x5B000004 [nosuchvm1]"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("pending cause 0x5B000004 [nosuchvm2]"), std::string::npos) << r.output;
+    std::set<int> seqs;
+    for (const auto& c : vshost::PendingCauses(53)) seqs.insert(c.seq);
+    EXPECT_EQ(seqs, (std::set<int>{1, 2}));
+    EXPECT_EQ(Shell(kVsstream + " verify " + home.sub("s")).status, 0);
+}
+
+// Starts `vsdm run ARGS...` with its output into `errPath`; returns its pid.
+pid_t Start(const std::vector<std::string>& args, const std::string& errPath) {
+    std::vector<std::string> all = {VSDM_TOOL, "run"};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& a : all) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, VSDM_TOOL, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return rc == 0 ? pid : -1;
+}
+
+// The child of `parent` that writes stream `number`, once it runs (-1 after 30 s).
+pid_t StreamProcess(pid_t parent, int number) {
+    const std::string file = "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent) + "/children";
+    const std::string share = std::string("--share") + '\0' + std::to_string(number) + ":";
+    for (int i = 0; i < 30000; ++i) {
+        std::ifstream in(file);
+        for (pid_t kid = 0; in >> kid;) {
+            std::ifstream cmd("/proc/" + std::to_string(kid) + "/cmdline");
+            const std::string line((std::istreambuf_iterator<char>(cmd)), std::istreambuf_iterator<char>());
+            if (line.find(share) != std::string::npos) return kid;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return -1;
+}
+
+int Wait(pid_t pid) {
+    int st = 0;
+    if (waitpid(pid, &st, 0) != pid) return -1;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+}
+
+std::string Read(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The streams of a set made FIFOs, so that the test holds every stream process in the
+// middle of its stream for as long as it likes.
+class HeldStreams {
+public:
+    HeldStreams(const std::string& set, int count) {
+        for (int k = 1; k <= count; ++k) {
+            const std::string path = set + "." + std::to_string(k);
+            if (mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo " + path);
+            m_paths.push_back(path);
+            m_fds.push_back(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));   // so that the writer's open goes on
+            m_data.emplace_back();
+        }
+    }
+    ~HeldStreams() {
+        for (int fd : m_fds)
+            if (fd >= 0) close(fd);
+    }
+    // Until every stream has begun (some bytes in each FIFO).
+    bool AllBegun() {
+        for (int i = 0; i < 30000; ++i) {
+            bool all = true;
+            for (size_t k = 0; k < m_fds.size(); ++k) {
+                if (m_data[k].empty()) Take(k);   // a stream that began is left to fill its FIFO and wait
+                all = all && !m_data[k].empty();
+            }
+            if (all) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return false;
+    }
+    // Reads every stream to its end and leaves what was read as a regular file in the
+    // FIFO's place.
+    void DrainIntoFiles() {
+        for (bool open = true; open;) {
+            open = false;
+            for (size_t k = 0; k < m_fds.size(); ++k)
+                if (m_fds[k] >= 0) open = Take(k) || open;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        for (size_t k = 0; k < m_paths.size(); ++k) {
+            unlink(m_paths[k].c_str());
+            std::ofstream(m_paths[k], std::ios::binary) << m_data[k];
+        }
+    }
+
+private:
+    // False at the end of stream k.
+    bool Take(size_t k) {
+        std::array<char, 65536> buf{};
+        for (;;) {
+            const ssize_t n = read(m_fds[k], buf.data(), buf.size());
+            if (n > 0) {
+                m_data[k].append(buf.data(), static_cast<size_t>(n));
+                continue;
+            }
+            if (n < 0 && errno == EAGAIN) return true;
+            // EOF: only once a writer came and went (a FIFO nobody opened reads as EOF too).
+            if (n == 0 && m_data[k].empty()) return true;
+            close(m_fds[k]);
+            m_fds[k] = -1;
+            return false;
+        }
+    }
+    std::vector<std::string> m_paths;
+    std::vector<int> m_fds;
+    std::vector<std::string> m_data;
+};
+
+TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    std::ofstream(home.sub("job.json")) << Job(s, 54, home.path(), Items(s)).dump();
+
+    {
+        HeldStreams held(home.sub("k"), 2);
+        const pid_t parent = Start({home.sub("job.json"), "--streams", "2", "--out", home.sub("k")}, home.sub("k.err"));
+        ASSERT_GT(parent, 0);
+        ASSERT_TRUE(held.AllBegun());
+        const pid_t first = StreamProcess(parent, 1);
+        ASSERT_GT(first, 0);
+        kill(first, SIGKILL);
+        held.DrainIntoFiles();
+        EXPECT_EQ(Wait(parent), 3);
+    }
+    const std::string err = Read(home.sub("k.err"));
+    EXPECT_NE(err.find("stream 1 (" + home.sub("k.1") + ") is incomplete: its process was killed by signal 9"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(err.find("(2 streams): INCOMPLETE"), std::string::npos) << err;
+    Result r = Shell(kVsstream + " verify " + home.sub("k"));
+    EXPECT_EQ(r.status, 2) << r.output;
+    EXPECT_NE(r.output.find(home.sub("k.2") + ": complete"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("streams: 2 of 2 read, INCOMPLETE"), std::string::npos) << r.output;
+
+    // SIGTERM to the parent stops every stream in the middle; the run says it stopped.
+    {
+        HeldStreams held(home.sub("t"), 2);
+        const pid_t parent = Start({home.sub("job.json"), "--streams", "2", "--out", home.sub("t")}, home.sub("t.err"));
+        ASSERT_GT(parent, 0);
+        ASSERT_TRUE(held.AllBegun());
+        kill(parent, SIGTERM);
+        held.DrainIntoFiles();
+        EXPECT_EQ(Wait(parent), 4) << Read(home.sub("t.err"));
+    }
+    r = Shell(kVsstream + " verify " + home.sub("t.1") + " " + home.sub("t.2"));
+    EXPECT_EQ(r.status, 2) << r.output;
+    EXPECT_EQ(r.output.find(": complete"), std::string::npos) << r.output;   // neither ran to its end
+}
+
+TEST(VsdmStreams, UsageErrors) {
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    std::ofstream(home.sub("job.json")) << Job(s, 55, home.path(), Items(s)).dump();
+    for (const char* bad : {"0", "-1", "two", "65", "1000000000000", ""}) {
+        const Result r = Shell(kVsdm + " run " + home.sub("job.json") + " --out " + home.sub("x") + " --streams '" +
+                               bad + "'");
+        EXPECT_EQ(r.status, 64) << bad << ": " << r.output;
+        EXPECT_NE(r.output.find("--streams must be a whole number from 1 to 64"), std::string::npos) << r.output;
+    }
+    const Result r = Shell(kVsdm + " run " + home.sub("job.json") + " --out - --streams 2");
+    EXPECT_EQ(r.status, 64) << r.output;
+    EXPECT_NE(r.output.find("cannot go to standard output"), std::string::npos) << r.output;
+    EXPECT_FALSE(fs::exists(home.sub("x")));
+}
+
+}  // namespace
