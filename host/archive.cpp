@@ -11,10 +11,23 @@
 using vshost::detail::PayloadBuilder;
 using vshost::stream::Kind;
 
-vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer) : m_hubServer(hubServer) {}
+vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer)
+    : m_hubServer(hubServer), m_completed(std::make_unique<vshost::changetrack::CompletedDisks>()) {}
 
 vsArchive::~vsArchive() {
     if (m_pipe) close(false);
+    RecordCompleted(true);
+}
+
+void vsArchive::RecordCompleted(bool all) {
+    if (!m_completed || !(all ? m_completed->Waiting() > 0 : m_completed->Due())) return;
+    const size_t waiting = m_completed->Waiting();
+    try {
+        m_completed->Flush();
+    } catch (const std::exception& e) {
+        KTlog(m_log, 1, "Cannot record [%zu] completed disk(s) and their digests: %s; an incremental from this job "
+              "reads them whole", waiting, e.what());
+    }
 }
 
 int vsArchive::Result(int status) {
@@ -86,6 +99,7 @@ int vsArchive::close(bool finish) {
     m_lentOut = false;
     const int rc = Result(m_pipe->Encoder().Detach(finish));
     m_pipe = nullptr;
+    RecordCompleted(true);
     return rc;
 }
 
@@ -147,14 +161,10 @@ int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::strin
     // The disk reader's digests of the pass that just ended become the state a later
     // read under `changeId` compares with; only once the stream records the disk as read.
     if (rc == kOk && !changeId.empty()) {
-        try {
-            vshost::changetrack::RecordJobDisk(m_jobId, {vmGuid, diskName, changeId});
-            if (!vshost::changetrack::CommitCompletedPass(changeId))
-                KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
-                      "from it reads the whole disk", changeId.c_str(), diskName.c_str());
-        } catch (const std::exception& e) {
-            KTlog(m_log, 1, "Cannot store the digests of change id [%s]: %s", changeId.c_str(), e.what());
-        }
+        if (!m_completed->Add(m_jobId, {vmGuid, diskName, changeId}))
+            KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
+                  "from it reads the whole disk", changeId.c_str(), diskName.c_str());
+        RecordCompleted(false);
     } else {
         vshost::changetrack::ClearCompletedPass();
     }

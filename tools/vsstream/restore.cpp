@@ -108,6 +108,19 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
     case Kind::EndOfFile:
         End(model.entry(), record.offset);
         break;
+    case Kind::DiskReadCompleted: {
+        // A stream of many disks would otherwise hold one descriptor per disk to its end.
+        const auto& done = std::get<vshost::DiskReadCompletedRecord>(record.body);
+        if (auto it = m_images.find("\\" + done.vmGuid + "\\" + done.diskName); it != m_images.end()) {
+            if (m_image == &it->second) {
+                // Only a damaged stream completes a disk inside one of its extents.
+                m_image = nullptr;
+                if (m_target == Target::Extent) m_target = Target::Skip;
+            }
+            it->second.fd.Reset();
+        }
+        break;
+    }
     case Kind::DirectoryEntry: {
         const auto& info = std::get<vshost::FileLevelRecord>(record.body).info;
         PathParts parts;
@@ -130,27 +143,36 @@ void Restorer::Folder(const PathParts& parts, uint64_t offset) {
 
 Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& model, uint64_t offset) {
     auto it = m_images.find(key);
-    if (it != m_images.end()) return &it->second;
+    if (it != m_images.end() && it->second.fd.valid()) return &it->second;
     PathParts parts;
     std::string why;
     if (!SplitEntryPath(key, parts, why)) {
         Problem(offset, why + "; disk not restored");
         return nullptr;
     }
-    Image image;
-    image.fd = m_root.OpenImage(parts, image.fresh, why);
-    if (!image.fd.valid()) {
+    bool fresh = false;
+    Fd fd = m_root.OpenImage(parts, fresh, why);
+    if (!fd.valid()) {
         Problem(offset, why);
         return nullptr;
     }
+    if (it != m_images.end()) {
+        // Closed when its disk completed, and written again: what this run wrote so far
+        // is still in it, so it keeps what it knew (fresh, high water) and its size.
+        it->second.fd = Fd(fd.Release());
+        return &it->second;
+    }
     // The disk's size now: an incremental may grow or shrink it.
     const DiskGeometry* g = model.Disk(key);
-    if (g && ::ftruncate(image.fd.get(), static_cast<off_t>(g->size)) != 0) {
+    if (g && ::ftruncate(fd.get(), static_cast<off_t>(g->size)) != 0) {
         Problem(offset, Why(("cannot size " + JoinParts(parts, parts.size())).c_str()));
         return nullptr;
     }
     ++m_counts.images;
-    return &m_images.emplace(key, std::move(image)).first->second;
+    Image& image = m_images[key];
+    image.fd = std::move(fd);
+    image.fresh = fresh;
+    return &image;
 }
 
 void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {

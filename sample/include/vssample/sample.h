@@ -65,4 +65,10 @@ SampleSnapshot GenerateSample(const SampleOptions& options = {});
 // any size and layout; options.diskSize is not used.
 SampleSnapshot GenerateImageSnapshot(const std::string& image, const SampleOptions& options = {});
 
+// A snapshot of `count` VMs (vm0001, vm0002, ...) spread over datastores ds1 and ds2,
+// each with a flat VMDK on its own datastore and a raw image on the other, both of
+// options.diskSize (1 MiB or more) with a little data at the start, the middle and the end. For
+// exercising jobs of many VMs; the data is kept small so that making hundreds is quick.
+SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options = {});
+
 }  // namespace vssample

@@ -3,15 +3,21 @@
 #include "jobspec.h"
 #include "temp_home.h"
 
+#include "hostapi/snapsrc.h"
 #include "vshost/catalog.h"
+#include "vshost/streamreader.h"
 #include "vssample/sample.h"
 
 #include <nlohmann/json.hpp>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -195,7 +201,6 @@ TEST(VsdmDemo, RestoresWhatItBacksUp) {
     EXPECT_EQ(r.output.find("MISMATCH"), std::string::npos) << r.output;
 }
 
-#ifdef MKSNAP_TOOL
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream text;
@@ -203,6 +208,91 @@ std::string ReadFile(const std::string& path) {
     return text.str();
 }
 
+bool SameBytes(const std::string& a, const std::string& b) {
+    const int fa = ::open(a.c_str(), O_RDONLY | O_CLOEXEC), fb = ::open(b.c_str(), O_RDONLY | O_CLOEXEC);
+    bool same = fa >= 0 && fb >= 0;
+    std::vector<char> x(1 << 20), y(1 << 20);
+    for (off_t at = 0; same;) {
+        const ssize_t n = ::pread(fa, x.data(), x.size(), at), m = ::pread(fb, y.data(), y.size(), at);
+        same = n == m && n >= 0 && std::memcmp(x.data(), y.data(), static_cast<size_t>(std::max<ssize_t>(n, 0))) == 0;
+        if (n <= 0) break;
+        at += n;
+    }
+    if (fa >= 0) ::close(fa);
+    if (fb >= 0) ::close(fb);
+    return same;
+}
+
+// One job over a snapshot of 200 VMs: every VM and every disk is in the stream exactly
+// once, the restore gives every disk back, neither holds descriptors per VM or disk,
+// and the job leaves no folder behind.
+TEST(VsdmRun, AJobOfTwoHundredVMsBacksUpAndRestoresWhole) {
+    vstest::TempHome home;
+    // Small disks and extents keep the stream small: the number of VMs is what counts here.
+    vssample::SampleOptions small;
+    small.diskSize = 1 << 20;
+    const vssample::SampleSnapshot s = vssample::GenerateFleet(200, small);
+    vshost::settings::Set("VirtualServer", "nVDiskExtentSizeKB", "64");
+    vshost::settings::Save();
+    VirtualServer::SnapSrcPathOptions cbt;
+    cbt.useCBT = 1;
+    nlohmann::json items = nlohmann::json::array();
+    for (const vssample::SampleVM& vm : s.vms) items.push_back({{"path", vm.biosUuid}, {"options", cbt.Serialize()}});
+    const nlohmann::json job = {{"jobId", 33},
+                                {"appId", {s.appId1, s.appId2}},
+                                {"jobOptions", nlohmann::json::object()},
+                                {"mediaAgent", s.mediaAgentName},
+                                {"archiveFiles", s.afileIds},
+                                {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
+                                {"home", home.path()},
+                                {"items", items}};
+    std::ofstream(home.sub("fleet.json")) << job.dump();
+    // Far fewer descriptors than the job has disks: whatever is opened per VM or per disk
+    // must be closed again before the next.
+    const std::string fewDescriptors = "ulimit -n 40 && ";
+    Result r = Shell(fewDescriptors + Vsdm() + " run " + home.sub("fleet.json") + " --out " + home.sub("fleet.bin"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("200 of 200 items succeeded"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("VMs 200, disks completed 400"), std::string::npos) << r.output;
+
+    std::map<std::string, int> vmsDone, disksDone, diskEntries;
+    {
+        const int fd = ::open(home.sub("fleet.bin").c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        vshost::StreamReader reader(fd);
+        vshost::StreamRecord rec;
+        while (reader.Next(rec)) {
+            if (auto* v = std::get_if<vshost::VMReadCompletedRecord>(&rec.body)) ++vmsDone[v->vmGuid];
+            if (auto* d = std::get_if<vshost::DiskReadCompletedRecord>(&rec.body)) ++disksDone[d->vmGuid + "\\" + d->diskName];
+            if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body); h && h->extentSize != 0) ++diskEntries[h->path];
+        }
+        EXPECT_EQ(reader.state(), vshost::StreamReader::State::Complete);
+        ::close(fd);
+    }
+    EXPECT_EQ(vmsDone.size(), 200u);
+    EXPECT_EQ(disksDone.size(), 400u);
+    for (const vssample::SampleVM& vm : s.vms) {
+        EXPECT_EQ(vmsDone[vm.biosUuid], 1) << vm.name;
+        for (const vssample::SampleDisk& d : vm.disks) {
+            EXPECT_EQ(disksDone[vm.biosUuid + "\\" + d.name], 1) << vm.name << " " << d.name;
+            EXPECT_EQ(diskEntries["\\" + vm.biosUuid + "\\" + d.name], 1) << vm.name << " " << d.name;
+        }
+    }
+
+    r = Shell(fewDescriptors + "'" VSSTREAM_TOOL "' restore " + home.sub("fleet.bin") + " --to " + home.sub("restore"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("400 disk images"), std::string::npos) << r.output;
+    for (const vssample::SampleVM& vm : s.vms) {
+        // The flat VMDK's bytes are its flat extent file's; the raw image's its own.
+        const std::string restored = home.sub("restore/" + vm.biosUuid + "/");
+        EXPECT_TRUE(SameBytes(restored + vm.disks[0].name, vm.folder + "/" + vm.name + "-flat.vmdk")) << vm.name;
+        EXPECT_TRUE(SameBytes(restored + vm.disks[1].name, vm.disks[1].path)) << vm.name;
+    }
+    // The job's results folder, with whatever the job made below it, is gone.
+    EXPECT_TRUE(std::filesystem::is_empty(home.sub("JobResults")));
+}
+
+#ifdef MKSNAP_TOOL
 // What bench/peers runs: vsdm over a snapshot that mksnap makes around a raw image.
 TEST(VsdmBenchSnapshot, AnImageBacksUpAndRestoresAsItself) {
     vstest::TempHome scratch;
