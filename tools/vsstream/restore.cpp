@@ -1,6 +1,8 @@
 // Applying records to files below the restore folder.
 #include "restore.h"
 
+#include "hostapi/zeroscan.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -24,6 +26,27 @@ bool WriteAt(int fd, const char* data, uint64_t length, uint64_t at) {
         at += static_cast<uint64_t>(n);
     }
     return true;
+}
+
+// Writes the blocks of `data` that hold something other than zeros; file blocks of 4 KiB
+// (the file system's unit of allocation) that would receive only zeros are skipped.
+bool WriteSparse(int fd, const char* data, uint64_t length, uint64_t at) {
+    constexpr uint64_t kBlock = 4096;
+    uint64_t runStart = 0, done = 0;
+    bool inRun = false;
+    while (done < length) {
+        const uint64_t n = std::min(length - done, kBlock - (at + done) % kBlock);
+        const bool zero = IsZeroFilled(data + done, n);
+        if (!zero && !inRun) {
+            runStart = done;
+            inRun = true;
+        } else if (zero && inRun) {
+            if (!WriteAt(fd, data + runStart, done - runStart, at + runStart)) return false;
+            inRun = false;
+        }
+        done += n;
+    }
+    return !inRun || WriteAt(fd, data + runStart, length - runStart, at + runStart);
 }
 
 // Zeros the range of an existing image, keeping it sparse where the file system can.
@@ -231,7 +254,10 @@ void Restorer::Write(const char* data, uint64_t length, uint64_t offset) {
     if (m_target == Target::File && !EnsureFile(offset)) return;
     if (m_target != Target::File && m_target != Target::Extent) return;
     const int fd = m_target == Target::File ? m_file.get() : m_image->fd.get();
-    if (!WriteAt(fd, data, length, m_pos)) {
+    // Where this run has not written yet, a fresh image is already zero: an extent's
+    // blocks of zeros are left unwritten, so the image stays as sparse as its disk was.
+    const bool sparse = m_target == Target::Extent && m_image->fresh && m_pos >= m_image->highWater;
+    if (sparse ? !WriteSparse(fd, data, length, m_pos) : !WriteAt(fd, data, length, m_pos)) {
         Problem(offset, Why("write failed"));
         m_target = Target::Skip;
         return;

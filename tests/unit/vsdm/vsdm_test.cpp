@@ -293,6 +293,73 @@ TEST(VsdmRun, AJobOfTwoHundredVMsBacksUpAndRestoresWhole) {
 }
 
 #ifdef MKSNAP_TOOL
+// (start, end) of the data of a sparse file, as SEEK_DATA and SEEK_HOLE find it.
+std::vector<std::pair<off_t, off_t>> DataRanges(const std::string& path) {
+    std::vector<std::pair<off_t, off_t>> out;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    for (off_t at = 0; fd >= 0;) {
+        const off_t start = ::lseek(fd, at, SEEK_DATA);
+        if (start < 0) break;
+        at = ::lseek(fd, start, SEEK_HOLE);
+        out.emplace_back(start, at);
+    }
+    if (fd >= 0) ::close(fd);
+    return out;
+}
+
+// Same size, and the same bytes wherever either file holds data (elsewhere both read as zeros).
+bool SameSparseBytes(const std::string& a, const std::string& b) {
+    struct stat sa {}, sb {};
+    if (::stat(a.c_str(), &sa) != 0 || ::stat(b.c_str(), &sb) != 0 || sa.st_size != sb.st_size) return false;
+    auto ranges = DataRanges(a);
+    for (const auto& r : DataRanges(b)) ranges.push_back(r);
+    const int fa = ::open(a.c_str(), O_RDONLY | O_CLOEXEC), fb = ::open(b.c_str(), O_RDONLY | O_CLOEXEC);
+    bool same = fa >= 0 && fb >= 0;
+    std::vector<char> x, y;
+    for (const auto& [start, end] : ranges) {
+        if (!same) break;
+        const size_t n = static_cast<size_t>(end - start);
+        x.resize(n);
+        y.resize(n);
+        same = ::pread(fa, x.data(), n, start) == static_cast<ssize_t>(n) &&
+               ::pread(fb, y.data(), n, start) == static_cast<ssize_t>(n) && x == y;
+    }
+    if (fa >= 0) ::close(fa);
+    if (fb >= 0) ::close(fb);
+    return same;
+}
+
+// A disk of 1 TiB holding 4 MiB in 64 scattered runs: the stream holds the extents those
+// runs touch and no more, and the restored image is the disk, as sparse as it was.
+TEST(VsdmBenchSnapshot, ATebibyteDiskCostsItsDataNotItsSize) {
+    vstest::TempHome scratch;
+    const std::string home = scratch.sub("home"), job = scratch.sub("job.json"), image = scratch.sub("disk.img");
+    Result r = Shell("'" MKSNAP_TOOL "' --home " + home + " --image " + image +
+                     " --make-image 1T --data 4M --runs 64 --job " + job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    constexpr uint64_t kExtent = 64 << 10;
+    std::ofstream(home + "/settings.ini", std::ios::app) << "[VirtualServer]\nnVDiskExtentSizeKB=64\n";
+
+    r = Shell(Vsdm() + " run " + job + " --out " + scratch.sub("s.bin"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    // A 64 KiB run at a 4 KiB-aligned place touches one or two extents.
+    struct stat st {};
+    ASSERT_EQ(::stat(scratch.sub("s.bin").c_str(), &st), 0);
+    EXPECT_LE(static_cast<uint64_t>(st.st_size), 2 * 64 * kExtent + (256 << 10));
+    EXPECT_GE(static_cast<uint64_t>(st.st_size), 64 * kExtent);
+
+    r = Shell("'" VSSTREAM_TOOL "' restore " + scratch.sub("s.bin") + " --to " + scratch.sub("restore"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    const std::string vmDisk = nlohmann::json::parse(ReadFile(job))["items"][0]["path"].get<std::string>();
+    const std::string restored = scratch.sub("restore/" + vmDisk.substr(0, vmDisk.find('\\')) + "/img01.img");
+    EXPECT_TRUE(SameSparseBytes(restored, image));
+    struct stat ri {}, si {};
+    ASSERT_EQ(::stat(restored.c_str(), &ri), 0);
+    ASSERT_EQ(::stat(image.c_str(), &si), 0);
+    EXPECT_EQ(ri.st_size, off_t{1} << 40);
+    EXPECT_LE(ri.st_blocks, si.st_blocks + 64);   // zeros inside the extents stay holes
+}
+
 // What bench/peers runs: vsdm over a snapshot that mksnap makes around a raw image.
 TEST(VsdmBenchSnapshot, AnImageBacksUpAndRestoresAsItself) {
     vstest::TempHome scratch;
