@@ -11,10 +11,23 @@
 using vshost::detail::PayloadBuilder;
 using vshost::stream::Kind;
 
-vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer) : m_hubServer(hubServer) {}
+vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer)
+    : m_hubServer(hubServer), m_completed(std::make_unique<vshost::changetrack::CompletedDisks>()) {}
 
 vsArchive::~vsArchive() {
     if (m_pipe) close(false);
+    RecordCompleted(true);
+}
+
+void vsArchive::RecordCompleted(bool all) {
+    if (!m_completed || !(all ? m_completed->Waiting() > 0 : m_completed->Due())) return;
+    const size_t waiting = m_completed->Waiting();
+    try {
+        m_completed->Flush();
+    } catch (const std::exception& e) {
+        KTlog(m_log, 1, "Cannot record [%zu] completed disk(s) and their digests: %s; an incremental from this job "
+              "reads them whole", waiting, e.what());
+    }
 }
 
 int vsArchive::Result(int status) {
@@ -98,6 +111,7 @@ int vsArchive::close(bool finish) {
     if (finish && m_pipe->Encoder().Writers() == 1) EndDanglingEntry();
     const int rc = Result(m_pipe->Encoder().Detach(finish));
     m_pipe = nullptr;
+    RecordCompleted(true);
     return rc;
 }
 
@@ -162,24 +176,13 @@ int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::strin
     // job killed after that leaves a stream that holds the disk whole, one killed
     // before it leaves a catalog that does not count on it.
     if (rc == kOk) rc = Result(m_pipe->Encoder().Flush());
-    if (rc == kOk) {
-        try {
-            vshost::changetrack::RecordJobDisk(m_jobId, {vmGuid, diskName, changeId});
-        } catch (const std::exception& e) {
-            KTlog(m_log, 1, "Cannot record disk [%s] as read by job [%lld]: %s", diskName.c_str(),
-                  static_cast<long long>(m_jobId), e.what());
-        }
-    }
     // The disk reader's digests of the pass that just ended become the state a later
     // read under `changeId` compares with.
-    if (rc == kOk && !changeId.empty()) {
-        try {
-            if (!vshost::changetrack::CommitCompletedPass(changeId))
-                KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
-                      "from it reads the whole disk", changeId.c_str(), diskName.c_str());
-        } catch (const std::exception& e) {
-            KTlog(m_log, 1, "Cannot store the digests of change id [%s]: %s", changeId.c_str(), e.what());
-        }
+    if (rc == kOk) {
+        if (!m_completed->Add(m_jobId, {vmGuid, diskName, changeId}) && !changeId.empty())
+            KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
+                  "from it reads the whole disk", changeId.c_str(), diskName.c_str());
+        RecordCompleted(false);
     } else {
         vshost::changetrack::ClearCompletedPass();
     }

@@ -4,6 +4,8 @@
 #include "vshost/catalog.h"
 #include "xxh3.h"
 
+#include <sqlite3.h>
+
 #include <cstring>
 #include <mutex>
 #include <stdexcept>
@@ -28,6 +30,39 @@ uint64_t Get(const char* p) {
     return v;
 }
 
+std::string Serialize(const DiskDigests& digests) {
+    std::string blob;
+    blob.reserve(digests.extents.size() * kEntryBytes);
+    for (const auto& [extent, digest] : digests.extents) {
+        Put(blob, extent);
+        Put(blob, digest.high);
+        Put(blob, digest.low);
+    }
+    return blob;
+}
+
+void WriteDigests(db::Connection& conn, const std::string& changeId, uint64_t diskSize, uint64_t extentSize,
+                  const std::string& blob) {
+    db::Statement(conn,
+                  "INSERT OR REPLACE INTO disk_digests (change_id, disk_size, extent_size, digests) "
+                  "VALUES (?1, ?2, ?3, ?4)")
+        .Bind(1, changeId)
+        .Bind(2, static_cast<int64_t>(diskSize))
+        .Bind(3, static_cast<int64_t>(extentSize))
+        .BindBlob(4, blob)
+        .Run();
+}
+
+void WriteJobDisk(db::Connection& conn, int64_t jobId, const JobDisk& disk) {
+    db::Statement(conn,
+                  "INSERT OR REPLACE INTO job_disks (job_id, vm_guid, disk_name, change_id) VALUES (?1, ?2, ?3, ?4)")
+        .Bind(1, jobId)
+        .Bind(2, disk.vmGuid)
+        .Bind(3, disk.diskName)
+        .Bind(4, disk.changeId)
+        .Run();
+}
+
 }  // namespace
 
 Digest DigestOf(const void* data, size_t length) {
@@ -37,22 +72,8 @@ Digest DigestOf(const void* data, size_t length) {
 }
 
 void Store(const std::string& changeId, const DiskDigests& digests) {
-    std::string blob;
-    blob.reserve(digests.extents.size() * kEntryBytes);
-    for (const auto& [extent, digest] : digests.extents) {
-        Put(blob, extent);
-        Put(blob, digest.high);
-        Put(blob, digest.low);
-    }
     db::Connection conn(Catalog().Path());
-    db::Statement(conn,
-                  "INSERT OR REPLACE INTO disk_digests (change_id, disk_size, extent_size, digests) "
-                  "VALUES (?1, ?2, ?3, ?4)")
-        .Bind(1, changeId)
-        .Bind(2, static_cast<int64_t>(digests.diskSize))
-        .Bind(3, static_cast<int64_t>(digests.extentSize))
-        .BindBlob(4, blob)
-        .Run();
+    WriteDigests(conn, changeId, digests.diskSize, digests.extentSize, Serialize(digests));
 }
 
 std::optional<DiskDigests> Load(const std::string& changeId) {
@@ -97,13 +118,7 @@ bool CommitCompletedPass(const std::string& changeId) {
 
 void RecordJobDisk(int64_t jobId, const JobDisk& disk) {
     db::Connection conn(Catalog().Path());
-    db::Statement(conn,
-                  "INSERT OR REPLACE INTO job_disks (job_id, vm_guid, disk_name, change_id) VALUES (?1, ?2, ?3, ?4)")
-        .Bind(1, jobId)
-        .Bind(2, disk.vmGuid)
-        .Bind(3, disk.diskName)
-        .Bind(4, disk.changeId)
-        .Run();
+    WriteJobDisk(conn, jobId, disk);
 }
 
 std::vector<JobDisk> JobDisks(int64_t jobId) {
@@ -113,6 +128,46 @@ std::vector<JobDisk> JobDisks(int64_t jobId) {
     std::vector<JobDisk> out;
     while (q.Step()) out.push_back(JobDisk{q.Text(0), q.Text(1), q.Text(2)});
     return out;
+}
+
+bool CompletedDisks::Add(int64_t jobId, const JobDisk& disk) {
+    if (m_disks.empty()) m_oldest = std::chrono::steady_clock::now();
+    Row row{jobId, disk, false, 0, 0, {}};
+    // Taken even without a change id, so that the pass cannot be stored under the next disk's.
+    std::optional<DiskDigests> pass = TakeCompletedPass();
+    if (pass && !disk.changeId.empty()) {
+        row.hasDigests = true;
+        row.diskSize = pass->diskSize;
+        row.extentSize = pass->extentSize;
+        row.digests = Serialize(*pass);
+        m_bytes += row.digests.size();
+    }
+    m_disks.push_back(std::move(row));
+    return m_disks.back().hasDigests;
+}
+
+bool CompletedDisks::Due() const {
+    return !m_disks.empty() && (m_disks.size() >= kMaxDisks || m_bytes >= kMaxBytes ||
+                                std::chrono::steady_clock::now() - m_oldest >= kMaxAge);
+}
+
+void CompletedDisks::Flush() {
+    if (m_disks.empty()) return;
+    std::vector<Row> rows = std::move(m_disks);
+    m_disks.clear();
+    m_bytes = 0;
+    db::Connection conn(Catalog().Path());
+    conn.Exec("BEGIN IMMEDIATE");
+    try {
+        for (const Row& row : rows) {
+            WriteJobDisk(conn, row.jobId, row.disk);
+            if (row.hasDigests) WriteDigests(conn, row.disk.changeId, row.diskSize, row.extentSize, row.digests);
+        }
+        conn.Exec("COMMIT");
+    } catch (...) {
+        sqlite3_exec(conn.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
 }
 
 }  // namespace vshost::changetrack

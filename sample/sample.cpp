@@ -373,4 +373,49 @@ SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, co
     return s;
 }
 
+SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options) {
+    const std::string home = vshost::HomeDir();
+    if (home.empty()) throw std::runtime_error("no host home is open");
+    if (count == 0 || count > 99999) throw std::runtime_error("a fleet holds 1 to 99999 VMs");
+    if (options.diskSize == 0 || options.diskSize % kMiB != 0)
+        throw std::runtime_error("disk size must be a whole number of MiB");
+
+    SampleSnapshot s = Identity(options, {"ds1", "ds2"});
+    const fs::path root = fs::path(home) / "Snapshots" / std::to_string(s.snapJobId);
+    const uint64_t size = options.diskSize;
+    s.vms.reserve(count);
+    for (unsigned i = 1; i <= count; ++i) {
+        char name[16], bios[40], vc[40];
+        std::snprintf(name, sizeof name, "vm%04u", i);
+        std::snprintf(bios, sizeof bios, "564d%04x-0000-4000-8000-%012x", i & 0xffff, i);
+        std::snprintf(vc, sizeof vc, "5003%04x-0000-4000-8000-%012x", i & 0xffff, i);
+        const std::string own = i % 2 ? "ds1" : "ds2";
+        const std::string other = i % 2 ? "ds2" : "ds1";
+        SampleVM vm;
+        vm.name = name;
+        vm.biosUuid = bios;
+        vm.vcUuid = vc;
+        vm.folder = (root / own / vm.name).string();
+        const std::string image = vm.name + "_1.img";
+        ConfigFiles(vm, vm.folder,
+                    Vmx(vm, {{"scsi0:0.present", "TRUE"}, {"scsi0:0.fileName", vm.name + ".vmdk"},
+                             {"scsi0:1.present", "TRUE"}, {"scsi0:1.fileName", "[" + other + "] " + vm.name + "/" + image}}));
+        const fs::path vmdk = fs::path(vm.folder) / (vm.name + ".vmdk");
+        WriteText(vmdk, Descriptor("monolithicFlat", {"RW " + Sectors(size) + " FLAT \"" + vm.name + "-flat.vmdk\" 0"}));
+        const fs::path raw = root / other / vm.name / image;
+        for (const fs::path& file : {fs::path(vm.folder) / (vm.name + "-flat.vmdk"), raw}) {
+            SparseFile disk(file, size);
+            const uint32_t seed = i * 4 + (file == raw ? 2 : 0);
+            disk.WriteRange(0, 16 * 1024, seed);
+            disk.WriteRange(size / 2, 4096, seed + 1);
+            disk.WriteRange(size - 8192, 8192, seed + 2);
+        }
+        vm.disks = {Disk(vm.name + ".vmdk", own, vm.name, vmdk, size), Disk(image, other, vm.name, raw, size)};
+        s.vms.push_back(std::move(vm));
+    }
+    WriteSnapshotJson(root, s);
+    AddCatalogRows(s, options);
+    return s;
+}
+
 }  // namespace vssample

@@ -3,6 +3,7 @@
 #include "entrymodel.h"
 
 #include "hostapi/snapsrc.h"
+#include "vshost/changetrack.h"
 #include "vshost/fd.h"
 #include "vshost/streamreader.h"
 
@@ -20,8 +21,13 @@ std::map<std::string, std::map<std::string, DiskResumePoint>> ReadResumePoints(c
     vsstream::EntryModel model;
     vshost::StreamRecord record;
     std::string why;
+    std::map<std::string, std::string> changeIds;   // by disk key
     // Whatever came whole before a cut or a damaged record is sound; nothing after it is read.
-    while (reader.Next(record)) model.Apply(record, why);
+    while (reader.Next(record)) {
+        model.Apply(record, why);
+        if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
+            changeIds["\\" + done->vmGuid + "\\" + done->diskName] = done->changeId;
+    }
     if (reader.state() == vshost::StreamReader::State::ReadError)
         throw std::runtime_error("cannot read the stream to resume from, " + stream + ": " + reader.error());
 
@@ -34,6 +40,7 @@ std::map<std::string, std::map<std::string, DiskResumePoint>> ReadResumePoints(c
         DiskResumePoint& p = points[key.substr(1, split - 1)][key.substr(split + 1)];
         p.done = g.readCompleted;
         p.nextExtent = g.readCompleted ? 0 : g.nextExtent;
+        if (g.readCompleted) p.changeId = changeIds[key];
     }
     if (points.empty())
         throw std::runtime_error("the stream " + stream + " holds no disk a later attempt could build on (" +
@@ -59,7 +66,10 @@ void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& rep
             if (!entry) entry = &options.diskInfo.emplace_back(VirtualServer::SnapSrcPathDiskInfo{name, "", "", 0, 0});
             entry->processed = point.done ? 1 : 0;
             entry->startExtent = static_cast<int64_t>(point.nextExtent);
-            if (point.done) ++done;
+            if (point.done) {
+                ++done;
+                vshost::changetrack::RecordJobDisk(job.host.jobId, {vm, name, point.changeId});
+            }
             else if (point.nextExtent > 0) ++partly;
         }
         report << "item " << item.path << ": " << done << " disk(s) already read, " << partly

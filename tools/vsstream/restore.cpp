@@ -1,6 +1,8 @@
 // Applying records to files below the restore folder.
 #include "restore.h"
 
+#include "hostapi/zeroscan.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -24,6 +26,27 @@ bool WriteAt(int fd, const char* data, uint64_t length, uint64_t at) {
         at += static_cast<uint64_t>(n);
     }
     return true;
+}
+
+// Writes the blocks of `data` that hold something other than zeros; file blocks of 4 KiB
+// (the file system's unit of allocation) that would receive only zeros are skipped.
+bool WriteSparse(int fd, const char* data, uint64_t length, uint64_t at) {
+    constexpr uint64_t kBlock = 4096;
+    uint64_t runStart = 0, done = 0;
+    bool inRun = false;
+    while (done < length) {
+        const uint64_t n = std::min(length - done, kBlock - (at + done) % kBlock);
+        const bool zero = IsZeroFilled(data + done, n);
+        if (!zero && !inRun) {
+            runStart = done;
+            inRun = true;
+        } else if (zero && inRun) {
+            if (!WriteAt(fd, data + runStart, done - runStart, at + runStart)) return false;
+            inRun = false;
+        }
+        done += n;
+    }
+    return !inRun || WriteAt(fd, data + runStart, length - runStart, at + runStart);
 }
 
 // Zeros the range of an existing image, keeping it sparse where the file system can.
@@ -110,6 +133,19 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
     case Kind::EndOfFile:
         End(model.entry(), record.offset);
         break;
+    case Kind::DiskReadCompleted: {
+        // A stream of many disks would otherwise hold one descriptor per disk to its end.
+        const auto& done = std::get<vshost::DiskReadCompletedRecord>(record.body);
+        if (auto it = m_images.find("\\" + done.vmGuid + "\\" + done.diskName); it != m_images.end()) {
+            if (m_image == &it->second) {
+                // Only a damaged stream completes a disk inside one of its extents.
+                m_image = nullptr;
+                if (m_target == Target::Extent) m_target = Target::Skip;
+            }
+            it->second.fd.Reset();
+        }
+        break;
+    }
     case Kind::DirectoryEntry: {
         const auto& info = std::get<vshost::FileLevelRecord>(record.body).info;
         PathParts parts;
@@ -132,27 +168,36 @@ void Restorer::Folder(const PathParts& parts, uint64_t offset) {
 
 Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& model, uint64_t offset) {
     auto it = m_images.find(key);
-    if (it != m_images.end()) return &it->second;
+    if (it != m_images.end() && it->second.fd.valid()) return &it->second;
     PathParts parts;
     std::string why;
     if (!SplitEntryPath(key, parts, why)) {
         Problem(offset, why + "; disk not restored");
         return nullptr;
     }
-    Image image;
-    image.fd = m_root.OpenImage(parts, image.fresh, why);
-    if (!image.fd.valid()) {
+    bool fresh = false;
+    Fd fd = m_root.OpenImage(parts, fresh, why);
+    if (!fd.valid()) {
         Problem(offset, why);
         return nullptr;
     }
+    if (it != m_images.end()) {
+        // Closed when its disk completed, and written again: what this run wrote so far
+        // is still in it, so it keeps what it knew (fresh, high water) and its size.
+        it->second.fd = Fd(fd.Release());
+        return &it->second;
+    }
     // The disk's size now: an incremental may grow or shrink it.
     const DiskGeometry* g = model.Disk(key);
-    if (g && ::ftruncate(image.fd.get(), static_cast<off_t>(g->size)) != 0) {
+    if (g && ::ftruncate(fd.get(), static_cast<off_t>(g->size)) != 0) {
         Problem(offset, Why(("cannot size " + JoinParts(parts, parts.size())).c_str()));
         return nullptr;
     }
     ++m_counts.images;
-    return &m_images.emplace(key, std::move(image)).first->second;
+    Image& image = m_images[key];
+    image.fd = std::move(fd);
+    image.fresh = fresh;
+    return &image;
 }
 
 void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
@@ -211,7 +256,10 @@ void Restorer::Write(const char* data, uint64_t length, uint64_t offset) {
     if (m_target == Target::File && !EnsureFile(offset)) return;
     if (m_target != Target::File && m_target != Target::Extent) return;
     const int fd = m_target == Target::File ? m_file.get() : m_image->fd.get();
-    if (!WriteAt(fd, data, length, m_pos)) {
+    // Where this run has not written yet, a fresh image is already zero: an extent's
+    // blocks of zeros are left unwritten, so the image stays as sparse as its disk was.
+    const bool sparse = m_target == Target::Extent && m_image->fresh && m_pos >= m_image->highWater;
+    if (sparse ? !WriteSparse(fd, data, length, m_pos) : !WriteAt(fd, data, length, m_pos)) {
         Problem(offset, Why("write failed"));
         m_target = Target::Skip;
         return;

@@ -60,7 +60,7 @@ private:
 
     SafeRoot& m_root;
     std::ostream& m_err;
-    std::map<std::string, Image> m_images;   // by disk entry path
+    std::map<std::string, Image> m_images;   // by disk entry path; closed once the disk completes
     Target m_target = Target::None;
     PathParts m_parts;
     Fd m_file;

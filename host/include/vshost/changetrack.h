@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -56,5 +57,40 @@ struct JobDisk {
 };
 VS_HOST_API void RecordJobDisk(int64_t jobId, const JobDisk& disk);
 VS_HOST_API std::vector<JobDisk> JobDisks(int64_t jobId);
+
+// What a job records as each disk completes (the disk, and the digests of the pass that
+// just covered it), gathered and written to the catalog in one transaction: a durable
+// commit costs several syncs, and paying them twice per disk made a job of many small
+// disks wait on the catalog more than it read. Written once kMaxDisks disks or kMaxBytes
+// of digests are waiting or the oldest has waited kMaxAge, and at Flush. What was not
+// flushed when the process dies is lost: those disks have no change id to build an
+// incremental on, so that incremental reads them whole.
+class VS_HOST_API CompletedDisks {
+public:
+    static constexpr size_t kMaxDisks = 256;
+    static constexpr size_t kMaxBytes = 8u << 20;
+    static constexpr std::chrono::seconds kMaxAge{5};
+
+    // Records `disk` of job `jobId` with the completed pass, which it takes; false when
+    // there was none (the disk is recorded, its change id gets no digests).
+    bool Add(int64_t jobId, const JobDisk& disk);
+    // Whether Add's caller should Flush now.
+    bool Due() const;
+    // Writes what waits; on a catalog error throws, and what waited is dropped.
+    void Flush();
+    size_t Waiting() const { return m_disks.size(); }
+
+private:
+    struct Row {
+        int64_t jobId;
+        JobDisk disk;
+        bool hasDigests;
+        uint64_t diskSize, extentSize;
+        std::string digests;   // stored form
+    };
+    std::vector<Row> m_disks;
+    size_t m_bytes = 0;
+    std::chrono::steady_clock::time_point m_oldest;
+};
 
 }  // namespace vshost::changetrack

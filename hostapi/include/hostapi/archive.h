@@ -16,6 +16,9 @@
 class vsJobMgr;
 class vsAppMgr;
 class vsArchive;
+namespace vshost::changetrack {
+class CompletedDisks;
+}
 
 namespace vshost::detail {
 class StreamEncoder;
@@ -232,6 +235,9 @@ private:
     unsigned m_ids[3] = {0, 0, 0};
     long long m_jobId = 0;
     std::string m_token;
+    // Disks completed and not yet recorded in the catalog; written at close.
+    std::unique_ptr<vshost::changetrack::CompletedDisks> m_completed;
+    void RecordCompleted(bool all);
 };
 
 // Names of disk extents: "Extent" followed by the extent number in 20 decimal digits

@@ -67,4 +67,10 @@ SampleSnapshot GenerateImageSnapshot(const std::string& image, const SampleOptio
 // The same with one VM per image: img01, img02, ... in the order given.
 SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, const SampleOptions& options = {});
 
+// A snapshot of `count` VMs (vm0001, vm0002, ...) spread over datastores ds1 and ds2,
+// each with a flat VMDK on its own datastore and a raw image on the other, both of
+// options.diskSize (1 MiB or more) with a little data at the start, the middle and the end. For
+// exercising jobs of many VMs; the data is kept small so that making hundreds is quick.
+SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options = {});
+
 }  // namespace vssample

@@ -259,6 +259,8 @@ TEST(StreamWriter, ADiskIsRecordedAsReadOnlyOnceItsMarkerIsWritten) {
         const DecodeResult onDisk = DecodeBytes(s.Bytes());   // the writer is still open
         ASSERT_FALSE(onDisk.records.empty());
         EXPECT_EQ(onDisk.records.back().record.kind, Kind::DiskReadCompleted);
+        // Completed disks reach the catalog in batches, at the latest when the writer closes.
+        ASSERT_EQ(s.writer.close(true), 0);
         const auto recorded = vshost::changetrack::JobDisks(77);
         ASSERT_EQ(recorded.size(), 1u);
         EXPECT_EQ(recorded[0].diskName, "disk0.vmdk");
@@ -277,5 +279,6 @@ TEST(StreamWriter, ADiskIsRecordedAsReadOnlyOnceItsMarkerIsWritten) {
     ASSERT_EQ(Header(writer, "\\vm1", 0, true), 0);
     ASSERT_EQ(writer.sendEOF(true, 0), 0);
     EXPECT_NE(writer.sendDiskReadCompleted("vm1", "disk0.vmdk", "change-2"), 0);
+    EXPECT_NE(writer.close(true), 0);
     EXPECT_TRUE(vshost::changetrack::JobDisks(78).empty());
 }

@@ -174,12 +174,13 @@ TEST(VsdmFaults, TheVMInfoLibraryFailingAtEachStep) {
 }
 
 // SIGKILL while the job is inside its second disk: the stream it leaves is incomplete
-// (not corrupt), the catalog counts only disks whose marker the stream holds, and a
+// (not corrupt), the catalog counts only disks whose marker the stream holds (completed
+// disks reach it in batches, so a killed job may have recorded fewer), and a
 // second attempt given that stream completes the job without reading them again.
 TEST(VsdmFaults, AKilledJobIsDetectedAndTheNextAttemptGoesOnFromItsStream) {
     vstest::TempHome home;
     vssample::SampleOptions options;
-    options.diskSize = 64ull << 20;
+    options.diskSize = 32ull << 20;
     const vssample::SampleSnapshot s = vssample::GenerateSample(options);
     const std::vector<std::string> vms = {s.vm("web01").biosUuid, s.vm("db01").biosUuid};
 
@@ -202,7 +203,6 @@ TEST(VsdmFaults, AKilledJobIsDetectedAndTheNextAttemptGoesOnFromItsStream) {
     EXPECT_EQ(verify.status, 2) << verify.output;   // incomplete, not corrupt
     const std::set<std::string> inStream = Names(DoneMarkers(home.sub("killed.bin")));
     const std::set<std::string> inCatalog = CatalogDisks(71);
-    EXPECT_TRUE(inCatalog.count(markers[0].first)) << "the first disk was recorded before the stream went on";
     EXPECT_FALSE(inStream.count(markers[2].first));
     for (const std::string& disk : inCatalog) EXPECT_TRUE(inStream.count(disk)) << disk << " recorded, not in the stream";
 

@@ -3,15 +3,21 @@
 #include "jobspec.h"
 #include "temp_home.h"
 
+#include "hostapi/snapsrc.h"
 #include "vshost/catalog.h"
+#include "vshost/streamreader.h"
 #include "vssample/sample.h"
 
 #include <nlohmann/json.hpp>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -195,12 +201,163 @@ TEST(VsdmDemo, RestoresWhatItBacksUp) {
     EXPECT_EQ(r.output.find("MISMATCH"), std::string::npos) << r.output;
 }
 
-#ifdef MKSNAP_TOOL
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+bool SameBytes(const std::string& a, const std::string& b) {
+    const int fa = ::open(a.c_str(), O_RDONLY | O_CLOEXEC), fb = ::open(b.c_str(), O_RDONLY | O_CLOEXEC);
+    bool same = fa >= 0 && fb >= 0;
+    std::vector<char> x(1 << 20), y(1 << 20);
+    for (off_t at = 0; same;) {
+        const ssize_t n = ::pread(fa, x.data(), x.size(), at), m = ::pread(fb, y.data(), y.size(), at);
+        same = n == m && n >= 0 && std::memcmp(x.data(), y.data(), static_cast<size_t>(std::max<ssize_t>(n, 0))) == 0;
+        if (n <= 0) break;
+        at += n;
+    }
+    if (fa >= 0) ::close(fa);
+    if (fb >= 0) ::close(fb);
+    return same;
+}
+
+// One job over a snapshot of 200 VMs: every VM and every disk is in the stream exactly
+// once, the restore gives every disk back, neither holds descriptors per VM or disk,
+// and the job leaves no folder behind.
+TEST(VsdmRun, AJobOfTwoHundredVMsBacksUpAndRestoresWhole) {
+    vstest::TempHome home;
+    // Small disks and extents keep the stream small: the number of VMs is what counts here.
+    vssample::SampleOptions small;
+    small.diskSize = 1 << 20;
+    const vssample::SampleSnapshot s = vssample::GenerateFleet(200, small);
+    vshost::settings::Set("VirtualServer", "nVDiskExtentSizeKB", "64");
+    vshost::settings::Save();
+    VirtualServer::SnapSrcPathOptions cbt;
+    cbt.useCBT = 1;
+    nlohmann::json items = nlohmann::json::array();
+    for (const vssample::SampleVM& vm : s.vms) items.push_back({{"path", vm.biosUuid}, {"options", cbt.Serialize()}});
+    const nlohmann::json job = {{"jobId", 33},
+                                {"appId", {s.appId1, s.appId2}},
+                                {"jobOptions", nlohmann::json::object()},
+                                {"mediaAgent", s.mediaAgentName},
+                                {"archiveFiles", s.afileIds},
+                                {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
+                                {"home", home.path()},
+                                {"items", items}};
+    std::ofstream(home.sub("fleet.json")) << job.dump();
+    // Far fewer descriptors than the job has disks: whatever is opened per VM or per disk
+    // must be closed again before the next.
+    const std::string fewDescriptors = "ulimit -n 40 && ";
+    Result r = Shell(fewDescriptors + Vsdm() + " run " + home.sub("fleet.json") + " --out " + home.sub("fleet.bin"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("200 of 200 items succeeded"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("VMs 200, disks completed 400"), std::string::npos) << r.output;
+
+    std::map<std::string, int> vmsDone, disksDone, diskEntries;
+    {
+        const int fd = ::open(home.sub("fleet.bin").c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        vshost::StreamReader reader(fd);
+        vshost::StreamRecord rec;
+        while (reader.Next(rec)) {
+            if (auto* v = std::get_if<vshost::VMReadCompletedRecord>(&rec.body)) ++vmsDone[v->vmGuid];
+            if (auto* d = std::get_if<vshost::DiskReadCompletedRecord>(&rec.body)) ++disksDone[d->vmGuid + "\\" + d->diskName];
+            if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body); h && h->extentSize != 0) ++diskEntries[h->path];
+        }
+        EXPECT_EQ(reader.state(), vshost::StreamReader::State::Complete);
+        ::close(fd);
+    }
+    EXPECT_EQ(vmsDone.size(), 200u);
+    EXPECT_EQ(disksDone.size(), 400u);
+    for (const vssample::SampleVM& vm : s.vms) {
+        EXPECT_EQ(vmsDone[vm.biosUuid], 1) << vm.name;
+        for (const vssample::SampleDisk& d : vm.disks) {
+            EXPECT_EQ(disksDone[vm.biosUuid + "\\" + d.name], 1) << vm.name << " " << d.name;
+            EXPECT_EQ(diskEntries["\\" + vm.biosUuid + "\\" + d.name], 1) << vm.name << " " << d.name;
+        }
+    }
+
+    r = Shell(fewDescriptors + "'" VSSTREAM_TOOL "' restore " + home.sub("fleet.bin") + " --to " + home.sub("restore"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("400 disk images"), std::string::npos) << r.output;
+    for (const vssample::SampleVM& vm : s.vms) {
+        // The flat VMDK's bytes are its flat extent file's; the raw image's its own.
+        const std::string restored = home.sub("restore/" + vm.biosUuid + "/");
+        EXPECT_TRUE(SameBytes(restored + vm.disks[0].name, vm.folder + "/" + vm.name + "-flat.vmdk")) << vm.name;
+        EXPECT_TRUE(SameBytes(restored + vm.disks[1].name, vm.disks[1].path)) << vm.name;
+    }
+    // The job's results folder, with whatever the job made below it, is gone.
+    EXPECT_TRUE(std::filesystem::is_empty(home.sub("JobResults")));
+}
+
+#ifdef MKSNAP_TOOL
+// (start, end) of the data of a sparse file, as SEEK_DATA and SEEK_HOLE find it.
+std::vector<std::pair<off_t, off_t>> DataRanges(const std::string& path) {
+    std::vector<std::pair<off_t, off_t>> out;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    for (off_t at = 0; fd >= 0;) {
+        const off_t start = ::lseek(fd, at, SEEK_DATA);
+        if (start < 0) break;
+        at = ::lseek(fd, start, SEEK_HOLE);
+        out.emplace_back(start, at);
+    }
+    if (fd >= 0) ::close(fd);
+    return out;
+}
+
+// Same size, and the same bytes wherever either file holds data (elsewhere both read as zeros).
+bool SameSparseBytes(const std::string& a, const std::string& b) {
+    struct stat sa {}, sb {};
+    if (::stat(a.c_str(), &sa) != 0 || ::stat(b.c_str(), &sb) != 0 || sa.st_size != sb.st_size) return false;
+    auto ranges = DataRanges(a);
+    for (const auto& r : DataRanges(b)) ranges.push_back(r);
+    const int fa = ::open(a.c_str(), O_RDONLY | O_CLOEXEC), fb = ::open(b.c_str(), O_RDONLY | O_CLOEXEC);
+    bool same = fa >= 0 && fb >= 0;
+    std::vector<char> x, y;
+    for (const auto& [start, end] : ranges) {
+        if (!same) break;
+        const size_t n = static_cast<size_t>(end - start);
+        x.resize(n);
+        y.resize(n);
+        same = ::pread(fa, x.data(), n, start) == static_cast<ssize_t>(n) &&
+               ::pread(fb, y.data(), n, start) == static_cast<ssize_t>(n) && x == y;
+    }
+    if (fa >= 0) ::close(fa);
+    if (fb >= 0) ::close(fb);
+    return same;
+}
+
+// A disk of 1 TiB holding 4 MiB in 64 scattered runs: the stream holds the extents those
+// runs touch and no more, and the restored image is the disk, as sparse as it was.
+TEST(VsdmBenchSnapshot, ATebibyteDiskCostsItsDataNotItsSize) {
+    vstest::TempHome scratch;
+    const std::string home = scratch.sub("home"), job = scratch.sub("job.json"), image = scratch.sub("disk.img");
+    Result r = Shell("'" MKSNAP_TOOL "' --home " + home + " --image " + image +
+                     " --make-image 1T --data 4M --runs 64 --job " + job);
+    ASSERT_EQ(r.status, 0) << r.output;
+    constexpr uint64_t kExtent = 64 << 10;
+    std::ofstream(home + "/settings.ini", std::ios::app) << "[VirtualServer]\nnVDiskExtentSizeKB=64\n";
+
+    r = Shell(Vsdm() + " run " + job + " --out " + scratch.sub("s.bin"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    // A 64 KiB run at a 4 KiB-aligned place touches one or two extents.
+    struct stat st {};
+    ASSERT_EQ(::stat(scratch.sub("s.bin").c_str(), &st), 0);
+    EXPECT_LE(static_cast<uint64_t>(st.st_size), 2 * 64 * kExtent + (256 << 10));
+    EXPECT_GE(static_cast<uint64_t>(st.st_size), 64 * kExtent);
+
+    r = Shell("'" VSSTREAM_TOOL "' restore " + scratch.sub("s.bin") + " --to " + scratch.sub("restore"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    const std::string vmDisk = nlohmann::json::parse(ReadFile(job))["items"][0]["path"].get<std::string>();
+    const std::string restored = scratch.sub("restore/" + vmDisk.substr(0, vmDisk.find('\\')) + "/img01.img");
+    EXPECT_TRUE(SameSparseBytes(restored, image));
+    struct stat ri {}, si {};
+    ASSERT_EQ(::stat(restored.c_str(), &ri), 0);
+    ASSERT_EQ(::stat(image.c_str(), &si), 0);
+    EXPECT_EQ(ri.st_size, off_t{1} << 40);
+    EXPECT_LE(ri.st_blocks, si.st_blocks + 64);   // zeros inside the extents stay holes
 }
 
 // What bench/peers runs: vsdm over a snapshot that mksnap makes around a raw image.
