@@ -86,6 +86,10 @@ protected:
     std::string CreateTempMountPointDirectory(const std::string& vmName);
     void DeleteTempMountPointDirectory(const std::string& path);
     void CleanupTempFilesAndFolders();
+    // Whether `path`, with every link and ".." resolved, lies in the host's job results
+    // directory:
+    // nothing a VM name can spell is ever made or removed anywhere else.
+    bool InsideJobResults(const std::string& path) const;
 
     // Restore options and credentials; 1 on success, 0 on failure.
     int getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2);

@@ -3,6 +3,9 @@
 
 #include "hostapi/fileutil.h"
 #include "hostapi/indexclient.h"
+#include "hostapi/platform.h"
+
+#include <filesystem>
 
 bool DataReaderVSBase::GetVMMountContext(const std::string& vmName, DataReaderVMCtx& out) {
     auto it = m_vmMountCtxMap.find(vmName);
@@ -149,9 +152,24 @@ void DataReaderVSBase::DeleteTempMountPointDirectory(const std::string& path) {
               "DataReaderVSBase::DeleteTempMountPoint", path.c_str(), err.AsString().c_str());
 }
 
+bool DataReaderVSBase::InsideJobResults(const std::string& path) const {
+    std::error_code ec;
+    const std::string root = KTPI_HubClient().getJobResultsDirectory(KTPlatformInfo().getPhysicalMachine());
+    if (root.empty()) return false;
+    const std::string base = std::filesystem::weakly_canonical(root, ec).string();
+    if (ec || base.empty()) return false;
+    const std::string real = std::filesystem::weakly_canonical(path, ec).string();
+    return !ec && real.size() > base.size() + 1 && real.compare(0, base.size(), base) == 0 &&
+           (base.back() == '/' || real[base.size()] == '/');
+}
+
 void DataReaderVSBase::CleanupTempFilesAndFolders() {
     for (const std::string& path : m_tempFolders) {
         if (!CQiPath::Exists(path)) continue;
+        if (!InsideJobResults(path)) {
+            KTlog(m_hLog, 1, "Not removing [%s]: it lies outside the job results folder", path.c_str());
+            continue;
+        }
         if (CQiPath::IsDirectory(path)) {
             KTlog(m_hLog, 1, "Cleaning up temp folder [%s]", path.c_str());
             CQiDirectory::Remove(path, true, true);

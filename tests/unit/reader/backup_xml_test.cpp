@@ -292,6 +292,18 @@ TEST_F(BackupXmlTest, RemoteCacheFolder) {
     // A second VM mount of the same VM finds the folder there.
     EXPECT_EQ(r->CreateTempMountPointDirectoryForRemoteCache("web01"), folder);
 
+    // A VM name that climbs out of the results folder: nothing is made there, and a
+    // folder recorded out there by any other way is never removed with the reader.
+    const std::string victim = home.sub("victim_SnapCache");
+    fs::create_directories(victim);
+    std::ofstream(victim + "/keep.txt") << "mine";
+    EXPECT_EQ(r->CreateTempMountPointDirectoryForRemoteCache("../victim"), "");
+    EXPECT_EQ(r->CreateTempMountPointDirectoryForRemoteCache("../../elsewhere"), "");
+    EXPECT_TRUE(log.Contains("Refusing remote cache folder"));
+    EXPECT_EQ(r->m_tempFolders.size(), 2u);   // web01 twice, nothing else
+    r->m_tempFolders.push_back(home.sub("JobResults/JobID_1_Mount_x/../../victim_SnapCache"));
+    fs::create_directories(home.sub("JobResults/JobID_1_Mount_x"));
+
     // Nothing is inserted between the results folder and the name.
     r->m_sJobResultsDir = home.sub("JobResults/deep/er");
     const std::string joined = r->CreateTempMountPointDirectoryForRemoteCache("web02");
@@ -310,4 +322,6 @@ TEST_F(BackupXmlTest, RemoteCacheFolder) {
     r.reset();
     EXPECT_FALSE(fs::exists(folder));
     EXPECT_FALSE(fs::exists(joined));
+    EXPECT_TRUE(fs::exists(victim + "/keep.txt"));
+    EXPECT_TRUE(log.Contains("lies outside the job results folder"));
 }

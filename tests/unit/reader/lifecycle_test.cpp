@@ -277,16 +277,23 @@ TEST_F(ReaderLifecycle, DestructorRemovesOnlyThisJobsResultsFolder) {
         fs::remove_all(folder);
     }
 
-    const std::string dir = home.sub("tmpmount");
-    const std::string file = home.sub("collect.txt");
+    // Temporary folders and files go; anything recorded outside the job results
+    // directory (a VM name spelling "..") stays.
+    const std::string dir = home.sub("JobResults/tmpmount");
+    const std::string file = home.sub("JobResults/collect.txt");
+    const std::string outside = home.sub("mine");
     fs::create_directories(dir + "/sub");
+    fs::create_directories(outside);
     std::ofstream(file) << "x";
     {
         Probe r(&event);
-        r.m_tempFolders = {dir, file, home.sub("never-made")};
+        r.m_tempFolders = {dir, file, home.sub("JobResults/never-made"), home.sub("JobResults/x/../../mine"), outside};
+        fs::create_directories(home.sub("JobResults/x"));
     }
     EXPECT_FALSE(fs::exists(dir));
     EXPECT_FALSE(fs::exists(file));
+    EXPECT_TRUE(fs::exists(outside));
+    EXPECT_EQ(log.Count("lies outside the job results folder"), 2u);
     EXPECT_TRUE(log.Contains("Cleaning up temp folder [" + dir + "]"));
     EXPECT_TRUE(log.Contains("Cleaning up file [" + file + "]"));
     EXPECT_TRUE(log.Contains("DataReaderVSBase deleted successfully."));
