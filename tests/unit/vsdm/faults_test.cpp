@@ -49,14 +49,6 @@ std::set<std::string> Names(const std::vector<std::pair<std::string, uint64_t>>&
     return out;
 }
 
-// Every regular file under `dir`, by relative path, with its content.
-std::map<std::string, std::string> Tree(const std::string& dir) {
-    std::map<std::string, std::string> out;
-    for (const auto& e : fs::recursive_directory_iterator(dir))
-        if (e.is_regular_file()) out[fs::relative(e.path(), dir).string()] = vstest::ReadAll(e.path().string());
-    return out;
-}
-
 // What a job left in the host home's job results area: it must be nothing.
 std::vector<std::string> LeftBehind(const vstest::TempHome& home) {
     std::vector<std::string> out;
@@ -219,7 +211,7 @@ TEST(VsdmFaults, AKilledJobIsDetectedAndTheNextAttemptGoesOnFromItsStream) {
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home.sub("killed.bin") + " --to " + home.sub("two")).status, 2);
     const RunResult onto = Shell(vstest::Vsstream() + " restore " + home.sub("resumed.bin") + " --onto " + home.sub("two"));
     ASSERT_EQ(onto.status, 0) << onto.output;
-    const auto one = Tree(home.sub("one")), two = Tree(home.sub("two"));
+    const auto one = vstest::Tree(home.sub("one")), two = vstest::Tree(home.sub("two"));
     ASSERT_EQ(one.size(), two.size());
     for (const auto& [name, content] : one) EXPECT_TRUE(two.count(name) && two.at(name) == content) << name;
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "temp_home.h"
+#include "hostapi/snapsrc.h"
 #include "vssample/sample.h"
 
 #include <nlohmann/json.hpp>
@@ -9,8 +10,10 @@
 #include <array>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <poll.h>
 #include <spawn.h>
 #include <string>
@@ -45,11 +48,17 @@ inline std::string ReadAll(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// An extent job over the sample snapshot with the given items (VM or disk paths).
-inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnapshot& s, int jobId,
-                                const std::vector<std::string>& paths) {
+// An extent job over the sample snapshot with the given items (VM or disk paths), with
+// change tracking asked for when `cbt` is set.
+inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnapshot& s, int64_t jobId,
+                                const std::vector<std::string>& paths, bool cbt = false) {
+    VirtualServer::SnapSrcPathOptions options;
+    options.useCBT = 1;
     nlohmann::json items = nlohmann::json::array();
-    for (const std::string& p : paths) items.push_back({{"path", p}});
+    for (const std::string& p : paths) {
+        items.push_back({{"path", p}});
+        if (cbt) items.back()["options"] = options.Serialize();
+    }
     return {{"jobId", jobId},
             {"appId", {s.appId1, s.appId2}},
             {"jobOptions", nlohmann::json::object()},
@@ -58,6 +67,16 @@ inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnap
             {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
             {"home", home.path()},
             {"items", items}};
+}
+
+// Every entry under `folder` by relative path: a file's content, or "<folder>".
+inline std::map<std::string, std::string> Tree(const std::string& folder) {
+    std::map<std::string, std::string> out;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(folder)) {
+        const std::string name = std::filesystem::relative(e.path(), folder).string();
+        out[name] = e.is_directory() ? "<folder>" : ReadAll(e.path().string());
+    }
+    return out;
 }
 
 // vsdm writing into a FIFO that this test reads at its own pace: the job can be

@@ -1,7 +1,7 @@
 // `vsdm run --streams N`: the items shared out among N processes, the stream set they
 // leave, and vsstream taking the set as a whole.
 #include "split.h"
-#include "temp_home.h"
+#include "run_support.h"
 
 #include "hostapi/snapsrc.h"
 #include "vshost/changetrack.h"
@@ -33,54 +33,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string output;   // stdout and stderr
-};
+using vstest::RunResult;
+using vstest::Shell;
+using vstest::Tree;
 
-Result Shell(const std::string& command) {
-    Result r;
-    FILE* p = popen((command + " 2>&1").c_str(), "r");
-    std::array<char, 4096> buf{};
-    size_t n = 0;
-    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.output.append(buf.data(), n);
-    const int rc = pclose(p);
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : 128;
-    return r;
-}
-
-const std::string kVsdm = "'" VSDM_TOOL "'";
-const std::string kVsstream = "'" VSSTREAM_TOOL "'";
-
-nlohmann::json Job(const vssample::SampleSnapshot& s, int64_t jobId, const std::string& home,
-                   const std::vector<std::string>& items) {
-    nlohmann::json job = {{"jobId", jobId},
-                          {"appId", {s.appId1, s.appId2}},
-                          {"jobOptions", nlohmann::json::object()},
-                          {"mediaAgent", s.mediaAgentName},
-                          {"archiveFiles", s.afileIds},
-                          {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
-                          {"home", home}};
-    VirtualServer::SnapSrcPathOptions cbt;
-    cbt.useCBT = 1;
-    for (const std::string& item : items) job["items"].push_back({{"path", item}, {"options", cbt.Serialize()}});
-    return job;
-}
-
-// Relative path to content, or "<folder>".
-std::map<std::string, std::string> Tree(const std::string& folder) {
-    std::map<std::string, std::string> out;
-    for (const auto& e : fs::recursive_directory_iterator(folder)) {
-        const std::string name = fs::relative(e.path(), folder).string();
-        if (e.is_directory()) {
-            out[name] = "<folder>";
-        } else {
-            std::ifstream in(e.path(), std::ios::binary);
-            out[name] = std::string(std::istreambuf_iterator<char>(in), {});
-        }
-    }
-    return out;
-}
+const std::string kVsdm = vstest::Vsdm();
+const std::string kVsstream = vstest::Vsstream();
 
 std::vector<std::string> Items(const vssample::SampleSnapshot& s) {
     return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
@@ -112,10 +70,10 @@ TEST(VsdmStreams, SplitBalancesExpectedBytesAndDealsTheRestRoundRobin) {
 TEST(VsdmStreams, TwoStreamsRestoreTheSameTreeAsOneAndRecordEveryDisk) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    std::ofstream(home.sub("one.json")) << Job(s, 51, home.path(), Items(s)).dump();
-    std::ofstream(home.sub("two.json")) << Job(s, 52, home.path(), Items(s)).dump();
+    std::ofstream(home.sub("one.json")) << vstest::SampleJob(home, s, 51, Items(s), true).dump();
+    std::ofstream(home.sub("two.json")) << vstest::SampleJob(home, s, 52, Items(s), true).dump();
 
-    Result r = Shell(kVsdm + " run " + home.sub("one.json") + " --out " + home.sub("one.stream"));
+    RunResult r = Shell(kVsdm + " run " + home.sub("one.json") + " --out " + home.sub("one.stream"));
     ASSERT_EQ(r.status, 0) << r.output;
     // More streams than items: one process per item.
     r = Shell(kVsdm + " run " + home.sub("two.json") + " --streams 5 --out " + home.sub("three.set"));
@@ -178,8 +136,10 @@ TEST(VsdmStreams, FailedItemsOfEveryStreamMergeUnderTheJob) {
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     // Round-robin: the two missing VMs land in different streams.
     std::ofstream(home.sub("job.json"))
-        << Job(s, 53, home.path(), {s.vm("db01").biosUuid, s.vm("web01").biosUuid, "nosuchvm1", "nosuchvm2"}).dump();
-    const Result r = Shell(kVsdm + " run " + home.sub("job.json") + " --streams 2 --out " + home.sub("s"));
+        << vstest::SampleJob(home, s, 53, {s.vm("db01").biosUuid, s.vm("web01").biosUuid, "nosuchvm1", "nosuchvm2"},
+                             true)
+               .dump();
+    const RunResult r = Shell(kVsdm + " run " + home.sub("job.json") + " --streams 2 --out " + home.sub("s"));
     EXPECT_EQ(r.status, 1) << r.output;
     EXPECT_NE(r.output.find("2 of 4 items succeeded"), std::string::npos) << r.output;
     EXPECT_NE(r.output.find("vsdm [stream 1]: item nosuchvm1: failed"), std::string::npos) << r.output;
@@ -306,7 +266,7 @@ private:
 TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    std::ofstream(home.sub("job.json")) << Job(s, 54, home.path(), Items(s)).dump();
+    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 54, Items(s), true).dump();
 
     {
         HeldStreams held(home.sub("k"), 2);
@@ -324,7 +284,7 @@ TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
               std::string::npos)
         << err;
     EXPECT_NE(err.find("(2 streams): INCOMPLETE"), std::string::npos) << err;
-    Result r = Shell(kVsstream + " verify " + home.sub("k"));
+    RunResult r = Shell(kVsstream + " verify " + home.sub("k"));
     EXPECT_EQ(r.status, 2) << r.output;
     EXPECT_NE(r.output.find(home.sub("k.2") + ": complete"), std::string::npos) << r.output;
     EXPECT_NE(r.output.find("streams: 2 of 2 read, INCOMPLETE"), std::string::npos) << r.output;
@@ -347,14 +307,14 @@ TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
 TEST(VsdmStreams, UsageErrors) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    std::ofstream(home.sub("job.json")) << Job(s, 55, home.path(), Items(s)).dump();
+    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 55, Items(s), true).dump();
     for (const char* bad : {"0", "-1", "two", "65", "1000000000000", ""}) {
-        const Result r = Shell(kVsdm + " run " + home.sub("job.json") + " --out " + home.sub("x") + " --streams '" +
+        const RunResult r = Shell(kVsdm + " run " + home.sub("job.json") + " --out " + home.sub("x") + " --streams '" +
                                bad + "'");
         EXPECT_EQ(r.status, 64) << bad << ": " << r.output;
         EXPECT_NE(r.output.find("--streams must be a whole number from 1 to 64"), std::string::npos) << r.output;
     }
-    const Result r = Shell(kVsdm + " run " + home.sub("job.json") + " --out - --streams 2");
+    const RunResult r = Shell(kVsdm + " run " + home.sub("job.json") + " --out - --streams 2");
     EXPECT_EQ(r.status, 64) << r.output;
     EXPECT_NE(r.output.find("cannot go to standard output"), std::string::npos) << r.output;
     EXPECT_FALSE(fs::exists(home.sub("x")));

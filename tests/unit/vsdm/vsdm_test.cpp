@@ -1,7 +1,7 @@
 // The data mover as a user runs it: job files, exit statuses, the stream on standard
 // output, the demo.
 #include "jobspec.h"
-#include "temp_home.h"
+#include "run_support.h"
 
 #include "hostapi/snapsrc.h"
 #include "vshost/catalog.h"
@@ -30,23 +30,10 @@
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string output;   // stdout and stderr
-};
+using vstest::RunResult;
+using vstest::Shell;
+using vstest::Vsdm;
 
-Result Shell(const std::string& command) {
-    Result r;
-    FILE* p = popen((command + " 2>&1").c_str(), "r");
-    std::array<char, 4096> buf{};
-    size_t n = 0;
-    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.output.append(buf.data(), n);
-    const int rc = pclose(p);
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : 128;
-    return r;
-}
-
-std::string Vsdm() { return "'" VSDM_TOOL "'"; }
 
 nlohmann::json With(nlohmann::json doc, const std::string& key, const nlohmann::json& value) {
     doc[key] = value;
@@ -88,18 +75,11 @@ TEST(VsdmJobFile, MistakesNameTheirField) {
 TEST(VsdmRun, ExitStatusesAndTheStreamOnStandardOutput) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    nlohmann::json job = {{"jobId", 31},
-                          {"appId", {s.appId1, s.appId2}},
-                          {"jobOptions", nlohmann::json::object()},
-                          {"mediaAgent", s.mediaAgentName},
-                          {"archiveFiles", s.afileIds},
-                          {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
-                          {"home", home.path()},
-                          {"items", {{{"path", s.vm("db01").biosUuid}}}}};
+    nlohmann::json job = vstest::SampleJob(home, s, 31, {s.vm("db01").biosUuid});
     std::ofstream(home.sub("ok.json")) << job.dump();
 
     // The stream can be piped; the summary goes to stderr.
-    Result r = Shell(Vsdm() + " run " + home.sub("ok.json") + " --out - 2>" + home.sub("err.txt") + " | '" VSSTREAM_TOOL
+    RunResult r = Shell(Vsdm() + " run " + home.sub("ok.json") + " --out - 2>" + home.sub("err.txt") + " | '" VSSTREAM_TOOL
                      "' verify -");
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("complete:"), std::string::npos) << r.output;
@@ -131,60 +111,30 @@ TEST(VsdmRun, StopSignalEndsTheStreamCleanlyButIncomplete) {
     vssample::SampleOptions options;
     options.diskSize = 256ull << 20;
     const vssample::SampleSnapshot s = vssample::GenerateSample(options);
-    const nlohmann::json job = {{"jobId", 32},
-                                {"appId", {s.appId1, s.appId2}},
-                                {"jobOptions", nlohmann::json::object()},
-                                {"mediaAgent", s.mediaAgentName},
-                                {"archiveFiles", s.afileIds},
-                                {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
-                                {"home", home.path()},
-                                {"items", {{{"path", s.vm("web01").biosUuid}}, {{"path", s.vm("db01").biosUuid}}}}};
-    std::ofstream(home.sub("job.json")) << job.dump();
+    std::ofstream(home.sub("job.json"))
+        << vstest::SampleJob(home, s, 32, {s.vm("web01").biosUuid, s.vm("db01").biosUuid}).dump();
 
     // Full run first, for the number of extents a complete stream holds.
-    Result full = Shell(Vsdm() + " run " + home.sub("job.json") + " --out " + home.sub("full.bin"));
+    RunResult full = Shell(Vsdm() + " run " + home.sub("job.json") + " --out " + home.sub("full.bin"));
     ASSERT_EQ(full.status, 0) << full.output;
-
-    const std::string fifo = home.sub("stream.fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const int readEnd = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);   // so that vsdm's open does not wait
-    ASSERT_GE(readEnd, 0);
-    const std::string tool = VSDM_TOOL, jobPath = home.sub("job.json"), errPath = home.sub("stop.err");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const char* argv[] = {tool.c_str(), "run", jobPath.c_str(), "--out", fifo.c_str(), nullptr};
-    pid_t pid = 0;
-    ASSERT_EQ(posix_spawn(&pid, tool.c_str(), &actions, nullptr, const_cast<char**>(argv), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
 
     // Take the first 2 MiB (vsdm is then inside the disks' extents), stop it while it
     // waits on this slow consumer, then drain the rest.
-    pollfd pfd{readEnd, POLLIN, 0};
-    ASSERT_EQ(poll(&pfd, 1, 30000), 1);
-    fcntl(readEnd, F_SETFL, 0);
-    std::string stream;
-    std::array<char, 65536> buf{};
-    ssize_t n = 0;
-    while (stream.size() < (2u << 20) && (n = read(readEnd, buf.data(), buf.size())) > 0)
-        stream.append(buf.data(), static_cast<size_t>(n));
-    usleep(200000);
-    kill(pid, SIGINT);
-    while ((n = read(readEnd, buf.data(), buf.size())) > 0) stream.append(buf.data(), static_cast<size_t>(n));
-    close(readEnd);
-    int wstatus = 0;
-    ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
+    vstest::SlowConsumerRun run(home, home.sub("job.json"));
+    ASSERT_TRUE(run.started());
+    ASSERT_TRUE(run.ReadUntil(2u << 20));
+    const int wstatus = run.SignalAndDrain(SIGINT);
     ASSERT_TRUE(WIFEXITED(wstatus));
-    std::ifstream errFile(errPath);
-    const std::string err((std::istreambuf_iterator<char>(errFile)), std::istreambuf_iterator<char>());
+    const std::string err = run.errors();
+    const std::string& stream = run.stream();
     EXPECT_EQ(WEXITSTATUS(wstatus), 4) << err;
     EXPECT_NE(err.find("INCOMPLETE"), std::string::npos) << err;
 
     std::ofstream(home.sub("stopped.bin"), std::ios::binary) << stream;
-    const Result verify = Shell("'" VSSTREAM_TOOL "' verify " + home.sub("stopped.bin"));
+    const RunResult verify = Shell("'" VSSTREAM_TOOL "' verify " + home.sub("stopped.bin"));
     EXPECT_EQ(verify.status, 2) << verify.output;   // incomplete, not corrupt
-    const Result fullList = Shell("'" VSSTREAM_TOOL "' list " + home.sub("full.bin"));
-    const Result stoppedList = Shell("'" VSSTREAM_TOOL "' list " + home.sub("stopped.bin"));
+    const RunResult fullList = Shell("'" VSSTREAM_TOOL "' list " + home.sub("full.bin"));
+    const RunResult stoppedList = Shell("'" VSSTREAM_TOOL "' list " + home.sub("stopped.bin"));
     const auto extents = [](const std::string& listing) {
         size_t count = 0;
         for (size_t at = listing.find("Extent"); at != std::string::npos; at = listing.find("Extent", at + 1)) ++count;
@@ -195,7 +145,7 @@ TEST(VsdmRun, StopSignalEndsTheStreamCleanlyButIncomplete) {
 }
 
 TEST(VsdmDemo, RestoresWhatItBacksUp) {
-    const Result r = Shell(Vsdm() + " demo");
+    const RunResult r = Shell(Vsdm() + " demo");
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("demo passed"), std::string::npos) << r.output;
     EXPECT_EQ(r.output.find("MISMATCH"), std::string::npos) << r.output;
@@ -234,23 +184,14 @@ TEST(VsdmRun, AJobOfTwoHundredVMsBacksUpAndRestoresWhole) {
     const vssample::SampleSnapshot s = vssample::GenerateFleet(200, small);
     vshost::settings::Set("VirtualServer", "nVDiskExtentSizeKB", "64");
     vshost::settings::Save();
-    VirtualServer::SnapSrcPathOptions cbt;
-    cbt.useCBT = 1;
-    nlohmann::json items = nlohmann::json::array();
-    for (const vssample::SampleVM& vm : s.vms) items.push_back({{"path", vm.biosUuid}, {"options", cbt.Serialize()}});
-    const nlohmann::json job = {{"jobId", 33},
-                                {"appId", {s.appId1, s.appId2}},
-                                {"jobOptions", nlohmann::json::object()},
-                                {"mediaAgent", s.mediaAgentName},
-                                {"archiveFiles", s.afileIds},
-                                {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
-                                {"home", home.path()},
-                                {"items", items}};
+    std::vector<std::string> vms;
+    for (const vssample::SampleVM& vm : s.vms) vms.push_back(vm.biosUuid);
+    const nlohmann::json job = vstest::SampleJob(home, s, 33, vms, true);
     std::ofstream(home.sub("fleet.json")) << job.dump();
     // Far fewer descriptors than the job has disks: whatever is opened per VM or per disk
     // must be closed again before the next.
     const std::string fewDescriptors = "ulimit -n 40 && ";
-    Result r = Shell(fewDescriptors + Vsdm() + " run " + home.sub("fleet.json") + " --out " + home.sub("fleet.bin"));
+    RunResult r = Shell(fewDescriptors + Vsdm() + " run " + home.sub("fleet.json") + " --out " + home.sub("fleet.bin"));
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("200 of 200 items succeeded"), std::string::npos) << r.output;
     EXPECT_NE(r.output.find("VMs 200, disks completed 400"), std::string::npos) << r.output;
@@ -334,7 +275,7 @@ bool SameSparseBytes(const std::string& a, const std::string& b) {
 TEST(VsdmBenchSnapshot, ATebibyteDiskCostsItsDataNotItsSize) {
     vstest::TempHome scratch;
     const std::string home = scratch.sub("home"), job = scratch.sub("job.json"), image = scratch.sub("disk.img");
-    Result r = Shell("'" MKSNAP_TOOL "' --home " + home + " --image " + image +
+    RunResult r = Shell("'" MKSNAP_TOOL "' --home " + home + " --image " + image +
                      " --make-image 1T --data 4M --runs 64 --job " + job);
     ASSERT_EQ(r.status, 0) << r.output;
     constexpr uint64_t kExtent = 64 << 10;
@@ -383,7 +324,7 @@ TEST(VsdmBenchSnapshot, AnImageBacksUpAndRestoresAsItself) {
         ::close(fd);
     }
     const std::string home = scratch.sub("home"), job = scratch.sub("job.json");
-    Result r = Shell("'" MKSNAP_TOOL "' --home " + home + " --image " + image + " --job " + job);
+    RunResult r = Shell("'" MKSNAP_TOOL "' --home " + home + " --image " + image + " --job " + job);
     ASSERT_EQ(r.status, 0) << r.output;
     const std::string vmDisk = nlohmann::json::parse(ReadFile(job))["items"][0]["path"].get<std::string>();
     const std::string vm = vmDisk.substr(0, vmDisk.find('\\'));
