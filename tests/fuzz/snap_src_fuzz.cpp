@@ -12,6 +12,7 @@
 // input depends on the ones before it and memory stays flat.
 #include "DataReaderVMware.h"
 #include "DataReaderVSFileCollection.h"
+#include "open_sample.h"
 #include "probe.h"
 #include "scratch_tmp.h"
 #include "temp_home.h"
@@ -49,16 +50,7 @@ struct FileLevelReader : ProbePipe, DataReaderVMware {
 };
 
 void Open(DataReaderVSBase& r, const vssample::SampleSnapshot& s) {
-    DMInitParams init;
-    init.appId1 = s.appId1;
-    init.appId2 = s.appId2;
-    init.jobId = kJob;
-    init.mediaAgentName = s.mediaAgentName;
-    DMOpenArchiveParams open;
-    open.archiveFileId = static_cast<uint32_t>(s.afileIds[0]);
-    open.archGroupId = static_cast<uint32_t>(s.archGroupId);
-    open.copyId = static_cast<uint32_t>(s.copyId);
-    if (r.OpenArchiveFile(init, open) != 0) std::abort();
+    if (vstest::OpenSampleArchiveFile(r, s, kJob) != 0) std::abort();
 }
 
 template <typename Reader>

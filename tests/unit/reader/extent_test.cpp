@@ -2,6 +2,7 @@
 // reader, VM-info library, disk reader and archive writer; the stream is decoded and
 // the disks rebuilt from it.
 #include "probe.h"
+#include "open_sample.h"
 #include "temp_home.h"
 
 #include "vshost/home.h"
@@ -137,16 +138,7 @@ protected:
         r.SetSnapEngineID(s.snapEngineId);
         std::string list = s.afileList;
         r.PreOpenArchiveFile(list.data());
-        DMInitParams init;
-        init.appId1 = s.appId1;
-        init.appId2 = s.appId2;
-        init.jobId = kJob;
-        init.mediaAgentName = s.mediaAgentName;
-        DMOpenArchiveParams open;
-        open.archiveFileId = static_cast<uint32_t>(s.afileIds[0]);
-        open.archGroupId = static_cast<uint32_t>(s.archGroupId);
-        open.copyId = static_cast<uint32_t>(s.copyId);
-        EXPECT_EQ(r.OpenArchiveFile(init, open), 0);
+        EXPECT_EQ(vstest::OpenSampleArchiveFile(r, s, kJob), 0);
         for (const Item& item : items) {
             FSRSnapSrcPath p;
             p.sSnapSrcPath = item.path;

@@ -4,6 +4,7 @@
 // own fault settings or from changing the folder under the collection.
 #include "DataReaderVSFileCollection.h"
 #include "probe.h"
+#include "open_sample.h"
 #include "temp_home.h"
 
 #include "vshost/home.h"
@@ -143,16 +144,7 @@ protected:
         r->SetSnapEngineID(sample.snapEngineId);
         std::string list = sample.afileList;
         r->PreOpenArchiveFile(list.data());
-        DMInitParams init;
-        init.appId1 = sample.appId1;
-        init.appId2 = sample.appId2;
-        init.jobId = kJob;
-        init.mediaAgentName = sample.mediaAgentName;
-        DMOpenArchiveParams open;
-        open.archiveFileId = static_cast<uint32_t>(sample.afileIds[0]);
-        open.archGroupId = static_cast<uint32_t>(sample.archGroupId);
-        open.copyId = static_cast<uint32_t>(sample.copyId);
-        EXPECT_EQ(r->OpenArchiveFile(init, open), 0);
+        EXPECT_EQ(vstest::OpenSampleArchiveFile(*r, sample, kJob), 0);
         return r;
     }
     static int Item(FCProbe& r, const std::string& path, const std::string& options = "") {

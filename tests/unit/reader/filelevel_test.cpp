@@ -2,6 +2,7 @@
 // through live browse, collect files, files sent through the file-backup writer, the
 // stream decoded and restored.
 #include "probe.h"
+#include "open_sample.h"
 #include "temp_home.h"
 
 #include "DataReaderVMware.h"
@@ -111,16 +112,7 @@ protected:
         r.setVSInstanceType(static_cast<VirtualServerInstanceType>(102));
         std::string list = sample.afileList;
         ASSERT_EQ(r.PreOpenArchiveFile(list.data(), 0ul), 0);
-        DMInitParams init;
-        init.appId1 = sample.appId1;
-        init.appId2 = sample.appId2;
-        init.jobId = kJob;
-        init.mediaAgentName = sample.mediaAgentName;
-        DMOpenArchiveParams open;
-        open.archiveFileId = static_cast<uint32_t>(sample.afileIds[0]);
-        open.archGroupId = static_cast<uint32_t>(sample.archGroupId);
-        open.copyId = static_cast<uint32_t>(sample.copyId);
-        ASSERT_EQ(r.OpenArchiveFile(init, open), 0);
+        ASSERT_EQ(vstest::OpenSampleArchiveFile(r, sample, kJob), 0);
     }
 
     // One item as the data mover drives it; the first failing step's result.

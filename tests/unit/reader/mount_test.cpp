@@ -1,6 +1,7 @@
 // Snapshot and VM mounts of the readers against a generated datastore snapshot and the
 // reference VM-info library.
 #include "probe.h"
+#include "open_sample.h"
 #include "temp_home.h"
 
 #include "vshost/catalog.h"
@@ -36,16 +37,7 @@ protected:
         ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
     }
     int Open(Probe& r, uint64_t afileId) {
-        DMInitParams init;
-        init.appId1 = sample.appId1;
-        init.appId2 = sample.appId2;
-        init.jobId = kJob;
-        init.mediaAgentName = sample.mediaAgentName;
-        DMOpenArchiveParams open;
-        open.archiveFileId = static_cast<uint32_t>(afileId);
-        open.archGroupId = static_cast<uint32_t>(sample.archGroupId);
-        open.copyId = static_cast<uint32_t>(sample.copyId);
-        return r.OpenArchiveFile(init, open);
+        return vstest::OpenSampleArchiveFile(r, sample, kJob, afileId);
     }
     std::vector<VMInfoStructs::SDisk> Disks(Probe& r, DataReaderVMCtx& vm) {
         std::vector<VMInfoStructs::SMountInfoFull> infos;

@@ -2,6 +2,7 @@
 // Descriptors and temporary folders are counted after every VM; a VM's disks, mount
 // folder and catalog connections must be gone by the time the next VM starts.
 #include "probe.h"
+#include "open_sample.h"
 #include "temp_home.h"
 
 #include "hostapi/snapsrc.h"
@@ -47,16 +48,7 @@ TEST(ExtentReaderScale, ManyVMsLeaveNoDescriptorsOrFoldersBehind) {
         r.SetSnapEngineID(s.snapEngineId);
         std::string list = s.afileList;
         ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
-        DMInitParams init;
-        init.appId1 = s.appId1;
-        init.appId2 = s.appId2;
-        init.jobId = kJob;
-        init.mediaAgentName = s.mediaAgentName;
-        DMOpenArchiveParams open;
-        open.archiveFileId = static_cast<uint32_t>(s.afileIds[0]);
-        open.archGroupId = static_cast<uint32_t>(s.archGroupId);
-        open.copyId = static_cast<uint32_t>(s.copyId);
-        ASSERT_EQ(r.OpenArchiveFile(init, open), 0);
+        ASSERT_EQ(vstest::OpenSampleArchiveFile(r, s, kJob), 0);
 
         VirtualServer::SnapSrcPathOptions options;
         options.useCBT = 1;   // digests stored for every disk: the catalog is written per disk
