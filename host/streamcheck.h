@@ -24,6 +24,9 @@ inline uint32_t FrameCheck(const char* frame8, uint64_t index) {
 inline uint64_t RecordChecksum(const char* prologue, size_t prologueBytes, const char* frame, size_t frameBytes,
                                const char* payload, size_t payloadBytes, uint64_t index) {
     XXH3_state_t state;
+    // The reset keeps the derived secret when the state's seed already equals the new
+    // one; on the stack that seed is leftover bytes, so it must start out as "none".
+    XXH3_INITSTATE(&state);
     XXH3_64bits_reset_withSeed(&state, index);
     if (prologue) XXH3_64bits_update(&state, prologue, prologueBytes);
     XXH3_64bits_update(&state, frame, frameBytes);
