@@ -122,4 +122,21 @@ DataMoverJob LoadJob(const std::string& path) {
     return ParseJob(text.str(), path, base);
 }
 
+std::string ItemVM(const JobItem& item) { return item.path.substr(0, item.path.find('\\')); }
+
+void EditItemOptions(JobItem& item, const std::function<void(VirtualServer::SnapSrcPathOptions&)>& edit) {
+    VirtualServer::SnapSrcPathOptions options;
+    std::string why;
+    if (!item.optionsXml.empty() && !options.Unserialize(item.optionsXml, why))
+        throw std::runtime_error("item " + item.path + ": its options cannot be read: " + why);
+    edit(options);
+    item.optionsXml = options.Serialize();
+}
+
+VirtualServer::SnapSrcPathDiskInfo& DiskEntry(VirtualServer::SnapSrcPathOptions& options, const std::string& name) {
+    for (auto& entry : options.diskInfo)
+        if (entry.diskName == name) return entry;
+    return options.diskInfo.emplace_back(VirtualServer::SnapSrcPathDiskInfo{name, "", "", 0, 0});
+}
+
 }  // namespace vsdm

@@ -2,9 +2,11 @@
 // reader to use, its settings, the archive files, the items and the stream target.
 #pragma once
 
+#include "hostapi/snapsrc.h"
 #include "vshost/job.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -47,5 +49,13 @@ DataMoverJob LoadJob(const std::string& path);
 DataMoverJob ParseJob(const std::string& text, const std::string& origin, const std::string& baseDir);
 
 const char* ReaderName(ReaderKind kind);
+
+// The VM part of an item's snap source path.
+std::string ItemVM(const JobItem& item);
+// Decodes the item's options, lets `edit` change them and writes them back; throws
+// naming the item when its options cannot be read.
+void EditItemOptions(JobItem& item, const std::function<void(VirtualServer::SnapSrcPathOptions&)>& edit);
+// The options' entry for disk `name`, added when there is none.
+VirtualServer::SnapSrcPathDiskInfo& DiskEntry(VirtualServer::SnapSrcPathOptions& options, const std::string& name);
 
 }  // namespace vsdm

@@ -50,31 +50,26 @@ std::map<std::string, std::map<std::string, DiskResumePoint>> ReadResumePoints(c
 
 void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& report) {
     const auto points = ReadResumePoints(stream);
+    // A killed attempt may not have recorded the disks it completed; its stream says which.
+    for (const auto& [vm, disks] : points)
+        for (const auto& [name, point] : disks)
+            if (point.done) vshost::changetrack::RecordJobDisk(job.host.jobId, {vm, name, point.changeId});
+
     for (JobItem& item : job.items) {
-        const std::string vm = item.path.substr(0, item.path.find('\\'));
-        const auto disks = points.find(vm);
+        const auto disks = points.find(ItemVM(item));
         if (disks == points.end()) continue;
-        VirtualServer::SnapSrcPathOptions options;
-        std::string why;
-        if (!item.optionsXml.empty() && !options.Unserialize(item.optionsXml, why))
-            throw std::runtime_error("item " + item.path + ": its options cannot be read: " + why);
         unsigned done = 0, partly = 0;
-        for (const auto& [name, point] : disks->second) {
-            VirtualServer::SnapSrcPathDiskInfo* entry = nullptr;
-            for (auto& info : options.diskInfo)
-                if (info.diskName == name) entry = &info;
-            if (!entry) entry = &options.diskInfo.emplace_back(VirtualServer::SnapSrcPathDiskInfo{name, "", "", 0, 0});
-            entry->processed = point.done ? 1 : 0;
-            entry->startExtent = static_cast<int64_t>(point.nextExtent);
-            if (point.done) {
-                ++done;
-                vshost::changetrack::RecordJobDisk(job.host.jobId, {vm, name, point.changeId});
+        EditItemOptions(item, [&](VirtualServer::SnapSrcPathOptions& options) {
+            for (const auto& [name, point] : disks->second) {
+                VirtualServer::SnapSrcPathDiskInfo& entry = DiskEntry(options, name);
+                entry.processed = point.done ? 1 : 0;
+                entry.startExtent = static_cast<int64_t>(point.nextExtent);
+                if (point.done) ++done;
+                else if (point.nextExtent > 0) ++partly;
             }
-            else if (point.nextExtent > 0) ++partly;
-        }
+        });
         report << "item " << item.path << ": " << done << " disk(s) already read, " << partly
                << " going on from where the stopped attempt left them\n";
-        item.optionsXml = options.Serialize();
     }
 }
 

@@ -131,26 +131,17 @@ void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
     if (std::none_of(disks.begin(), disks.end(), [](const auto& d) { return !d.changeId.empty(); }))
         throw std::runtime_error("job " + std::to_string(from) + " recorded no disks with change ids to build on");
     for (JobItem& item : job.items) {
-        const std::string vm = item.path.substr(0, item.path.find('\\'));
-        VirtualServer::SnapSrcPathOptions options;
-        std::string why;
-        if (!item.optionsXml.empty() && !options.Unserialize(item.optionsXml, why))
-            throw std::runtime_error("item " + item.path + ": its options cannot be read: " + why);
-        options.useCBT = 1;
+        const std::string vm = ItemVM(item);
         size_t added = 0;
-        for (const auto& d : disks) {
-            if (d.vmGuid != vm || d.changeId.empty()) continue;
-            bool known = false;
-            for (auto& entry : options.diskInfo)
-                if (entry.diskName == d.diskName) {
-                    entry.changeId = d.changeId;
-                    known = true;
-                }
-            if (!known) options.diskInfo.push_back({d.diskName, "", d.changeId, 0, 0});
-            ++added;
-        }
+        EditItemOptions(item, [&](VirtualServer::SnapSrcPathOptions& options) {
+            options.useCBT = 1;
+            for (const auto& d : disks) {
+                if (d.vmGuid != vm || d.changeId.empty()) continue;
+                DiskEntry(options, d.diskName).changeId = d.changeId;
+                ++added;
+            }
+        });
         report << "item " << item.path << ": " << added << " disk(s) read against job " << from << "\n";
-        item.optionsXml = options.Serialize();
     }
 }
 
