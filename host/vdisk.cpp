@@ -69,17 +69,21 @@ struct CArchiveVirtualDiskFile::Impl {
     ct::DiskDigests pass;   // digests of the extents with data seen by the current pass
     bool passWhole = false;
     std::optional<unsigned long long> faultyExtent;
+    CQiError broken;   // once the image is found cut short, every read fails
 
     unsigned long long ExtentCount() const { return (layout.size + extentSize - 1) / extentSize; }
     unsigned long long ExtentBytes(unsigned long long n) const {
         return std::min<unsigned long long>(extentSize, layout.size - n * extentSize);
     }
     // The first extent at or after `from` that holds data in the image.
-    std::optional<unsigned long long> NextAllocated(unsigned long long from) const {
-        if (from >= ExtentCount()) return std::nullopt;
-        auto offset = layout.NextData(from * extentSize);
-        if (!offset) return std::nullopt;
-        return *offset / extentSize;
+    CQiError NextAllocated(unsigned long long from, std::optional<unsigned long long>& n) {
+        n.reset();
+        if (broken.IsError()) return broken;
+        if (from >= ExtentCount()) return {};
+        std::optional<uint64_t> offset;
+        broken = layout.NextData(from * extentSize, offset);
+        if (offset) n = *offset / extentSize;
+        return broken;
     }
     std::optional<unsigned long long> NextInBase(unsigned long long from) const {
         if (!base) return std::nullopt;
@@ -90,9 +94,11 @@ struct CArchiveVirtualDiskFile::Impl {
     CQiError Read(CAutoMemory<char>& buffer, unsigned long long n) {
         const unsigned long long bytes = ExtentBytes(n);
         buffer.Reserve(extentSize);
-        CQiError err = faultyExtent == n ? CQiError(EIO, "read extent " + std::to_string(n) + " of " + path +
-                                                             ": input/output error (injected)")
-                                         : layout.Read(buffer.Ptr(), n * extentSize, bytes);
+        CQiError err = broken.IsError() ? broken
+                       : faultyExtent == n
+                           ? CQiError(EIO, "read extent " + std::to_string(n) + " of " + path +
+                                               ": input/output error (injected)")
+                           : layout.Read(buffer.Ptr(), n * extentSize, bytes);
         buffer.SetSize(err.IsError() ? 0 : bytes);
         return err;
     }
@@ -138,6 +144,7 @@ void CArchiveVirtualDiskFile::SetChangeId(const std::string& changeId) { m_impl-
 CQiError CArchiveVirtualDiskFile::Open(const std::string& path, DiskType_t diskType) {
     Close();
     m_impl->path = path;
+    m_impl->broken = CQiError();
     CQiError err = vshost::vdisk::Layout::Open(path, diskType, m_impl->layout);
     if (err.IsError()) return err;
     m_impl->extentSize = ConfiguredExtentSize();
@@ -152,6 +159,7 @@ CQiError CArchiveVirtualDiskFile::Open(const std::string& path, DiskType_t diskT
 
 CQiError CArchiveVirtualDiskFile::GetFirstBlock(CAutoMemory<char>& buffer, unsigned long size, Context_t& ctx) {
     if (!m_impl->open) return CQiError::VS(EBADF, "disk not open");
+    if (m_impl->broken.IsError()) return m_impl->broken;
     const unsigned long long bytes = std::min<unsigned long long>(size, m_impl->layout.size);
     buffer.Reserve(bytes);
     CQiError err = m_impl->layout.Read(buffer.Ptr(), 0, bytes);
@@ -165,8 +173,12 @@ CQiError CArchiveVirtualDiskFile::GetFirstBlock(CAutoMemory<char>& buffer, unsig
 
 unsigned long long CArchiveVirtualDiskFile::GetAllocatedExtentCount() {
     if (!m_impl->open) return 0;
+    // No error to return here: an image found cut short fails the next read instead.
     unsigned long long count = 0;
-    for (auto n = m_impl->NextAllocated(0); n; n = m_impl->NextAllocated(*n + 1)) ++count;
+    std::optional<unsigned long long> n;
+    for (m_impl->NextAllocated(0, n); n; m_impl->NextAllocated(*n + 1, n)) ++count;
+    if (m_impl->broken.IsError()) KTlog(Log(), 1, "Counting extents of [%s]: %s", m_impl->path.c_str(),
+                                        m_impl->broken.AsString().c_str());
     return count;
 }
 
@@ -183,7 +195,12 @@ CQiError CArchiveVirtualDiskFile::GetNextBlock(CAutoMemory<char>& buffer, unsign
         d.passWhole = next == 0;
         ct::ClearCompletedPass();
     }
-    auto allocated = d.NextAllocated(next);
+    std::optional<unsigned long long> allocated;
+    if (CQiError err = d.NextAllocated(next, allocated); err.IsError()) {
+        buffer.SetSize(0);
+        d.passWhole = false;
+        return err;
+    }
     auto before = d.NextInBase(next);
     if (!allocated && !before) {
         buffer.SetSize(0);

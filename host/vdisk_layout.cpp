@@ -77,7 +77,7 @@ CQiError Layout::Open(const std::string& path, int, Layout& out) {
             // lost its end, and reading it as zeros would back up a damaged disk as sound.
             struct stat st{};
             if (fstat(seg.fd, &st) != 0) return CQiError::FromErrno("stat extent " + extent.file + " of " + path);
-            const uint64_t needed = seg.fileOffset + seg.length;
+            const uint64_t needed = seg.FileEnd();
             if (static_cast<uint64_t>(st.st_size) < needed)
                 return CQiError(EIO, "extent file " + extent.file + " of " + path + " holds " +
                                          std::to_string(st.st_size) + " bytes, the descriptor needs " +
@@ -127,18 +127,32 @@ CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
     return {};
 }
 
-std::optional<uint64_t> Layout::NextData(uint64_t from) const {
+CQiError Layout::NextData(uint64_t from, std::optional<uint64_t>& next) const {
+    next.reset();
     for (const Segment& seg : m_segments) {
         const uint64_t segEnd = seg.diskOffset + seg.length;
         if (segEnd <= from || seg.fd < 0) continue;
         const uint64_t start = std::max(from, seg.diskOffset);
         const off_t probe = static_cast<off_t>(seg.fileOffset + (start - seg.diskOffset));
         const off_t found = ::lseek(seg.fd, probe, SEEK_DATA);
-        if (found < 0) continue;   // ENXIO: no data after this point of the file
+        if (found < 0) {
+            if (errno != ENXIO) return CQiError::FromErrno("look for data in " + seg.file);
+            // ENXIO: no data from here to the end of the file, which is a hole only while
+            // the file still has the size it had when opened.
+            struct stat st{};
+            if (::fstat(seg.fd, &st) != 0) return CQiError::FromErrno("stat " + seg.file);
+            if (static_cast<uint64_t>(st.st_size) < seg.FileEnd())
+                return CQiError(EIO, seg.file + " holds " + std::to_string(st.st_size) + " bytes, the disk needs " +
+                                         std::to_string(seg.FileEnd()) + ": the image was cut short while it was read");
+            continue;
+        }
         const uint64_t diskPos = seg.diskOffset + (static_cast<uint64_t>(found) - seg.fileOffset);
-        if (diskPos < segEnd) return diskPos;
+        if (diskPos < segEnd) {
+            next = diskPos;
+            return {};
+        }
     }
-    return std::nullopt;
+    return {};
 }
 
 }  // namespace vshost::vdisk

@@ -17,6 +17,9 @@ struct Segment {
     int fd = -1;               // -1: a range that reads as zeros
     uint64_t fileOffset = 0;
     std::string file;
+
+    // The file must reach this far for as long as the disk is read.
+    uint64_t FileEnd() const { return fileOffset + length; }
 };
 
 class Layout {
@@ -26,8 +29,10 @@ public:
 
     // Reads [offset, offset + length) of the disk; a file that ends early is an error.
     CQiError Read(char* dest, uint64_t offset, uint64_t length) const;
-    // The first disk offset at or after `from` that may hold data; none past the last.
-    std::optional<uint64_t> NextData(uint64_t from) const;
+    // The first disk offset at or after `from` that may hold data into `next`; none past
+    // the last. A file that no longer reaches the size it had when opened is an error:
+    // finding no data past its new end must not pass for the rest being a hole.
+    CQiError NextData(uint64_t from, std::optional<uint64_t>& next) const;
     void Close();
     size_t FileCount() const;
 

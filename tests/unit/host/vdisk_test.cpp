@@ -171,6 +171,55 @@ TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
     EXPECT_TRUE(log.Contains("changed size or extent size since change id [cid-2]"));
 }
 
+// An image (raw, or the flat file of a descriptor) cut short after it was opened fails
+// the pass, whether the cut falls among its data or in its trailing hole, and whichever
+// call meets it first; later calls fail as well. Before, finding no data past the new
+// end passed for the rest of the disk being a hole.
+TEST_F(VDisk, AnImageCutShortWhileItIsReadFailsThePass) {
+    struct Case {
+        const char* name;
+        bool descriptor;
+        std::vector<uint64_t> data;   // extents holding data, of 16
+        uint64_t cutTo;               // extents left after the cut
+        bool countAfterCut;           // the extent count (not a read) meets the cut first
+    };
+    const Case cases[] = {
+        {"raw, cut among the data", false, {0, 1, 2, 10}, 5, false},
+        {"raw, cut in the trailing hole", false, {0, 1, 2}, 8, false},
+        {"flat, cut among the data", true, {0, 1, 2, 10}, 5, false},
+        {"flat, cut in the trailing hole, counted first", true, {0, 1, 2}, 8, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string image = File(c.descriptor ? "cut-flat.vmdk" : "cut.img", 16 * kExtent);
+        for (uint64_t n : c.data) Write(image, n * kExtent, kExtent, static_cast<uint32_t>(n + 1));
+        std::string path = image;
+        if (c.descriptor) {
+            path = home.sub("cut.vmdk");
+            std::ofstream(path) << "# Disk DescriptorFile\ncreateType=\"monolithicFlat\"\nRW " << 16 * kExtent / 512
+                                << " FLAT \"cut-flat.vmdk\" 0\n";
+        }
+        CArchiveVirtualDiskFile disk(2);
+        ASSERT_FALSE(disk.Open(path, c.descriptor ? 1 : 2).IsError());
+        CArchiveVirtualDiskFile::Context_t ctx;
+        CAutoMemory<char> buffer;
+        std::vector<bool> bits;
+        unsigned long long n = 0;
+        ASSERT_FALSE(disk.GetFirstBlock(buffer, 65536, ctx).IsError());
+        ASSERT_FALSE(disk.GetNextBlock(buffer, n, bits, ctx).IsError());
+        ASSERT_FALSE(disk.GetNextBlock(buffer, n, bits, ctx).IsError());
+        ASSERT_EQ(n, 1u);
+        ASSERT_EQ(::truncate(image.c_str(), static_cast<off_t>(c.cutTo * kExtent)), 0);
+        if (c.countAfterCut) disk.GetAllocatedExtentCount();
+        CQiError err;
+        while (!(err = disk.GetNextBlock(buffer, n, bits, ctx)).IsError()) {}
+        EXPECT_FALSE(CArchiveVirtualDiskFile::IsErrorEOF(err)) << "the pass ended as complete after extent " << n;
+        EXPECT_NE(err.AsString().find("cut short"), std::string::npos) << err.AsString();
+        EXPECT_TRUE(disk.GetNextBlock(buffer, n, bits, ctx).IsError());
+        EXPECT_FALSE(CArchiveVirtualDiskFile::IsErrorEOF(disk.GetNextBlock(buffer, n, bits, ctx)));
+    }
+}
+
 // Peak memory of a pass over a large sparse disk stays near one extent buffer.
 TEST_F(VDisk, LargeSparseDiskReadsInFlatMemory) {
     vshost::settings::Set("VirtualServer", "nVDiskExtentSizeKB", "1024");

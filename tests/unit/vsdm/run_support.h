@@ -130,6 +130,10 @@ public:
     int SignalAndDrain(int signal) {
         usleep(200000);
         kill(m_pid, signal);
+        return Drain();
+    }
+    // Takes the rest of the stream and returns the wait status.
+    int Drain() {
         std::array<char, 65536> buf{};
         ssize_t n = 0;
         while ((n = read(m_read, buf.data(), buf.size())) > 0) m_stream.append(buf.data(), static_cast<size_t>(n));
