@@ -2,6 +2,7 @@
 // mapper, opened below its volume's root only, and sent as a file-level entry.
 #include "hostapi/filebackup.h"
 
+#include "vshost/beneath.h"
 #include "vshost/fd.h"
 
 #include <algorithm>
@@ -10,39 +11,14 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <memory>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
 using vshost::Fd;
-
-// Opens `relative` below the folder `root` refers to. Links in the middle of the path
-// are followed only while they stay below the root; the last component is followed
-// unless `flags` has O_NOFOLLOW. EXDEV means the path leads out of the root. Without
-// openat2 (old kernels) no link is followed at all, which is stricter.
-int OpenBeneath(int root, const std::string& relative, int flags) {
-    const char* path = relative.empty() ? "." : relative.c_str();
-    open_how how{};
-    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-    const long fd = syscall(SYS_openat2, root, path, &how, sizeof how);
-    if (fd >= 0 || errno != ENOSYS) return static_cast<int>(fd);
-    Fd dir(::dup(root));
-    std::string rest = relative;
-    while (dir.valid()) {
-        const size_t slash = rest.find('/');
-        const std::string part = rest.substr(0, slash);
-        if (slash == std::string::npos)
-            return ::openat(dir.get(), part.empty() ? "." : part.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
-        dir = Fd(::openat(dir.get(), part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        rest = rest.substr(slash + 1);
-    }
-    return -1;
-}
+using vshost::OpenBeneath;
 
 std::string Errno(int err) { return std::strerror(err); }
 

@@ -69,7 +69,24 @@ struct CArchiveVirtualDiskFile::Impl {
     ct::DiskDigests pass;   // digests of the extents with data seen by the current pass
     bool passWhole = false;
     std::optional<unsigned long long> faultyExtent;
-    CQiError broken;   // once the image is found cut short, every read fails
+    std::vector<std::string> volumes;   // folders of the datastore volumes the VM was mounted from
+    CQiError broken;                    // once the image is found cut short, every read fails
+
+    // The folder the disk's files must lie below: the mounted volume that holds `file`;
+    // without a VM mount (a disk opened on its own), the file's own folder.
+    bool RootOf(const std::string& file, std::string& root) const {
+        if (volumes.empty()) {
+            const size_t slash = file.find_last_of('/');
+            root = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+            return true;
+        }
+        root.clear();
+        for (const std::string& v : volumes)
+            if (file.size() > v.size() + 1 && file.compare(0, v.size(), v) == 0 && file[v.size()] == '/' &&
+                v.size() > root.size())
+                root = v;
+        return !root.empty();
+    }
 
     unsigned long long ExtentCount() const { return (layout.size + extentSize - 1) / extentSize; }
     unsigned long long ExtentBytes(unsigned long long n) const {
@@ -135,8 +152,19 @@ CArchiveVirtualDiskFile::CArchiveVirtualDiskFile(ProductType_t productType) : m_
 
 CArchiveVirtualDiskFile::~CArchiveVirtualDiskFile() { Close(); }
 
-void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo*, const std::string& vmName, const std::string&, MountCtx*, void*) {
+void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo*, const std::string& vmName, const std::string&, MountCtx* ctx,
+                                        void*) {
     m_impl->vmName = vmName;
+    // The VM's mount names the volumes its disks lie on; no file of a disk is opened
+    // outside them.
+    m_impl->volumes.clear();
+    if (ctx)
+        for (const SVolSnap& v : ctx->volSnaps)
+            if (!v.sMountPath.empty()) {
+                std::string folder = v.sMountPath;
+                while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+                m_impl->volumes.push_back(folder);
+            }
 }
 
 void CArchiveVirtualDiskFile::SetChangeId(const std::string& changeId) { m_impl->changeId = changeId; }
@@ -145,8 +173,16 @@ CQiError CArchiveVirtualDiskFile::Open(const std::string& path, DiskType_t diskT
     Close();
     m_impl->path = path;
     m_impl->broken = CQiError();
-    CQiError err = vshost::vdisk::Layout::Open(path, diskType, m_impl->layout);
-    if (err.IsError()) return err;
+    std::string root;
+    if (!m_impl->RootOf(path, root)) {
+        KTlog(Log(), 1, "Refusing disk [%s]: it lies on none of the volumes the VM was mounted from", path.c_str());
+        return CQiError(EXDEV, path + ": lies on none of the volumes the VM was mounted from");
+    }
+    CQiError err = vshost::vdisk::Layout::Open(root, path, diskType, m_impl->layout);
+    if (err.IsError()) {
+        KTlog(Log(), 1, "Cannot open disk [%s] below [%s]: %s", path.c_str(), root.c_str(), err.AsString().c_str());
+        return err;
+    }
     m_impl->extentSize = ConfiguredExtentSize();
     m_impl->faultyExtent = FaultyExtent(path);
     m_impl->open = true;

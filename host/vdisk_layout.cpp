@@ -2,6 +2,7 @@
 // with SEEK_DATA so that holes are never read.
 #include "vdisk_layout.h"
 
+#include "vshost/beneath.h"
 #include "vshost/vmdk.h"
 
 #include <algorithm>
@@ -36,19 +37,19 @@ size_t Layout::FileCount() const {
                                              [](const Segment& s) { return s.fd >= 0; }));
 }
 
-CQiError Layout::Open(const std::string& path, int, Layout& out) {
+CQiError Layout::Open(const std::string& root, const std::string& path, int, Layout& out) {
     out.Close();
     Layout layout;
     vshost::vmdk::Descriptor descriptor;
     std::string why;
-    const vshost::vmdk::Kind kind = vshost::vmdk::Inspect(path, descriptor, why);
+    const vshost::vmdk::Kind kind = vshost::vmdk::Inspect(path, descriptor, why, root);
     if (kind == vshost::vmdk::Kind::Unreadable) return CQiError(ENOTSUP, path + ": " + why);
 
     if (kind == vshost::vmdk::Kind::RawImage) {
         Segment seg;
         seg.file = path;
-        seg.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (seg.fd < 0) return CQiError::FromErrno("open " + path);
+        seg.fd = vshost::snapfile::Open(root, path, why).Release();
+        if (seg.fd < 0) return CQiError(errno, "open " + why);
         struct stat st{};
         if (fstat(seg.fd, &st) != 0) {
             CQiError err = CQiError::FromErrno("stat " + path);
@@ -70,8 +71,8 @@ CQiError Layout::Open(const std::string& path, int, Layout& out) {
         if (!extent.IsZero()) {
             seg.file = extent.file;
             seg.fileOffset = extent.offsetSectors * 512;
-            seg.fd = ::open(extent.file.c_str(), O_RDONLY | O_CLOEXEC);
-            if (seg.fd < 0) return CQiError::FromErrno("open extent " + extent.file + " of " + path);
+            seg.fd = vshost::snapfile::Open(root, extent.file, why).Release();
+            if (seg.fd < 0) return CQiError(errno, "open extent " + why + " (of " + path + ")");
             layout.m_segments.push_back(seg);   // owns the descriptor from here on
             // A flat file always spans its whole extent, even when thin; a shorter one
             // lost its end, and reading it as zeros would back up a damaged disk as sound.

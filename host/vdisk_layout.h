@@ -24,8 +24,9 @@ struct Segment {
 
 class Layout {
 public:
-    // A raw image, or a VMDK descriptor whose extents are flat files or zero ranges.
-    static CQiError Open(const std::string& path, int diskType, Layout& out);
+    // A raw image, or a VMDK descriptor whose extents are flat files or zero ranges. Every
+    // file is opened below the folder `root` only (see vshost/beneath.h).
+    static CQiError Open(const std::string& root, const std::string& path, int diskType, Layout& out);
 
     // Reads [offset, offset + length) of the disk; a file that ends early is an error.
     CQiError Read(char* dest, uint64_t offset, uint64_t length) const;

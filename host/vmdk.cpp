@@ -2,6 +2,8 @@
 // flat (several extent files), VMFS flat, zero extents, quoted names with blanks.
 #include "vshost/vmdk.h"
 
+#include "vshost/beneath.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -102,7 +104,14 @@ bool ParseExtent(const std::string& line, const std::string& dir, Extent& out, s
         why = "extent line without a file name: " + line;
         return false;
     }
-    out.file = token.front() == '/' ? token : dir + "/" + token;
+    // Extent files lie beside their descriptor (or below its folder): a name that starts
+    // elsewhere could make any file of this host part of the disk.
+    if (token.front() == '/' || token == ".." || token.rfind("../", 0) == 0 || token.find("/../") != std::string::npos ||
+        (token.size() >= 3 && token.compare(token.size() - 3, 3, "/..") == 0)) {
+        why = "extent file \"" + token + "\" leaves the descriptor's folder: absolute names and .. are refused";
+        return false;
+    }
+    out.file = dir + "/" + token;
     if (NextToken(line, pos, token, quoted) && !ParseNumber(token, out.offsetSectors)) {
         why = "extent line with a bad offset: " + line;
         return false;
@@ -156,22 +165,18 @@ bool Parse(const std::string& text, const std::string& dir, Descriptor& out, std
     return true;
 }
 
-Kind Inspect(const std::string& path, Descriptor& out, std::string& why) {
+Kind Inspect(const std::string& path, Descriptor& out, std::string& why, const std::string& root) {
     out = Descriptor{};
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        why = std::string("cannot open: ") + std::strerror(errno);
-        return Kind::Unreadable;
-    }
+    const std::string base = root.empty() ? DirOf(path) : root;
+    Fd fd = snapfile::Open(base, path, why);
+    if (!fd.valid()) return Kind::Unreadable;
     struct stat st{};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        why = "not a regular file";
-        ::close(fd);
+    if (fstat(fd.get(), &st) != 0) {
+        why = std::string("cannot stat: ") + std::strerror(errno);
         return Kind::Unreadable;
     }
     std::string head(std::min<uint64_t>(static_cast<uint64_t>(st.st_size), kMaxDescriptorBytes), '\0');
-    const ssize_t n = head.empty() ? 0 : ::pread(fd, head.data(), head.size(), 0);
-    ::close(fd);
+    const ssize_t n = head.empty() ? 0 : ::pread(fd.get(), head.data(), head.size(), 0);
     if (n < 0) {
         why = std::string("cannot read: ") + std::strerror(errno);
         return Kind::Unreadable;
@@ -195,8 +200,9 @@ Kind Inspect(const std::string& path, Descriptor& out, std::string& why) {
     if (!Parse(head, DirOf(path), out, why)) return Kind::Unreadable;
     for (const Extent& extent : out.extents) {
         if (extent.IsZero()) continue;
-        if (::access(extent.file.c_str(), R_OK) != 0) {
-            why = "extent file " + extent.file + " cannot be read: " + std::strerror(errno);
+        std::string whyNot;
+        if (!snapfile::Open(base, extent.file, whyNot).valid()) {
+            why = "extent file " + whyNot;
             return Kind::Unreadable;
         }
     }

@@ -1,5 +1,6 @@
 #include "Snapshot.h"
 
+#include "vshost/beneath.h"
 #include "vshost/catalog.h"
 #include "vshost/home.h"
 #include "vshost/vmdk.h"
@@ -9,9 +10,8 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
-#include <fstream>
 #include <set>
-#include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -42,9 +42,9 @@ std::string VolumePath(const std::string& volume) {
 // datastores it holds.
 bool CheckMetadata(const std::string& snapshotDir, int64_t jobId, const std::string& datastore, Failure& f) {
     const fs::path path = fs::path(snapshotDir) / kMetadataName;
-    std::ifstream in(path);
-    if (!in) return Fail(f, kErrSnapMetadata, path.string() + ": cannot be read");
-    const nlohmann::json doc = nlohmann::json::parse(in, nullptr, false);
+    std::string text, why;
+    if (!vshost::snapfile::ReadText(snapshotDir, path.string(), text, why)) return Fail(f, kErrSnapMetadata, why);
+    const nlohmann::json doc = nlohmann::json::parse(text, nullptr, false);
     if (doc.is_discarded() || !doc.is_object() || !doc.contains("snapJobId") ||
         !doc["snapJobId"].is_number_integer())
         return Fail(f, kErrSnapMetadata, path.string() + ": not a snapshot description");
@@ -76,12 +76,11 @@ bool ScanVolume(const Volume& volume, size_t index, std::vector<VMRecord>& vms, 
         rec.folder = vmx.parent_path().string();
         rec.vmxPath = vmx.string();
         rec.volume = index;
-        std::ifstream in(vmx);
-        std::stringstream text;
-        if (!in || !(text << in.rdbuf()))
-            rec.problem = rec.vmxPath + ": cannot be read";
+        std::string text, why;
+        if (!vshost::snapfile::ReadText(volume.path, rec.vmxPath, text, why))
+            rec.problem = why;
         else
-            rec.cfg = ParseVmx(text.str());
+            rec.cfg = ParseVmx(text);
         vms.push_back(std::move(rec));
     }
     return true;
@@ -119,7 +118,7 @@ bool Wanted(const std::vector<SDiskFilter>& filters, const std::string& name, co
 // "/vmfs/volumes/<datastore>/path". Absolute paths elsewhere and ".." never leave the
 // snapshot.
 bool ResolveDisk(const Snapshot& snap, const VMRecord& vm, const std::string& fileName, std::string& datastore,
-                 std::string& localPath, std::string& secondName, Failure& f) {
+                 std::string& localPath, std::string& secondName, std::string& root, Failure& f) {
     const Volume& home = snap.volumes[vm.volume];
     const Volume* volume = &home;
     fs::path rel;
@@ -149,6 +148,7 @@ bool ResolveDisk(const Snapshot& snap, const VMRecord& vm, const std::string& fi
     if (rel.empty() || rel.is_absolute() || *rel.begin() == "..")
         return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: lies outside its datastore");
     datastore = volume->datastore;
+    root = volume->path;
     localPath = (fs::path(volume->path) / rel).string();
     secondName = "[" + datastore + "] " + rel.generic_string();
     return true;
@@ -219,14 +219,22 @@ bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector
                  MountedVM& out, Failure& f) {
     out = MountedVM{};
     const VMRecord* vm = snap.Find(key);
-    if (!vm) return Fail(f, kErrVMNotFound, "VM [" + key + "] is not in snapshot job " + std::to_string(snap.jobId));
+    if (!vm) {
+        // The VM asked for may be one whose configuration could not be read: say which those are.
+        std::string unreadable;
+        for (const VMRecord& r : snap.vms)
+            if (!r.problem.empty()) unreadable += (unreadable.empty() ? "" : ", ") + fs::path(r.folder).filename().string();
+        return Fail(f, kErrVMNotFound,
+                    "VM [" + key + "] is not in snapshot job " + std::to_string(snap.jobId) +
+                        (unreadable.empty() ? "" : " (VMs whose configuration cannot be read: " + unreadable + ")"));
+    }
     if (!vm->problem.empty()) return Fail(f, kErrConfigFilePath, vm->problem);
     const Volume& home = snap.volumes[vm->volume];
     const std::string folderRel = fs::path(vm->folder).lexically_relative(home.path).generic_string();
 
     GuestSidecar sidecar;
     std::string why;
-    if (!LoadSidecar(vm->folder, sidecar, why)) return Fail(f, kErrConfigFilePath, why);
+    if (!LoadSidecar(vm->folder, home.path, sidecar, why)) return Fail(f, kErrConfigFilePath, why);
 
     out.displayName = vm->cfg.displayName;
     out.guid = vm->cfg.biosUuid.empty() ? vm->cfg.vcUuid : vm->cfg.biosUuid;
@@ -249,8 +257,18 @@ bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector
         file.sDiskPath = p.string();
         file.sDatastore = home.datastore;
         file.nBackupType = VMInfoStructs::kBackupTypeConfigFile;
-        file.ullSize = fs::file_size(p, ec);
-        if (ec) return Fail(f, kErrConfigFilePath, p.string() + ": " + ec.message());
+        // Listed through links, but only what stays on the volume is backed up.
+        const vshost::Fd fd = vshost::snapfile::Open(home.path, file.sDiskPath, why);
+        struct stat st{};
+        if (!fd.valid()) return Fail(f, kErrDiskOpen, "configuration file " + why);
+        if (fstat(fd.get(), &st) != 0) return Fail(f, kErrConfigFilePath, p.string() + ": cannot be examined");
+        file.ullSize = static_cast<uint64_t>(st.st_size);
+        // The text files are copied whole; one of gigabytes is damage, not a configuration.
+        if (Lower(p.extension().string()) != ".nvram" && file.ullSize > vshost::snapfile::kMaxTextBytes)
+            return Fail(f, kErrConfigFilePath, p.string() + ": holds " + std::to_string(file.ullSize) +
+                                                   " bytes, more than the " +
+                                                   std::to_string(vshost::snapfile::kMaxTextBytes) +
+                                                   " bytes a text file of a snapshot may hold");
         out.items.push_back(file);
     }
 
@@ -263,7 +281,8 @@ bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector
     std::set<std::string> collectionsUsed;
     for (const VmxDisk& entry : vm->cfg.disks) {
         VMInfoStructs::SDisk disk;
-        if (!ResolveDisk(snap, *vm, entry.fileName, disk.sDatastore, disk.sDiskPath, disk.sSecondName, f)) {
+        std::string root;
+        if (!ResolveDisk(snap, *vm, entry.fileName, disk.sDatastore, disk.sDiskPath, disk.sSecondName, root, f)) {
             if (Wanted(filters, fs::path(entry.fileName).filename().string(), entry.fileName)) return false;
             continue;
         }
@@ -283,7 +302,7 @@ bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector
             disk.ullSize = FolderBytes(fc->folder);
         } else {
             vshost::vmdk::Descriptor descriptor;
-            switch (vshost::vmdk::Inspect(disk.sDiskPath, descriptor, why)) {
+            switch (vshost::vmdk::Inspect(disk.sDiskPath, descriptor, why, root)) {
             case vshost::vmdk::Kind::Unreadable:
                 return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": " + why);
             case vshost::vmdk::Kind::Descriptor:

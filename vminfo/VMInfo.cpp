@@ -116,16 +116,10 @@ const MountedVM* VMInfo::MountedOf(const MountCtx& ctx, const char* operation) {
     return nullptr;
 }
 
-int VMInfo::MountSnap(MountCtx& ctx) {
-    if (Faulted("MountSnap")) return 0;
-    Snapshot snap;
-    Failure failure;
-    if (!Snapshot::Mount(ctx.afileIds, static_cast<unsigned>(ctx.nSnapEngineId), snap, failure))
-        return Fail("MountSnap", failure);
+namespace {
 
-    ctx.nSnapJobId = snap.jobId;
-    ctx.volSnaps.clear();
-    std::string datastores;
+std::vector<SVolSnap> VolSnapsOf(const Snapshot& snap) {
+    std::vector<SVolSnap> out;
     for (size_t i = 0; i < snap.volumes.size(); ++i) {
         const Volume& v = snap.volumes[i];
         SVolSnap vol;
@@ -135,11 +129,30 @@ int VMInfo::MountSnap(MountCtx& ctx) {
         vol.ullAfileId = v.afileId;
         for (const VMRecord& vm : snap.vms)
             if (vm.volume == i && vm.problem.empty()) vol.vmGuids.push_back(vm.cfg.biosUuid);
-        ctx.volSnaps.push_back(vol);
-        datastores += (datastores.empty() ? "" : " ") + v.datastore;
+        out.push_back(vol);
     }
+    return out;
+}
+
+}  // namespace
+
+int VMInfo::MountSnap(MountCtx& ctx) {
+    if (Faulted("MountSnap")) return 0;
+    Snapshot snap;
+    Failure failure;
+    if (!Snapshot::Mount(ctx.afileIds, static_cast<unsigned>(ctx.nSnapEngineId), snap, failure))
+        return Fail("MountSnap", failure);
+
+    ctx.nSnapJobId = snap.jobId;
+    ctx.volSnaps = VolSnapsOf(snap);
+    std::string datastores;
+    for (const Volume& v : snap.volumes) datastores += (datastores.empty() ? "" : " ") + v.datastore;
     KTlog(&m_log, 1, "VMInfo::MountSnap: snapshot of job [%lld] mounted: datastores [%s], VMs [%zu]",
           static_cast<long long>(snap.jobId), datastores.c_str(), snap.vms.size());
+    for (const VMRecord& vm : snap.vms)
+        if (!vm.problem.empty())
+            KTlog(&m_log, 1, "VMInfo::MountSnap: VM of folder [%s] cannot be mounted: %s", vm.folder.c_str(),
+                  vm.problem.c_str());
     m_snapshots[snap.jobId] = std::move(snap);
     m_lastError = kNoError;
     return 1;
@@ -172,6 +185,8 @@ int VMInfo::MountVM(MountCtx& ctx) {
     }
     ctx.sMountedName = vm.displayName;
     ctx.sMountedPath = vm.folder;
+    // The volumes the VM's files lie on: whoever opens its disks opens them below these.
+    ctx.volSnaps = VolSnapsOf(*snap);
     ctx.vmInfo.sVMName = vm.displayName;
     ctx.vmInfo.sVMGuid = vm.guid;
     KTlog(&m_log, 1, "VMInfo::MountVM: VM [%s] mounted from [%s] with [%zu] items", ctx.sVMName.c_str(),

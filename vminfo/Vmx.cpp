@@ -1,10 +1,12 @@
 #include "Vmx.h"
 
+#include "vshost/beneath.h"
+
 #include <nlohmann/json.hpp>
 
 #include <cctype>
+#include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -123,14 +125,13 @@ VmxConfig ParseVmx(const std::string& text) {
     return cfg;
 }
 
-bool LoadSidecar(const std::string& vmFolder, GuestSidecar& out, std::string& why) {
+bool LoadSidecar(const std::string& vmFolder, const std::string& root, GuestSidecar& out, std::string& why) {
     namespace fs = std::filesystem;
     out = GuestSidecar{};
     const fs::path path = fs::path(vmFolder) / kSidecarName;
-    std::error_code ec;
-    if (!fs::exists(path, ec)) return true;
-    std::ifstream in(path);
-    const nlohmann::json doc = nlohmann::json::parse(in, nullptr, false);
+    std::string content;
+    if (!vshost::snapfile::ReadText(root, path.string(), content, why)) return errno == ENOENT;
+    const nlohmann::json doc = nlohmann::json::parse(content, nullptr, false);
     if (doc.is_discarded() || !doc.is_object()) {
         why = path.string() + ": not a JSON object";
         return false;

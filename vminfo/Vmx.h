@@ -45,8 +45,9 @@ struct GuestSidecar {
 
 constexpr const char* kSidecarName = "vmguest.json";
 
-// Reads the sidecar of `vmFolder` if there is one. False with the reason when it exists
-// but is malformed or names a folder outside the VM folder.
-bool LoadSidecar(const std::string& vmFolder, GuestSidecar& out, std::string& why);
+// Reads the sidecar of `vmFolder` if there is one, opened below the volume folder `root`.
+// False with the reason when it exists but cannot be read, is larger than a snapshot's
+// text files may be, is malformed, or names a folder outside the VM folder.
+bool LoadSidecar(const std::string& vmFolder, const std::string& root, GuestSidecar& out, std::string& why);
 
 }  // namespace vminfo

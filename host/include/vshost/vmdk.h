@@ -34,12 +34,15 @@ enum class Kind {
 };
 
 // Parses descriptor text. Extent file names are resolved against `dir`. False, with the
-// reason, for text that is not a descriptor or names extents of an unsupported kind.
+// reason, for text that is not a descriptor, names extents of an unsupported kind, or
+// names an extent file by an absolute name or through "..".
 VS_HOST_API bool Parse(const std::string& text, const std::string& dir, Descriptor& out, std::string& why);
 
 // Classifies the file at `path`; for a descriptor also checks that every extent file
-// exists. Never throws.
-VS_HOST_API Kind Inspect(const std::string& path, Descriptor& out, std::string& why);
+// exists. The file and its extent files are opened below the folder `root` only (the
+// file's own folder when empty), never through a link that leads out of it, and must be
+// regular files. Never throws.
+VS_HOST_API Kind Inspect(const std::string& path, Descriptor& out, std::string& why, const std::string& root = {});
 
 // Virtual size of the disk at `path` (descriptor or raw image); false with the reason
 // when it cannot be read.

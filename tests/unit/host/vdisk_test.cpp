@@ -8,8 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
@@ -218,6 +220,67 @@ TEST_F(VDisk, AnImageCutShortWhileItIsReadFailsThePass) {
         EXPECT_TRUE(disk.GetNextBlock(buffer, n, bits, ctx).IsError());
         EXPECT_FALSE(CArchiveVirtualDiskFile::IsErrorEOF(disk.GetNextBlock(buffer, n, bits, ctx)));
     }
+}
+
+// Under a VM mount, every file of a disk is opened below the volume it lies on: absolute
+// extent names, "..", links that lead out (to a file or through a folder), an absolute
+// link even into the volume, a disk on no mounted volume and a FIFO are refused, the
+// FIFO without waiting on it. A relative link that stays on the volume is followed.
+TEST_F(VDisk, DiskFilesAreOpenedBelowTheirVolumeOnly) {
+    alarm(120);   // opening a FIFO without a writer would block for good: end the test rather than hang
+    namespace fs = std::filesystem;
+    const std::string volume = home.sub("vol"), vm = volume + "/vm";
+    fs::create_directories(vm);
+    const std::string secret = File("secret-flat.vmdk", 4 * kExtent);
+    Write(secret, 0, kExtent, 9);
+    File("vol/vm/sound-flat.vmdk", 4 * kExtent);
+    File("vol/shared.img", 4 * kExtent);
+    fs::create_directory_symlink(home.path(), volume + "/out");
+    fs::create_symlink(secret, vm + "/link-flat.vmdk");
+    fs::create_symlink(secret, vm + "/link.img");
+    fs::create_symlink("../shared.img", vm + "/inside.img");
+    fs::create_symlink(volume + "/shared.img", vm + "/absolute-inside.img");
+    ASSERT_EQ(mkfifo((vm + "/fifo.img").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((vm + "/fifo-flat.vmdk").c_str(), 0600), 0);
+    const auto descriptor = [&](const std::string& name, const std::string& extent) {
+        std::ofstream(vm + "/" + name) << "# Disk DescriptorFile\ncreateType=\"monolithicFlat\"\nRW " << 4 * kExtent / 512
+                                       << " FLAT \"" << extent << "\" 0\n";
+        return vm + "/" + name;
+    };
+    MountCtx ctx;
+    ctx.volSnaps.resize(1);
+    ctx.volSnaps[0].sMountPath = volume + "/";
+
+    struct Case {
+        std::string path;
+        const char* reason;   // nullptr: opens
+    };
+    const Case cases[] = {
+        {descriptor("sound.vmdk", "sound-flat.vmdk"), nullptr},
+        {vm + "/inside.img", nullptr},
+        {descriptor("abs.vmdk", secret), "absolute names and .. are refused"},
+        {descriptor("up.vmdk", "../../secret-flat.vmdk"), "absolute names and .. are refused"},
+        {descriptor("link.vmdk", "link-flat.vmdk"), "leads out of"},
+        {vm + "/link.img", "leads out of"},
+        {volume + "/out/secret-flat.vmdk", "leads out of"},
+        {vm + "/absolute-inside.img", "leads out of"},
+        {secret, "lies on none of the volumes"},
+        {vm + "/fifo.img", "not a regular file"},
+        {descriptor("fifo.vmdk", "fifo-flat.vmdk"), "not a regular file"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path);
+        CArchiveVirtualDiskFile disk(2);
+        disk.SetVMInfo(nullptr, "vm", "", &ctx, nullptr);
+        const CQiError err = disk.Open(c.path, 1);
+        if (!c.reason) {
+            EXPECT_FALSE(err.IsError()) << err.AsString();
+            continue;
+        }
+        ASSERT_TRUE(err.IsError());
+        EXPECT_NE(err.AsString().find(c.reason), std::string::npos) << err.AsString();
+    }
+    alarm(0);
 }
 
 // Peak memory of a pass over a large sparse disk stays near one extent buffer.

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 
 namespace {
 
@@ -54,6 +55,75 @@ TEST(VsdmConfinement, ADiskCutShortWhileItIsReadFailsItsItem) {
     const RunResult verify = Shell(vstest::Vsstream() + " verify " + home.sub("s.bin"));
     EXPECT_NE(verify.output.find(vm.disks.at(0).name + ": incomplete"), std::string::npos) << verify.output;
     EXPECT_EQ(CatalogDisks(61), 0u);
+}
+
+// Damage of one VM fails that VM with the reason and the other VM of the job is backed
+// up; no byte of a file outside the snapshot reaches the stream, and nothing waits on a
+// FIFO (the job runs under `timeout`). A FIFO in place of snapshot.json fails the job.
+TEST(VsdmConfinement, SnapshotFilesThatLeadOutOrAreNoFilesFailTheirVMOnly) {
+    struct Case {
+        const char* name;
+        std::function<void(const vssample::SampleSnapshot&, const std::string& secret)> damage;
+        const char* reason;
+        bool wholeJob = false;
+    };
+    const auto web = [](const vssample::SampleSnapshot& s) { return s.vm("web01").folder + "/"; };
+    const auto replace = [](const std::string& path, const std::string& target) {
+        fs::remove(path);
+        fs::create_symlink(target, path);
+    };
+    const Case cases[] = {
+        {"absolute extent name",
+         [&](const auto& s, const auto& secret) {
+             std::ofstream(web(s) + "web01.vmdk") << "# Disk DescriptorFile\nRW " << s.vm("web01").disks[0].size / 512
+                                                  << " FLAT \"" << secret << "\" 0\n";
+         },
+         "absolute names and .. are refused"},
+        {"flat file links out", [&](const auto& s, const auto& secret) { replace(web(s) + "web01-flat.vmdk", secret); },
+         "web01-flat.vmdk: leads out of"},
+        {"nvram links out", [&](const auto& s, const auto& secret) { replace(web(s) + "web01.nvram", secret); },
+         "web01.nvram: leads out of"},
+        {"flat file is a FIFO",
+         [&](const auto& s, const auto&) {
+             fs::remove(web(s) + "web01-flat.vmdk");
+             mkfifo((web(s) + "web01-flat.vmdk").c_str(), 0600);
+         },
+         "web01-flat.vmdk: not a regular file"},
+        {"oversized configuration",
+         [&](const auto& s, const auto&) { fs::resize_file(web(s) + "web01.vmx", 64 * kMiB); },   // sparse
+         "web01.vmx: holds 67108864 bytes"},
+        {"snapshot.json is a FIFO",
+         [&](const auto& s, const auto&) {
+             const std::string meta = fs::path(s.vm("web01").folder).parent_path().parent_path() / "snapshot.json";
+             fs::remove(meta);
+             mkfifo(meta.c_str(), 0600);
+         },
+         "snapshot.json: not a regular file", true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        vstest::TempHome home;
+        const vssample::SampleSnapshot s = vssample::GenerateSample();
+        const std::string marker = "SECRET-OF-THE-BACKUP-HOST;";
+        std::string secret;
+        while (secret.size() < 2 * kMiB) secret += marker;
+        std::ofstream(home.sub("secret")) << secret;
+        fs::resize_file(home.sub("secret"), s.vm("web01").disks[0].size);   // as large as the disk it stands in for
+        c.damage(s, home.sub("secret"));
+        std::ofstream(home.sub("job.json"))
+            << vstest::SampleJob(home, s, 71, {s.vm("web01").biosUuid, s.vm("db01").biosUuid}).dump();
+
+        const RunResult run = Shell("timeout 120 " + vstest::Vsdm() + " run " + home.sub("job.json") + " --out " +
+                                    home.sub("s.bin"));
+        EXPECT_NE(run.status, 124) << "the job hung";
+        EXPECT_NE(run.status, 0) << run.output;
+        if (!c.wholeJob) {
+            EXPECT_NE(run.output.find("1 of 2 items succeeded"), std::string::npos) << run.output;
+        }
+        EXPECT_NE(vstest::ReadAll(home.sub("Log Files/vsreader.log")).find(c.reason), std::string::npos);
+        EXPECT_EQ(vstest::ReadAll(home.sub("s.bin")).find(marker), std::string::npos);
+        EXPECT_EQ(CatalogDisks(71), c.wholeJob ? 0u : s.vm("db01").disks.size());
+    }
 }
 
 }  // namespace
