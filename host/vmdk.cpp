@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -106,8 +107,9 @@ bool ParseExtent(const std::string& line, const std::string& dir, Extent& out, s
     }
     // Extent files lie beside their descriptor (or below its folder): a name that starts
     // elsewhere could make any file of this host part of the disk.
-    if (token.front() == '/' || token == ".." || token.rfind("../", 0) == 0 || token.find("/../") != std::string::npos ||
-        (token.size() >= 3 && token.compare(token.size() - 3, 3, "/..") == 0)) {
+    bool leaves = token.front() == '/';
+    for (const auto& part : std::filesystem::path(token)) leaves = leaves || part == "..";
+    if (leaves) {
         why = "extent file \"" + token + "\" leaves the descriptor's folder: absolute names and .. are refused";
         return false;
     }

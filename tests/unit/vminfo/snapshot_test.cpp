@@ -60,12 +60,6 @@ protected:
         EXPECT_EQ(ctx.failures.back().nErrorCode, code);
     }
     std::string Root() const { return home.sub("Snapshots/" + std::to_string(sample.snapJobId)); }
-    // A file outside the snapshot that no backup may ever read.
-    std::string Secret() const {
-        const std::string path = home.sub("secret");
-        if (!fs::exists(path)) std::ofstream(path) << std::string(8 << 10, 'S');
-        return path;
-    }
 
     vstest::TempHome home;
     vshost::LogCapture log;
@@ -224,97 +218,64 @@ TEST_F(SnapshotLibrary, BrokenVMsFailWithTheirCode) {
     EXPECT_EQ(info.GetErrorInfo(), 30);
 }
 
-// A snapshot is read only from below its volume folders: absolute extent names, "..",
-// links that lead out of the volume (a disk, a flat file, the .nvram, a folder on the way
-// to a disk) and FIFOs in place of files are refused with 23 and the reason, and a FIFO
-// is refused without waiting on it. Links that stay on the volume are followed.
+// Files are opened below their volume only: ".." extent names, links out of the volume
+// (a flat file, the .nvram, a folder on the way to a disk, an absolute link even into
+// it) fail the VM with 23; a relative link that stays on the volume is followed. A FIFO
+// in place of snapshot.json fails the mount (28) without waiting on it.
 TEST_F(SnapshotLibrary, FilesThatLeaveTheirVolumeOrAreNoFilesAreRefused) {
-    // Opening a FIFO that has no writer would block for good: end the test rather than hang.
-    alarm(120);
-    const vssample::SampleVM& web = sample.vm("web01");
-    const vssample::SampleVM& db = sample.vm("db01");
-    const std::string descriptor = web.disks[0].path, flat = web.folder + "/web01-flat.vmdk";
-    const std::string nvram = db.folder + "/db01.nvram", vmx = db.folder + "/db01.vmx";
-    const uint64_t sectors = web.disks[0].size / 512;
-    const auto save = [](const std::string& path) { fs::copy_file(path, path + ".saved"); };
-    const auto restore = [](const std::string& path) {
-        fs::remove(path);
-        fs::rename(path + ".saved", path);
+    alarm(120);   // a blocking open of a FIFO ends the test instead of hanging it
+    const std::string web = sample.vm("web01").folder + "/", ds1 = Root() + "/ds1/", secret = home.sub("secret");
+    std::ofstream(secret) << "secret";
+    fs::create_directories(home.sub("out"));
+    fs::create_directories(ds1 + "in");
+    std::ofstream(home.sub("out/x.img")) << std::string(4096, 'X');
+    std::ofstream(ds1 + "in/x.img") << std::string(4096, 'X');
+    std::ofstream(sample.vm("db01").folder + "/db01.vmx", std::ios::app) << "scsi1:0.fileName = \"../linked/x.img\"\n";
+    const auto link = [](const std::string& target, const std::string& at) {
+        fs::remove(at);
+        fs::create_symlink(target, at);
     };
+    link(home.sub("out"), ds1 + "linked");
+    ExpectVMFailure("db01", 23, "x.img: leads out of");
+    link(ds1 + "in", ds1 + "linked");
+    ExpectVMFailure("db01", 23, "x.img: leads out of");
+    link("in", ds1 + "linked");
+    vminfo::VMInfo info(102, 1);
+    MountCtx snap = SnapCtx(), db = VMCtx("db01");
+    ASSERT_EQ(info.MountSnap(snap), 1);
+    EXPECT_EQ(info.MountVM(db), 1);
 
-    save(descriptor);
-    std::ofstream(descriptor) << "# Disk DescriptorFile\nRW " << sectors << " FLAT \"" << Secret() << "\" 0\n";
+    fs::copy_file(web + "web01.vmdk", web + "saved.vmdk");
+    std::ofstream(web + "web01.vmdk") << "# Disk DescriptorFile\nRW 8 FLAT \"../../../../secret\" 0\n";
     ExpectVMFailure("web01", 23, "absolute names and .. are refused");
-    std::ofstream(descriptor) << "# Disk DescriptorFile\nRW " << sectors << " FLAT \"../../../../secret\" 0\n";
-    ExpectVMFailure("web01", 23, "absolute names and .. are refused");
-    restore(descriptor);
-
-    save(flat);
-    fs::remove(flat);
-    fs::create_symlink(Secret(), flat);
+    fs::rename(web + "saved.vmdk", web + "web01.vmdk");
+    link(secret, web + "web01-flat.vmdk");
     ExpectVMFailure("web01", 23, "web01-flat.vmdk: leads out of");
-    fs::remove(flat);
-    ASSERT_EQ(mkfifo(flat.c_str(), 0600), 0);
-    ExpectVMFailure("web01", 23, "web01-flat.vmdk: not a regular file");
-    restore(flat);
+    link(secret, web + "web01.nvram");   // configuration files are looked at first
+    ExpectVMFailure("web01", 23, "web01.nvram: leads out of");
 
-    save(nvram);
-    fs::remove(nvram);
-    fs::create_symlink(Secret(), nvram);
-    ExpectVMFailure("db01", 23, "db01.nvram: leads out of");
-    restore(nvram);
-
-    // A folder of the volume that is a link out of it, named by a disk entry.
-    fs::create_directory(home.sub("elsewhere"));
-    std::ofstream(home.sub("elsewhere/x.img")) << std::string(4096, 'X');
-    fs::create_directory_symlink(home.sub("elsewhere"), Root() + "/ds1/linked");
-    save(vmx);
-    std::ofstream(vmx, std::ios::app) << "scsi1:0.fileName = \"../linked/x.img\"\n";
-    ExpectVMFailure("db01", 23, "x.img: leads out of");
-    // A relative link that stays on the volume is followed; an absolute one never is.
-    fs::remove(Root() + "/ds1/linked");
-    fs::create_directory(Root() + "/ds1/inside");
-    std::ofstream(Root() + "/ds1/inside/x.img") << std::string(4096, 'X');
-    fs::create_directory_symlink("inside", Root() + "/ds1/linked");
-    {
-        vminfo::VMInfo info(102, 1);
-        MountCtx snap = SnapCtx();
-        ASSERT_EQ(info.MountSnap(snap), 1);
-        MountCtx ctx = VMCtx("db01");
-        EXPECT_EQ(info.MountVM(ctx), 1);
-    }
-    fs::remove(Root() + "/ds1/linked");
-    fs::create_directory_symlink(Root() + "/ds1/inside", Root() + "/ds1/linked");
-    ExpectVMFailure("db01", 23, "x.img: leads out of");
-    restore(vmx);
-
-    const std::string meta = Root() + "/snapshot.json";
-    fs::remove(meta);
-    ASSERT_EQ(mkfifo(meta.c_str(), 0600), 0);
+    fs::remove(Root() + "/snapshot.json");
+    ASSERT_EQ(mkfifo((Root() + "/snapshot.json").c_str(), 0600), 0);
     ExpectSnapFailure(28, "snapshot.json: not a regular file");
     alarm(0);
 }
 
-// Text files past the size a snapshot's text may have are refused before they are read
-// into memory: the VM (or, for snapshot.json, the snapshot) fails with its code and the
-// reason, and the other VMs of the snapshot still mount.
+// Text files larger than a snapshot's text may be are refused before they are read: the
+// VM, or for snapshot.json the snapshot, fails with its code and the reason.
 TEST_F(SnapshotLibrary, OversizedTextFilesAreRefusedUnread) {
-    const auto grow = [](const std::string& path) { fs::resize_file(path, 64ull << 20); };   // sparse
-    grow(sample.vm("db01").folder + "/db01.vmx");
-    ExpectVMFailure("db01", 16, "db01.vmx: holds 67108864 bytes, more than the");
-    {
-        vminfo::VMInfo info(102, 1);
-        MountCtx snap = SnapCtx();
-        ASSERT_EQ(info.MountSnap(snap), 1);
-        MountCtx ctx = VMCtx("web01");
-        EXPECT_EQ(info.MountVM(ctx), 1);
+    const std::pair<std::string, std::string> files[] = {   // VM (none: the snapshot), file
+        {"web01", sample.vm("web01").folder + "/web01.vmsd"},
+        {"fs01", sample.vm("fs01").folder + "/vmguest.json"},
+        {"", Root() + "/snapshot.json"},
+    };
+    for (const auto& [vm, path] : files) {
+        fs::resize_file(path, 64ull << 20);   // sparse
+        const std::string reason = fs::path(path).filename().string() + ": holds 67108864 bytes, more than the";
+        if (vm.empty())
+            ExpectSnapFailure(28, reason);
+        else
+            ExpectVMFailure(vm, 16, reason);
     }
-    grow(sample.vm("web01").folder + "/web01.vmsd");
-    ExpectVMFailure("web01", 16, "web01.vmsd: holds 67108864 bytes, more than the");
-    grow(sample.vm("fs01").folder + "/vmguest.json");
-    ExpectVMFailure("fs01", 16, "vmguest.json: holds 67108864 bytes, more than the");
-    grow(Root() + "/snapshot.json");
-    ExpectSnapFailure(28, "snapshot.json: holds 67108864 bytes, more than the");
 }
 
 }  // namespace
