@@ -70,6 +70,8 @@ struct CArchiveVirtualDiskFile::Impl {
     bool passWhole = false;
     std::optional<unsigned long long> faultyExtent;
     std::vector<std::string> volumes;   // folders of the datastore volumes the VM was mounted from
+    IVMInfo* vmInfo = nullptr;
+    MountCtx* mountCtx = nullptr;
     CQiError broken;                    // once the image is found cut short, every read fails
 
     // The folder the disk's files must lie below: the mounted volume that holds `file`;
@@ -152,9 +154,11 @@ CArchiveVirtualDiskFile::CArchiveVirtualDiskFile(ProductType_t productType) : m_
 
 CArchiveVirtualDiskFile::~CArchiveVirtualDiskFile() { Close(); }
 
-void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo*, const std::string& vmName, const std::string&, MountCtx* ctx,
+void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo* vmInfo, const std::string& vmName, const std::string&, MountCtx* ctx,
                                         void*) {
     m_impl->vmName = vmName;
+    m_impl->vmInfo = vmInfo;
+    m_impl->mountCtx = ctx;
     // The VM's mount names the volumes its disks lie on; no file of a disk is opened
     // outside them.
     m_impl->volumes.clear();
@@ -183,6 +187,21 @@ CQiError CArchiveVirtualDiskFile::Open(const std::string& path, DiskType_t diskT
         KTlog(Log(), 1, "Cannot open disk [%s] below [%s]: %s", path.c_str(), root.c_str(), err.AsString().c_str());
         return err;
     }
+    // The stream states the size the VM mount reported: a disk that has another size now
+    // (cut short or grown since) cannot be backed up as that disk.
+    std::vector<VMInfoStructs::SMountInfoFull> infos;
+    if (m_impl->vmInfo && m_impl->mountCtx && m_impl->vmInfo->GetFullMountInfo(*m_impl->mountCtx, infos) != 0)
+        for (const auto& info : infos)
+            for (const auto& disk : info.disks)
+                if (disk.sDiskPath == path && disk.nBackupType == VMInfoStructs::kBackupTypeDisk &&
+                    disk.ullSize != m_impl->layout.size) {
+                    CQiError changed(EIO, path + " holds " + std::to_string(m_impl->layout.size) +
+                                              " bytes of disk, the VM was mounted with " +
+                                              std::to_string(disk.ullSize) + ": the image changed size since");
+                    KTlog(Log(), 1, "%s", changed.AsString().c_str());
+                    m_impl->layout.Close();
+                    return changed;
+                }
     m_impl->extentSize = ConfiguredExtentSize();
     m_impl->faultyExtent = FaultyExtent(path);
     m_impl->open = true;

@@ -3,6 +3,7 @@
 #include "VMInfo.h"
 #include "temp_home.h"
 
+#include "hostapi/vdisk.h"
 #include "vshost/catalog.h"
 #include "vssample/sample.h"
 
@@ -276,6 +277,22 @@ TEST_F(SnapshotLibrary, OversizedTextFilesAreRefusedUnread) {
         else
             ExpectVMFailure(vm, 16, reason);
     }
+}
+
+// The disk reader opens a disk at the size the VM mount reported, and refuses an image
+// cut short between the mount and the open.
+TEST_F(SnapshotLibrary, ADiskThatChangedSizeSinceTheMountIsNotOpened) {
+    const vssample::SampleDisk& raw = sample.vm("fs01").disks.at(1);
+    ASSERT_EQ(raw.name, "fs01_data.img");
+    vminfo::VMInfo info(102, 1);
+    MountCtx snap = SnapCtx(), ctx = VMCtx("fs01");
+    ASSERT_EQ(info.MountSnap(snap), 1);
+    ASSERT_EQ(info.MountVM(ctx), 1);
+    CArchiveVirtualDiskFile disk(2);
+    disk.SetVMInfo(&info, "fs01", "", &ctx, nullptr);
+    EXPECT_FALSE(disk.Open(raw.path, 2).IsError());
+    fs::resize_file(raw.path, raw.size / 2);
+    EXPECT_NE(disk.Open(raw.path, 2).AsString().find("the image changed size since"), std::string::npos);
 }
 
 }  // namespace
