@@ -37,6 +37,32 @@ std::string Text(const json& doc, const char* field, const std::string& origin, 
     return doc[field].get<std::string>();
 }
 
+std::vector<std::string> PathParts(const std::string& path) {
+    std::vector<std::string> parts;
+    size_t from = 0;
+    for (size_t at; (at = path.find('\\', from)) != std::string::npos; from = at + 1) parts.push_back(path.substr(from, at - from));
+    parts.push_back(path.substr(from));
+    return parts;
+}
+
+// The extent reader keeps a disk open where its last read ended: after one extent of a
+// disk, a later item of that whole disk would find it past that extent and send none of
+// what came before, yet mark the disk as read. Such a job is refused before it starts.
+void RefuseWholeDiskAfterItsExtent(const std::vector<JobItem>& items, const std::string& origin) {
+    for (size_t i = 0; i < items.size(); ++i) {
+        const auto extent = PathParts(items[i].path);
+        if (extent.size() != 3) continue;
+        for (size_t j = i + 1; j < items.size(); ++j) {
+            const auto disk = PathParts(items[j].path);
+            if (disk.size() == 2 && disk[0] == extent[0] && disk[1] == extent[1])
+                throw std::runtime_error(origin + ": items[" + std::to_string(j) + "] (" + items[j].path +
+                                         ") reads the whole disk after items[" + std::to_string(i) + "] (" +
+                                         items[i].path + ") read one extent of it, which would leave it unread: "
+                                         "put the whole disk first or run it as a job of its own");
+        }
+    }
+}
+
 }  // namespace
 
 const char* ReaderName(ReaderKind kind) {
@@ -103,6 +129,8 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
         it.expectedBytes = Number<uint64_t>(item, "bytes", where, 0);
         job.items.push_back(it);
     }
+
+    if (job.reader == ReaderKind::Extent) RefuseWholeDiskAfterItsExtent(job.items, origin);
 
     job.out = Text(doc, "out", origin);
     if (!job.out.empty() && job.out != "-" && std::filesystem::path(job.out).is_relative())

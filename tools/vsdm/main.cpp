@@ -141,6 +141,9 @@ int main(int argc, char** argv) {
             const vsdm::RunSummary summary = vsdm::RunStreams(job, parallel, std::cerr);
             vsdm::PrintSummary(job, summary, std::cerr);
             return summary.status;
+        } catch (const vsdm::UsageError& e) {
+            std::cerr << "vsdm: " << e.what() << "\n";
+            return vsdm::kExitUsage;
         } catch (const std::exception& e) {
             std::cerr << "vsdm: " << e.what() << "\n";
             return vsdm::kExitJobFailed;
@@ -148,6 +151,7 @@ int main(int argc, char** argv) {
     }
 
     options.out = out;
+    options.jobFile = jobFile;
     options.incrementalFrom = incrementalFrom;
     options.resumeFrom = resume;
     options.progress = !child && isatty(STDERR_FILENO) != 0;
@@ -161,6 +165,9 @@ int main(int argc, char** argv) {
         }
         vsdm::PrintSummary(job, summary, std::cerr);
         return summary.status;
+    } catch (const vsdm::UsageError& e) {
+        err << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitUsage;
     } catch (const std::exception& e) {
         err << "vsdm: " << e.what() << "\n";
         return vsdm::kExitJobFailed;

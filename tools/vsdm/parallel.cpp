@@ -1,5 +1,6 @@
 #include "parallel.h"
 
+#include "output.h"
 #include "split.h"
 
 #include "vshost/streamset.h"
@@ -201,6 +202,10 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
     const std::vector<std::vector<size_t>> shares = SplitItems(job.items, o.streams);
     total.streams = static_cast<unsigned>(shares.size());
 
+    CheckNotAnInput(job, o.jobFile, job.out);
+    for (size_t k = 0; k < shares.size(); ++k)
+        CheckNotAnInput(job, o.jobFile, vshost::StreamSetMemberPath(job.out, static_cast<unsigned>(k + 1)));
+
     std::vector<Child> children(shares.size());
     vshost::StreamSet set;
     set.jobId = job.host.jobId;
@@ -218,7 +223,7 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
     // The manifest goes first: whatever happens to the children, the set names every
     // stream it should hold, and a missing or unfinished one shows.
     std::string why;
-    if (!vshost::WriteStreamSet(job.out, set, why)) {
+    if (!vshost::WriteStreamSet(job.out, set, why) || !SyncFolderOf(job.out, why)) {
         report << "vsdm: " << why << "\n";
         total.status = kExitStreamFailed;
         return total;

@@ -1,4 +1,5 @@
 #include "runner.h"
+#include "output.h"
 #include "resume.h"
 
 #include "Factories.h"
@@ -129,7 +130,7 @@ private:
 void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
     const auto disks = vshost::changetrack::JobDisks(from);
     if (std::none_of(disks.begin(), disks.end(), [](const auto& d) { return !d.changeId.empty(); }))
-        throw std::runtime_error("job " + std::to_string(from) + " recorded no disks with change ids to build on");
+        throw UsageError("job " + std::to_string(from) + " recorded no disks with change ids to build on");
     for (JobItem& item : job.items) {
         const std::string vm = ItemVM(item);
         size_t added = 0;
@@ -229,7 +230,8 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     RunSummary s;
     const auto started = std::chrono::steady_clock::now();
     if (!options.out.empty()) job.out = options.out;
-    if (job.out.empty()) throw std::runtime_error("no stream target: give --out FILE (or - for standard output)");
+    if (job.out.empty()) throw UsageError("no stream target: give --out FILE (or - for standard output)");
+    CheckNotAnInput(job, options.jobFile, job.out);
     if (options.share) {
         std::vector<JobItem> mine;
         for (size_t i : *options.share) mine.push_back(job.items.at(i));
@@ -239,7 +241,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     if (!options.resumeFrom.empty()) {
         std::error_code ec;
         if (options.resumeFrom == job.out || std::filesystem::equivalent(options.resumeFrom, job.out, ec))
-            throw std::runtime_error("the resumed attempt needs a stream of its own: give --out another file than " +
+            throw UsageError("the resumed attempt needs a stream of its own: give --out another file than " +
                                      options.resumeFrom);
         ApplyResume(job, options.resumeFrom, report);
     }
@@ -248,10 +250,8 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     Plugin plugin(PluginPath());
     if (!plugin.handle()) throw std::runtime_error(std::string("cannot load the plug-in: ") + dlerror());
 
-    CQiError err;
-    std::unique_ptr<CPipelayer> pipe =
-        job.out == "-" ? CPipelayer::OpenFd(STDOUT_FILENO) : CPipelayer::OpenFile(job.out, err);
-    if (!pipe) throw std::runtime_error("cannot open the stream target " + job.out + ": " + err.AsString());
+    StreamTarget target(job.out);
+    std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target.fd());
 
     KtEvent stop;
     StopSignals signals(stop);
@@ -332,21 +332,27 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
         else reader->Close(1);
     }
     const bool stopped = stop.wait(0);
-    if (stopped) pipe->Abandon();
+    // A job that could not start backed nothing up: its stream must not read as complete.
+    if (stopped || !opened) pipe->Abandon();
     owned.reset();   // the reader's writer finishes the stream as it goes
     VMLivebrowse::UnmountAll();
-    const bool written = pipe->Close();
+    bool written = pipe->Close();
+    std::string writeError = written ? std::string() : pipe->ErrorText();
+    // Only a job that started replaces the stream of that name.
+    if (opened && !target.Publish(writeError)) written = false;
+    if (!opened) target.Discard();
+    s.streamLeft = opened;
 
     const vsStreamTotals totals = pipe->Totals();
     s.dataBytes = totals.dataBytes;
     s.holeBytes = totals.holeBytes;
     s.streamBytes = pipe->BytesWritten();
     s.streamComplete = pipe->Finished();
-    if (job.out != "-") CountStream(job.out, s);
+    if (opened && job.out != "-") CountStream(job.out, s);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     if (!written) {
-        report << "vsdm: the stream could not be written: " << pipe->ErrorText() << "\n";
+        report << "vsdm: the stream could not be written: " << writeError << "\n";
         s.status = kExitStreamFailed;
     } else if (stopped) {
         s.status = kExitStopped;
@@ -380,6 +386,8 @@ void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& ou
         out << "  stream set " << job.out << " (" << s.streams << " streams): " << (s.streamComplete ? "complete" : "INCOMPLETE")
             << "\n";
         for (const std::string& why : s.incompleteStreams) out << "    INCOMPLETE " << why << "\n";
+    } else if (!s.streamLeft && job.out != "-") {
+        out << "  stream " << job.out << ": not written, the job could not start\n";
     } else {
         out << "  stream " << (job.out == "-" ? std::string("standard output") : job.out) << ": "
             << (s.streamComplete ? "complete" : "INCOMPLETE") << "\n";

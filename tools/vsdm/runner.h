@@ -24,6 +24,7 @@ enum ExitStatus : int {
 
 struct RunOptions {
     std::string out;                 // overrides the job's "out"
+    std::string jobFile;             // the job's file, which the stream must not replace
     int64_t incrementalFrom = 0;     // fill change ids from what this job recorded
     std::string resumeFrom;          // stream of a stopped attempt of this job to go on from
     bool progress = false;           // progress line on stderr
@@ -41,6 +42,7 @@ struct RunSummary {
     uint64_t dataBytes = 0, holeBytes = 0, streamBytes = 0;
     double seconds = 0;
     bool streamComplete = false;
+    bool streamLeft = true;   // false: the job could not start and left no stream of its own
     int status = kExitOk;
     std::vector<std::string> vmPaths;   // VM entries in the stream, so that a merge counts each VM once
     // A parallel run: how many streams, and those that are not complete (path and why).
