@@ -1,6 +1,10 @@
 #include "jobspec.h"
 
+#include "vshost/jobfield.h"
+
 #include <nlohmann/json.hpp>
+
+#include <limits>
 
 #include <filesystem>
 #include <fstream>
@@ -18,14 +22,10 @@ using nlohmann::json;
 }
 
 template <typename T>
-T Number(const json& doc, const char* field, const std::string& origin, T fallback, bool required = false) {
-    if (!doc.contains(field)) {
-        if (required) Bad(origin, field, "is missing");
-        return fallback;
-    }
-    const json& v = doc[field];
-    if (!v.is_number_integer()) Bad(origin, field, "must be a whole number");
-    return v.get<T>();
+T Number(const json& doc, const char* field, const std::string& origin, T fallback, T min = std::numeric_limits<T>::min(),
+         T max = std::numeric_limits<T>::max()) {
+    if (!doc.contains(field)) return fallback;
+    return vshost::JobNumber<T>(doc[field], origin, field, min, max);
 }
 
 std::string Text(const json& doc, const char* field, const std::string& origin, bool required = false) {
@@ -85,8 +85,8 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
     else if (reader == "fileLevel") job.reader = ReaderKind::FileLevel;
     else Bad(origin, "reader", "must be \"extent\", \"fileCollection\" or \"fileLevel\", not \"" + reader + "\"");
 
-    job.instanceType = Number<int>(doc, "instanceType", origin, 102);
-    job.mountType = Number<int>(doc, "mountType", origin, 0);
+    job.instanceType = Number<int>(doc, "instanceType", origin, 102, 0);
+    job.mountType = Number<int>(doc, "mountType", origin, 0, 0);
     if (doc.contains("blockLevel")) {
         if (!doc["blockLevel"].is_boolean()) Bad(origin, "blockLevel", "must be true or false");
         job.blockLevel = doc["blockLevel"].get<bool>();
@@ -98,17 +98,14 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
 
     if (!doc.contains("archiveFiles") || !doc["archiveFiles"].is_array() || doc["archiveFiles"].empty())
         Bad(origin, "archiveFiles", "must be a list of one or more archive file ids");
-    for (const json& id : doc["archiveFiles"]) {
-        if (!id.is_number_unsigned() || id.get<uint64_t>() == 0 || id.get<uint64_t>() > 0xffffffffull)
-            Bad(origin, "archiveFiles", "must hold archive file ids (whole numbers from 1 to 4294967295)");
-        job.archiveFiles.push_back(id.get<uint64_t>());
-    }
+    for (const json& id : doc["archiveFiles"]) job.archiveFiles.push_back(vshost::JobNumber<uint32_t>(id, origin, "archiveFiles", 1));
     if (doc.contains("open")) {
         const json& open = doc["open"];
         if (!open.is_object()) Bad(origin, "open", "must be an object");
-        job.archGroupId = Number<unsigned long>(open, "archGroupId", origin + " (open)", 0);
-        job.copyId = Number<unsigned long>(open, "copyId", origin + " (open)", 0);
-        job.hubcellId = Number<int64_t>(open, "hubcellId", origin + " (open)", 0);
+        // Each archive-file open and the stream carry these as 32-bit ids.
+        job.archGroupId = Number<uint32_t>(open, "archGroupId", origin + " (open)", 0);
+        job.copyId = Number<uint32_t>(open, "copyId", origin + " (open)", 0);
+        job.hubcellId = Number<uint32_t>(open, "hubcellId", origin + " (open)", 0);
     }
 
     if (!doc.contains("items") || !doc["items"].is_array() || doc["items"].empty())
@@ -123,9 +120,7 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
         it.optionsXml = Text(item, "options", where);
         it.clientPath = Text(item, "clientPath", where);
         if (it.clientPath.empty()) it.clientPath = it.path;
-        it.fileFilterCount = Number<int32_t>(item, "filter", where, 0);
-        if (item.contains("bytes") && !item["bytes"].is_number_unsigned())
-            Bad(where, "bytes", "must be a whole number of bytes, 0 or more");
+        it.fileFilterCount = Number<int32_t>(item, "filter", where, 0, 0);
         it.expectedBytes = Number<uint64_t>(item, "bytes", where, 0);
         job.items.push_back(it);
     }

@@ -1,6 +1,7 @@
 // What the data mover takes in and puts out: a resumed stream of another job, item
 // orders the reader cannot serve, a job that cannot start, and stream targets that are
 // the job's own inputs. Each is refused or left safe before anything is written.
+#include "jobspec.h"
 #include "run_support.h"
 
 #include "vshost/changetrack.h"
@@ -29,6 +30,33 @@ std::vector<std::string> Partials(const std::string& folder) {
     for (const auto& e : fs::directory_iterator(folder))
         if (e.path().filename().string().find(".partial") != std::string::npos) out.push_back(e.path().string());
     return out;
+}
+
+// The data mover's numbers are range-checked as the host's are: none wraps into
+// another value (instance type 2^32+102 would run as 102), none goes negative.
+TEST(VsdmInputs, NumbersOutOfRangeAreRefusedNamingTheField) {
+    const nlohmann::json good = {{"jobId", 7}, {"mediaAgent", "ma01"}, {"archiveFiles", {1207}}, {"items", {{{"path", "vm"}}}}};
+    const std::pair<std::string, std::string> cases[] = {
+        {R"("instanceType": 4294967398)", "\"instanceType\""},
+        {R"("mountType": -1)", "\"mountType\""},
+        {R"("snapEngineId": 4294967296)", "\"snapEngineId\""},
+        {R"("open": {"copyId": -1})", "\"copyId\""},
+        {R"("open": {"archGroupId": 4294967296})", "\"archGroupId\""},
+        {R"("archiveFiles": [4294967297])", "\"archiveFiles\""},
+        {R"("items": [{"path": "vm", "filter": 2147483648}])", "\"filter\""},
+        {R"("items": [{"path": "vm", "bytes": -1}])", "\"bytes\""},
+    };
+    for (const auto& [field, named] : cases) {
+        nlohmann::json doc = good;
+        doc.update(nlohmann::json::parse("{" + field + "}"));
+        const std::string text = doc.dump();
+        try {
+            vsdm::ParseJob(text, "j", "/base");
+            ADD_FAILURE() << text;
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(named), std::string::npos) << e.what();
+        }
+    }
 }
 
 // A stream resumed by a job must be that job's: another job id, another snapshot job or
