@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -96,6 +97,8 @@ JobDescription ParseJobText(const std::string& text, const std::string& origin) 
 }
 
 JobDescription ParseJobFile(const std::string& path) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) throw std::runtime_error(path + ": is a folder, not a job file");
     std::ifstream in(path);
     if (!in) throw std::runtime_error(path + ": cannot open: " + std::strerror(errno));
     std::ostringstream text;

@@ -137,6 +137,8 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
 }
 
 DataMoverJob LoadJob(const std::string& path) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) throw std::runtime_error(path + ": is a folder, not a job file");
     std::ifstream in(path);
     if (!in) throw std::runtime_error(path + ": cannot be read");
     std::stringstream text;

@@ -125,6 +125,7 @@ void Add(RunSummary& total, const RunSummary& s) {
     total.configFiles += s.configFiles;
     total.extentsSent += s.extentsSent;
     total.extentsUnchanged += s.extentsUnchanged;
+    total.extentsNotRead += s.extentsNotRead;
     total.holeExtents += s.holeExtents;
     total.files += s.files;
     total.folders += s.folders;
@@ -151,6 +152,7 @@ std::string EncodeSummary(const RunSummary& s) {
                                 {"configFiles", s.configFiles},
                                 {"extentsSent", s.extentsSent},
                                 {"extentsUnchanged", s.extentsUnchanged},
+                                {"extentsNotRead", s.extentsNotRead},
                                 {"holeExtents", s.holeExtents},
                                 {"files", s.files},
                                 {"folders", s.folders},
@@ -177,6 +179,7 @@ bool DecodeSummary(const std::string& text, RunSummary& s) {
         r.configFiles = doc.at("configFiles").get<unsigned>();
         r.extentsSent = doc.at("extentsSent").get<uint64_t>();
         r.extentsUnchanged = doc.at("extentsUnchanged").get<uint64_t>();
+        r.extentsNotRead = doc.at("extentsNotRead").get<uint64_t>();
         r.holeExtents = doc.at("holeExtents").get<uint64_t>();
         r.files = doc.at("files").get<uint64_t>();
         r.folders = doc.at("folders").get<uint64_t>();

@@ -36,7 +36,9 @@ struct RunOptions {
 struct RunSummary {
     unsigned items = 0, itemsFailed = 0;
     unsigned vms = 0, disks = 0, configFiles = 0;
-    uint64_t extentsSent = 0, extentsUnchanged = 0, holeExtents = 0;
+    uint64_t extentsSent = 0, holeExtents = 0;
+    uint64_t extentsUnchanged = 0;   // of disks read to their end: found unchanged, so not sent
+    uint64_t extentsNotRead = 0;     // of disks not read to their end (failed, stopped, one extent)
     uint64_t files = 0, folders = 0, filesFailed = 0;   // file-level entries
     uint64_t nodes = 0, nodeFolders = 0;   // file-collection nodes, and of them folders
     uint64_t dataBytes = 0, holeBytes = 0, streamBytes = 0;

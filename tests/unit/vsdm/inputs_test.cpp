@@ -175,3 +175,60 @@ TEST(VsdmInputs, TheStreamNeverReplacesAnInput) {
 }
 
 }  // namespace
+
+namespace {
+
+// Every fault of the command line exits 64, CLI11's own included; asking for help is no fault.
+TEST(VsdmInputs, UsageErrorsExit64) {
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    WriteJob(home, "job.json", vstest::SampleJob(home, s, 140, {s.vm("web01").biosUuid}));
+    const std::string job = home.sub("job.json");
+    const std::pair<std::string, int> cases[] = {
+        {"", 64},
+        {"run", 64},
+        {"run " + job + " --no-such-option", 64},
+        {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from soon", 64},
+        {"run " + job, 64},   // no stream target
+        {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from 999", 64},   // a job that recorded nothing
+        {"--help", 0},
+        {"run --help", 0},
+    };
+    for (const auto& [args, status] : cases) {
+        const RunResult r = Shell(vstest::Vsdm() + " " + args);
+        EXPECT_EQ(r.status, status) << args << ": " << r.output;
+    }
+    EXPECT_FALSE(fs::exists(home.sub("s.bin")));
+}
+
+// A failed item says why; a misspelt home or a folder given as the job file is named as
+// such; the summary tells extents found unchanged from extents never read.
+TEST(VsdmInputs, MessagesSayWhatToFix) {
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    const std::string web01 = s.vm("web01").biosUuid;
+    vshost::settings::Set("VDiskFaults", "web01.vmdk", "3");
+    vshost::settings::Save();
+    WriteJob(home, "job.json", vstest::SampleJob(home, s, 150, {web01, "nosuchvm"}));
+    RunResult r = RunJobFile(home, "job.json", "--out " + home.sub("s.bin"));
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_NE(r.output.find("item nosuchvm: failed (-1): pending cause 0x5B000004 [nosuchvm]"), std::string::npos)
+        << r.output;
+    EXPECT_NE(r.output.find("item " + web01 + ": failed (-1): logged \"DM_VSEXT\t virtual disk read error detected"),
+              std::string::npos)
+        << r.output;
+    EXPECT_NE(r.output.find("unchanged and not sent 0, not read "), std::string::npos) << r.output;
+    EXPECT_EQ(r.output.find("not read 0"), std::string::npos) << r.output;
+
+    r = RunJobFile(home, "job.json", "--out " + home.sub("s.bin") + " --home " + home.sub("hoem"));
+    EXPECT_EQ(r.status, 64) << r.output;
+    EXPECT_NE(r.output.find("the host home " + home.sub("hoem") + " does not exist"), std::string::npos) << r.output;
+    EXPECT_FALSE(fs::exists(home.sub("hoem")));
+
+    fs::create_directory(home.sub("job.d"));
+    r = RunJobFile(home, "job.d", "--out " + home.sub("s.bin"));
+    EXPECT_EQ(r.status, 64) << r.output;
+    EXPECT_NE(r.output.find("job.d: is a folder, not a job file"), std::string::npos) << r.output;
+}
+
+}  // namespace
