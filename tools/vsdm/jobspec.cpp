@@ -1,6 +1,7 @@
 #include "jobspec.h"
 
 #include "vshost/jobfield.h"
+#include "vshost/streamformat.h"
 
 #include <nlohmann/json.hpp>
 
@@ -35,6 +36,19 @@ std::string Text(const json& doc, const char* field, const std::string& origin, 
     }
     if (!doc[field].is_string()) Bad(origin, field, "must be a text");
     return doc[field].get<std::string>();
+}
+
+// Texts that go into one stream record (the media agent into the stream header, item
+// paths into entry headers and disk records) must fit one record, with room left for the
+// record's other fields: longer ones are refused at load rather than failing the stream.
+constexpr size_t kMaxRecordText = vshost::stream::kMaxPayload / 4;
+
+std::string RecordText(const json& doc, const char* field, const std::string& origin, bool required = false) {
+    std::string text = Text(doc, field, origin, required);
+    if (text.size() > kMaxRecordText)
+        Bad(origin, field, "is " + std::to_string(text.size()) + " bytes long; it goes into one stream record, which holds at most " +
+                               std::to_string(kMaxRecordText) + " bytes of it");
+    return text;
 }
 
 std::vector<std::string> PathParts(const std::string& path) {
@@ -92,7 +106,7 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
         job.blockLevel = doc["blockLevel"].get<bool>();
     }
     job.snapEngineId = Number<unsigned>(doc, "snapEngineId", origin, 0);
-    job.mediaAgent = Text(doc, "mediaAgent", origin, true);
+    job.mediaAgent = RecordText(doc, "mediaAgent", origin, true);
     job.jobToken = Text(doc, "jobToken", origin);
     if (job.jobToken.size() >= 64) Bad(origin, "jobToken", "must be shorter than 64 characters");
 
@@ -115,10 +129,10 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
         const std::string where = origin + " (items[" + std::to_string(n++) + "])";
         if (!item.is_object()) Bad(where, "items", "must hold objects");
         JobItem it;
-        it.path = Text(item, "path", where, true);
+        it.path = RecordText(item, "path", where, true);
         if (it.path.empty()) Bad(where, "path", "must not be empty");
         it.optionsXml = Text(item, "options", where);
-        it.clientPath = Text(item, "clientPath", where);
+        it.clientPath = RecordText(item, "clientPath", where);
         if (it.clientPath.empty()) it.clientPath = it.path;
         it.fileFilterCount = Number<int32_t>(item, "filter", where, 0, 0);
         it.expectedBytes = Number<uint64_t>(item, "bytes", where, 0);

@@ -59,6 +59,28 @@ TEST(VsdmInputs, NumbersOutOfRangeAreRefusedNamingTheField) {
     }
 }
 
+// A text that goes into one stream record and cannot fit it is refused at load, naming
+// the field, instead of failing the stream when the record is written.
+TEST(VsdmInputs, OverLongFieldsAreRefusedAtLoad) {
+    const std::string huge(5u << 20, 'm');
+    const nlohmann::json good = {{"jobId", 7}, {"mediaAgent", "ma01"}, {"archiveFiles", {1207}}, {"items", {{{"path", "vm"}}}}};
+    const std::pair<nlohmann::json, std::string> cases[] = {
+        {{{"mediaAgent", huge}}, "field \"mediaAgent\" is 5242880 bytes long"},
+        {{{"items", {{{"path", "vm\\" + huge}}}}}, "(items[0]): field \"path\""},
+        {{{"items", {{{"path", "vm"}, {"clientPath", huge}}}}}, "(items[0]): field \"clientPath\""},
+    };
+    for (const auto& [change, named] : cases) {
+        nlohmann::json doc = good;
+        doc.update(change);
+        try {
+            vsdm::ParseJob(doc.dump(), "j", "/base");
+            ADD_FAILURE() << named;
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(named), std::string::npos) << std::string(e.what()).substr(0, 200);
+        }
+    }
+}
+
 // A stream resumed by a job must be that job's: another job id, another snapshot job or
 // other archive files are refused before anything is recorded or written.
 TEST(VsdmInputs, ResumeTakesOnlyAStreamOfThisJob) {
