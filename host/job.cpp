@@ -3,12 +3,14 @@
 #include "hostapi/appmgr.h"
 #include "hostapi/job.h"
 #include "vshost/job.h"
+#include "vshost/jobfield.h"
 
 #include <nlohmann/json.hpp>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -29,25 +31,7 @@ Registry& Jobs() {
 
 using nlohmann::json;
 
-[[noreturn]] void Bad(const std::string& origin, const std::string& field, const std::string& why) {
-    throw std::runtime_error(origin + ": field \"" + field + "\": " + why);
-}
-
-unsigned long long WholeNumber(const json& v, const std::string& origin, const std::string& field) {
-    if (v.is_number_unsigned()) return v.get<unsigned long long>();
-    if (v.is_number_integer() && v.get<long long>() >= 0) return static_cast<unsigned long long>(v.get<long long>());
-    Bad(origin, field, "expected a whole number that is not negative");
-}
-
-// Option numbers are object keys, so they arrive as text.
-unsigned long long OptionNumber(const std::string& key, const std::string& origin, const std::string& field) {
-    if (key.empty() || key.find_first_not_of("0123456789") != std::string::npos)
-        Bad(origin, field + "." + key, "option keys are option numbers");
-    errno = 0;
-    const unsigned long long n = std::strtoull(key.c_str(), nullptr, 10);
-    if (errno == ERANGE) Bad(origin, field + "." + key, "option number out of range");
-    return n;
-}
+using vshost::BadJobField;
 
 }  // namespace
 
@@ -62,49 +46,49 @@ JobDescription ParseJobText(const std::string& text, const std::string& origin) 
     if (!doc.is_object()) throw std::runtime_error(origin + ": a job file holds one JSON object");
 
     JobDescription job;
-    if (!doc.contains("jobId")) Bad(origin, "jobId", "missing");
-    job.jobId = static_cast<KTJobID>(WholeNumber(doc["jobId"], origin, "jobId"));
+    if (!doc.contains("jobId")) BadJobField(origin, "jobId", "missing");
+    job.jobId = JobNumber<KTJobID>(doc["jobId"], origin, "jobId", 0);
 
     if (doc.contains("appId")) {
         const json& app = doc["appId"];
-        if (!app.is_array() || app.size() != 2) Bad(origin, "appId", "expected two numbers");
-        job.appId1 = static_cast<unsigned long>(WholeNumber(app[0], origin, "appId[0]"));
-        job.appId2 = static_cast<unsigned long>(WholeNumber(app[1], origin, "appId[1]"));
+        if (!app.is_array() || app.size() != 2) BadJobField(origin, "appId", "expected two numbers");
+        job.appId1 = JobNumber<unsigned long>(app[0], origin, "appId[0]");
+        job.appId2 = JobNumber<unsigned long>(app[1], origin, "appId[1]");
     }
     if (doc.contains("taskOptions")) {
         const json& opts = doc["taskOptions"];
-        if (!opts.is_object()) Bad(origin, "taskOptions", "expected an object of option number to text");
+        if (!opts.is_object()) BadJobField(origin, "taskOptions", "expected an object of option number to text");
         for (const auto& [key, value] : opts.items()) {
-            const auto n = OptionNumber(key, origin, "taskOptions");
-            if (!value.is_string()) Bad(origin, "taskOptions." + key, "expected text");
-            job.taskOptions[static_cast<int>(n)] = value.get<std::string>();
+            const int n = JobOptionKey<int>(key, origin, "taskOptions", 0);
+            if (!value.is_string()) BadJobField(origin, "taskOptions." + key, "expected text");
+            job.taskOptions[n] = value.get<std::string>();
         }
     }
     if (doc.contains("eventOptions")) {
         const json& opts = doc["eventOptions"];
-        if (!opts.is_object()) Bad(origin, "eventOptions", "expected an object of option number to true/false");
+        if (!opts.is_object()) BadJobField(origin, "eventOptions", "expected an object of option number to true/false");
         for (const auto& [key, value] : opts.items()) {
-            const auto n = OptionNumber(key, origin, "eventOptions");
-            if (!value.is_boolean()) Bad(origin, "eventOptions." + key, "expected true or false");
+            const auto n = JobOptionKey<unsigned long long>(key, origin, "eventOptions");
+            if (!value.is_boolean()) BadJobField(origin, "eventOptions." + key, "expected true or false");
             job.eventOptions[n] = value.get<bool>();
         }
     }
     if (doc.contains("jobOptions")) {
         const json& opts = doc["jobOptions"];
-        if (!opts.is_object()) Bad(origin, "jobOptions", "expected an object");
+        if (!opts.is_object()) BadJobField(origin, "jobOptions", "expected an object");
         if (opts.contains("restoreOptions")) {
             const json& r = opts["restoreOptions"];
-            if (!r.is_object()) Bad(origin, "jobOptions.restoreOptions", "expected an object");
+            if (!r.is_object()) BadJobField(origin, "jobOptions.restoreOptions", "expected an object");
             if (r.contains("lookupInstanceFromTask"))
-                job.lookupInstanceFromTask = static_cast<int>(
-                    WholeNumber(r["lookupInstanceFromTask"], origin, "jobOptions.restoreOptions.lookupInstanceFromTask"));
+                job.lookupInstanceFromTask = JobNumber<int>(r["lookupInstanceFromTask"], origin,
+                                                            "jobOptions.restoreOptions.lookupInstanceFromTask", 0);
         }
         if (opts.contains("virtualServerRestoreOptions")) {
             const json& v = opts["virtualServerRestoreOptions"];
-            if (!v.is_object()) Bad(origin, "jobOptions.virtualServerRestoreOptions", "expected an object");
+            if (!v.is_object()) BadJobField(origin, "jobOptions.virtualServerRestoreOptions", "expected an object");
             if (v.contains("instanceId"))
-                job.instanceId = static_cast<unsigned long>(
-                    WholeNumber(v["instanceId"], origin, "jobOptions.virtualServerRestoreOptions.instanceId"));
+                job.instanceId = JobNumber<unsigned long>(v["instanceId"], origin,
+                                                          "jobOptions.virtualServerRestoreOptions.instanceId");
         }
     } else {
         job.hasJobOptions = false;
@@ -113,6 +97,8 @@ JobDescription ParseJobText(const std::string& text, const std::string& origin) 
 }
 
 JobDescription ParseJobFile(const std::string& path) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) throw std::runtime_error(path + ": is a folder, not a job file");
     std::ifstream in(path);
     if (!in) throw std::runtime_error(path + ": cannot open: " + std::strerror(errno));
     std::ostringstream text;

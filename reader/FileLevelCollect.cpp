@@ -119,11 +119,22 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
                   kFn, err.AsString().c_str(), completeLocalPath.c_str(), level);
             return ~0u;
         }
-    } else {
-        std::fputs((m_snapSrc.m_SnapSrcPath + "\n").c_str(), m_pCollectFile);
+    } else if (std::fputs((m_snapSrc.m_SnapSrcPath + "\n").c_str(), m_pCollectFile) < 0) {
+        KTlog(m_hLog, 1, "%s: Failed to write the list of files to [%s], errno [%d].", kFn, m_sCollectFileName.c_str(),
+              errno);
+        std::fclose(m_pCollectFile);
+        m_pCollectFile = nullptr;
+        return ~0u;
     }
-    std::fclose(m_pCollectFile);
+    // The list is only whole once it is flushed: a full disk shows here, and a short
+    // list would leave files out of the backup without a word.
+    const int closed = std::fclose(m_pCollectFile);
     m_pCollectFile = nullptr;
+    if (closed != 0) {
+        KTlog(m_hLog, 1, "%s: Failed to write the list of files to [%s], errno [%d].", kFn, m_sCollectFileName.c_str(),
+              errno);
+        return ~0u;
+    }
     out = m_sCollectFileName;
 
     m_pNameMapper->ResetMappings();
@@ -144,7 +155,9 @@ CQiError DataReaderVMware::PathWalker(const char* dir, const char* name, bool) {
     if (!line.empty() && line.back() == '/') line.pop_back();
     if (relative.empty() || relative.front() != '/') line += "/";
     line += relative + "\n";
-    std::fputs(line.c_str(), m_pCollectFile);
+    // A flush that failed inside an earlier call only shows as the stream's error flag.
+    if (std::fputs(line.c_str(), m_pCollectFile) < 0 || std::ferror(m_pCollectFile))
+        return CQiError(errno ? errno : EIO, "write " + m_sCollectFileName);
     KTlog(m_hLog, 1, "tmp File Name:[%s]", relative.c_str());
     return {};
 }

@@ -7,10 +7,17 @@
 
 #include <cstdint>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace vsdm {
+
+// A fault of the command line or of the job's inputs (job file, resumed stream, output
+// target): the run ends with exit status 64 and has changed nothing.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 enum class ReaderKind { Extent, FileCollection, FileLevel };
 

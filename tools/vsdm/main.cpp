@@ -9,6 +9,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <streambuf>
 #include <unistd.h>
@@ -54,7 +56,9 @@ bool ParseStreams(const std::string& text, unsigned& n) {
 int main(int argc, char** argv) {
     CLI::App app{"vsdm: the data mover. Exit status of run: 0 all items succeeded, 1 some items failed, "
                  "2 the job could not start, 3 the stream could not be written, 4 stopped by a signal, "
-                 "64 bad command line or job file."};
+                 "64 bad command line or job file (a missing or unknown option, a field out of range, no stream "
+                 "target, a target that is one of the job's inputs, a home that does not exist, a resumed stream or "
+                 "--incremental-from job that is not this job's to build on); nothing is read or written then."};
     app.require_subcommand(1);
 
     std::string jobFile, out, home, streamsText = "1", shareText;
@@ -79,7 +83,13 @@ int main(int argc, char** argv) {
     std::string keep;
     CLI::App* demo = app.add_subcommand("demo", "back up a generated sample snapshot, restore it, compare");
     demo->add_option("--keep", keep, "build in this (new or empty) folder and leave it there");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // Help is asked for and given; every other fault of the command line is a usage error.
+        const int rc = app.exit(e);
+        return rc == 0 ? 0 : vsdm::kExitUsage;
+    }
 
     if (demo->parsed()) {
         try {
@@ -110,6 +120,15 @@ int main(int argc, char** argv) {
     try {
         job = vsdm::LoadJob(jobFile);
         if (!home.empty()) job.home = home;
+        // A run uses a home; making one is for the tools that set homes up (vshost-passwd,
+        // mksnap). A misspelt name must not become a new, empty home.
+        const char* env = std::getenv("VSHOST_HOME");
+        const std::string chosen = !job.home.empty() ? job.home : env ? env : "";
+        std::error_code ec;
+        if (!chosen.empty() && !std::filesystem::is_directory(chosen, ec))
+            throw std::runtime_error("the host home " + chosen + " does not exist" +
+                                     (job.home.empty() ? " (from $VSHOST_HOME)" : "") +
+                                     ": give the folder of an existing home");
         if (!job.home.empty()) vshost::OpenHome(job.home);
         if (vshost::HomeDir().empty()) throw std::runtime_error("no host home: give --home, \"home\" or $VSHOST_HOME");
         if (!out.empty()) job.out = out;
@@ -141,6 +160,9 @@ int main(int argc, char** argv) {
             const vsdm::RunSummary summary = vsdm::RunStreams(job, parallel, std::cerr);
             vsdm::PrintSummary(job, summary, std::cerr);
             return summary.status;
+        } catch (const vsdm::UsageError& e) {
+            std::cerr << "vsdm: " << e.what() << "\n";
+            return vsdm::kExitUsage;
         } catch (const std::exception& e) {
             std::cerr << "vsdm: " << e.what() << "\n";
             return vsdm::kExitJobFailed;
@@ -148,6 +170,7 @@ int main(int argc, char** argv) {
     }
 
     options.out = out;
+    options.jobFile = jobFile;
     options.incrementalFrom = incrementalFrom;
     options.resumeFrom = resume;
     options.progress = !child && isatty(STDERR_FILENO) != 0;
@@ -161,6 +184,9 @@ int main(int argc, char** argv) {
         }
         vsdm::PrintSummary(job, summary, std::cerr);
         return summary.status;
+    } catch (const vsdm::UsageError& e) {
+        err << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitUsage;
     } catch (const std::exception& e) {
         err << "vsdm: " << e.what() << "\n";
         return vsdm::kExitJobFailed;

@@ -1,5 +1,6 @@
 #include "parallel.h"
 
+#include "output.h"
 #include "split.h"
 
 #include "vshost/streamset.h"
@@ -124,6 +125,7 @@ void Add(RunSummary& total, const RunSummary& s) {
     total.configFiles += s.configFiles;
     total.extentsSent += s.extentsSent;
     total.extentsUnchanged += s.extentsUnchanged;
+    total.extentsNotRead += s.extentsNotRead;
     total.holeExtents += s.holeExtents;
     total.files += s.files;
     total.folders += s.folders;
@@ -150,6 +152,7 @@ std::string EncodeSummary(const RunSummary& s) {
                                 {"configFiles", s.configFiles},
                                 {"extentsSent", s.extentsSent},
                                 {"extentsUnchanged", s.extentsUnchanged},
+                                {"extentsNotRead", s.extentsNotRead},
                                 {"holeExtents", s.holeExtents},
                                 {"files", s.files},
                                 {"folders", s.folders},
@@ -176,6 +179,7 @@ bool DecodeSummary(const std::string& text, RunSummary& s) {
         r.configFiles = doc.at("configFiles").get<unsigned>();
         r.extentsSent = doc.at("extentsSent").get<uint64_t>();
         r.extentsUnchanged = doc.at("extentsUnchanged").get<uint64_t>();
+        r.extentsNotRead = doc.at("extentsNotRead").get<uint64_t>();
         r.holeExtents = doc.at("holeExtents").get<uint64_t>();
         r.files = doc.at("files").get<uint64_t>();
         r.folders = doc.at("folders").get<uint64_t>();
@@ -201,6 +205,10 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
     const std::vector<std::vector<size_t>> shares = SplitItems(job.items, o.streams);
     total.streams = static_cast<unsigned>(shares.size());
 
+    CheckNotAnInput(job, o.jobFile, job.out);
+    for (size_t k = 0; k < shares.size(); ++k)
+        CheckNotAnInput(job, o.jobFile, vshost::StreamSetMemberPath(job.out, static_cast<unsigned>(k + 1)));
+
     std::vector<Child> children(shares.size());
     vshost::StreamSet set;
     set.jobId = job.host.jobId;
@@ -218,7 +226,7 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
     // The manifest goes first: whatever happens to the children, the set names every
     // stream it should hold, and a missing or unfinished one shows.
     std::string why;
-    if (!vshost::WriteStreamSet(job.out, set, why)) {
+    if (!vshost::WriteStreamSet(job.out, set, why) || !SyncFolderOf(job.out, why)) {
         report << "vsdm: " << why << "\n";
         total.status = kExitStreamFailed;
         return total;

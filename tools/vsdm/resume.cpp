@@ -3,6 +3,7 @@
 #include "entrymodel.h"
 
 #include "hostapi/snapsrc.h"
+#include "vshost/catalog.h"
 #include "vshost/changetrack.h"
 #include "vshost/fd.h"
 #include "vshost/streamreader.h"
@@ -14,9 +15,51 @@
 
 namespace vsdm {
 
-std::map<std::string, std::map<std::string, DiskResumePoint>> ReadResumePoints(const std::string& stream) {
+namespace {
+
+std::string IdList(const std::set<uint32_t>& ids) {
+    std::string out;
+    for (uint32_t id : ids) out += (out.empty() ? "" : ", ") + std::to_string(id);
+    return out.empty() ? "none" : out;
+}
+
+// The snapshot jobs that made these archive files, as the catalog knows them.
+std::set<int64_t> SnapJobs(const std::set<uint32_t>& ids) {
+    std::set<int64_t> out;
+    const vshost::Catalog catalog;
+    for (uint32_t id : ids)
+        if (const auto afile = catalog.ArchiveFile(id)) out.insert(afile->snapJobId);
+    return out;
+}
+
+std::string JobList(const std::set<int64_t>& ids) {
+    std::string out;
+    for (int64_t id : ids) out += (out.empty() ? "" : ", ") + std::to_string(id);
+    return out.empty() ? "unknown" : out;
+}
+
+}  // namespace
+
+void CheckSameJob(const DataMoverJob& job, const StreamIdentity& stream, const std::string& path) {
+    const std::string what = "the stream to resume from, " + path + ", is not of this job: ";
+    if (stream.jobId != job.host.jobId)
+        throw UsageError(what + "it was written by job " + std::to_string(stream.jobId) + ", this is job " +
+                         std::to_string(job.host.jobId));
+    const std::set<uint32_t> mine(job.archiveFiles.begin(), job.archiveFiles.end());
+    const std::set<int64_t> ours = SnapJobs(mine), theirs = SnapJobs(stream.archiveFiles);
+    if (ours != theirs)
+        throw UsageError(what + "its archive files are of snapshot job " + JobList(theirs) + ", this job's of " +
+                         JobList(ours));
+    bool named = !stream.archiveFiles.empty();
+    for (uint32_t id : stream.archiveFiles) named = named && mine.count(id) != 0;
+    if (!named)
+        throw UsageError(what + "it read archive files " + IdList(stream.archiveFiles) + ", this job reads " +
+                         IdList(mine));
+}
+
+ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identity) {
     vshost::Fd fd(::open(stream.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) throw std::runtime_error("cannot open the stream to resume from, " + stream + ": " + std::strerror(errno));
+    if (!fd.valid()) throw UsageError("cannot open the stream to resume from, " + stream + ": " + std::strerror(errno));
     vshost::StreamReader reader(fd.get());
     vsstream::EntryModel model;
     vshost::StreamRecord record;
@@ -25,13 +68,24 @@ std::map<std::string, std::map<std::string, DiskResumePoint>> ReadResumePoints(c
     // Whatever came whole before a cut or a damaged record is sound; nothing after it is read.
     while (reader.Next(record)) {
         model.Apply(record, why);
+        if (identity) {
+            const uint32_t* ids = nullptr;
+            if (auto* h = std::get_if<vshost::StreamHeaderRecord>(&record.body)) {
+                identity->jobId = h->jobId;
+                ids = h->archiveFileIds;
+            } else if (auto* i = std::get_if<vshost::IdentityRecord>(&record.body)) {
+                identity->jobId = i->jobId;
+                ids = i->archiveFileIds;
+            }
+            if (ids && ids[2] != 0) identity->archiveFiles.insert(ids[2]);
+        }
         if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
             changeIds["\\" + done->vmGuid + "\\" + done->diskName] = done->changeId;
     }
     if (reader.state() == vshost::StreamReader::State::ReadError)
-        throw std::runtime_error("cannot read the stream to resume from, " + stream + ": " + reader.error());
+        throw UsageError("cannot read the stream to resume from, " + stream + ": " + reader.error());
 
-    std::map<std::string, std::map<std::string, DiskResumePoint>> points;
+    ResumePoints points;
     for (const auto& [key, g] : model.disks()) {
         if (!g.hasEntry) continue;
         // Disk keys are "\<vm guid>\<disk name>"; disk names may hold backslashes.
@@ -43,13 +97,15 @@ std::map<std::string, std::map<std::string, DiskResumePoint>> ReadResumePoints(c
         if (g.readCompleted) p.changeId = changeIds[key];
     }
     if (points.empty())
-        throw std::runtime_error("the stream " + stream + " holds no disk a later attempt could build on (" +
+        throw UsageError("the stream " + stream + " holds no disk a later attempt could build on (" +
                                  vshost::StateName(reader.state()) + ")");
     return points;
 }
 
 void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& report) {
-    const auto points = ReadResumePoints(stream);
+    StreamIdentity identity;
+    const ResumePoints points = ReadResumePoints(stream, &identity);
+    CheckSameJob(job, identity, stream);
     // A killed attempt may not have recorded the disks it completed; its stream says which.
     for (const auto& [vm, disks] : points)
         for (const auto& [name, point] : disks)

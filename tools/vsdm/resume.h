@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <ostream>
+#include <set>
 #include <string>
 
 namespace vsdm {
@@ -17,11 +18,23 @@ struct DiskResumePoint {
     std::string changeId;      // of a done disk, as its marker states it
 };
 
-// By VM guid, then disk name. Throws when the stream cannot be opened or holds
-// nothing a later attempt could build on.
-std::map<std::string, std::map<std::string, DiskResumePoint>> ReadResumePoints(const std::string& stream);
+using ResumePoints = std::map<std::string, std::map<std::string, DiskResumePoint>>;
 
-// Marks in the items' options the disks the stopped attempt completed as processed, and
+// Who wrote a stream, as its header and identity records state it.
+struct StreamIdentity {
+    int64_t jobId = 0;
+    std::set<uint32_t> archiveFiles;   // every archive file id the stream names
+};
+
+// By VM guid, then disk name. Throws UsageError when the stream cannot be opened or
+// holds nothing a later attempt could build on.
+ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identity = nullptr);
+
+// Throws UsageError naming what differs when the stream is not of this job: another
+// job id, other archive files, or archive files of another snapshot job.
+void CheckSameJob(const DataMoverJob& job, const StreamIdentity& stream, const std::string& path);
+
+// Checks that the stream is of this job, then marks in the items' options the disks the stopped attempt completed as processed, and
 // the extent a disk it was inside goes on from. The completed disks are recorded for the
 // job in the catalog: a killed attempt may not have got that far.
 void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& report);

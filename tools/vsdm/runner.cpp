@@ -1,4 +1,5 @@
 #include "runner.h"
+#include "output.h"
 #include "resume.h"
 
 #include "Factories.h"
@@ -19,12 +20,14 @@
 #include <chrono>
 #include <csignal>
 #include <sys/stat.h>
+#include <cctype>
 #include <cstdio>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <iomanip>
 #include <iostream>
+#include <map>
 #include <set>
 #include <thread>
 #include <unistd.h>
@@ -129,7 +132,7 @@ private:
 void FillIncremental(DataMoverJob& job, int64_t from, std::ostream& report) {
     const auto disks = vshost::changetrack::JobDisks(from);
     if (std::none_of(disks.begin(), disks.end(), [](const auto& d) { return !d.changeId.empty(); }))
-        throw std::runtime_error("job " + std::to_string(from) + " recorded no disks with change ids to build on");
+        throw UsageError("job " + std::to_string(from) + " recorded no disks with change ids to build on");
     for (JobItem& item : job.items) {
         const std::string vm = ItemVM(item);
         size_t added = 0;
@@ -157,6 +160,36 @@ int RunFileLevelItem(DataReaderVMware& reader, const JobItem& item) {
     return reader.SendFiles(collectFile.c_str()) == 0 ? 0 : -1;
 }
 
+std::string CauseText(const vshost::PendingCause& c) {
+    char id[16];
+    std::snprintf(id, sizeof id, "0x%X", static_cast<unsigned>(c.causeId));
+    std::string text = std::string("pending cause ") + id;
+    for (const auto& a : c.eventArgs) text += " [" + a + "]";
+    return text;
+}
+
+// Why an item failed: the pending causes it raised, else the first line it logged of an
+// error (or its last line), without the line's process, thread, time and job fields.
+std::string FailureReason(const vshost::LogCapture& log, KTJobID jobId, size_t& causesSeen) {
+    const auto causes = vshost::PendingCauses(jobId);
+    std::string reason;
+    for (size_t i = causesSeen; i < causes.size(); ++i) reason += (reason.empty() ? "" : "; ") + CauseText(causes[i]);
+    causesSeen = causes.size();
+    if (!reason.empty()) return reason;
+    const auto lines = log.Lines();
+    if (lines.empty()) return "nothing was logged; see the log";
+    // The first line that tells of an error is the cause; what follows it is its echo.
+    const auto tellsOfError = [](std::string line) {
+        std::transform(line.begin(), line.end(), line.begin(), [](unsigned char c) { return std::tolower(c); });
+        return line.find("error") != std::string::npos || line.find("fail") != std::string::npos;
+    };
+    const auto hit = std::find_if(lines.begin(), lines.end(), tellsOfError);
+    std::string line = hit != lines.end() ? *hit : lines.back();
+    size_t at = 0;
+    for (int field = 0; field < 5 && at != std::string::npos; ++field) at = line.find(' ', at == 0 ? 0 : at + 1);
+    return "logged \"" + (at == std::string::npos ? line : line.substr(at + 1)) + "\"";
+}
+
 }  // namespace
 
 // What the stream holds, read back from its file.
@@ -169,7 +202,13 @@ void CountStream(const std::string& path, RunSummary& s) {
     vshost::StreamReader reader(fd);
     vshost::StreamRecord rec;
     std::set<std::string> vms;
-    uint64_t allocated = 0, dataExtents = 0;
+    // By disk ("\\vm\\disk"): extents it has, extents sent, and whether it was read to its end.
+    struct DiskCount {
+        uint64_t allocated = 0, sent = 0;
+        bool completed = false;
+    };
+    std::map<std::string, DiskCount> disks;
+    std::string extentDisk;
     bool inExtent = false, extentHasData = false, inFile = false;
     while (reader.Next(rec)) {
         if (rec.kind == vshost::stream::Kind::FileLevelHeader) inFile = true;
@@ -182,6 +221,7 @@ void CountStream(const std::string& path, RunSummary& s) {
             const size_t depth = static_cast<size_t>(std::count(h->path.begin(), h->path.end(), '\\'));
             if (depth == 1) vms.insert(h->path);
             inExtent = depth == 3 && h->path.find("\\Extent", h->path.rfind('\\')) != std::string::npos;
+            if (inExtent) extentDisk = h->path.substr(0, h->path.rfind('\\'));
             extentHasData = false;
             if (depth == 2 && !h->container) ++s.configFiles;
         } else if (auto* c = std::get_if<vshost::CollectionHeaderRecord>(&rec.body)) {
@@ -194,19 +234,25 @@ void CountStream(const std::string& path, RunSummary& s) {
             extentHasData = true;
         } else if (std::holds_alternative<vshost::EndOfFileRecord>(rec.body) && inExtent) {
             ++s.extentsSent;
-            if (extentHasData) ++dataExtents;
-            else ++s.holeExtents;
+            ++disks[extentDisk].sent;
+            if (!extentHasData) ++s.holeExtents;
             inExtent = false;
         } else if (auto* d = std::get_if<vshost::DiskInfoRecord>(&rec.body)) {
-            if (d->itemType == 3) allocated += d->extentCount;
-        } else if (std::holds_alternative<vshost::DiskReadCompletedRecord>(rec.body)) {
+            if (d->itemType == 3) disks["\\" + d->vmGuid + "\\" + d->name].allocated = d->extentCount;
+        } else if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&rec.body)) {
             ++s.disks;
+            disks["\\" + done->vmGuid + "\\" + done->diskName].completed = true;
         }
     }
     ::close(fd);
     s.vms = static_cast<unsigned>(vms.size());
     s.vmPaths.assign(vms.begin(), vms.end());
-    s.extentsUnchanged = allocated > dataExtents ? allocated - dataExtents : 0;
+    // Of a disk read to its end, the extents not sent are those its reader found unchanged;
+    // of any other disk they were never read.
+    for (const auto& [name, d] : disks) {
+        const uint64_t rest = d.allocated > d.sent ? d.allocated - d.sent : 0;
+        (d.completed ? s.extentsUnchanged : s.extentsNotRead) += rest;
+    }
     s.streamComplete = reader.state() == vshost::StreamReader::State::Complete;
     if (s.streamBytes == 0) {
         // Not counted while writing (a stream another process left): take the decoder's totals.
@@ -229,7 +275,8 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     RunSummary s;
     const auto started = std::chrono::steady_clock::now();
     if (!options.out.empty()) job.out = options.out;
-    if (job.out.empty()) throw std::runtime_error("no stream target: give --out FILE (or - for standard output)");
+    if (job.out.empty()) throw UsageError("no stream target: give --out FILE (or - for standard output)");
+    CheckNotAnInput(job, options.jobFile, job.out);
     if (options.share) {
         std::vector<JobItem> mine;
         for (size_t i : *options.share) mine.push_back(job.items.at(i));
@@ -239,7 +286,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     if (!options.resumeFrom.empty()) {
         std::error_code ec;
         if (options.resumeFrom == job.out || std::filesystem::equivalent(options.resumeFrom, job.out, ec))
-            throw std::runtime_error("the resumed attempt needs a stream of its own: give --out another file than " +
+            throw UsageError("the resumed attempt needs a stream of its own: give --out another file than " +
                                      options.resumeFrom);
         ApplyResume(job, options.resumeFrom, report);
     }
@@ -248,10 +295,8 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     Plugin plugin(PluginPath());
     if (!plugin.handle()) throw std::runtime_error(std::string("cannot load the plug-in: ") + dlerror());
 
-    CQiError err;
-    std::unique_ptr<CPipelayer> pipe =
-        job.out == "-" ? CPipelayer::OpenFd(STDOUT_FILENO) : CPipelayer::OpenFile(job.out, err);
-    if (!pipe) throw std::runtime_error("cannot open the stream target " + job.out + ": " + err.AsString());
+    StreamTarget target(job.out);
+    std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target.fd());
 
     KtEvent stop;
     StopSignals signals(stop);
@@ -314,8 +359,12 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     if (opened) {
         std::unique_ptr<ProgressLine> progress;
         if (options.progress) progress = std::make_unique<ProgressLine>(*pipe, std::cerr, 0);
+        // What an item logged and raised is kept until it ends, to tell why it failed.
+        vshost::LogCapture itemLog;
+        size_t causesSeen = vshost::PendingCauses(job.host.jobId).size();
         for (const JobItem& item : job.items) {
             if (stop.wait(0)) break;
+            itemLog.Clear();
             FSRSnapSrcPath path;
             path.sSnapSrcPath = item.path;
             path.sOptionsXml = item.optionsXml;
@@ -323,7 +372,8 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
             const int rc = fileLevel ? RunFileLevelItem(*fileLevel, item) : reader->OnSnapSrcPath(&path);
             if (rc != 0) {
                 ++s.itemsFailed;
-                report << "item " << item.path << ": failed (" << rc << ")\n";
+                report << "item " << item.path << ": failed (" << rc << "): " << FailureReason(itemLog, job.host.jobId, causesSeen)
+                       << "\n";
             }
         }
     }
@@ -332,21 +382,27 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
         else reader->Close(1);
     }
     const bool stopped = stop.wait(0);
-    if (stopped) pipe->Abandon();
+    // A job that could not start backed nothing up: its stream must not read as complete.
+    if (stopped || !opened) pipe->Abandon();
     owned.reset();   // the reader's writer finishes the stream as it goes
     VMLivebrowse::UnmountAll();
-    const bool written = pipe->Close();
+    bool written = pipe->Close();
+    std::string writeError = written ? std::string() : pipe->ErrorText();
+    // Only a job that started replaces the stream of that name.
+    if (opened && !target.Publish(writeError)) written = false;
+    if (!opened) target.Discard();
+    s.streamLeft = opened;
 
     const vsStreamTotals totals = pipe->Totals();
     s.dataBytes = totals.dataBytes;
     s.holeBytes = totals.holeBytes;
     s.streamBytes = pipe->BytesWritten();
     s.streamComplete = pipe->Finished();
-    if (job.out != "-") CountStream(job.out, s);
+    if (opened && job.out != "-") CountStream(job.out, s);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     if (!written) {
-        report << "vsdm: the stream could not be written: " << pipe->ErrorText() << "\n";
+        report << "vsdm: the stream could not be written: " << writeError << "\n";
         s.status = kExitStreamFailed;
     } else if (stopped) {
         s.status = kExitStopped;
@@ -368,7 +424,7 @@ void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& ou
         out << "  VMs " << s.vms << ", disks completed " << s.disks << ", configuration files " << s.configFiles << "\n";
     if (job.reader == ReaderKind::Extent)
         out << "  extents sent " << s.extentsSent << " (" << s.holeExtents << " as holes), unchanged and not sent "
-        << s.extentsUnchanged << "\n";
+            << s.extentsUnchanged << ", not read " << s.extentsNotRead << "\n";
     if (job.reader == ReaderKind::FileCollection || s.nodes > 0)
         out << "  file-collection nodes " << s.nodes << " (" << s.nodeFolders << " folders, " << s.nodes - s.nodeFolders
             << " files)\n";
@@ -380,6 +436,8 @@ void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& ou
         out << "  stream set " << job.out << " (" << s.streams << " streams): " << (s.streamComplete ? "complete" : "INCOMPLETE")
             << "\n";
         for (const std::string& why : s.incompleteStreams) out << "    INCOMPLETE " << why << "\n";
+    } else if (!s.streamLeft && job.out != "-") {
+        out << "  stream " << job.out << ": not written, the job could not start\n";
     } else {
         out << "  stream " << (job.out == "-" ? std::string("standard output") : job.out) << ": "
             << (s.streamComplete ? "complete" : "INCOMPLETE") << "\n";

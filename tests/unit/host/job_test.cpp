@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 #include <string>
 
 namespace {
@@ -53,6 +54,21 @@ TEST(JobFile, ParsesOptionsAndNamesTheBadField) {
                   .find("jobOptions.virtualServerRestoreOptions.instanceId"),
               std::string::npos);
     EXPECT_THROW(vshost::ParseJobFile("/nonexistent/job.json"), std::runtime_error);
+}
+
+// A number its field cannot hold is refused naming the field, never wrapped: job
+// 2^64-1 would run as job -1, option 2^32+77 as option 77.
+TEST(JobFile, NumbersOutOfRangeAreRefusedNotWrapped) {
+    const std::pair<const char*, const char*> cases[] = {
+        {R"({"jobId": 18446744073709551615})", "field \"jobId\""},
+        {R"({"jobId": 1, "appId": [3, -9]})", "field \"appId[1]\""},
+        {R"({"jobId": 1, "taskOptions": {"4294967373": "vc1"}})", "field \"taskOptions.4294967373\""},
+        {R"({"jobId": 1, "eventOptions": {"99999999999999999999": true}})", "field \"eventOptions.99999999999999999999\""},
+        {R"({"jobId": 1, "jobOptions": {"restoreOptions": {"lookupInstanceFromTask": 4294967297}}})",
+         "field \"jobOptions.restoreOptions.lookupInstanceFromTask\""},
+    };
+    for (const auto& [text, field] : cases) EXPECT_NE(ErrorOf(text).find(field), std::string::npos) << text;
+    EXPECT_EQ(vshost::ParseJobText(R"({"jobId": 9223372036854775807})").jobId, 9223372036854775807);
 }
 
 TEST(JobFile, RegisteredJobAnswersTaskEventAndJobOptions) {

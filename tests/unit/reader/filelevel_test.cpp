@@ -266,6 +266,38 @@ TEST_F(FileLevel, ItemsThatCannotBeReadFailWithTheirReason) {
     EXPECT_TRUE(log.Contains("DataReaderVMware::SendFiles: Failed to open collect file."));
 }
 
+// A collect file that cannot be written whole (its disk is full) fails the item, whether
+// the list is one line or a walk's many: a short list would leave files out unnoticed.
+TEST_F(FileLevel, ACollectFileThatCannotBeWrittenFailsTheItem) {
+    const std::string full = home.sub("full-list.txt");
+    fs::create_symlink("/dev/full", full);
+    {
+        FileLevelProbe r(&event);
+        Open(r);
+        r.m_sCollectFileName = full;
+        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
+        FSRSnapSrcPath item;
+        item.sClientPath = vm + "\\" + volC + "/Windows";
+        std::string out;
+        EXPECT_EQ(r.CreateListOfFilesToRead(item, out), ~0u);
+        EXPECT_EQ(log.Count("Failed to write the list of files to [" + full + "], errno [28]."), 1u);
+    }
+    // A walk longer than the list's buffer meets the full disk inside the walk.
+    for (int i = 0; i < 200; ++i) WriteFile(folderC / "many" / (std::string(40, 'f') + std::to_string(i) + ".doc"), "x");
+    fs::remove(full);   // the reader's end removed its collect file, the link
+    fs::create_symlink("/dev/full", full);
+    FileLevelProbe r(&event);
+    r.m_snapSrc.m_bFilter = true;
+    r.m_snapSrc.m_sFilePattern = "*.doc";
+    r.m_sSnapMountPath = folderC.string();
+    r.m_sOrigClientMountPath = "VM1\\VOL1/";
+    r.m_sCollectFileName = full;
+    r.m_pCollectFile = std::fopen(full.c_str(), "w");
+    ASSERT_NE(r.m_pCollectFile, nullptr);
+    const CQiError err = CQiDirectory::Walk((folderC / "many").string(), &r, -1, false, &DataReaderVMware::PathWalkerStatic);
+    EXPECT_EQ(err.AsString().find("write " + full), 0u) << err.AsString();
+}
+
 TEST_F(FileLevel, LiveBrowseUnavailableFailsTheItem) {
     // No archive file open and none listed: the open parameters' (none) is tried.
     FileLevelProbe r(&event);
