@@ -14,9 +14,16 @@ namespace vshost {
 namespace detail {
 namespace {
 
+struct Captured {
+    LogCapture::Filter keep = nullptr;
+    std::size_t maxLines = 0;
+    std::vector<std::string> lines;
+    std::string last;
+};
+
 struct CaptureRegistry {
     std::mutex mutex;
-    std::map<const LogCapture*, std::vector<std::string>> lines;
+    std::map<const LogCapture*, Captured> captures;
 };
 
 CaptureRegistry& Captures() {
@@ -73,33 +80,44 @@ void EmitLog(const std::string& tag, KTJobID jobId, const std::string& debugKey,
     AppendToLogFile(line);
     CaptureRegistry& reg = Captures();
     std::lock_guard<std::mutex> lock(reg.mutex);
-    for (auto& [capture, lines] : reg.lines) lines.push_back(line);
+    for (auto& [capture, c] : reg.captures) {
+        if (c.lines.size() < c.maxLines && (!c.keep || c.keep(line))) c.lines.push_back(line);
+        c.last = line;
+    }
 }
 
 }  // namespace detail
 
-LogCapture::LogCapture() {
+LogCapture::LogCapture(Filter keep, std::size_t maxLines) {
     auto& reg = detail::Captures();
     std::lock_guard<std::mutex> lock(reg.mutex);
-    reg.lines[this];
+    detail::Captured& c = reg.captures[this];
+    c.keep = keep;
+    c.maxLines = maxLines;
 }
 
 LogCapture::~LogCapture() {
     auto& reg = detail::Captures();
     std::lock_guard<std::mutex> lock(reg.mutex);
-    reg.lines.erase(this);
+    reg.captures.erase(this);
 }
 
 std::vector<std::string> LogCapture::Lines() const {
     auto& reg = detail::Captures();
     std::lock_guard<std::mutex> lock(reg.mutex);
-    return reg.lines[this];
+    return reg.captures[this].lines;
+}
+
+std::string LogCapture::Last() const {
+    auto& reg = detail::Captures();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    return reg.captures[this].last;
 }
 
 std::size_t LogCapture::Count(std::string_view text) const {
     auto& reg = detail::Captures();
     std::lock_guard<std::mutex> lock(reg.mutex);
-    const auto& lines = reg.lines[this];
+    const auto& lines = reg.captures[this].lines;
     return static_cast<std::size_t>(std::count_if(
         lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; }));
 }
@@ -107,7 +125,9 @@ std::size_t LogCapture::Count(std::string_view text) const {
 void LogCapture::Clear() {
     auto& reg = detail::Captures();
     std::lock_guard<std::mutex> lock(reg.mutex);
-    reg.lines[this].clear();
+    detail::Captured& c = reg.captures[this];
+    c.lines.clear();
+    c.last.clear();
 }
 
 }  // namespace vshost

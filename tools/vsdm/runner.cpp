@@ -168,6 +168,12 @@ std::string CauseText(const vshost::PendingCause& c) {
     return text;
 }
 
+bool TellsOfError(std::string_view text) {
+    std::string line(text);
+    std::transform(line.begin(), line.end(), line.begin(), [](unsigned char c) { return std::tolower(c); });
+    return line.find("error") != std::string::npos || line.find("fail") != std::string::npos;
+}
+
 // Why an item failed: the pending causes it raised, else the first line it logged of an
 // error (or its last line), without the line's process, thread, time and job fields.
 std::string FailureReason(const vshost::LogCapture& log, KTJobID jobId, size_t& causesSeen) {
@@ -176,15 +182,10 @@ std::string FailureReason(const vshost::LogCapture& log, KTJobID jobId, size_t& 
     for (size_t i = causesSeen; i < causes.size(); ++i) reason += (reason.empty() ? "" : "; ") + CauseText(causes[i]);
     causesSeen = causes.size();
     if (!reason.empty()) return reason;
-    const auto lines = log.Lines();
-    if (lines.empty()) return "nothing was logged; see the log";
+    const auto lines = log.Lines();   // the lines that tell of an error (see TellsOfError)
     // The first line that tells of an error is the cause; what follows it is its echo.
-    const auto tellsOfError = [](std::string line) {
-        std::transform(line.begin(), line.end(), line.begin(), [](unsigned char c) { return std::tolower(c); });
-        return line.find("error") != std::string::npos || line.find("fail") != std::string::npos;
-    };
-    const auto hit = std::find_if(lines.begin(), lines.end(), tellsOfError);
-    std::string line = hit != lines.end() ? *hit : lines.back();
+    std::string line = lines.empty() ? log.Last() : lines.front();
+    if (line.empty()) return "nothing was logged; see the log";
     size_t at = 0;
     for (int field = 0; field < 5 && at != std::string::npos; ++field) at = line.find(' ', at == 0 ? 0 : at + 1);
     return "logged \"" + (at == std::string::npos ? line : line.substr(at + 1)) + "\"";
@@ -359,8 +360,9 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     if (opened) {
         std::unique_ptr<ProgressLine> progress;
         if (options.progress) progress = std::make_unique<ProgressLine>(*pipe, std::cerr, 0);
-        // What an item logged and raised is kept until it ends, to tell why it failed.
-        vshost::LogCapture itemLog;
+        // What an item raised and the first lines it logged of an error are kept until it
+        // ends, to tell why it failed; a few lines, however many files or extents it logs.
+        vshost::LogCapture itemLog(TellsOfError, 4);
         size_t causesSeen = vshost::PendingCauses(job.host.jobId).size();
         for (const JobItem& item : job.items) {
             if (stop.wait(0)) break;

@@ -41,9 +41,12 @@ VS_HOST_API void Save();
 }  // namespace settings
 
 // While an object of this class lives, every host log line is also kept in memory.
+// A capture that lives through a long job bounds itself: it keeps only the lines `keep`
+// accepts, at most `maxLines` of them (the first ones), and always the latest line seen.
 class VS_HOST_API LogCapture {
 public:
-    LogCapture();
+    using Filter = bool (*)(std::string_view line);
+    explicit LogCapture(Filter keep = nullptr, std::size_t maxLines = static_cast<std::size_t>(-1));
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
@@ -52,6 +55,8 @@ public:
     // Number of captured lines that contain `text`.
     std::size_t Count(std::string_view text) const;
     bool Contains(std::string_view text) const { return Count(text) > 0; }
+    // The latest line logged since the capture began or was cleared, kept or not.
+    std::string Last() const;
     void Clear();
 };
 

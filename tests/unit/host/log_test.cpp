@@ -86,3 +86,21 @@ TEST(LogTest, EvDebugAndCaptureLifetime) {
     EXPECT_EQ(late.Lines().size(), 1u);
     EXPECT_EQ(late.Count("Late: seen by both"), 1u);
 }
+
+// A capture that lives through a long job keeps what it was asked for, however much is logged.
+TEST(LogTest, ABoundedCaptureKeepsTheFirstMatchingLinesAndTheLatest) {
+    vstest::TempHome home;
+    vshost::LogCapture cap([](std::string_view l) { return l.find("error") != std::string_view::npos; }, 2);
+    KTLogObject h;
+    InitKTlog(&h, "T\t", "", 0);
+    for (int i = 0; i < 1000; ++i) KTlog(&h, 1, "file %d", i);
+    for (int i = 0; i < 3; ++i) KTlog(&h, 1, "error %d", i);
+    KTlog(&h, 1, "done");
+    ASSERT_EQ(cap.Lines().size(), 2u);
+    EXPECT_NE(cap.Lines()[0].find("error 0"), std::string::npos);
+    EXPECT_NE(cap.Lines()[1].find("error 1"), std::string::npos);
+    EXPECT_NE(cap.Last().find("done"), std::string::npos);
+    cap.Clear();
+    EXPECT_TRUE(cap.Lines().empty());
+    EXPECT_TRUE(cap.Last().empty());
+}
