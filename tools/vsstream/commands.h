@@ -15,6 +15,7 @@ enum ExitCode : int {
     kExitCorrupt = 1,      // a check value, field or the structure is wrong; or a restore problem
     kExitIncomplete = 2,   // everything read is sound, but the stream ends without a trailer
     kExitUnreadable = 3,   // the stream or the restore folder cannot be opened or read
+    kExitUsage = 64,       // the command line is wrong (as vsdm's)
 };
 
 // Each reads the stream from `fd` to its end or its first fault.
