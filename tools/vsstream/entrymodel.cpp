@@ -78,7 +78,30 @@ bool EntryModel::Classify(std::string& why) {
         why = "extent [" + e.path + "] of a disk whose extent size is 0";
         return false;
     }
+    const DiskGeometry& g = disk->second;
+    if (e.extentNumber >= (g.size + g.extentSize - 1) / g.extentSize) {
+        e.pastEnd = true;
+        why = "extent [" + e.path + "] lies past the end of disk [" + parent + "] of " + std::to_string(g.size) +
+              " bytes";
+        return false;
+    }
     return true;
+}
+
+// An extent may hold no more than the disk has room for from its start: a crafted one
+// would otherwise grow the restored image.
+bool EntryModel::CheckExtentEnd(std::string& why) {
+    Entry& e = m_entry;
+    if (e.kind != EntryKind::Extent || e.pastEnd) return true;
+    const DiskGeometry* g = Disk(e.diskKey);
+    if (!g || g->extentSize == 0) return true;
+    const uint64_t start = e.extentNumber * g->extentSize;   // below the size: Classify checked
+    const uint64_t room = g->size - start;
+    if (e.holeBytes <= room && e.dataBytes <= room - e.holeBytes) return true;
+    e.pastEnd = true;
+    why = "extent [" + e.path + "] reaches past the end of disk [" + e.diskKey + "] of " + std::to_string(g->size) +
+          " bytes";
+    return false;
 }
 
 bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
@@ -125,10 +148,12 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
     }
     case Kind::Data:
         m_entry.dataBytes += std::get<vshost::DataRecord>(record.body).bytes.size();
-        return true;
-    case Kind::Hole:
-        m_entry.holeBytes += std::get<vshost::HoleRecord>(record.body).length;
-        return true;
+        return CheckExtentEnd(why);
+    case Kind::Hole: {
+        const uint64_t length = std::get<vshost::HoleRecord>(record.body).length;
+        m_entry.holeBytes = length > UINT64_MAX - m_entry.holeBytes ? UINT64_MAX : m_entry.holeBytes + length;
+        return CheckExtentEnd(why);
+    }
     case Kind::EndOfFile:
         m_open = false;
         m_entry.closed = true;

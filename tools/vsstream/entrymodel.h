@@ -40,6 +40,7 @@ struct Entry {
     uint64_t holeBytes = 0;
     bool closed = false;
     bool complete = false;   // as its end-of-file record says
+    bool pastEnd = false;    // extents: its data or holes reach past the disk's size
 };
 
 // A file-collection node that is a folder (by its attributes, the 15th header field).
@@ -55,7 +56,8 @@ class EntryModel {
 public:
     // Takes one record in stream order. False with `why` when an entry header cannot
     // be what its place says (a name under a disk that is no extent name, an extent of
-    // a disk with no size); the entry is still tracked.
+    // a disk with no size, an extent that starts past the disk's end), or when an
+    // extent's data or hole first reaches past its disk's end; the entry is still tracked.
     bool Apply(const vshost::StreamRecord& record, std::string& why);
 
     bool entryOpen() const { return m_open; }
@@ -68,6 +70,7 @@ public:
 
 private:
     bool Classify(std::string& why);
+    bool CheckExtentEnd(std::string& why);
 
     Entry m_entry;
     bool m_open = false;

@@ -31,11 +31,15 @@ public:
     Restorer(SafeRoot& root, std::ostream& err) : m_root(root), m_err(err) {}
 
     // One record in stream order, after `model` has taken it; `usable` is false when
-    // the model refused the entry's header.
+    // the model refused the record (an entry's header, or an extent's data past its
+    // disk's end): the entry is then not written any further.
     void Apply(const vshost::StreamRecord& record, const EntryModel& model, bool usable);
     // Closes what is open and sets the modes and times of file-level folders.
     void Finish();
     const RestoreCounts& counts() const { return m_counts; }
+    // A write into the restore folder failed (a full or failing target): the restore
+    // cannot go on, and the caller stops reading.
+    bool stopped() const { return m_stopped; }
 
 private:
     enum class Target { None, Skip, File, Extent };
@@ -57,12 +61,14 @@ private:
     void End(const Entry& e, uint64_t offset);
     void Folder(const PathParts& parts, uint64_t offset);
     void Problem(uint64_t offset, const std::string& what);
+    void Stop(uint64_t offset, const std::string& what);
 
     SafeRoot& m_root;
     std::ostream& m_err;
     std::map<std::string, Image> m_images;   // by disk entry path; closed once the disk completes
     Target m_target = Target::None;
     PathParts m_parts;
+    std::string m_shown;   // the entry's path, for messages
     Fd m_file;
     Image* m_image = nullptr;
     uint64_t m_pos = 0;
@@ -71,6 +77,7 @@ private:
     vsFileLevelInfo m_info;
     std::vector<FolderTimes> m_folderTimes;
     RestoreCounts m_counts;
+    bool m_stopped = false;
 };
 
 }  // namespace vsstream

@@ -69,13 +69,18 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
         EntryModel model;
         vshost::StreamRecord record;
         const uint64_t problemsBefore = restorer.counts().problems;
-        while (reader.Next(record)) {
+        while (!restorer.stopped() && reader.Next(record)) {
             why.clear();
             const bool usable = model.Apply(record, why);
             if (!usable) perr << "offset " << record.offset << ": " << why << "; not restored\n";
             restorer.Apply(record, model, usable);
             if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
                 RecordChangeId(root, *done, out, perr);
+        }
+        if (restorer.stopped()) {
+            // Its one line is out; the stream's own verdict is beside the point.
+            code = WorseCode(code, kExitCorrupt);
+            break;
         }
         code = WorseCode(code, Conclude(reader, restorer.counts().problems > problemsBefore, perr));
         for (const std::string& disk : model.IncompleteDisks()) incomplete.insert(disk);
