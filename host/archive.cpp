@@ -149,9 +149,16 @@ int vsArchive::sendDiskInfo(const std::string& vmGuid, const std::string& name, 
                             unsigned long itemType, unsigned long productType, unsigned long diskType,
                             unsigned long long size, unsigned long long extentSize, unsigned long long extentCount) {
     if (int rc = Attached(); rc != kOk) return rc;
+    // The disk reader opens a disk (loading the digests of the change id it reads
+    // against) right before describing it; it uses them only when the disk kept its size
+    // and extent size, and then leaves out the extents that did not change.
+    std::string base;
+    if (auto loaded = vshost::changetrack::TakeLoadedBase(); loaded && itemType == vshost::stream::kItemDiskExtents &&
+                                                             loaded->diskSize == size && loaded->extentSize == extentSize)
+        base = loaded->changeId;
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(name).Bytes(extra).U64(itemType).U64(productType).U64(diskType);
-    p.U64(size).U64(extentSize).U64(extentCount);
+    p.U64(size).U64(extentSize).U64(extentCount).Bytes(base);
     return Result(m_pipe->Encoder().Between(Kind::DiskInfo, p.str()));
 }
 

@@ -33,7 +33,7 @@ std::map<std::string, std::map<std::string, DiskResumePoint>> ReadResumePoints(c
 
     std::map<std::string, std::map<std::string, DiskResumePoint>> points;
     for (const auto& [key, g] : model.disks()) {
-        if (!g.hasEntry) continue;
+        if (!g.hasEntry || g.collection) continue;
         // Disk keys are "\<vm guid>\<disk name>"; disk names may hold backslashes.
         const size_t split = key.find('\\', 1);
         if (key.empty() || key[0] != '\\' || split == std::string::npos) continue;

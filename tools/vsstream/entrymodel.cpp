@@ -120,6 +120,9 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
             g.size = h.size;
             g.extentSize = h.extentSize;
             g.hasEntry = true;
+            g.inPass = true;
+            g.passExtents = 0;
+            g.shortRead = false;
         }
         return ok;
     }
@@ -133,6 +136,13 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         m_entry.container = h.container;
         m_entry.node = h;
         m_open = true;
+        if (h.container && std::count(h.path.begin(), h.path.end(), '\\') == 2) {
+            // A file-collection disk: done only when its reader marks it so.
+            DiskGeometry& g = m_disks[h.path];
+            g.size = h.size;
+            g.hasEntry = true;
+            g.collection = true;
+        }
         return true;
     }
     case Kind::FileLevelHeader: {
@@ -163,6 +173,10 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
             ++g.extents;
             if (m_entry.dataBytes == 0) ++g.holeExtents;
             if (m_entry.complete) g.nextExtent = std::max(g.nextExtent, m_entry.extentNumber + 1);
+            if (m_entry.complete && g.inPass && (g.passExtents == 0 || m_entry.extentNumber > g.passLast)) {
+                ++g.passExtents;
+                g.passLast = m_entry.extentNumber;
+            }
         }
         return true;
     case Kind::DiskInfo: {
@@ -174,11 +188,19 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
             g.size = d.size;
             g.extentSize = d.extentSize;
         }
+        g.hasBase = d.hasBase;
+        g.base = d.baseChangeId;
+        g.described = d.extentCount;
         return true;
     }
     case Kind::DiskReadCompleted: {
         const auto& d = std::get<vshost::DiskReadCompletedRecord>(record.body);
-        m_disks["\\" + d.vmGuid + "\\" + d.diskName].readCompleted = true;
+        DiskGeometry& g = m_disks["\\" + d.vmGuid + "\\" + d.diskName];
+        g.readCompleted = true;
+        // A read against a change id leaves out what did not change; a read of the
+        // whole disk must have sent every extent that holds data (holes included).
+        g.shortRead = g.hasEntry && g.inPass && g.hasBase && g.base.empty() && g.passExtents < g.described;
+        g.inPass = false;
         return true;
     }
     default:
@@ -189,8 +211,14 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
 std::vector<std::string> EntryModel::IncompleteDisks() const {
     std::vector<std::string> out;
     for (const auto& [key, g] : m_disks)
-        if (g.hasEntry && !g.readCompleted) out.push_back(key);
+        if (g.hasEntry && (!g.readCompleted || g.shortRead)) out.push_back(key);
     return out;
+}
+
+std::string EntryModel::IncompleteWhy(const DiskGeometry& g) {
+    if (!g.readCompleted) return "the reader did not finish it (the disk failed or the job stopped)";
+    return "marked read, but its read of the whole disk sent " + std::to_string(g.passExtents) + " of its " +
+           std::to_string(g.described) + " extents (the rest is not in this stream)";
 }
 
 }  // namespace vsstream

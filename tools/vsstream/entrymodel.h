@@ -24,6 +24,20 @@ struct DiskGeometry {
     uint64_t holeExtents = 0;   // of which held no data, only holes
     bool readCompleted = false;   // the reader marked the disk done; else it failed or was stopped
     uint64_t nextExtent = 0;      // one past the highest extent that arrived whole
+    bool collection = false;      // a file-collection disk: its nodes, not extents
+    // From the disk info (version 1.1 on, hasBase): the change id the disk is read
+    // against, empty for a read of the whole disk, and the extents that hold data.
+    bool hasBase = false;
+    std::string base;
+    uint64_t described = 0;
+    // The extents that arrived whole, in ascending order, since the disk's entry: the
+    // read its read-completed record vouches for.
+    uint64_t passExtents = 0;
+    uint64_t passLast = 0;
+    bool inPass = false;
+    // Marked done, but a read of the whole disk that sent fewer extents than the disk
+    // holds: some of it was never sent.
+    bool shortRead = false;
 };
 
 struct Entry {
@@ -65,8 +79,11 @@ public:
     const Entry& entry() const { return m_entry; }
     const DiskGeometry* Disk(const std::string& key) const;
     const std::map<std::string, DiskGeometry>& disks() const { return m_disks; }
-    // Disks whose entry began but that the reader never marked done.
+    // Disks whose entry began but that the reader never marked done, or that it marked
+    // done after a read of the whole disk that left extents out.
     std::vector<std::string> IncompleteDisks() const;
+    // Why a disk of IncompleteDisks is incomplete, as a phrase.
+    static std::string IncompleteWhy(const DiskGeometry& g);
 
 private:
     bool Classify(std::string& why);

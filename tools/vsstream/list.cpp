@@ -89,11 +89,14 @@ int RunList(int fd, std::ostream& out, std::ostream& err) {
     if (model.entryOpen()) EntryLine(model.entry(), out);
     for (const auto& [key, g] : model.disks()) {
         if (!g.hasEntry && g.extents == 0) continue;
-        out << "disk " << key << ": size " << g.size << ", extent size " << g.extentSize << ", " << g.extents
-            << " extents sent, " << g.holeExtents << " of them holes"
-            << (!g.hasEntry         ? "\n"
-                : g.readCompleted ? ", read completed\n"
-                                  : ", INCOMPLETE: the reader did not finish it (the disk failed or the job stopped)\n");
+        if (g.collection) out << "disk " << key << ": file collection of " << g.size << " bytes";
+        else
+            out << "disk " << key << ": size " << g.size << ", extent size " << g.extentSize << ", " << g.extents
+                << " extents sent, " << g.holeExtents << " of them holes";
+        if (g.hasBase && !g.base.empty()) out << ", read against change id [" << g.base << "]";
+        if (!g.hasEntry) out << "\n";
+        else if (g.readCompleted && !g.shortRead) out << ", read completed\n";
+        else out << ", INCOMPLETE: " << EntryModel::IncompleteWhy(g) << "\n";
     }
     return Conclude(reader, problems, err);
 }

@@ -122,6 +122,10 @@ int main(int argc, char** argv) {
     CLI::Option* ontoOpt =
         restore->add_option("--onto", onto, "an earlier restore to update (an incremental or resumed stream)");
     toOpt->excludes(ontoOpt);
+    bool force = false;
+    restore->add_flag("--force", force,
+                      "apply an incremental disk even when its base change id is not the one the restore folder "
+                      "records for its image");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -153,7 +157,7 @@ int main(int argc, char** argv) {
 
     int code = in.code;
     if (restore->parsed()) {
-        code = vsstream::WorseCode(code, vsstream::RunRestoreAll(in.streams, toOpt->count() ? to : onto, std::cout, std::cerr));
+        code = vsstream::WorseCode(code, vsstream::RunRestoreAll(in.streams, toOpt->count() ? to : onto, std::cout, std::cerr, force));
     } else {
         vsstream::LinePrefix outPrefix(std::cout), errPrefix(std::cerr);
         std::ostream out(&outPrefix), err(&errPrefix);

@@ -162,6 +162,9 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
         }
         break;
     }
+    case Kind::DiskInfo:
+        CheckBase(std::get<vshost::DiskInfoRecord>(record.body), record.offset);
+        break;
     case Kind::DirectoryEntry: {
         const auto& info = std::get<vshost::FileLevelRecord>(record.body).info;
         PathParts parts;
@@ -176,6 +179,29 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
     }
 }
 
+// An incremental holds only what changed since its base: on any other image it would
+// leave a disk that never existed. The image's change id is read before any of its
+// extents arrive.
+void Restorer::CheckBase(const vshost::DiskInfoRecord& info, uint64_t offset) {
+    if (info.itemType != vshost::stream::kItemDiskExtents || info.baseChangeId.empty()) return;
+    const std::string key = "\\" + info.vmGuid + "\\" + info.name;
+    PathParts parts;
+    std::string why, at;
+    if (!SplitEntryPath(key + ".changeid", parts, why)) return;   // the disk's own entry is refused later
+    const bool recorded = m_root.ReadText(parts, at);
+    if (recorded && !at.empty() && at.back() == '\n') at.pop_back();
+    if (recorded && at == info.baseChangeId) return;
+    const std::string what = "disk " + key + " is an incremental from change id [" + info.baseChangeId +
+                             "], but its image here " +
+                             (recorded ? "is at change id [" + at + "]" : std::string("records no change id"));
+    if (m_force) {
+        m_err << "offset " << offset << ": " << what << "; applied anyway (--force)\n";
+        return;
+    }
+    m_refused.insert(key);
+    Problem(offset, what + "; not applied (--force applies it anyway)");
+}
+
 void Restorer::Folder(const PathParts& parts, uint64_t offset) {
     std::string why;
     if (m_root.Folder(parts, parts.size(), why).valid()) ++m_counts.folders;
@@ -183,6 +209,7 @@ void Restorer::Folder(const PathParts& parts, uint64_t offset) {
 }
 
 Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& model, uint64_t offset) {
+    if (m_refused.count(key)) return nullptr;
     auto it = m_images.find(key);
     if (it != m_images.end() && it->second.fd.valid()) return &it->second;
     PathParts parts;
@@ -190,6 +217,13 @@ Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& mo
     if (!SplitEntryPath(key, parts, why)) {
         Problem(offset, why + "; disk not restored");
         return nullptr;
+    }
+    {
+        // The image is about to change: until its disk completes here, it is at no
+        // change id an incremental could build on.
+        PathParts sidecar = parts;
+        sidecar.back() += ".changeid";
+        m_root.Remove(sidecar);
     }
     bool fresh = false;
     Fd fd = m_root.OpenImage(parts, fresh, why);

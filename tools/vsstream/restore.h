@@ -1,7 +1,9 @@
 // Rebuilding a backup stream's content below a folder: configuration files, sparse
 // disk images (extents written at their place, holes left sparse or punched), file
 // collection nodes and file-level files and folders. Applying an incremental stream
-// onto an earlier restore updates the disk images in place.
+// onto an earlier restore updates the disk images in place. Beside each image whose disk
+// the stream completed lies "<disk>.changeid", the change id the image is at: an
+// incremental applies only onto the image of its base.
 #pragma once
 
 #include "entrymodel.h"
@@ -9,6 +11,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -28,7 +31,7 @@ struct RestoreCounts {
 class Restorer {
 public:
     // Problems go to `err`, one line each, with the offset of the record concerned.
-    Restorer(SafeRoot& root, std::ostream& err) : m_root(root), m_err(err) {}
+    Restorer(SafeRoot& root, std::ostream& err, bool force = false) : m_root(root), m_err(err), m_force(force) {}
 
     // One record in stream order, after `model` has taken it; `usable` is false when
     // the model refused the record (an entry's header, or an extent's data past its
@@ -40,6 +43,8 @@ public:
     // A write into the restore folder failed (a full or failing target): the restore
     // cannot go on, and the caller stops reading.
     bool stopped() const { return m_stopped; }
+    // A disk whose incremental this run refused: its base is not what the image is at.
+    bool Refused(const std::string& disk) const { return m_refused.count(disk) > 0; }
 
 private:
     enum class Target { None, Skip, File, Extent };
@@ -62,6 +67,7 @@ private:
     void Folder(const PathParts& parts, uint64_t offset);
     void Problem(uint64_t offset, const std::string& what);
     void Stop(uint64_t offset, const std::string& what);
+    void CheckBase(const vshost::DiskInfoRecord& info, uint64_t offset);
 
     SafeRoot& m_root;
     std::ostream& m_err;
@@ -78,6 +84,8 @@ private:
     std::vector<FolderTimes> m_folderTimes;
     RestoreCounts m_counts;
     bool m_stopped = false;
+    bool m_force = false;
+    std::set<std::string> m_refused;   // disk entry paths
 };
 
 }  // namespace vsstream

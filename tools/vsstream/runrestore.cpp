@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <unistd.h>
 
+#include <map>
 #include <set>
 
 namespace vsstream {
@@ -45,11 +46,12 @@ void RecordChangeId(SafeRoot& root, const vshost::DiskReadCompletedRecord& done,
     out << "disk \\" << done.vmGuid << "\\" << done.diskName << " complete, change id [" << done.changeId << "]\n";
 }
 
-int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err) {
-    return RunRestoreAll({StreamInput{"", fd}}, dir, out, err);
+int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err, bool force) {
+    return RunRestoreAll({StreamInput{"", fd}}, dir, out, err, force);
 }
 
-int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err) {
+int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err,
+                  bool force) {
     SafeRoot root;
     std::string why;
     if (!root.Open(dir, why)) {
@@ -59,10 +61,11 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
     LinePrefix prefixed(err);
     std::ostream perr(&prefixed);
     // One restorer for all: a disk that two streams touch is one image of this run.
-    Restorer restorer(root, perr);
+    Restorer restorer(root, perr, force);
     int code = kExitOk;
     // Disks a stream began but never marked read, unless another stream of the set did.
-    std::set<std::string> incomplete, completed;
+    std::map<std::string, std::string> incomplete;   // disk, why
+    std::set<std::string> completed;
     for (const StreamInput& input : inputs) {
         prefixed.SetPrefix(inputs.size() > 1 ? input.name + ": " : "");
         vshost::StreamReader reader(input.fd);
@@ -74,7 +77,8 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
             const bool usable = model.Apply(record, why);
             if (!usable) perr << "offset " << record.offset << ": " << why << "; not restored\n";
             restorer.Apply(record, model, usable);
-            if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
+            if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body);
+                done && !restorer.Refused("\\" + done->vmGuid + "\\" + done->diskName))
                 RecordChangeId(root, *done, out, perr);
         }
         if (restorer.stopped()) {
@@ -83,9 +87,10 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
             break;
         }
         code = WorseCode(code, Conclude(reader, restorer.counts().problems > problemsBefore, perr));
-        for (const std::string& disk : model.IncompleteDisks()) incomplete.insert(disk);
+        for (const std::string& disk : model.IncompleteDisks())
+            incomplete[disk] = EntryModel::IncompleteWhy(*model.Disk(disk));
         for (const auto& [key, g] : model.disks())
-            if (g.readCompleted) completed.insert(key);
+            if (g.readCompleted && !g.shortRead) completed.insert(key);
     }
     restorer.Finish();
     perr.flush();
@@ -97,9 +102,9 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
     if (c.abandoned) out << "; " << c.abandoned << " entries were incomplete in the stream";
     if (c.problems) out << "; " << c.problems << " problems";
     out << "\n";
-    for (const std::string& disk : incomplete)
+    for (const auto& [disk, reason] : incomplete)
         if (!completed.count(disk))
-            out << "disk " << disk << ": incomplete in the stream, its image holds only what was read\n";
+            out << "disk " << disk << ": incomplete in the stream, " << reason << "; only what was read is restored\n";
     return code;
 }
 

@@ -147,6 +147,26 @@ Fd SafeRoot::OpenImage(const PathParts& parts, bool& fresh, std::string& why) {
     return fd;
 }
 
+bool SafeRoot::ReadText(const PathParts& parts, std::string& text) {
+    std::string ignored;
+    Fd dir = Folder(parts, parts.size() - 1, ignored);
+    if (!dir.valid()) return false;
+    Fd fd(::openat(dir.get(), parts.back().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    char buf[4096];
+    const ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n < 0) return false;
+    text.assign(buf, static_cast<size_t>(n));
+    return true;
+}
+
+void SafeRoot::Remove(const PathParts& parts) {
+    std::string ignored;
+    Fd dir = Folder(parts, parts.size() - 1, ignored);
+    if (dir.valid()) ::unlinkat(dir.get(), parts.back().c_str(), 0);
+}
+
 bool SafeRoot::IsFolder(const PathParts& parts) {
     std::string ignored;
     Fd parent = Folder(parts, parts.size() - 1, ignored);

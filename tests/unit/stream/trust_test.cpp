@@ -3,6 +3,7 @@
 // the restore at once.
 #include "commands.h"
 #include "stream_support.h"
+#include "vshost/changetrack.h"
 
 #include <gtest/gtest.h>
 
@@ -34,7 +35,96 @@ size_t Lines(const std::string& text) {
 
 constexpr unsigned kExtent = 4096;
 
+// A disk of three extents read as the extent reader does: its description (against
+// `base` when the catalog holds its digests), the extents sent before its entry (one
+// asked for by name), its entry, the extents of the pass, its read-completed marker.
+void ReadDisk(const std::string& path, const std::string& base, const std::map<unsigned long long, std::string>& before,
+              const std::map<unsigned long long, std::string>& pass, const std::string& changeId) {
+    namespace ct = vshost::changetrack;
+    if (!base.empty()) {
+        ct::Store(base, {3 * kExtent, kExtent, {}});
+        ASSERT_TRUE(ct::Load(base));   // as the disk reader does when it opens the disk
+    }
+    StreamFile s(path);
+    SendVM(s.writer, "vm1");
+    ASSERT_EQ(s.writer.sendDiskInfo("vm1", "disk0", "", 3, 1, 2, 3 * kExtent, kExtent, 3), 0);
+    SendExtents(s.writer, "vm1", "disk0", before);
+    ASSERT_EQ(Header(s.writer, "\\vm1\\disk0", 3 * kExtent, true, kExtent), 0);
+    ASSERT_EQ(s.writer.sendEOF(true, 0), 0);
+    SendExtents(s.writer, "vm1", "disk0", pass);
+    ASSERT_EQ(s.writer.sendDiskReadCompleted("vm1", "disk0", changeId), 0);
+    ASSERT_EQ(s.writer.close(true), 0);
+}
+
 }  // namespace
+
+// A read of the whole disk marked done must hold every extent of the disk (holes
+// count); a read against a change id may leave out what did not change.
+TEST(StreamTrust, AWholeDiskReadThatLeftExtentsOutIsIncomplete) {
+    TempHome home;
+    const std::string a = Pattern(kExtent, 1), b = Pattern(kExtent, 2), zero(kExtent, '\0');
+    struct Case {
+        const char* name;
+        std::string base;
+        std::map<unsigned long long, std::string> before, pass;
+        bool incomplete;
+    };
+    const Case cases[] = {
+        {"whole", "", {}, {{0, a}, {1, zero}, {2, b}}, false},
+        // Extent 1 asked for by name, then the whole disk: its pass went on after extent 1.
+        {"extent-then-disk", "", {{1, a}}, {{2, b}}, true},
+        {"incremental", "cid-0", {}, {{2, b}}, false},
+    };
+    for (const Case& c : cases) {
+        const std::string stream = home.sub(std::string(c.name) + ".stream");
+        ReadDisk(stream, c.base, c.before, c.pass, "cid-1");
+        ToolRun r = Tool(home, "verify " + stream);
+        EXPECT_EQ(r.code, 0) << c.name << r.err;
+        const bool said = r.out.find("disk \\vm1\\disk0: incomplete, marked read, but its read of the whole disk sent 1 "
+                                     "of its 3 extents") != std::string::npos;
+        EXPECT_EQ(said, c.incomplete) << c.name << "\n" << r.out;
+        r = Tool(home, "list " + stream);
+        EXPECT_EQ(r.out.find("INCOMPLETE") != std::string::npos, c.incomplete) << c.name << "\n" << r.out;
+        r = Tool(home, "restore " + stream + " --to " + home.sub(std::string("r-") + c.name));
+        EXPECT_EQ(r.out.find("incomplete in the stream") != std::string::npos, c.incomplete) << c.name << "\n" << r.out;
+    }
+}
+
+// An incremental applies only onto the image of its base: the restore records each
+// image's change id and refuses a mismatch unless told to go on.
+TEST(StreamTrust, AnIncrementalOntoTheWrongBaseIsRefused) {
+    TempHome home;
+    const std::string a = Pattern(kExtent, 1), b = Pattern(kExtent, 2), c = Pattern(kExtent, 3);
+    ReadDisk(home.sub("full.stream"), "", {}, {{0, a}, {1, b}, {2, c}}, "cid-1");
+    ReadDisk(home.sub("incr-1.stream"), "cid-1", {}, {{1, c}}, "cid-2");
+    ReadDisk(home.sub("incr-9.stream"), "cid-9", {}, {{2, a}}, "cid-10");
+    const std::string image = home.sub("r/vm1/disk0"), sidecar = image + ".changeid";
+
+    ASSERT_EQ(Tool(home, "restore " + home.sub("full.stream") + " --to " + home.sub("r")).code, 0);
+    EXPECT_EQ(ReadFile(sidecar), "cid-1\n");
+    ToolRun r = Tool(home, "restore " + home.sub("incr-9.stream") + " --onto " + home.sub("r"));
+    EXPECT_EQ(r.code, vsstream::kExitCorrupt) << r.out << r.err;
+    EXPECT_NE(r.err.find("disk \\vm1\\disk0 is an incremental from change id [cid-9], but its image here is at change "
+                         "id [cid-1]; not applied"),
+              std::string::npos)
+        << r.err;
+    EXPECT_TRUE(ReadFile(image) == a + b + c);
+    EXPECT_EQ(ReadFile(sidecar), "cid-1\n");
+
+    r = Tool(home, "restore " + home.sub("incr-1.stream") + " --onto " + home.sub("r"));
+    EXPECT_EQ(r.code, 0) << r.out << r.err;
+    EXPECT_TRUE(ReadFile(image) == a + c + c);
+    EXPECT_EQ(ReadFile(sidecar), "cid-2\n");
+
+    // Told to, it applies the mismatch, and the image is then at the incremental's id.
+    r = Tool(home, "restore " + home.sub("incr-9.stream") + " --onto " + home.sub("r") + " --force");
+    EXPECT_EQ(r.code, 0) << r.out << r.err;
+    EXPECT_TRUE(ReadFile(image) == a + c + a);
+    EXPECT_EQ(ReadFile(sidecar), "cid-10\n");
+    // A new restore records no change id: an incremental alone is no disk.
+    EXPECT_EQ(Tool(home, "restore " + home.sub("incr-1.stream") + " --to " + home.sub("r2")).code, vsstream::kExitCorrupt);
+}
+
 
 // Extents past a disk's end are corrupt and never grow the image; a target that fails a
 // write ends the restore with one line, without reading the rest of the stream.

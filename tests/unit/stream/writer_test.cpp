@@ -106,7 +106,7 @@ TEST(StreamWriter, RoundTripOfAVmWithEveryRecordKind) {
     EXPECT_EQ(diskHeader.extentSize, extentSize);
     EXPECT_EQ(diskHeader.size, disk.size());
     const auto& info = std::get<vshost::DiskInfoRecord>(r.records[12].record.body);
-    EXPECT_EQ(info, (vshost::DiskInfoRecord{"vm1", "disk0.vmdk", "extra", 3, 1, 2, disk.size(), extentSize, 4}));
+    EXPECT_EQ(info, (vshost::DiskInfoRecord{"vm1", "disk0.vmdk", "extra", 3, 1, 2, disk.size(), extentSize, 4, true, ""}));
     EXPECT_EQ(r.records[13].bytes, disk.substr(0, 65536));
     const auto& done = std::get<vshost::DiskReadCompletedRecord>(r.records[30].record.body);
     EXPECT_EQ(done.changeId, "change-1");
