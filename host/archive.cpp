@@ -142,6 +142,10 @@ int vsArchive::sendFCFileHeader(const std::string& path, unsigned long long size
     p.Bool(arg10).Bool(arg11).U64(arg12).U64(arg13).U64(arg14).U32(arg15).U64(arg16).U64(arg17);
     p.U32(arg18).U32(arg19).U32(arg20).U32(arg21);
     if (int rc = EndDanglingEntry(); rc != kOk) return rc;
+    if (container && std::count(path.begin(), path.end(), '\\') == 2) {
+        m_collectionDisk = path;
+        m_collectionAtEnd = false;
+    }
     return Result(m_pipe->Encoder().BeginEntry(Kind::CollectionHeader, p.str(), container, path));
 }
 
@@ -176,6 +180,15 @@ int vsArchive::sendVolHeaderInfo(const std::string& vmGuid, const std::string& d
 int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::string& diskName,
                                      const std::string& changeId) {
     if (int rc = Attached(); rc != kOk) return rc;
+    if (!m_collectionDisk.empty() && m_collectionDisk == "\\" + vmGuid + "\\" + diskName) {
+        const bool atEnd = m_collectionAtEnd;
+        m_collectionDisk.clear();
+        // Without its marker the stream shows the disk as incomplete, and the catalog
+        // never counts on it.
+        if (!atEnd)
+            return Refuse(kErrOrder, "disk [" + diskName + "] of VM [" + vmGuid +
+                                         "] is not marked read: its file collection was not read to its end");
+    }
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(diskName).Bytes(changeId);
     int rc = Result(m_pipe->Encoder().Between(Kind::DiskReadCompleted, p.str()));

@@ -213,6 +213,12 @@ public:
 
     // Why the last failed call failed.
     const std::string& lastError() const { return m_lastError; }
+
+    // The host's file collection: the collection being read gave its last node. A
+    // file-collection disk (a container collection header two levels deep) is marked
+    // read only when this came after its header; a reader stopped before the end still
+    // calls sendDiskReadCompleted, which then writes nothing, records nothing and fails.
+    void noteCollectionEnd() { m_collectionAtEnd = true; }
     // Totals of the attached stream so far (zero when not attached).
     vsStreamTotals totals() const;
 
@@ -238,6 +244,10 @@ private:
     // Disks completed and not yet recorded in the catalog; written at close.
     std::unique_ptr<vshost::changetrack::CompletedDisks> m_completed;
     void RecordCompleted(bool all);
+    // The file-collection disk whose header came last, and whether its collection
+    // reached its end since.
+    std::string m_collectionDisk;
+    bool m_collectionAtEnd = false;
 };
 
 // Names of disk extents: "Extent" followed by the extent number in 20 decimal digits
