@@ -16,12 +16,32 @@ vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer)
 
 vsArchive::~vsArchive() {
     if (m_pipe) close(false);
-    RecordCompleted(true);
+    RecordCompleted(true, nullptr);
 }
 
-void vsArchive::RecordCompleted(bool all) {
+void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
     if (!m_completed || !(all ? m_completed->Waiting() > 0 : m_completed->Due())) return;
     const size_t waiting = m_completed->Waiting();
+    // The catalog (durable once SQLite commits) may name a disk only once the stream's
+    // bytes that hold its marker are durable too: after a power loss it must never
+    // name a disk that the stream lacks.
+    if (!pipe) {
+        KTlog(m_log, 1, "Cannot record [%zu] completed disk(s): the stream holding them is gone", waiting);
+        m_completed->Drop();
+        return;
+    }
+    if (!pipe->Sync()) {
+        KTlog(m_log, 1, "Cannot make the stream durable (%s): [%zu] completed disk(s) not recorded; an incremental "
+              "from this job reads them whole", pipe->ErrorText().c_str(), waiting);
+        m_completed->Drop();
+        return;
+    }
+    if (pipe->Syncable())
+        KTlog(m_log, 1, "vsArchive: stream synced through byte [%llu]; recording [%zu] completed disk(s)",
+              pipe->SyncedBytes(), waiting);
+    else
+        KTlog(m_log, 1, "vsArchive: the stream cannot be synced (not a file); recording [%zu] completed disk(s)",
+              waiting);
     try {
         m_completed->Flush();
     } catch (const std::exception& e) {
@@ -110,8 +130,9 @@ int vsArchive::close(bool finish) {
     m_lentOut = false;
     if (finish && m_pipe->Encoder().Writers() == 1) EndDanglingEntry();
     const int rc = Result(m_pipe->Encoder().Detach(finish));
+    CPipelayer* pipe = m_pipe;
     m_pipe = nullptr;
-    RecordCompleted(true);
+    RecordCompleted(true, pipe);
     return rc;
 }
 
@@ -202,7 +223,7 @@ int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::strin
         if (!m_completed->Add(m_jobId, {vmGuid, diskName, changeId}) && !changeId.empty())
             KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
                   "from it reads the whole disk", changeId.c_str(), diskName.c_str());
-        RecordCompleted(false);
+        RecordCompleted(false, m_pipe);
     } else {
         vshost::changetrack::ClearCompletedPass();
     }

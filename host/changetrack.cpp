@@ -156,6 +156,11 @@ bool CompletedDisks::Add(int64_t jobId, const JobDisk& disk) {
     return m_disks.back().hasDigests;
 }
 
+void CompletedDisks::Drop() {
+    m_disks.clear();
+    m_bytes = 0;
+}
+
 bool CompletedDisks::Due() const {
     return !m_disks.empty() && (m_disks.size() >= kMaxDisks || m_bytes >= kMaxBytes ||
                                 std::chrono::steady_clock::now() - m_oldest >= kMaxAge);

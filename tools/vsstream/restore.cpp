@@ -158,6 +158,9 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
                 m_image = nullptr;
                 if (m_target == Target::Extent) m_target = Target::Skip;
             }
+            // The image's data is durable before its change id is recorded beside it.
+            if (it->second.fd.valid() && ::fdatasync(it->second.fd.get()) != 0)
+                return Stop(record.offset, Why(("cannot sync disk image " + it->first).c_str()));
             it->second.fd.Reset();
         }
         break;

@@ -37,9 +37,7 @@ void RecordChangeId(SafeRoot& root, const vshost::DiskReadCompletedRecord& done,
         err << "change id of " << done.diskName << " not recorded: " << why << "\n";
         return;
     }
-    Fd fd = root.CreateFile(parts, 0644, why);
-    const std::string text = done.changeId + "\n";
-    if (!fd.valid() || ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    if (!root.Publish(parts, done.changeId + "\n", why)) {
         err << "change id of " << done.diskName << " not recorded: " << why << "\n";
         return;
     }
@@ -78,7 +76,7 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
             if (!usable) perr << "offset " << record.offset << ": " << why << "; not restored\n";
             restorer.Apply(record, model, usable);
             if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body);
-                done && !restorer.Refused("\\" + done->vmGuid + "\\" + done->diskName))
+                done && !restorer.stopped() && !restorer.Refused("\\" + done->vmGuid + "\\" + done->diskName))
                 RecordChangeId(root, *done, out, perr);
         }
         if (restorer.stopped()) {

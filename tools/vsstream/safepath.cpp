@@ -161,6 +161,25 @@ bool SafeRoot::ReadText(const PathParts& parts, std::string& text) {
     return true;
 }
 
+bool SafeRoot::Publish(const PathParts& parts, const std::string& text, std::string& why) {
+    Fd dir = Folder(parts, parts.size() - 1, why);
+    if (!dir.valid()) return false;
+    const std::string shown = JoinParts(parts, parts.size());
+    const std::string aside = "." + parts.back() + ".part";
+    ::unlinkat(dir.get(), aside.c_str(), 0);
+    Fd fd(::openat(dir.get(), aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    bool ok = fd.valid() && ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+              ::fsync(fd.get()) == 0 && ::renameat(dir.get(), aside.c_str(), dir.get(), parts.back().c_str()) == 0;
+    if (ok && ::fsync(dir.get()) != 0 && errno != EINVAL) ok = false;
+    if (!ok) {
+        why = "cannot write " + shown + ": " + Errno(errno);
+        ::unlinkat(dir.get(), aside.c_str(), 0);
+        return false;
+    }
+    m_replaceable.erase(shown);
+    return true;
+}
+
 void SafeRoot::Remove(const PathParts& parts) {
     std::string ignored;
     Fd dir = Folder(parts, parts.size() - 1, ignored);

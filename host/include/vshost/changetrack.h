@@ -88,6 +88,8 @@ public:
     bool Due() const;
     // Writes what waits; on a catalog error throws, and what waited is dropped.
     void Flush();
+    // Forgets what waits (its stream could not be made durable).
+    void Drop();
     size_t Waiting() const { return m_disks.size(); }
 
 private:

@@ -4,6 +4,8 @@
 #include "commands.h"
 #include "stream_support.h"
 #include "vshost/changetrack.h"
+#include "vshost/durable.h"
+#include "vshost/home.h"
 
 #include <gtest/gtest.h>
 
@@ -167,4 +169,44 @@ TEST(StreamTrust, CraftedExtentsAndAFullTarget) {
     EXPECT_NE(r.err.find("cannot write \\vm1\\vm1.nvram: File too large; restore stopped"), std::string::npos)
         << r.err;
     EXPECT_FALSE(fs::exists(home.sub("r2/vm1/log0")));
+}
+
+// The catalog names a completed disk only after the stream holding its marker is
+// synced (a stream that cannot be synced still works), and a file published by a
+// rename has its folder synced.
+TEST(StreamTrust, CompletedDisksAreRecordedOnlyOnceTheStreamIsDurable) {
+    TempHome home;
+    vshost::LogCapture log;
+    {
+        StreamFile s(home.sub("synced.stream"));
+        s.writer.SetJobId(91);
+        SendVM(s.writer, "vm1");
+        SendDisk(s.writer, "vm1", "disk0", Pattern(2 * kExtent, 1), kExtent);
+        ASSERT_EQ(s.writer.close(true), 0);
+        const std::string line = "vsArchive: stream synced through byte [" + std::to_string(s.Bytes().size()) +
+                                 "]; recording [1] completed disk(s)";
+        EXPECT_TRUE(log.Contains(line)) << line;
+        EXPECT_EQ(vshost::changetrack::JobDisks(91).size(), 1u);
+    }
+    {   // a pipe: nothing to sync, the job goes on as before
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        auto pipe = CPipelayer::OpenFd(fds[1]);
+        vsSim sim;
+        vsArchive w(nullptr, nullptr, &sim, "hub1");
+        KTLogObject ktlog;
+        InitKTlog(&ktlog, "DM_TEST\t", "", 0);
+        ASSERT_EQ(w.init(pipe.get(), &ktlog, "client1"), 0);
+        w.SetJobId(92);
+        SendDisk(w, "vm1", "disk0", Pattern(kExtent, 2), kExtent);
+        ASSERT_EQ(w.close(true), 0);
+        EXPECT_TRUE(log.Contains("the stream cannot be synced (not a file); recording [1] completed disk(s)"));
+        EXPECT_EQ(vshost::changetrack::JobDisks(92).size(), 1u);
+        close(fds[0]);
+        close(fds[1]);
+    }
+    const unsigned long long before = vshost::FolderSyncs();
+    vshost::settings::Set("Trust", "key", "value");
+    vshost::settings::Save();
+    EXPECT_GT(vshost::FolderSyncs(), before);
 }
