@@ -47,6 +47,22 @@ const DiskGeometry* EntryModel::Disk(const std::string& key) const {
     return it == m_disks.end() ? nullptr : &it->second;
 }
 
+std::string EntryModel::Unclaimed(const std::string& path, const char* suffix) const {
+    std::string name = path + suffix;
+    while (m_claimed.count(name)) name += suffix;
+    return name;
+}
+
+DiskGeometry& EntryModel::DiskAt(const std::string& key) {
+    auto [it, made] = m_disks.try_emplace(key);
+    if (made) {
+        auto claim = m_claimed.find(key);
+        it->second.target = claim != m_claimed.end() && claim->second != EntryKind::Disk ? Unclaimed(key, ".disk") : key;
+        m_claimed[it->second.target] = EntryKind::Disk;
+    }
+    return it->second;
+}
+
 bool EntryModel::Classify(std::string& why) {
     Entry& e = m_entry;
     const size_t depth = static_cast<size_t>(std::count(e.path.begin(), e.path.end(), '\\'));
@@ -61,6 +77,12 @@ bool EntryModel::Classify(std::string& why) {
     auto disk = m_disks.find(parent);
     if (disk == m_disks.end()) {
         e.kind = depth == 2 ? EntryKind::ConfigFile : EntryKind::Other;
+        if (e.kind == EntryKind::ConfigFile) {
+            // A disk of the same name keeps it; the file steps aside.
+            auto claim = m_claimed.find(e.path);
+            if (claim != m_claimed.end() && claim->second != EntryKind::ConfigFile) e.target = Unclaimed(e.path, ".config");
+            m_claimed[e.target] = EntryKind::ConfigFile;
+        }
         unsigned long long n = 0;
         if (depth == 3 && ExtentNameConverter::GetExtentNumberFromFileName(e.path.substr(cut + 1), n)) {
             why = "extent [" + e.path + "] of a disk the stream never described";
@@ -110,13 +132,15 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         const auto& h = std::get<vshost::FileHeaderRecord>(record.body);
         m_entry = Entry{};
         m_entry.path = h.path;
+        m_entry.target = h.path;
         m_entry.offset = record.offset;
         m_entry.size = h.size;
         m_entry.container = h.container;
         m_open = true;
         const bool ok = Classify(why);
         if (m_entry.kind == EntryKind::Disk) {
-            DiskGeometry& g = m_disks[h.path];
+            DiskGeometry& g = DiskAt(h.path);
+            m_entry.target = g.target;
             g.size = h.size;
             g.extentSize = h.extentSize;
             g.hasEntry = true;
@@ -131,14 +155,22 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         m_entry = Entry{};
         m_entry.kind = EntryKind::CollectionNode;
         m_entry.path = h.path;
+        m_entry.target = h.path;
         m_entry.offset = record.offset;
         m_entry.size = h.size;
         m_entry.container = h.container;
         m_entry.node = h;
         m_open = true;
+        // A node lies where its disk is restored.
+        const size_t second = h.path.find('\\', 1);
+        const size_t third = second == std::string::npos ? second : h.path.find('\\', second + 1);
+        if (third != std::string::npos)
+            if (auto d = m_disks.find(h.path.substr(0, third)); d != m_disks.end())
+                m_entry.target = d->second.target + h.path.substr(third);
         if (h.container && std::count(h.path.begin(), h.path.end(), '\\') == 2) {
             // A file-collection disk: done only when its reader marks it so.
-            DiskGeometry& g = m_disks[h.path];
+            DiskGeometry& g = DiskAt(h.path);
+            m_entry.target = g.target;
             g.size = h.size;
             g.hasEntry = true;
             g.collection = true;
@@ -150,6 +182,7 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         m_entry = Entry{};
         m_entry.kind = EntryKind::FileLevel;
         m_entry.path = h.info.clientPath;
+        m_entry.target = h.info.clientPath;
         m_entry.offset = record.offset;
         m_entry.size = h.info.size;
         m_entry.file = h.info;
@@ -183,7 +216,7 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         // Geometry for disks whose entry may never come (a stream of single extents).
         const auto& d = std::get<vshost::DiskInfoRecord>(record.body);
         if (d.itemType != vshost::stream::kItemDiskExtents) return true;
-        DiskGeometry& g = m_disks["\\" + d.vmGuid + "\\" + d.name];
+        DiskGeometry& g = DiskAt("\\" + d.vmGuid + "\\" + d.name);
         if (!g.hasEntry) {
             g.size = d.size;
             g.extentSize = d.extentSize;

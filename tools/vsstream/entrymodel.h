@@ -17,6 +17,9 @@ enum class EntryKind { VM, ConfigFile, Disk, Extent, CollectionNode, FileLevel, 
 const char* EntryKindName(EntryKind kind);
 
 struct DiskGeometry {
+    // Where the disk is restored, in the stream's form: its own path, unless a
+    // configuration file of the same name came first (then "<path>.disk").
+    std::string target;
     uint64_t size = 0;
     uint64_t extentSize = 0;
     bool hasEntry = false;   // from a disk entry; otherwise from a disk-info record only
@@ -43,6 +46,11 @@ struct DiskGeometry {
 struct Entry {
     EntryKind kind = EntryKind::Other;
     std::string path;
+    // Where the entry is restored, in the stream's form: its path, unless a disk and a
+    // configuration file of a VM share a name. The one that comes second is renamed:
+    // a configuration file to "<path>.config", a disk to "<path>.disk" (the entries
+    // below a file-collection disk follow their disk).
+    std::string target;
     uint64_t offset = 0;   // of the header record
     uint64_t size = 0;     // as the header states
     bool container = false;
@@ -87,11 +95,15 @@ public:
 
 private:
     bool Classify(std::string& why);
+    // The geometry of the disk at `key`, made (and its restore name chosen) on first use.
+    DiskGeometry& DiskAt(const std::string& key);
+    std::string Unclaimed(const std::string& path, const char* suffix) const;
     bool CheckExtentEnd(std::string& why);
 
     Entry m_entry;
     bool m_open = false;
     std::map<std::string, DiskGeometry> m_disks;   // by the disk entry's path
+    std::map<std::string, EntryKind> m_claimed;    // restore names of disks and configuration files
 };
 
 }  // namespace vsstream

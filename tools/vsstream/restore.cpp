@@ -166,7 +166,7 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
         break;
     }
     case Kind::DiskInfo:
-        CheckBase(std::get<vshost::DiskInfoRecord>(record.body), record.offset);
+        CheckBase(std::get<vshost::DiskInfoRecord>(record.body), model, record.offset);
         break;
     case Kind::DirectoryEntry: {
         const auto& info = std::get<vshost::FileLevelRecord>(record.body).info;
@@ -185,12 +185,13 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
 // An incremental holds only what changed since its base: on any other image it would
 // leave a disk that never existed. The image's change id is read before any of its
 // extents arrive.
-void Restorer::CheckBase(const vshost::DiskInfoRecord& info, uint64_t offset) {
+void Restorer::CheckBase(const vshost::DiskInfoRecord& info, const EntryModel& model, uint64_t offset) {
     if (info.itemType != vshost::stream::kItemDiskExtents || info.baseChangeId.empty()) return;
     const std::string key = "\\" + info.vmGuid + "\\" + info.name;
+    const DiskGeometry* g = model.Disk(key);
     PathParts parts;
     std::string why, at;
-    if (!SplitEntryPath(key + ".changeid", parts, why)) return;   // the disk's own entry is refused later
+    if (!g || !SplitEntryPath(g->target + ".changeid", parts, why)) return;   // the disk's own entry is refused later
     const bool recorded = m_root.ReadText(parts, at);
     if (recorded && !at.empty() && at.back() == '\n') at.pop_back();
     if (recorded && at == info.baseChangeId) return;
@@ -217,7 +218,8 @@ Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& mo
     if (it != m_images.end() && it->second.fd.valid()) return &it->second;
     PathParts parts;
     std::string why;
-    if (!SplitEntryPath(key, parts, why)) {
+    const DiskGeometry* g = model.Disk(key);
+    if (!SplitEntryPath(g ? g->target : key, parts, why)) {
         Problem(offset, why + "; disk not restored");
         return nullptr;
     }
@@ -241,7 +243,6 @@ Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& mo
         return &it->second;
     }
     // The disk's size now: an incremental may grow or shrink it.
-    const DiskGeometry* g = model.Disk(key);
     if (g && ::ftruncate(fd.get(), static_cast<off_t>(g->size)) != 0) {
         Stop(offset, Why(("cannot size " + JoinParts(parts, parts.size())).c_str()));
         return nullptr;
@@ -270,7 +271,7 @@ void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
         m_target = Target::Extent;
         return;
     }
-    const bool ok = m_fileLevel ? SplitClientPath(e.path, m_parts, why) : SplitEntryPath(e.path, m_parts, why);
+    const bool ok = m_fileLevel ? SplitClientPath(e.path, m_parts, why) : SplitEntryPath(e.target, m_parts, why);
     if (!ok) return Problem(offset, why + "; not restored");
     if (e.kind == EntryKind::Disk) {
         Image* image = GetImage(e.path, model, offset);

@@ -67,7 +67,7 @@ private:
     void Folder(const PathParts& parts, uint64_t offset);
     void Problem(uint64_t offset, const std::string& what);
     void Stop(uint64_t offset, const std::string& what);
-    void CheckBase(const vshost::DiskInfoRecord& info, uint64_t offset);
+    void CheckBase(const vshost::DiskInfoRecord& info, const EntryModel& model, uint64_t offset);
 
     SafeRoot& m_root;
     std::ostream& m_err;

@@ -28,12 +28,14 @@ bool CheckRestoreFolder(const std::string& dir, bool fresh, std::string& why) {
 
 // The change id of each disk the stream completed, beside its image as
 // "<disk>.changeid": what a later incremental reads against.
-void RecordChangeId(SafeRoot& root, const vshost::DiskReadCompletedRecord& done, std::ostream& out,
-                    std::ostream& err) {
+void RecordChangeId(SafeRoot& root, const EntryModel& model, const vshost::DiskReadCompletedRecord& done,
+                    std::ostream& out, std::ostream& err) {
     if (done.changeId.empty()) return;
     std::string why;
     PathParts parts;
-    if (!SplitEntryPath("\\" + done.vmGuid + "\\" + done.diskName + ".changeid", parts, why)) {
+    const std::string key = "\\" + done.vmGuid + "\\" + done.diskName;
+    const DiskGeometry* g = model.Disk(key);
+    if (!SplitEntryPath((g && !g->target.empty() ? g->target : key) + ".changeid", parts, why)) {
         err << "change id of " << done.diskName << " not recorded: " << why << "\n";
         return;
     }
@@ -77,7 +79,7 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
             restorer.Apply(record, model, usable);
             if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body);
                 done && !restorer.stopped() && !restorer.Refused("\\" + done->vmGuid + "\\" + done->diskName))
-                RecordChangeId(root, *done, out, perr);
+                RecordChangeId(root, model, *done, out, perr);
         }
         if (restorer.stopped()) {
             // Its one line is out; the stream's own verdict is beside the point.

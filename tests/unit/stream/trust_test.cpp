@@ -210,3 +210,41 @@ TEST(StreamTrust, CompletedDisksAreRecordedOnlyOnceTheStreamIsDurable) {
     vshost::settings::Save();
     EXPECT_GT(vshost::FolderSyncs(), before);
 }
+
+// A disk and a configuration file of one VM with the same name both survive the
+// restore: the one that comes second gets a distinct name, which list shows.
+TEST(StreamTrust, ADiskAndAConfigFileOfTheSameNameAreBothRestored) {
+    TempHome home;
+    const std::string disk = Pattern(2 * kExtent, 7), config = "nvram bytes";
+    struct Case {
+        const char* name;
+        bool describedFirst;   // the extent reader describes its disks before any file
+        const char *diskAt, *configAt;
+    };
+    for (const Case& c : {Case{"described", true, "vm.nvram", "vm.nvram.config"},
+                          Case{"config-first", false, "vm.nvram.disk", "vm.nvram"}}) {
+        const std::string stream = home.sub(std::string(c.name) + ".stream");
+        {
+            StreamFile s(stream);
+            SendVM(s.writer, "vm1");
+            if (c.describedFirst) {
+                ASSERT_EQ(s.writer.sendDiskInfo("vm1", "vm.nvram", "", 3, 1, 2, disk.size(), kExtent, 2), 0);
+            }
+            SendConfig(s.writer, "vm1", "vm.nvram", config);
+            ASSERT_EQ(Header(s.writer, "\\vm1\\vm.nvram", disk.size(), true, kExtent), 0);
+            ASSERT_EQ(s.writer.sendEOF(true, 0), 0);
+            SendExtents(s.writer, "vm1", "vm.nvram", {{0, disk.substr(0, kExtent)}, {1, disk.substr(kExtent)}});
+            ASSERT_EQ(s.writer.sendDiskReadCompleted("vm1", "vm.nvram", "cid-1"), 0);
+            ASSERT_EQ(s.writer.close(true), 0);
+        }
+        const std::string dir = home.sub(std::string("r-") + c.name);
+        ToolRun r = Tool(home, "restore " + stream + " --to " + dir);
+        EXPECT_EQ(r.code, 0) << c.name << r.err;
+        EXPECT_TRUE(ReadFile(dir + "/vm1/" + c.diskAt) == disk) << c.name;
+        EXPECT_EQ(ReadFile(dir + "/vm1/" + c.configAt), config) << c.name;
+        EXPECT_EQ(ReadFile(dir + "/vm1/" + c.diskAt + ".changeid"), "cid-1\n") << c.name;
+        r = Tool(home, "list " + stream);
+        const std::string renamed = std::string(c.describedFirst ? c.configAt : c.diskAt);
+        EXPECT_NE(r.out.find("(restored as \\vm1\\" + renamed + ")"), std::string::npos) << c.name << "\n" << r.out;
+    }
+}
