@@ -195,7 +195,8 @@ bool CPipelayer::WriteOut(const char* first, std::size_t firstLength, const char
 }
 
 bool CPipelayer::Close() {
-    bool ok = m_fd < 0 ? !Failed() : Flush();
+    // A finished stream is durable before its owner reports it written.
+    bool ok = m_fd < 0 ? !Failed() : Sync();
     if (m_fd >= 0 && m_owned && ::close(m_fd) != 0 && ok) {
         const int err = errno;
         m_error = CQiError(err, "close " + m_target).AsString();

@@ -103,7 +103,8 @@ public:
     // Bytes made durable by the last Sync that synced; 0 for a target that cannot be.
     unsigned long long SyncedBytes() const { return m_synced; }
     bool Syncable() const { return m_syncable; }
-    // Flushes and closes the target; false when that or any earlier write failed.
+    // Flushes, syncs (see Sync) and closes the target; false when that or any earlier
+    // write failed.
     bool Close();
     // The owner declares the stream unfinished (a stopped job): no trailer will be
     // written, so decoders see the stream as incomplete.
