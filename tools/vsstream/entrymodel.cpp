@@ -101,7 +101,7 @@ bool EntryModel::Classify(std::string& why) {
         return false;
     }
     const DiskGeometry& g = disk->second;
-    if (e.extentNumber >= (g.size + g.extentSize - 1) / g.extentSize) {
+    if (e.extentNumber >= g.size / g.extentSize + (g.size % g.extentSize != 0 ? 1 : 0)) {
         e.pastEnd = true;
         why = "extent [" + e.path + "] lies past the end of disk [" + parent + "] of " + std::to_string(g.size) +
               " bytes";
