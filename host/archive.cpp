@@ -16,12 +16,32 @@ vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer)
 
 vsArchive::~vsArchive() {
     if (m_pipe) close(false);
-    RecordCompleted(true);
+    RecordCompleted(true, nullptr);
 }
 
-void vsArchive::RecordCompleted(bool all) {
+void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
     if (!m_completed || !(all ? m_completed->Waiting() > 0 : m_completed->Due())) return;
     const size_t waiting = m_completed->Waiting();
+    // The catalog (durable once SQLite commits) may name a disk only once the stream's
+    // bytes that hold its marker are durable too: after a power loss it must never
+    // name a disk that the stream lacks.
+    if (!pipe) {
+        KTlog(m_log, 1, "Cannot record [%zu] completed disk(s): the stream holding them is gone", waiting);
+        m_completed->Drop();
+        return;
+    }
+    if (!pipe->Sync()) {
+        KTlog(m_log, 1, "Cannot make the stream durable (%s): [%zu] completed disk(s) not recorded; an incremental "
+              "from this job reads them whole", pipe->ErrorText().c_str(), waiting);
+        m_completed->Drop();
+        return;
+    }
+    if (pipe->Syncable())
+        KTlog(m_log, 1, "vsArchive: stream synced through byte [%llu]; recording [%zu] completed disk(s)",
+              pipe->SyncedBytes(), waiting);
+    else
+        KTlog(m_log, 1, "vsArchive: the stream cannot be synced (not a file); recording [%zu] completed disk(s)",
+              waiting);
     try {
         m_completed->Flush();
     } catch (const std::exception& e) {
@@ -110,8 +130,9 @@ int vsArchive::close(bool finish) {
     m_lentOut = false;
     if (finish && m_pipe->Encoder().Writers() == 1) EndDanglingEntry();
     const int rc = Result(m_pipe->Encoder().Detach(finish));
+    CPipelayer* pipe = m_pipe;
     m_pipe = nullptr;
-    RecordCompleted(true);
+    RecordCompleted(true, pipe);
     return rc;
 }
 
@@ -142,6 +163,10 @@ int vsArchive::sendFCFileHeader(const std::string& path, unsigned long long size
     p.Bool(arg10).Bool(arg11).U64(arg12).U64(arg13).U64(arg14).U32(arg15).U64(arg16).U64(arg17);
     p.U32(arg18).U32(arg19).U32(arg20).U32(arg21);
     if (int rc = EndDanglingEntry(); rc != kOk) return rc;
+    if (container && std::count(path.begin(), path.end(), '\\') == 2) {
+        m_collectionDisk = path;
+        m_collectionAtEnd = false;
+    }
     return Result(m_pipe->Encoder().BeginEntry(Kind::CollectionHeader, p.str(), container, path));
 }
 
@@ -149,9 +174,16 @@ int vsArchive::sendDiskInfo(const std::string& vmGuid, const std::string& name, 
                             unsigned long itemType, unsigned long productType, unsigned long diskType,
                             unsigned long long size, unsigned long long extentSize, unsigned long long extentCount) {
     if (int rc = Attached(); rc != kOk) return rc;
+    // The disk reader opens a disk (loading the digests of the change id it reads
+    // against) right before describing it; it uses them only when the disk kept its size
+    // and extent size, and then leaves out the extents that did not change.
+    std::string base;
+    if (auto loaded = vshost::changetrack::TakeLoadedBase(); loaded && itemType == vshost::stream::kItemDiskExtents &&
+                                                             loaded->diskSize == size && loaded->extentSize == extentSize)
+        base = loaded->changeId;
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(name).Bytes(extra).U64(itemType).U64(productType).U64(diskType);
-    p.U64(size).U64(extentSize).U64(extentCount);
+    p.U64(size).U64(extentSize).U64(extentCount).Bytes(base);
     return Result(m_pipe->Encoder().Between(Kind::DiskInfo, p.str()));
 }
 
@@ -169,6 +201,15 @@ int vsArchive::sendVolHeaderInfo(const std::string& vmGuid, const std::string& d
 int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::string& diskName,
                                      const std::string& changeId) {
     if (int rc = Attached(); rc != kOk) return rc;
+    if (!m_collectionDisk.empty() && m_collectionDisk == "\\" + vmGuid + "\\" + diskName) {
+        const bool atEnd = m_collectionAtEnd;
+        m_collectionDisk.clear();
+        // Without its marker the stream shows the disk as incomplete, and the catalog
+        // never counts on it.
+        if (!atEnd)
+            return Refuse(kErrOrder, "disk [" + diskName + "] of VM [" + vmGuid +
+                                         "] is not marked read: its file collection was not read to its end");
+    }
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(diskName).Bytes(changeId);
     int rc = Result(m_pipe->Encoder().Between(Kind::DiskReadCompleted, p.str()));
@@ -182,7 +223,7 @@ int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::strin
         if (!m_completed->Add(m_jobId, {vmGuid, diskName, changeId}) && !changeId.empty())
             KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
                   "from it reads the whole disk", changeId.c_str(), diskName.c_str());
-        RecordCompleted(false);
+        RecordCompleted(false, m_pipe);
     } else {
         vshost::changetrack::ClearCompletedPass();
     }

@@ -1,6 +1,8 @@
 // Files written under a temporary name and renamed into place when complete.
 #include "atomicfile.h"
+#include "vshost/durable.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +27,37 @@ std::string TempPattern(const std::string& finalPath) {
 }
 
 }  // namespace
+}  // namespace vshost::detail
+
+namespace vshost {
+namespace {
+std::atomic<unsigned long long> g_folderSyncs{0};
+}  // namespace
+
+bool SyncFolderOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    int rc = fsync(fd);
+    if (rc != 0 && (errno == EINVAL || errno == EROFS)) rc = 0;
+    const int err = errno;
+    close(fd);
+    if (rc != 0) {
+        errno = err;
+        return false;
+    }
+    ++g_folderSyncs;
+    return true;
+}
+
+unsigned long long FolderSyncs() {
+    return g_folderSyncs.load();
+}
+
+}  // namespace vshost
+
+namespace vshost::detail {
 
 AtomicFile::AtomicFile(const std::string& finalPath, mode_t mode)
     : m_finalPath(finalPath), m_tempPath(TempPattern(finalPath)) {
@@ -72,6 +105,7 @@ bool AtomicFile::Commit() {
     if (close(fd) != 0) return Fail("close " + m_tempPath);
     if (rename(m_tempPath.c_str(), m_finalPath.c_str()) != 0) return Fail("rename to " + m_finalPath);
     m_committed = true;
+    if (!SyncFolderOf(m_finalPath)) return Fail("sync the folder of " + m_finalPath);
     return true;
 }
 

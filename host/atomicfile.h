@@ -22,7 +22,8 @@ public:
 
     // Appends; after a failure every later call fails too.
     bool Write(const void* data, size_t size);
-    // Flushes, closes and renames over the final path.
+    // Flushes, closes and renames over the final path, then syncs the folder so that
+    // the new name survives a power loss too.
     bool Commit();
 
 private:

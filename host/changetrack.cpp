@@ -16,6 +16,7 @@ namespace {
 
 std::mutex g_passMutex;
 std::optional<DiskDigests> g_completedPass;
+std::optional<LoadedBase> g_loadedBase;
 
 // Stored form: (extent, high, low) triples of little-endian 64-bit numbers.
 constexpr size_t kEntryBytes = 24;
@@ -89,12 +90,21 @@ std::optional<DiskDigests> Load(const std::string& changeId) {
         throw std::runtime_error("digests of change id " + changeId + " are damaged");
     for (size_t at = 0; at < blob.size(); at += kEntryBytes)
         d.extents[Get(blob.data() + at)] = Digest{Get(blob.data() + at + 8), Get(blob.data() + at + 16)};
+    std::lock_guard<std::mutex> lock(g_passMutex);
+    g_loadedBase = LoadedBase{changeId, d.diskSize, d.extentSize};
     return d;
 }
 
 void LeaveCompletedPass(const DiskDigests& digests) {
     std::lock_guard<std::mutex> lock(g_passMutex);
     g_completedPass = digests;
+}
+
+std::optional<LoadedBase> TakeLoadedBase() {
+    std::lock_guard<std::mutex> lock(g_passMutex);
+    std::optional<LoadedBase> taken = std::move(g_loadedBase);
+    g_loadedBase.reset();
+    return taken;
 }
 
 void ClearCompletedPass() {
@@ -144,6 +154,11 @@ bool CompletedDisks::Add(int64_t jobId, const JobDisk& disk) {
     }
     m_disks.push_back(std::move(row));
     return m_disks.back().hasDigests;
+}
+
+void CompletedDisks::Drop() {
+    m_disks.clear();
+    m_bytes = 0;
 }
 
 bool CompletedDisks::Due() const {

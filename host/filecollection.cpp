@@ -301,6 +301,8 @@ CQiError FolderCollection::GetNextNode(SFileNode& node) {
         ++m_returned;
         return {};
     }
+    // Only a collection read to here may be marked read in the stream.
+    if (m_archive) m_archive->noteCollectionEnd();
     return CQiError::VS(VS_ERROR_END_OF_COLLECTION, Label() + ": no more nodes");
 }
 

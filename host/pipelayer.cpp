@@ -138,6 +138,23 @@ bool CPipelayer::Flush() {
     return WriteOut(m_batch.data(), n);
 }
 
+bool CPipelayer::Sync() {
+    if (!Flush()) return false;
+    if (m_fd < 0 || !m_syncable) return true;
+    if (::fdatasync(m_fd) == 0) {
+        m_synced = m_accepted;
+        return true;
+    }
+    const int err = errno;
+    if (err == EINVAL || err == EROFS || err == ENOTSUP) {
+        // Nothing there to make durable: a pipe, a socket or a device.
+        m_syncable = false;
+        return true;
+    }
+    m_error = CQiError(err, "sync " + m_target).AsString();
+    return false;
+}
+
 bool CPipelayer::WriteOut(const char* first, std::size_t firstLength, const char* second, std::size_t secondLength) {
     if (Failed()) return false;
     SigpipeGuard guard;
@@ -178,7 +195,8 @@ bool CPipelayer::WriteOut(const char* first, std::size_t firstLength, const char
 }
 
 bool CPipelayer::Close() {
-    bool ok = m_fd < 0 ? !Failed() : Flush();
+    // A finished stream is durable before its owner reports it written.
+    bool ok = m_fd < 0 ? !Failed() : Sync();
     if (m_fd >= 0 && m_owned && ::close(m_fd) != 0 && ok) {
         const int err = errno;
         m_error = CQiError(err, "close " + m_target).AsString();

@@ -1,4 +1,5 @@
 // Stored form of passwords: secretbox under a per-home key, base64 of nonce||ciphertext.
+#include "vshost/durable.h"
 #include "detail.h"
 #include "hostapi/fileutil.h"
 #include "vshost/catalog.h"
@@ -79,6 +80,8 @@ void CreateKey(const std::string& path, Key& key) {
     err = CQiError::FromErrno("link " + path);
     unlink(tmp.c_str());
     if (linked != 0 && err.Errno() != EEXIST) throw std::runtime_error(err.AsString());
+    // The key encrypts what is stored under it: its name must outlive a power loss.
+    if (linked == 0 && !SyncFolderOf(path)) throw std::runtime_error(CQiError::FromErrno("sync the folder of " + path).AsString());
     if (!ReadKey(path, key)) throw std::runtime_error("key file " + path + " vanished");
 }
 

@@ -50,12 +50,17 @@ int StreamEncoder::Ready() {
 }
 
 int StreamEncoder::Emit(Kind kind, const char* payload, size_t length) {
-    if (length > stream::kMaxPayload)
-        return Fail(vsArchive::kErrArgument, KindText(kind) + " record of " + std::to_string(length) +
-                                                 " bytes exceeds the limit of " +
-                                                 std::to_string(stream::kMaxPayload));
+    // Refused before the header or an identity change goes out for it.
+    if (int rc = CheckLength(kind, length); rc != vsArchive::kOk) return rc;
     if (int rc = Prepare(); rc != vsArchive::kOk) return rc;
     return Frame(kind, payload, length);
+}
+
+int StreamEncoder::CheckLength(Kind kind, size_t length) {
+    if (length <= stream::kMaxPayload) return vsArchive::kOk;
+    return Fail(vsArchive::kErrArgument, KindText(kind) + " record of " + std::to_string(length) +
+                                             " bytes exceeds the limit of " + std::to_string(stream::kMaxPayload) +
+                                             "; nothing written");
 }
 
 // Prologue and stream header before the first record, and an identity record when the
@@ -64,15 +69,17 @@ int StreamEncoder::Prepare() {
     if (!m_started) {
         // The header goes out with the first record, not at attach time: the readers
         // set the job id, token and archive file ids only after attaching.
+        PayloadBuilder h;
+        h.I64(m_identity.jobId);
+        for (uint32_t id : m_identity.archiveFileIds) h.U32(id);
+        h.I64(NowNs()).Bytes(m_identity.jobToken).Bytes(m_hubServer).Bytes(m_clientName);
+        // A header that cannot be framed leaves the stream unstarted, not half written.
+        if (int rc = CheckLength(Kind::StreamHeader, h.str().size()); rc != vsArchive::kOk) return rc;
         m_started = true;
         std::memcpy(m_prologue, stream::kMagic, sizeof stream::kMagic);
         PutLE(m_prologue + 8, stream::kMajorVersion, 2);
         PutLE(m_prologue + 10, stream::kMinorVersion, 2);
         if (!m_sink.Write(m_prologue, sizeof m_prologue)) return Fail(vsArchive::kErrPipeline, m_sink.ErrorText());
-        PayloadBuilder h;
-        h.I64(m_identity.jobId);
-        for (uint32_t id : m_identity.archiveFileIds) h.U32(id);
-        h.I64(NowNs()).Bytes(m_identity.jobToken).Bytes(m_hubServer).Bytes(m_clientName);
         m_written = m_identity;
         return Frame(Kind::StreamHeader, h.str().data(), h.str().size());
     }
@@ -81,11 +88,15 @@ int StreamEncoder::Prepare() {
     id.I64(m_identity.jobId);
     for (uint32_t v : m_identity.archiveFileIds) id.U32(v);
     id.Bytes(m_identity.jobToken);
+    if (int rc = Frame(Kind::Identity, id.str().data(), id.str().size()); rc != vsArchive::kOk) return rc;
     m_written = m_identity;
-    return Frame(Kind::Identity, id.str().data(), id.str().size());
+    return vsArchive::kOk;
 }
 
+// The one place a record is framed: every kind, the header and trailer included,
+// passes the payload limit here.
 int StreamEncoder::Frame(Kind kind, const char* payload, size_t length) {
+    if (int rc = CheckLength(kind, length); rc != vsArchive::kOk) return rc;
     char frame[stream::kFrameBytes];
     PutLE(frame, static_cast<uint16_t>(kind), 2);
     PutLE(frame + 2, 0, 2);

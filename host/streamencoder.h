@@ -65,6 +65,7 @@ private:
 
     int Fail(int status, std::string why);
     int Emit(stream::Kind kind, const char* payload, size_t length);
+    int CheckLength(stream::Kind kind, size_t length);
     int Prepare();
     int Frame(stream::Kind kind, const char* payload, size_t length);
 

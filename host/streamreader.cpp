@@ -176,7 +176,7 @@ bool StreamReader::Next(StreamRecord& record) {
         if (!(flags & stream::kFlagSkippable))
             return Stop(State::Corrupt, at, Describe(m_index, kind) + ": unknown record kind");
         record.body = SkippedRecord{};
-    } else if (!detail::ParseRecordBody(kind, payload, later, record.body, why)) {
+    } else if (!detail::ParseRecordBody(kind, payload, m_minor, later, record.body, why)) {
         return Stop(State::Corrupt, at, Describe(m_index, kind) + ": " + why);
     }
     if (!CheckStructure(record, why)) return Stop(State::Corrupt, at, Describe(m_index, kind) + ": " + why);

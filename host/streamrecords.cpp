@@ -28,7 +28,7 @@ vsFileLevelInfo FileLevel(PayloadParser& p) {
     return f;
 }
 
-RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload) {
+RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload, uint16_t minor) {
     switch (kind) {
     case Kind::StreamHeader: {
         StreamHeaderRecord r;
@@ -114,6 +114,10 @@ RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload) {
         r.size = p.U64();
         r.extentSize = p.U64();
         r.extentCount = p.U64();
+        if (minor >= 1) {
+            r.hasBase = true;
+            r.baseChangeId = p.Text();
+        }
         return r;
     }
     case Kind::VolumeHeader: {
@@ -149,9 +153,10 @@ RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload) {
 
 }  // namespace
 
-bool ParseRecordBody(Kind kind, std::string_view payload, bool allowExtra, RecordBody& body, std::string& why) {
+bool ParseRecordBody(Kind kind, std::string_view payload, uint16_t minor, bool allowExtra, RecordBody& body,
+                     std::string& why) {
     PayloadParser p(payload);
-    body = Parse(kind, p, payload);
+    body = Parse(kind, p, payload, minor);
     if (!p.ok()) {
         why = p.why();
         return false;

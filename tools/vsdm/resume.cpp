@@ -87,7 +87,7 @@ ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identit
 
     ResumePoints points;
     for (const auto& [key, g] : model.disks()) {
-        if (!g.hasEntry) continue;
+        if (!g.hasEntry || g.collection) continue;
         // Disk keys are "\<vm guid>\<disk name>"; disk names may hold backslashes.
         const size_t split = key.find('\\', 1);
         if (key.empty() || key[0] != '\\' || split == std::string::npos) continue;

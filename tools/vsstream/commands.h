@@ -15,12 +15,15 @@ enum ExitCode : int {
     kExitCorrupt = 1,      // a check value, field or the structure is wrong; or a restore problem
     kExitIncomplete = 2,   // everything read is sound, but the stream ends without a trailer
     kExitUnreadable = 3,   // the stream or the restore folder cannot be opened or read
+    kExitUsage = 64,       // the command line is wrong (as vsdm's)
 };
 
 // Each reads the stream from `fd` to its end or its first fault.
 int RunList(int fd, std::ostream& out, std::ostream& err);
 int RunVerify(int fd, std::ostream& out, std::ostream& err);
-int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err);
+// `force` applies an incremental disk whose base change id is not the one the restore
+// folder records for its image.
+int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err, bool force = false);
 
 // A stream to read, by the name it is reported under.
 struct StreamInput {
@@ -30,7 +33,8 @@ struct StreamInput {
 // Restores several streams (the members of a stream set) one after the other into one
 // folder; with more than one, each problem line names its stream. The exit code is the
 // worst of theirs.
-int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err);
+int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err,
+                  bool force = false);
 
 // The worse of two exit codes: unreadable, then corrupt, then incomplete, then sound.
 int WorseCode(int a, int b);

@@ -47,6 +47,22 @@ const DiskGeometry* EntryModel::Disk(const std::string& key) const {
     return it == m_disks.end() ? nullptr : &it->second;
 }
 
+std::string EntryModel::Unclaimed(const std::string& path, const char* suffix) const {
+    std::string name = path + suffix;
+    while (m_claimed.count(name)) name += suffix;
+    return name;
+}
+
+DiskGeometry& EntryModel::DiskAt(const std::string& key) {
+    auto [it, made] = m_disks.try_emplace(key);
+    if (made) {
+        auto claim = m_claimed.find(key);
+        it->second.target = claim != m_claimed.end() && claim->second != EntryKind::Disk ? Unclaimed(key, ".disk") : key;
+        m_claimed[it->second.target] = EntryKind::Disk;
+    }
+    return it->second;
+}
+
 bool EntryModel::Classify(std::string& why) {
     Entry& e = m_entry;
     const size_t depth = static_cast<size_t>(std::count(e.path.begin(), e.path.end(), '\\'));
@@ -61,6 +77,12 @@ bool EntryModel::Classify(std::string& why) {
     auto disk = m_disks.find(parent);
     if (disk == m_disks.end()) {
         e.kind = depth == 2 ? EntryKind::ConfigFile : EntryKind::Other;
+        if (e.kind == EntryKind::ConfigFile) {
+            // A disk of the same name keeps it; the file steps aside.
+            auto claim = m_claimed.find(e.path);
+            if (claim != m_claimed.end() && claim->second != EntryKind::ConfigFile) e.target = Unclaimed(e.path, ".config");
+            m_claimed[e.target] = EntryKind::ConfigFile;
+        }
         unsigned long long n = 0;
         if (depth == 3 && ExtentNameConverter::GetExtentNumberFromFileName(e.path.substr(cut + 1), n)) {
             why = "extent [" + e.path + "] of a disk the stream never described";
@@ -78,7 +100,30 @@ bool EntryModel::Classify(std::string& why) {
         why = "extent [" + e.path + "] of a disk whose extent size is 0";
         return false;
     }
+    const DiskGeometry& g = disk->second;
+    if (e.extentNumber >= g.size / g.extentSize + (g.size % g.extentSize != 0 ? 1 : 0)) {
+        e.pastEnd = true;
+        why = "extent [" + e.path + "] lies past the end of disk [" + parent + "] of " + std::to_string(g.size) +
+              " bytes";
+        return false;
+    }
     return true;
+}
+
+// An extent may hold no more than the disk has room for from its start: a crafted one
+// would otherwise grow the restored image.
+bool EntryModel::CheckExtentEnd(std::string& why) {
+    Entry& e = m_entry;
+    if (e.kind != EntryKind::Extent || e.pastEnd) return true;
+    const DiskGeometry* g = Disk(e.diskKey);
+    if (!g || g->extentSize == 0) return true;
+    const uint64_t start = e.extentNumber * g->extentSize;   // below the size: Classify checked
+    const uint64_t room = g->size - start;
+    if (e.holeBytes <= room && e.dataBytes <= room - e.holeBytes) return true;
+    e.pastEnd = true;
+    why = "extent [" + e.path + "] reaches past the end of disk [" + e.diskKey + "] of " + std::to_string(g->size) +
+          " bytes";
+    return false;
 }
 
 bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
@@ -87,16 +132,21 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         const auto& h = std::get<vshost::FileHeaderRecord>(record.body);
         m_entry = Entry{};
         m_entry.path = h.path;
+        m_entry.target = h.path;
         m_entry.offset = record.offset;
         m_entry.size = h.size;
         m_entry.container = h.container;
         m_open = true;
         const bool ok = Classify(why);
         if (m_entry.kind == EntryKind::Disk) {
-            DiskGeometry& g = m_disks[h.path];
+            DiskGeometry& g = DiskAt(h.path);
+            m_entry.target = g.target;
             g.size = h.size;
             g.extentSize = h.extentSize;
             g.hasEntry = true;
+            g.inPass = true;
+            g.passExtents = 0;
+            g.shortRead = false;
         }
         return ok;
     }
@@ -105,11 +155,26 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         m_entry = Entry{};
         m_entry.kind = EntryKind::CollectionNode;
         m_entry.path = h.path;
+        m_entry.target = h.path;
         m_entry.offset = record.offset;
         m_entry.size = h.size;
         m_entry.container = h.container;
         m_entry.node = h;
         m_open = true;
+        // A node lies where its disk is restored.
+        const size_t second = h.path.find('\\', 1);
+        const size_t third = second == std::string::npos ? second : h.path.find('\\', second + 1);
+        if (third != std::string::npos)
+            if (auto d = m_disks.find(h.path.substr(0, third)); d != m_disks.end())
+                m_entry.target = d->second.target + h.path.substr(third);
+        if (h.container && std::count(h.path.begin(), h.path.end(), '\\') == 2) {
+            // A file-collection disk: done only when its reader marks it so.
+            DiskGeometry& g = DiskAt(h.path);
+            m_entry.target = g.target;
+            g.size = h.size;
+            g.hasEntry = true;
+            g.collection = true;
+        }
         return true;
     }
     case Kind::FileLevelHeader: {
@@ -117,6 +182,7 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
         m_entry = Entry{};
         m_entry.kind = EntryKind::FileLevel;
         m_entry.path = h.info.clientPath;
+        m_entry.target = h.info.clientPath;
         m_entry.offset = record.offset;
         m_entry.size = h.info.size;
         m_entry.file = h.info;
@@ -125,10 +191,12 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
     }
     case Kind::Data:
         m_entry.dataBytes += std::get<vshost::DataRecord>(record.body).bytes.size();
-        return true;
-    case Kind::Hole:
-        m_entry.holeBytes += std::get<vshost::HoleRecord>(record.body).length;
-        return true;
+        return CheckExtentEnd(why);
+    case Kind::Hole: {
+        const uint64_t length = std::get<vshost::HoleRecord>(record.body).length;
+        m_entry.holeBytes = length > UINT64_MAX - m_entry.holeBytes ? UINT64_MAX : m_entry.holeBytes + length;
+        return CheckExtentEnd(why);
+    }
     case Kind::EndOfFile:
         m_open = false;
         m_entry.closed = true;
@@ -138,22 +206,34 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
             ++g.extents;
             if (m_entry.dataBytes == 0) ++g.holeExtents;
             if (m_entry.complete) g.nextExtent = std::max(g.nextExtent, m_entry.extentNumber + 1);
+            if (m_entry.complete && g.inPass && (g.passExtents == 0 || m_entry.extentNumber > g.passLast)) {
+                ++g.passExtents;
+                g.passLast = m_entry.extentNumber;
+            }
         }
         return true;
     case Kind::DiskInfo: {
         // Geometry for disks whose entry may never come (a stream of single extents).
         const auto& d = std::get<vshost::DiskInfoRecord>(record.body);
         if (d.itemType != vshost::stream::kItemDiskExtents) return true;
-        DiskGeometry& g = m_disks["\\" + d.vmGuid + "\\" + d.name];
+        DiskGeometry& g = DiskAt("\\" + d.vmGuid + "\\" + d.name);
         if (!g.hasEntry) {
             g.size = d.size;
             g.extentSize = d.extentSize;
         }
+        g.hasBase = d.hasBase;
+        g.base = d.baseChangeId;
+        g.described = d.extentCount;
         return true;
     }
     case Kind::DiskReadCompleted: {
         const auto& d = std::get<vshost::DiskReadCompletedRecord>(record.body);
-        m_disks["\\" + d.vmGuid + "\\" + d.diskName].readCompleted = true;
+        DiskGeometry& g = m_disks["\\" + d.vmGuid + "\\" + d.diskName];
+        g.readCompleted = true;
+        // A read against a change id leaves out what did not change; a read of the
+        // whole disk must have sent every extent that holds data (holes included).
+        g.shortRead = g.hasEntry && g.inPass && g.hasBase && g.base.empty() && g.passExtents < g.described;
+        g.inPass = false;
         return true;
     }
     default:
@@ -164,8 +244,14 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
 std::vector<std::string> EntryModel::IncompleteDisks() const {
     std::vector<std::string> out;
     for (const auto& [key, g] : m_disks)
-        if (g.hasEntry && !g.readCompleted) out.push_back(key);
+        if (g.hasEntry && (!g.readCompleted || g.shortRead)) out.push_back(key);
     return out;
+}
+
+std::string EntryModel::IncompleteWhy(const DiskGeometry& g) {
+    if (!g.readCompleted) return "the reader did not finish it (the disk failed or the job stopped)";
+    return "marked read, but its read of the whole disk sent " + std::to_string(g.passExtents) + " of its " +
+           std::to_string(g.described) + " extents (the rest is not in this stream)";
 }
 
 }  // namespace vsstream

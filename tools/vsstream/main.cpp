@@ -106,7 +106,8 @@ int main(int argc, char** argv) {
     CLI::App app{"Lists, verifies and restores backup streams (\"-\" reads standard input). A stream set that a "
                  "parallel vsdm run leaves stands for all of its streams; several streams are taken in turn.\n"
                  "Exit codes: 0 sound and complete, 1 corrupt or a restore problem, 2 incomplete "
-                 "(no trailer, or a stream of a set missing), 3 cannot read."};
+                 "(no trailer, or a stream of a set missing), 3 a stream or the restore folder cannot be read, "
+                 "64 bad command line."};
     app.require_subcommand(1);
     std::vector<std::string> names;
     std::string to, onto;
@@ -121,17 +122,32 @@ int main(int argc, char** argv) {
     CLI::Option* ontoOpt =
         restore->add_option("--onto", onto, "an earlier restore to update (an incremental or resumed stream)");
     toOpt->excludes(ontoOpt);
-    CLI11_PARSE(app, argc, argv);
+    bool force = false;
+    restore->add_flag("--force", force,
+                      "apply an incremental disk even when its base change id is not the one the restore folder "
+                      "records for its image");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        // CLI11's message, and one status for every way a command line can be wrong.
+        app.exit(e);
+        return vsstream::kExitUsage;
+    }
 
     if (restore->parsed()) {
         if (!toOpt->count() && !ontoOpt->count()) {
             std::cerr << "vsstream: restore needs --to DIR (a new restore) or --onto DIR (update an earlier one)\n";
-            return vsstream::kExitUnreadable;
+            return vsstream::kExitUsage;
         }
         std::string why;
         if (!vsstream::CheckRestoreFolder(toOpt->count() ? to : onto, toOpt->count() > 0, why)) {
             std::cerr << "vsstream: " << why << "\n";
-            return vsstream::kExitUnreadable;
+            // A --to folder that holds something asks for --onto: the command line is wrong.
+            return toOpt->count() ? vsstream::kExitUsage : vsstream::kExitUnreadable;
         }
     }
     Inputs in;
@@ -141,7 +157,7 @@ int main(int argc, char** argv) {
 
     int code = in.code;
     if (restore->parsed()) {
-        code = vsstream::WorseCode(code, vsstream::RunRestoreAll(in.streams, toOpt->count() ? to : onto, std::cout, std::cerr));
+        code = vsstream::WorseCode(code, vsstream::RunRestoreAll(in.streams, toOpt->count() ? to : onto, std::cout, std::cerr, force));
     } else {
         vsstream::LinePrefix outPrefix(std::cout), errPrefix(std::cerr);
         std::ostream out(&outPrefix), err(&errPrefix);

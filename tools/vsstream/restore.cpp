@@ -110,6 +110,14 @@ void Restorer::Problem(uint64_t offset, const std::string& what) {
     ++m_counts.problems;
 }
 
+void Restorer::Stop(uint64_t offset, const std::string& what) {
+    if (m_stopped) return;
+    m_err << "offset " << offset << ": " << what << "; restore stopped, the rest of the stream is not applied\n";
+    ++m_counts.problems;
+    m_stopped = true;
+    m_target = Target::Skip;
+}
+
 void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model, bool usable) {
     switch (record.kind) {
     case Kind::FileHeader:
@@ -122,13 +130,21 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
             ++m_counts.problems;
         }
         break;
-    case Kind::Data: {
+    case Kind::Data:
+    case Kind::Hole:
+        if (!usable) {
+            if (m_target != Target::Skip) ++m_counts.problems;
+            m_target = Target::Skip;
+            break;
+        }
+        if (record.kind == Kind::Hole) {
+            Hole(std::get<vshost::HoleRecord>(record.body).length, record.offset);
+            break;
+        }
+        {
         const auto bytes = std::get<vshost::DataRecord>(record.body).bytes;
         Write(bytes.data(), bytes.size(), record.offset);
-        break;
-    }
-    case Kind::Hole:
-        Hole(std::get<vshost::HoleRecord>(record.body).length, record.offset);
+        }
         break;
     case Kind::EndOfFile:
         End(model.entry(), record.offset);
@@ -142,10 +158,16 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
                 m_image = nullptr;
                 if (m_target == Target::Extent) m_target = Target::Skip;
             }
+            // The image's data is durable before its change id is recorded beside it.
+            if (it->second.fd.valid() && ::fdatasync(it->second.fd.get()) != 0)
+                return Stop(record.offset, Why(("cannot sync disk image " + it->first).c_str()));
             it->second.fd.Reset();
         }
         break;
     }
+    case Kind::DiskInfo:
+        CheckBase(std::get<vshost::DiskInfoRecord>(record.body), model, record.offset);
+        break;
     case Kind::DirectoryEntry: {
         const auto& info = std::get<vshost::FileLevelRecord>(record.body).info;
         PathParts parts;
@@ -160,6 +182,30 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
     }
 }
 
+// An incremental holds only what changed since its base: on any other image it would
+// leave a disk that never existed. The image's change id is read before any of its
+// extents arrive.
+void Restorer::CheckBase(const vshost::DiskInfoRecord& info, const EntryModel& model, uint64_t offset) {
+    if (info.itemType != vshost::stream::kItemDiskExtents || info.baseChangeId.empty()) return;
+    const std::string key = "\\" + info.vmGuid + "\\" + info.name;
+    const DiskGeometry* g = model.Disk(key);
+    PathParts parts;
+    std::string why, at;
+    if (!g || !SplitEntryPath(g->target + ".changeid", parts, why)) return;   // the disk's own entry is refused later
+    const bool recorded = m_root.ReadText(parts, at);
+    if (recorded && !at.empty() && at.back() == '\n') at.pop_back();
+    if (recorded && at == info.baseChangeId) return;
+    const std::string what = "disk " + key + " is an incremental from change id [" + info.baseChangeId +
+                             "], but its image here " +
+                             (recorded ? "is at change id [" + at + "]" : std::string("records no change id"));
+    if (m_force) {
+        m_err << "offset " << offset << ": " << what << "; applied anyway (--force)\n";
+        return;
+    }
+    m_refused.insert(key);
+    Problem(offset, what + "; not applied (--force applies it anyway)");
+}
+
 void Restorer::Folder(const PathParts& parts, uint64_t offset) {
     std::string why;
     if (m_root.Folder(parts, parts.size(), why).valid()) ++m_counts.folders;
@@ -167,13 +213,22 @@ void Restorer::Folder(const PathParts& parts, uint64_t offset) {
 }
 
 Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& model, uint64_t offset) {
+    if (m_refused.count(key)) return nullptr;
     auto it = m_images.find(key);
     if (it != m_images.end() && it->second.fd.valid()) return &it->second;
     PathParts parts;
     std::string why;
-    if (!SplitEntryPath(key, parts, why)) {
+    const DiskGeometry* g = model.Disk(key);
+    if (!SplitEntryPath(g ? g->target : key, parts, why)) {
         Problem(offset, why + "; disk not restored");
         return nullptr;
+    }
+    {
+        // The image is about to change: until its disk completes here, it is at no
+        // change id an incremental could build on.
+        PathParts sidecar = parts;
+        sidecar.back() += ".changeid";
+        m_root.Remove(sidecar);
     }
     bool fresh = false;
     Fd fd = m_root.OpenImage(parts, fresh, why);
@@ -188,9 +243,8 @@ Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& mo
         return &it->second;
     }
     // The disk's size now: an incremental may grow or shrink it.
-    const DiskGeometry* g = model.Disk(key);
     if (g && ::ftruncate(fd.get(), static_cast<off_t>(g->size)) != 0) {
-        Problem(offset, Why(("cannot size " + JoinParts(parts, parts.size())).c_str()));
+        Stop(offset, Why(("cannot size " + JoinParts(parts, parts.size())).c_str()));
         return nullptr;
     }
     ++m_counts.images;
@@ -207,6 +261,7 @@ void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
     m_pos = 0;
     m_fileLevel = e.kind == EntryKind::FileLevel;
     m_keepInfo = m_fileLevel || e.kind == EntryKind::CollectionNode;
+    m_shown = e.path;
     std::string why;
     if (e.kind == EntryKind::Extent) {
         const DiskGeometry* g = model.Disk(e.diskKey);
@@ -216,12 +271,12 @@ void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
         m_target = Target::Extent;
         return;
     }
-    const bool ok = m_fileLevel ? SplitClientPath(e.path, m_parts, why) : SplitEntryPath(e.path, m_parts, why);
+    const bool ok = m_fileLevel ? SplitClientPath(e.path, m_parts, why) : SplitEntryPath(e.target, m_parts, why);
     if (!ok) return Problem(offset, why + "; not restored");
     if (e.kind == EntryKind::Disk) {
         Image* image = GetImage(e.path, model, offset);
         if (image && ::ftruncate(image->fd.get(), static_cast<off_t>(e.size)) != 0)
-            Problem(offset, Why("cannot size disk image"));
+            Stop(offset, Why(("cannot size disk image " + e.path).c_str()));
         m_target = Target::None;
     } else if (e.container) {
         Folder(m_parts, offset);
@@ -260,8 +315,7 @@ void Restorer::Write(const char* data, uint64_t length, uint64_t offset) {
     // blocks of zeros are left unwritten, so the image stays as sparse as its disk was.
     const bool sparse = m_target == Target::Extent && m_image->fresh && m_pos >= m_image->highWater;
     if (sparse ? !WriteSparse(fd, data, length, m_pos) : !WriteAt(fd, data, length, m_pos)) {
-        Problem(offset, Why("write failed"));
-        m_target = Target::Skip;
+        Stop(offset, Why(("cannot write " + m_shown).c_str()));
         return;
     }
     m_pos += length;
@@ -278,8 +332,7 @@ void Restorer::Hole(uint64_t length, uint64_t offset) {
     // A fresh image is zero wherever this run wrote nothing; an earlier image (or an
     // extent this run already wrote) must lose its old bytes.
     if ((!m_image->fresh || m_pos < m_image->highWater) && !ZeroRange(m_image->fd.get(), m_pos, length)) {
-        Problem(offset, Why("cannot clear a hole"));
-        m_target = Target::Skip;
+        Stop(offset, Why("cannot clear a hole"));
         return;
     }
     m_pos += length;
@@ -297,7 +350,8 @@ void Restorer::End(const Entry& e, uint64_t offset) {
             // before): keep the folder.
         } else if (EnsureFile(offset)) {
             if (!m_file.valid()) return;
-            if (::ftruncate(m_file.get(), static_cast<off_t>(m_pos)) != 0) Problem(offset, Why("cannot size file"));
+            if (::ftruncate(m_file.get(), static_cast<off_t>(m_pos)) != 0)
+                return Stop(offset, Why(("cannot size " + m_shown).c_str()));
             if (m_keepInfo) SetModeAndTimes(m_file.get(), m_info);
             if (m_pos == 0) m_root.MarkReplaceable(m_parts);
             ++m_counts.files;

@@ -1,7 +1,9 @@
 // Rebuilding a backup stream's content below a folder: configuration files, sparse
 // disk images (extents written at their place, holes left sparse or punched), file
 // collection nodes and file-level files and folders. Applying an incremental stream
-// onto an earlier restore updates the disk images in place.
+// onto an earlier restore updates the disk images in place. Beside each image whose disk
+// the stream completed lies "<disk>.changeid", the change id the image is at: an
+// incremental applies only onto the image of its base.
 #pragma once
 
 #include "entrymodel.h"
@@ -9,6 +11,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -28,14 +31,20 @@ struct RestoreCounts {
 class Restorer {
 public:
     // Problems go to `err`, one line each, with the offset of the record concerned.
-    Restorer(SafeRoot& root, std::ostream& err) : m_root(root), m_err(err) {}
+    Restorer(SafeRoot& root, std::ostream& err, bool force = false) : m_root(root), m_err(err), m_force(force) {}
 
     // One record in stream order, after `model` has taken it; `usable` is false when
-    // the model refused the entry's header.
+    // the model refused the record (an entry's header, or an extent's data past its
+    // disk's end): the entry is then not written any further.
     void Apply(const vshost::StreamRecord& record, const EntryModel& model, bool usable);
     // Closes what is open and sets the modes and times of file-level folders.
     void Finish();
     const RestoreCounts& counts() const { return m_counts; }
+    // A write into the restore folder failed (a full or failing target): the restore
+    // cannot go on, and the caller stops reading.
+    bool stopped() const { return m_stopped; }
+    // A disk whose incremental this run refused: its base is not what the image is at.
+    bool Refused(const std::string& disk) const { return m_refused.count(disk) > 0; }
 
 private:
     enum class Target { None, Skip, File, Extent };
@@ -57,12 +66,15 @@ private:
     void End(const Entry& e, uint64_t offset);
     void Folder(const PathParts& parts, uint64_t offset);
     void Problem(uint64_t offset, const std::string& what);
+    void Stop(uint64_t offset, const std::string& what);
+    void CheckBase(const vshost::DiskInfoRecord& info, const EntryModel& model, uint64_t offset);
 
     SafeRoot& m_root;
     std::ostream& m_err;
     std::map<std::string, Image> m_images;   // by disk entry path; closed once the disk completes
     Target m_target = Target::None;
     PathParts m_parts;
+    std::string m_shown;   // the entry's path, for messages
     Fd m_file;
     Image* m_image = nullptr;
     uint64_t m_pos = 0;
@@ -71,6 +83,9 @@ private:
     vsFileLevelInfo m_info;
     std::vector<FolderTimes> m_folderTimes;
     RestoreCounts m_counts;
+    bool m_stopped = false;
+    bool m_force = false;
+    std::set<std::string> m_refused;   // disk entry paths
 };
 
 }  // namespace vsstream

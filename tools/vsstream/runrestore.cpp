@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <unistd.h>
 
+#include <map>
 #include <set>
 
 namespace vsstream {
@@ -27,29 +28,30 @@ bool CheckRestoreFolder(const std::string& dir, bool fresh, std::string& why) {
 
 // The change id of each disk the stream completed, beside its image as
 // "<disk>.changeid": what a later incremental reads against.
-void RecordChangeId(SafeRoot& root, const vshost::DiskReadCompletedRecord& done, std::ostream& out,
-                    std::ostream& err) {
+void RecordChangeId(SafeRoot& root, const EntryModel& model, const vshost::DiskReadCompletedRecord& done,
+                    std::ostream& out, std::ostream& err) {
     if (done.changeId.empty()) return;
     std::string why;
     PathParts parts;
-    if (!SplitEntryPath("\\" + done.vmGuid + "\\" + done.diskName + ".changeid", parts, why)) {
+    const std::string key = "\\" + done.vmGuid + "\\" + done.diskName;
+    const DiskGeometry* g = model.Disk(key);
+    if (!SplitEntryPath((g && !g->target.empty() ? g->target : key) + ".changeid", parts, why)) {
         err << "change id of " << done.diskName << " not recorded: " << why << "\n";
         return;
     }
-    Fd fd = root.CreateFile(parts, 0644, why);
-    const std::string text = done.changeId + "\n";
-    if (!fd.valid() || ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    if (!root.Publish(parts, done.changeId + "\n", why)) {
         err << "change id of " << done.diskName << " not recorded: " << why << "\n";
         return;
     }
     out << "disk \\" << done.vmGuid << "\\" << done.diskName << " complete, change id [" << done.changeId << "]\n";
 }
 
-int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err) {
-    return RunRestoreAll({StreamInput{"", fd}}, dir, out, err);
+int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err, bool force) {
+    return RunRestoreAll({StreamInput{"", fd}}, dir, out, err, force);
 }
 
-int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err) {
+int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err,
+                  bool force) {
     SafeRoot root;
     std::string why;
     if (!root.Open(dir, why)) {
@@ -59,28 +61,36 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
     LinePrefix prefixed(err);
     std::ostream perr(&prefixed);
     // One restorer for all: a disk that two streams touch is one image of this run.
-    Restorer restorer(root, perr);
+    Restorer restorer(root, perr, force);
     int code = kExitOk;
     // Disks a stream began but never marked read, unless another stream of the set did.
-    std::set<std::string> incomplete, completed;
+    std::map<std::string, std::string> incomplete;   // disk, why
+    std::set<std::string> completed;
     for (const StreamInput& input : inputs) {
         prefixed.SetPrefix(inputs.size() > 1 ? input.name + ": " : "");
         vshost::StreamReader reader(input.fd);
         EntryModel model;
         vshost::StreamRecord record;
         const uint64_t problemsBefore = restorer.counts().problems;
-        while (reader.Next(record)) {
+        while (!restorer.stopped() && reader.Next(record)) {
             why.clear();
             const bool usable = model.Apply(record, why);
             if (!usable) perr << "offset " << record.offset << ": " << why << "; not restored\n";
             restorer.Apply(record, model, usable);
-            if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
-                RecordChangeId(root, *done, out, perr);
+            if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&record.body);
+                done && !restorer.stopped() && !restorer.Refused("\\" + done->vmGuid + "\\" + done->diskName))
+                RecordChangeId(root, model, *done, out, perr);
+        }
+        if (restorer.stopped()) {
+            // Its one line is out; the stream's own verdict is beside the point.
+            code = WorseCode(code, kExitCorrupt);
+            break;
         }
         code = WorseCode(code, Conclude(reader, restorer.counts().problems > problemsBefore, perr));
-        for (const std::string& disk : model.IncompleteDisks()) incomplete.insert(disk);
+        for (const std::string& disk : model.IncompleteDisks())
+            incomplete[disk] = EntryModel::IncompleteWhy(*model.Disk(disk));
         for (const auto& [key, g] : model.disks())
-            if (g.readCompleted) completed.insert(key);
+            if (g.readCompleted && !g.shortRead) completed.insert(key);
     }
     restorer.Finish();
     perr.flush();
@@ -92,9 +102,9 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
     if (c.abandoned) out << "; " << c.abandoned << " entries were incomplete in the stream";
     if (c.problems) out << "; " << c.problems << " problems";
     out << "\n";
-    for (const std::string& disk : incomplete)
+    for (const auto& [disk, reason] : incomplete)
         if (!completed.count(disk))
-            out << "disk " << disk << ": incomplete in the stream, its image holds only what was read\n";
+            out << "disk " << disk << ": incomplete in the stream, " << reason << "; only what was read is restored\n";
     return code;
 }
 

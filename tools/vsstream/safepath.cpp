@@ -147,6 +147,45 @@ Fd SafeRoot::OpenImage(const PathParts& parts, bool& fresh, std::string& why) {
     return fd;
 }
 
+bool SafeRoot::ReadText(const PathParts& parts, std::string& text) {
+    std::string ignored;
+    Fd dir = Folder(parts, parts.size() - 1, ignored);
+    if (!dir.valid()) return false;
+    Fd fd(::openat(dir.get(), parts.back().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    char buf[4096];
+    const ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n < 0) return false;
+    text.assign(buf, static_cast<size_t>(n));
+    return true;
+}
+
+bool SafeRoot::Publish(const PathParts& parts, const std::string& text, std::string& why) {
+    Fd dir = Folder(parts, parts.size() - 1, why);
+    if (!dir.valid()) return false;
+    const std::string shown = JoinParts(parts, parts.size());
+    const std::string aside = "." + parts.back() + ".part";
+    ::unlinkat(dir.get(), aside.c_str(), 0);
+    Fd fd(::openat(dir.get(), aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    bool ok = fd.valid() && ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+              ::fsync(fd.get()) == 0 && ::renameat(dir.get(), aside.c_str(), dir.get(), parts.back().c_str()) == 0;
+    if (ok && ::fsync(dir.get()) != 0 && errno != EINVAL) ok = false;
+    if (!ok) {
+        why = "cannot write " + shown + ": " + Errno(errno);
+        ::unlinkat(dir.get(), aside.c_str(), 0);
+        return false;
+    }
+    m_replaceable.erase(shown);
+    return true;
+}
+
+void SafeRoot::Remove(const PathParts& parts) {
+    std::string ignored;
+    Fd dir = Folder(parts, parts.size() - 1, ignored);
+    if (dir.valid()) ::unlinkat(dir.get(), parts.back().c_str(), 0);
+}
+
 bool SafeRoot::IsFolder(const PathParts& parts) {
     std::string ignored;
     Fd parent = Folder(parts, parts.size() - 1, ignored);

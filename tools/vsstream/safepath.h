@@ -42,6 +42,13 @@ public:
     // else created; `fresh` tells which.
     Fd OpenImage(const PathParts& parts, bool& fresh, std::string& why);
     bool IsFolder(const PathParts& parts);
+    // The content of a small regular file (a few KiB at most); false when there is none.
+    bool ReadText(const PathParts& parts, std::string& text);
+    // Removes a file, if there is one.
+    void Remove(const PathParts& parts);
+    // Puts `text` at `parts` durably: written aside, synced, renamed over the name, and
+    // the folder synced, so that a power loss leaves the old file or the new one.
+    bool Publish(const PathParts& parts, const std::string& text, std::string& why);
 
     // A file this run made for an empty entry may later be needed as a folder (an
     // empty node turns out to be the parent of others); it is then replaced.

@@ -28,7 +28,7 @@ int RunVerify(int fd, std::ostream& out, std::ostream& err) {
         << " data bytes, " << t.holeBytes << " hole bytes, " << reader.offset() << " bytes read\n";
     // A sound stream may still hold disks the reader gave up on: say which.
     for (const std::string& disk : model.IncompleteDisks())
-        out << "disk " << disk << ": incomplete, the reader did not finish it\n";
+        out << "disk " << disk << ": incomplete, " << EntryModel::IncompleteWhy(*model.Disk(disk)) << "\n";
     return code;
 }
 

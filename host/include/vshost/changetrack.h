@@ -45,6 +45,16 @@ VS_HOST_API void LeaveCompletedPass(const DiskDigests& digests);
 VS_HOST_API void ClearCompletedPass();
 VS_HOST_API std::optional<DiskDigests> TakeCompletedPass();
 
+// Hand-over of the base a disk is read against, from its opening to its description in
+// the stream: Load leaves the id and geometry of the digests it found, and taking them
+// empties the slot (so a disk opened without a change id finds it empty).
+struct LoadedBase {
+    std::string changeId;
+    uint64_t diskSize = 0;
+    uint64_t extentSize = 0;
+};
+VS_HOST_API std::optional<LoadedBase> TakeLoadedBase();
+
 // Stores the completed pass under `changeId`, if there is one; false when there was
 // none to store (nothing is then recorded for the id).
 VS_HOST_API bool CommitCompletedPass(const std::string& changeId);
@@ -78,6 +88,8 @@ public:
     bool Due() const;
     // Writes what waits; on a catalog error throws, and what waited is dropped.
     void Flush();
+    // Forgets what waits (its stream could not be made durable).
+    void Drop();
     size_t Waiting() const { return m_disks.size(); }
 
 private:

@@ -10,7 +10,8 @@ namespace vshost::stream {
 // First eight bytes of every stream.
 inline constexpr char kMagic[8] = {'V', 'S', 'B', 'K', 'S', 'T', 'R', 'M'};
 inline constexpr uint16_t kMajorVersion = 1;
-inline constexpr uint16_t kMinorVersion = 0;
+// 1.1: disk info records end with the change id a disk is read against.
+inline constexpr uint16_t kMinorVersion = 1;
 
 inline constexpr size_t kPrologueBytes = 12;   // magic, major, minor
 inline constexpr size_t kFrameBytes = 12;      // kind, flags, payload length, frame check

@@ -83,6 +83,10 @@ struct EndOfFileRecord {
 struct DiskInfoRecord {
     std::string vmGuid, name, extra;
     uint64_t itemType = 0, productType = 0, diskType = 0, size = 0, extentSize = 0, extentCount = 0;
+    // From version 1.1 on (hasBase): the change id the disk is read against, whose
+    // unchanged extents the stream leaves out; empty for a read of the whole disk.
+    bool hasBase = false;
+    std::string baseChangeId;
     bool operator==(const DiskInfoRecord&) const = default;
 };
 

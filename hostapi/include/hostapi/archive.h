@@ -95,7 +95,16 @@ public:
 
     // Writes out the batch gathered so far; false when the pipeline has failed.
     bool Flush();
-    // Flushes and closes the target; false when that or any earlier write failed.
+    // Writes out the batch and makes every byte accepted so far durable (fdatasync).
+    // A target that cannot be synced (a pipe, a socket, a character device such as
+    // standard output on a terminal) is left as it is and counts as success; a failed
+    // sync fails the pipeline.
+    bool Sync();
+    // Bytes made durable by the last Sync that synced; 0 for a target that cannot be.
+    unsigned long long SyncedBytes() const { return m_synced; }
+    bool Syncable() const { return m_syncable; }
+    // Flushes, syncs (see Sync) and closes the target; false when that or any earlier
+    // write failed.
     bool Close();
     // The owner declares the stream unfinished (a stopped job): no trailer will be
     // written, so decoders see the stream as incomplete.
@@ -130,6 +139,8 @@ private:
     std::vector<char> m_batch;
     std::size_t m_used = 0;
     unsigned long long m_accepted = 0;
+    unsigned long long m_synced = 0;
+    bool m_syncable = true;
     std::string m_error;
     std::unique_ptr<vshost::detail::StreamEncoder> m_encoder;
     mutable std::mutex m_progressMutex;
@@ -213,6 +224,12 @@ public:
 
     // Why the last failed call failed.
     const std::string& lastError() const { return m_lastError; }
+
+    // The host's file collection: the collection being read gave its last node. A
+    // file-collection disk (a container collection header two levels deep) is marked
+    // read only when this came after its header; a reader stopped before the end still
+    // calls sendDiskReadCompleted, which then writes nothing, records nothing and fails.
+    void noteCollectionEnd() { m_collectionAtEnd = true; }
     // Totals of the attached stream so far (zero when not attached).
     vsStreamTotals totals() const;
 
@@ -237,7 +254,11 @@ private:
     std::string m_token;
     // Disks completed and not yet recorded in the catalog; written at close.
     std::unique_ptr<vshost::changetrack::CompletedDisks> m_completed;
-    void RecordCompleted(bool all);
+    void RecordCompleted(bool all, CPipelayer* pipe);
+    // The file-collection disk whose header came last, and whether its collection
+    // reached its end since.
+    std::string m_collectionDisk;
+    bool m_collectionAtEnd = false;
 };
 
 // Names of disk extents: "Extent" followed by the extent number in 20 decimal digits

@@ -7,6 +7,7 @@
 #include "open_sample.h"
 #include "temp_home.h"
 
+#include "vshost/changetrack.h"
 #include "vshost/home.h"
 #include "vshost/streamreader.h"
 #include "vssample/sample.h"
@@ -334,8 +335,17 @@ TEST_F(FileCollections, StopBetweenNodesEndsTheItemAndLeavesTheLastClose) {
     r.reset();
     // Two nodes of the first disk; the next disk stops before its first node.
     size_t nodes = 0;
-    for (const Node& n : Decode(home.sub("stopped.bin")).nodes) nodes += n.header.container ? 0 : 1;
+    const Stream s = Decode(home.sub("stopped.bin"));
+    for (const Node& n : s.nodes) nodes += n.header.container ? 0 : 1;
     EXPECT_EQ(nodes, 2u);
+    // Neither collection was read to its end: neither disk is marked read or recorded,
+    // and the stream tool says so.
+    EXPECT_TRUE(s.disksDone.empty());
+    EXPECT_TRUE(vshost::changetrack::JobDisks(kJob).empty());
+    EXPECT_TRUE(log.Contains("is not marked read: its file collection was not read to its end"));
+    const std::string out = home.sub("verify.out");
+    EXPECT_EQ(std::system(("'" VS_STREAM_TOOL "' verify " + home.sub("stopped.bin") + " >" + out).c_str()), 0);
+    EXPECT_NE(ReadFile(out).find(": incomplete, the reader did not finish it"), std::string::npos) << ReadFile(out);
 }
 
 TEST_F(FileCollections, CollectionWalksWithoutFollowingLinksAndNoticesChanges) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sys/wait.h>
 
 using namespace vstest;
@@ -71,4 +72,22 @@ TEST(StreamTool, VerifyListAndRestoreFromStandardInput) {
     r = Tool(home, "restore - --to " + home.sub("out2") + " <" + home.sub("cut.stream"));
     EXPECT_EQ(r.code, 2);
     EXPECT_TRUE(ReadFile(home.sub("out2/vm1/disk0")) == disk);   // all that was whole is restored
+}
+
+// Every wrong command line ends with the one usage status; help is not an error.
+TEST(StreamTool, EveryUsageErrorEndsWithTheUsageStatus) {
+    TempHome home;
+    std::filesystem::create_directories(home.sub("full"));
+    WriteFile(home.sub("full/x"), "x");
+    for (const std::string& args :
+         {std::string(""), std::string("frobnicate"), std::string("verify"), std::string("verify --bogus s"),
+          "restore " + home.sub("s"), "restore " + home.sub("s") + " --to a --onto b",
+          "restore " + home.sub("s") + " --to " + home.sub("full")}) {
+        const ToolRun r = Tool(home, args);
+        EXPECT_EQ(r.code, 64) << args << "\n" << r.err;
+        EXPECT_FALSE(r.err.empty()) << args;
+    }
+    const ToolRun help = Tool(home, "--help");
+    EXPECT_EQ(help.code, 0);
+    EXPECT_NE(help.out.find("64 bad command line"), std::string::npos) << help.out;
 }

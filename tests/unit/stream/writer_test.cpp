@@ -106,7 +106,7 @@ TEST(StreamWriter, RoundTripOfAVmWithEveryRecordKind) {
     EXPECT_EQ(diskHeader.extentSize, extentSize);
     EXPECT_EQ(diskHeader.size, disk.size());
     const auto& info = std::get<vshost::DiskInfoRecord>(r.records[12].record.body);
-    EXPECT_EQ(info, (vshost::DiskInfoRecord{"vm1", "disk0.vmdk", "extra", 3, 1, 2, disk.size(), extentSize, 4}));
+    EXPECT_EQ(info, (vshost::DiskInfoRecord{"vm1", "disk0.vmdk", "extra", 3, 1, 2, disk.size(), extentSize, 4, true, ""}));
     EXPECT_EQ(r.records[13].bytes, disk.substr(0, 65536));
     const auto& done = std::get<vshost::DiskReadCompletedRecord>(r.records[30].record.body);
     EXPECT_EQ(done.changeId, "change-1");
@@ -281,4 +281,36 @@ TEST(StreamWriter, ADiskIsRecordedAsReadOnlyOnceItsMarkerIsWritten) {
     EXPECT_NE(writer.sendDiskReadCompleted("vm1", "disk0.vmdk", "change-2"), 0);
     EXPECT_NE(writer.close(true), 0);
     EXPECT_TRUE(vshost::changetrack::JobDisks(78).empty());
+}
+
+// Every record, the stream header and identity records included, passes the payload
+// limit: one over it is refused with the reason and no byte of it is written.
+TEST(StreamWriter, NoRecordOverThePayloadLimitIsEverWritten) {
+    TempHome home;
+    const std::string huge(5u << 20, 'm');
+    {   // a host name too long for the stream header: nothing at all goes out
+        CQiError err;
+        auto pipe = CPipelayer::OpenFile(home.sub("header.stream"), err);
+        vsSim sim;
+        vsArchive big(nullptr, nullptr, &sim, huge);
+        ASSERT_EQ(big.init(pipe.get(), nullptr, "client1"), vsArchive::kOk);
+        EXPECT_EQ(Header(big, "\\vm1", 0, true), vsArchive::kErrArgument);
+        EXPECT_NE(big.lastError().find("stream-header record of"), std::string::npos) << big.lastError();
+        big.close(false);
+        pipe.reset();
+        EXPECT_EQ(ReadFile(home.sub("header.stream")).size(), 0u);
+    }
+    {   // a job token too long for an identity record: refused, the stream stays sound
+        StreamFile s(home.sub("identity.stream"));
+        SendVM(s.writer, "vm1");
+        s.writer.SetJobToken(huge.c_str());
+        EXPECT_EQ(Header(s.writer, "\\vm2", 0, true), vsArchive::kErrArgument);
+        EXPECT_NE(s.writer.lastError().find("identity record of"), std::string::npos) << s.writer.lastError();
+        s.writer.SetJobToken("short");
+        SendVM(s.writer, "vm2");
+        ASSERT_EQ(s.writer.close(true), 0);
+        const DecodeResult r = DecodeBytes(s.Bytes());
+        EXPECT_EQ(r.state, vshost::StreamReader::State::Complete) << r.error;
+        EXPECT_EQ(r.counted.entries, 2u);
+    }
 }
