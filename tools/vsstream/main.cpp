@@ -105,8 +105,8 @@ bool Open(const std::vector<std::string>& names, Inputs& in) {
 int main(int argc, char** argv) {
     CLI::App app{"Lists, verifies and restores backup streams (\"-\" reads standard input). A stream set that a "
                  "parallel vsdm run leaves stands for all of its streams; several streams are taken in turn.\n"
-                 "Exit codes: 0 sound and complete, 1 corrupt or a restore problem, 2 incomplete "
-                 "(no trailer, or a stream of a set missing), 3 a stream or the restore folder cannot be read, "
+                 "Exit codes: 0 sound and complete, 1 corrupt or a restore problem, 2 incomplete (no trailer, a stream of a set "
+                 "missing, or for verify a disk not held whole), 3 a stream or the restore folder cannot be read, "
                  "64 bad command line."};
     app.require_subcommand(1);
     std::vector<std::string> names;
