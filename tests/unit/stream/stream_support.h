@@ -14,6 +14,7 @@
 #include <sstream>
 #include <string>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -157,5 +158,20 @@ inline std::string Pattern(size_t size, unsigned seed) {
     }
     return s;
 }
+
+#ifdef VS_STREAM_TOOL
+struct ToolRun {
+    int code;
+    std::string out, err;
+};
+
+// The vsstream program through bash, so that a test may set limits first (`before`).
+inline ToolRun Tool(const TempHome& home, const std::string& args, const std::string& before = "") {
+    const std::string out = home.sub("tool.out"), err = home.sub("tool.err");
+    const std::string line = before + "'" + VS_STREAM_TOOL + "' " + args + " >'" + out + "' 2>'" + err + "'";
+    const int status = std::system(("bash -c \"" + line + "\"").c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out), ReadFile(err)};
+}
+#endif
 
 }  // namespace vstest

@@ -8,21 +8,6 @@
 
 using namespace vstest;
 
-namespace {
-
-struct ToolRun {
-    int code;
-    std::string out, err;
-};
-
-ToolRun Tool(const TempHome& home, const std::string& args) {
-    const std::string out = home.sub("tool.out"), err = home.sub("tool.err");
-    const int status = std::system((std::string("'") + VS_STREAM_TOOL + "' " + args + " >'" + out + "' 2>'" + err + "'").c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out), ReadFile(err)};
-}
-
-}  // namespace
-
 TEST(StreamTool, VerifyListAndRestoreFromStandardInput) {
     TempHome home;
     const std::string stream = home.sub("vm.stream");

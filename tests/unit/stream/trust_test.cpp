@@ -18,19 +18,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct ToolRun {
-    int code;
-    std::string out, err;
-};
-
-// The tool through bash, so that a test may set limits first.
-ToolRun Tool(const TempHome& home, const std::string& args, const std::string& before = "") {
-    const std::string out = home.sub("tool.out"), err = home.sub("tool.err");
-    const std::string line = before + "'" + VS_STREAM_TOOL + "' " + args + " >'" + out + "' 2>'" + err + "'";
-    const int status = std::system(("bash -c \"" + line + "\"").c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out), ReadFile(err)};
-}
-
 size_t Lines(const std::string& text) {
     return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
