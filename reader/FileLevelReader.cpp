@@ -93,8 +93,10 @@ int DataReaderVMware::OpenArchiveFile(const DMInitParams& initParams, const DMOp
 
     m_fileOpenParams = openParams;
     m_pPipe->SetArchiveFileId(openParams.archiveFileId);
-    m_pPipe->SetJobId(m_initParams.jobId);
-    m_pPipe->SetJobToken(m_initParams.jobToken);
+    // The base keeps its own copy only once it is opened, below: the job's identity
+    // comes from this open's parameters.
+    m_pPipe->SetJobId(m_fileInitParams.jobId);
+    m_pPipe->SetJobToken(m_fileInitParams.jobToken);
 
     void* out1 = nullptr;
     void* out2 = nullptr;

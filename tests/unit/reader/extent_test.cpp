@@ -167,6 +167,7 @@ TEST_F(Extents, WholeVMRoundTripsWithHolesAndChangeIds) {
     ASSERT_EQ(Run({{guid, Options({})}}, "full.bin"), std::vector<int>{0});
     const Stream s = Decode(home.sub("full.bin"));
     EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
+    vstest::ExpectSampleIdentity(home.sub("full.bin"), sample, kJob, true);
 
     for (const std::string& name : web.configFiles) {
         const Entry* e = s.Find("\\" + guid + "\\" + name);

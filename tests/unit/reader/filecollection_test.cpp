@@ -179,6 +179,7 @@ TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
     ASSERT_EQ(Run({{guid, ""}}, "full.bin"), std::vector<int>{0});
     const Stream s = Decode(home.sub("full.bin"));
     EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
+    vstest::ExpectSampleIdentity(home.sub("full.bin"), sample, kJob, true);
 
     // The VM entry, then each collection disk as a container of its size followed by its
     // nodes; the raw image of the same VM is no collection and is not read here.

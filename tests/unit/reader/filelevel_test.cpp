@@ -158,6 +158,8 @@ TEST_F(FileLevel, WholeVolumesRoundTripThroughVsstream) {
     }
     const Decoded d = Decode(stream);
     EXPECT_EQ(d.state, vshost::StreamReader::State::Complete);
+    // The file-level reader names only the archive file, not its group.
+    vstest::ExpectSampleIdentity(stream, sample, kJob, false);
 
     const fs::path to = home.sub("restore");
     const std::string cmd = std::string("'") + VS_STREAM_TOOL + "' restore '" + stream + "' --to '" + to.string() + "'";
