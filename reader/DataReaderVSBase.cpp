@@ -78,6 +78,10 @@ int DataReaderVSBase::CreateArchiveWriter(CPipelayer* pipe, vsSim* sim, const st
     }
     if (out->init(pipe, m_hLog, clientName) != 0) {
         KTlog(m_hLog, 1, "Failed to attach to KTArchive to pipeline.");
+        // A writer that is not attached cannot carry a record: without one the open
+        // fails instead of mounting a snapshot nothing could be sent from.
+        delete out;
+        out = nullptr;
         return ~0;
     }
     return 0;

@@ -199,6 +199,15 @@ TEST_F(ReaderLifecycle, InitializeNeedsEventResultsAndBaseDirectories) {
         EXPECT_TRUE(log.Contains("Failed to Lookup Tessel Base Directory Error using KTPI_Base."));
         vshost::settings::Erase("Host", "sBaseDir");
     }
+    {
+        // A writer that could not attach is not kept: the open fails before the mount.
+        DataReaderVSExtent noPipe(nullptr, &event, 4711);
+        EXPECT_EQ(noPipe.Initialize(), ~0);
+        EXPECT_TRUE(log.Contains("Failed to attach to KTArchive to pipeline."));
+        log.Clear();
+        EXPECT_EQ(noPipe.OpenArchiveFile(DMInitParams{}, DMOpenArchiveParams{}), ~0);
+        EXPECT_FALSE(log.Contains("App ID String"));
+    }
     vshost::settings::Set("Host", "sHubServerHostName", "hub.example");
     Probe r(&event);
     log.Clear();
