@@ -90,6 +90,7 @@ protected:
     // directory:
     // nothing a VM name can spell is ever made or removed anywhere else.
     bool InsideJobResults(const std::string& path) const;
+    void MakeJobResultsFolder(const std::string& folder);
 
     // Restore options and credentials; 1 on success, 0 on failure.
     int getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2);

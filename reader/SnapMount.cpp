@@ -5,6 +5,7 @@
 #include "hostapi/fileutil.h"
 #include "hostapi/platform.h"
 
+#include <filesystem>
 #include <string>
 
 int DataReaderVSBase::MountSnap() {
@@ -26,16 +27,10 @@ int DataReaderVSBase::MountSnap() {
     KTlog(m_hLog, 1, "%s: Media Agent %s client id = %d.", kFn, m_initParams.mediaAgentName.c_str(),
           static_cast<int>(clientId));
     // Each job keeps its results in a folder of its own, removed again by the destructor.
-    if (static_cast<int>(m_vsInstanceType) == 102 && m_initParams.jobId != 0) {
+    // Every attempt that gets this far extends the path again; the folder itself is made
+    // only once a mount has succeeded.
+    if (static_cast<int>(m_vsInstanceType) == 102 && m_initParams.jobId != 0)
         m_sJobResultsDir += FXString::Format("%lld", m_initParams.jobId) + "/";
-        // Made here so that what the job writes there (collect files, mount points) has a home.
-        const CQiError made = FXFolder::Create(m_sJobResultsDir, 0700);
-        if (made.IsError())
-            KTlog(m_hLog, 1, "%s: Failed to create job results folder [%s]: %s", kFn, m_sJobResultsDir.c_str(),
-                  made.AsString().c_str());
-        else
-            m_sJobResultsFolder = m_sJobResultsDir;   // removed by the destructor even when the mount fails
-    }
 
     if (m_afileIds.empty()) return 0;
 
@@ -91,6 +86,7 @@ int DataReaderVSBase::MountSnap() {
 
     for (AFileID& afile : m_afileIds) afile.bMounted = true;
     m_snapJobId = ctx.nSnapJobId;
+    MakeJobResultsFolder(ctx.sJobResultsDir);
     m_sJobResultsFolder = ctx.sJobResultsDir;
     m_mountCtxs.push_back(ctx);
     KTlog(m_hLog, 1, "%s: Mounted Snapshot from Job Id [%lld].", kFn, static_cast<long long>(m_snapJobId));
@@ -123,4 +119,26 @@ int DataReaderVSBase::UnMountSnap() {
     }
     // The contexts stay: a later call tries the same unmounts again.
     return 0;
+}
+
+// What the job writes after the mount (collect files, mount points) needs the results
+// folder. Levels made here that the destructor's removal of the last recorded results
+// folder would not reach (an earlier one, or a parent left by a repeated attempt) go
+// with the temporary folders.
+void DataReaderVSBase::MakeJobResultsFolder(const std::string& folder) {
+    if (!m_sJobResultsFolder.empty() && m_sJobResultsFolder != folder) m_tempFolders.push_back(m_sJobResultsFolder);
+    std::string trimmed = folder;
+    FXPath::RemoveTrailingDelimiter(trimmed);
+    std::string top;
+    for (std::filesystem::path p = trimmed; !p.empty() && p != p.root_path() && !CQiPath::Exists(p.string());
+         p = p.parent_path())
+        top = p.string();
+    if (top.empty()) return;
+    const CQiError made = FXFolder::Create(trimmed, 0700);
+    if (made.IsError()) {
+        KTlog(m_hLog, 1, "%s: Failed to create job results folder [%s]: %s", "DataReaderVSBase::MountSnap",
+              folder.c_str(), made.AsString().c_str());
+        return;
+    }
+    if (top != trimmed) m_tempFolders.push_back(top);
 }

@@ -158,6 +158,23 @@ TEST_F(Mounts, FailedMountsRaiseTheirCauseAndMarkNothing) {
     EXPECT_TRUE(log.Contains("DataReaderVSBase::MountVM: MountVM failed. Hard failure."));
     EXPECT_EQ(Causes(), (std::vector<int>{0x5B00002D, 0x5B00001E}));
     EXPECT_FALSE(r2.GetVMMountContext("web01", vm));
+
+    // A failed mount makes and records no results folder; a retry extends the path
+    // again, and nothing of either attempt outlives the reader.
+    const std::string own = home.sub("JobResults/4712");
+    {
+        Probe retry(&event, 4712);
+        Ready(retry);
+        vshost::settings::Set("VMInfoFaults", "MountSnap", "30");
+        EXPECT_EQ(vstest::OpenSampleArchiveFile(retry, sample, 4712), -1);
+        EXPECT_TRUE(retry.m_sJobResultsFolder.empty());
+        EXPECT_FALSE(fs::exists(own));
+        vshost::settings::Erase("VMInfoFaults", "MountSnap");
+        ASSERT_EQ(vstest::OpenSampleArchiveFile(retry, sample, 4712), 0);
+        EXPECT_EQ(retry.m_sJobResultsFolder, own + "/4712/");
+        EXPECT_TRUE(fs::is_directory(retry.m_sJobResultsFolder));
+    }
+    EXPECT_FALSE(fs::exists(own));
 }
 
 TEST_F(Mounts, VMsAreMountedOnceWithTheirDisksFromEveryDatastore) {
