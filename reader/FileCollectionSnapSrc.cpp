@@ -110,7 +110,9 @@ int DataReaderVSFileCollection::OnSnapSrcPath(FSRSnapSrcPath* item) {
                 KTlog(m_hLog, 1, "No valid Disk Handle for Disk:[%s]", diskToken.c_str());
                 return ~0;
             }
-            std::string name = incremental && !firstName.empty() ? firstName : rec.name;
+            // An incremental item writes every disk under the name its options give,
+            // as the extent reader does: the VM-info name is the source's, not the target's.
+            std::string name = incremental ? firstName : rec.name;
             unsigned rc = SendDiskMetadata(vm, name, rec.path, rec.productType, rec.diskType, rec.size,
                                            collection.get());
             if (rc != 0) return static_cast<int>(rc);

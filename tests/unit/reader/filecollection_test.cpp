@@ -271,6 +271,11 @@ TEST_F(FileCollections, ItemForms) {
     const Stream incr = Decode(home.sub("incr.bin"));
     EXPECT_EQ(incr.Tree("\\" + guid + "\\target.vmdk"), SourceTree(folder));
     EXPECT_TRUE(incr.Tree("\\" + guid + "\\fs01.vmdk").empty());
+    // The options' first name is taken even when empty: never the source's own name.
+    EXPECT_EQ(Run({{guid + "\\fs01.vmdk", Options({{"", "fs01.vmdk", "", 0, 0}})}}, "unnamed.bin"), std::vector<int>{0});
+    const Stream unnamed = Decode(home.sub("unnamed.bin"));
+    ASSERT_EQ(unnamed.disksDone.size(), 1u);
+    EXPECT_EQ(unnamed.disksDone[0].diskName, "");
 }
 
 TEST_F(FileCollections, FailuresEndTheDisk) {
