@@ -6,6 +6,7 @@
 #include "vshost/catalog.h"
 
 #include <dlfcn.h>
+#include <filesystem>
 #include <mutex>
 #include <strings.h>
 
@@ -178,6 +179,28 @@ bool VMLivebrowse::FindVolume(const std::string& vmGuid, const std::string& volu
         if (!vm) continue;
         for (const auto& v : vm->volumes) {
             if (SameText(v.sVolumeGuid, volume) || (!v.sVolumeName.empty() && SameText(v.sVolumeName, volume))) {
+                localPath = v.sLocalMountPath;
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+bool VMLivebrowse::FindVolumeOf(const std::string& path, std::string& localPath) {
+    if (path.empty() || path.front() != '/') return false;
+    const auto trimmed = [](std::string p) {
+        while (p.size() > 1 && p.back() == '/') p.pop_back();
+        return std::filesystem::path(p).lexically_normal();
+    };
+    const std::filesystem::path normal = trimmed(path);
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (const auto& [id, object] : g_objects) {
+        for (const auto& [name, vm] : object->m_session->vms) {
+            for (const auto& v : vm.volumes) {
+                if (v.sLocalMountPath.empty() || v.sLocalMountPath.front() != '/') continue;
+                const std::filesystem::path rel = normal.lexically_relative(trimmed(v.sLocalMountPath));
+                if (rel.empty() || *rel.begin() == "..") continue;
                 localPath = v.sLocalMountPath;
                 return true;
             }

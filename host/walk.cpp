@@ -2,9 +2,13 @@
 // file-level reader builds its collect file with.
 #include "hostapi/fileutil.h"
 
+#include "hostapi/filebackup.h"
+#include "vshost/beneath.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <dirent.h>
+#include <filesystem>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
@@ -33,12 +37,41 @@ std::string FXString::ToUpper(const std::string& text) {
     return out;
 }
 
+namespace {
+
+std::filesystem::path Normal(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return std::filesystem::path(path).lexically_normal();
+}
+
+// The walker and the link check serve the file-level reader, whose paths name files of
+// mounted guest volumes: the folder of the volume holding `path` and the rest of the
+// path below it. False for anything else (a relative path included), which is then
+// never looked at.
+bool SplitAtVolume(const std::string& path, std::string& root, std::string& relative) {
+    if (!VMLivebrowse::FindVolumeOf(path, root)) return false;
+    const std::filesystem::path rel = Normal(path).lexically_relative(Normal(root));
+    relative = rel == "." ? std::string() : rel.string();
+    return true;
+}
+
+}  // namespace
+
 CQiError CQiPath::IsLink(const std::string& path, bool& isLink) {
     isLink = false;
     if (path.empty()) return {};
+    std::string root, relative;
+    if (!SplitAtVolume(path, root, relative)) return {};
+    const size_t slash = relative.rfind('/');
+    const std::string parent = slash == std::string::npos ? std::string() : relative.substr(0, slash);
+    const std::string name = slash == std::string::npos ? relative : relative.substr(slash + 1);
+    vshost::Fd top(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!top.valid()) return CQiError::FromErrno("open " + root);
+    if (name.empty()) return {};   // the volume's own folder
+    vshost::Fd dir(vshost::OpenBeneath(top.get(), parent, O_PATH | O_DIRECTORY));
     struct stat sb {};
-    if (lstat(path.c_str(), &sb) != 0) {
-        if (errno == ENOENT) return {};
+    if (!dir.valid() || fstatat(dir.get(), name.c_str(), &sb, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return {};
         return CQiError::FromErrno("lstat " + path);
     }
     isLink = S_ISLNK(sb.st_mode);
@@ -112,7 +145,12 @@ CQiError CQiDirectory::Walk(const std::string& path, void* ctx, int subDirLevel,
     if (path.find_first_not_of('/') == std::string::npos)
         return CQiError(EPERM, "refusing to walk the root folder " + path);
     if (!callback) return CQiError(EINVAL, "walk of " + path + " without a callback");
-    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    std::string root, relative;
+    if (!SplitAtVolume(path, root, relative))
+        return CQiError(EPERM, "refusing to walk [" + path + "]: it is not in a mounted guest volume");
+    vshost::Fd volume(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!volume.valid()) return CQiError::FromErrno("open " + root);
+    const int fd = vshost::OpenBeneath(volume.get(), relative, O_RDONLY | O_DIRECTORY);
     if (fd < 0) return CQiError::FromErrno("open " + path);
     std::string top = path;
     while (top.size() > 1 && top.back() == '/') top.pop_back();

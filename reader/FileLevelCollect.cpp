@@ -86,21 +86,26 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
     // The map's keys are "<VM>\<volume>\" in upper case while the client mount path ends
     // in "/" and keeps the client's case: this lookup misses and the name mapper then
     // resolves the volume through the live-browse mounts.
+    // On a miss the steps below carry on with an empty mount path, so the path they look
+    // at is relative: the host's link check and walker touch nothing outside a mounted
+    // guest volume, so such a path is neither looked at nor walked.
+    std::string completeLocalPath;
     auto mapped = VMGuidVolGuidToVolumePathMap.find(m_sOrigClientMountPath);
     if (mapped == VMGuidVolGuidToVolumePathMap.end()) {
         KTlog(m_hLog, KTLOG_ALWAYS, "%s: Failure to map to VMGuidVolGuidToVolumePathMap: [%s].", kFn,
               m_sOrigClientMountPath.c_str());
         Close();
         m_sSnapMountPath = VMGuidVolGuidToVolumePathMap[m_sOrigClientMountPath];
+        completeLocalPath = m_sSnapMountPath + m_sPathToRestore;
     } else {
         m_sSnapMountPath = mapped->second;
+        completeLocalPath = m_sSnapMountPath;
+        if (completeLocalPath.empty() || completeLocalPath.back() != '/') completeLocalPath += "/";
+        completeLocalPath += m_sPathToRestore;
+        KTlog(m_hLog, 3, "sCompleteLocalPath = [%s], m_sPathToRestore = [%s].", completeLocalPath.c_str(),
+              m_sPathToRestore.c_str());
+        KTlog(m_hLog, 3, "m_sSnapMountPath = [%s]", m_sSnapMountPath.c_str());
     }
-    std::string completeLocalPath = m_sSnapMountPath;
-    if (completeLocalPath.empty() || completeLocalPath.back() != '/') completeLocalPath += "/";
-    completeLocalPath += m_sPathToRestore;
-    KTlog(m_hLog, 3, "sCompleteLocalPath = [%s], m_sPathToRestore = [%s].", completeLocalPath.c_str(),
-          m_sPathToRestore.c_str());
-    KTlog(m_hLog, 3, "m_sSnapMountPath = [%s]", m_sSnapMountPath.c_str());
 
     std::string linkCheck = completeLocalPath;
     if (!linkCheck.empty() && linkCheck.back() == '/') linkCheck.pop_back();

@@ -59,6 +59,9 @@ public:
     // Local folder of volume `volume` (its GUID or its name, case ignored) of mounted VM
     // `vmGuid` (BIOS or vCenter UUID, or display name, case ignored).
     static bool FindVolume(const std::string& vmGuid, const std::string& volume, std::string& localPath);
+    // Local folder of the mounted guest volume that holds `path`, judged by the text of
+    // the absolute path alone (nothing is looked at; a ".." that climbs out is refused).
+    static bool FindVolumeOf(const std::string& path, std::string& localPath);
 
     virtual ~VMLivebrowse();                                                            // 1
     virtual unsigned ArchiveFileId() const { return m_afileId; }                        // 2

@@ -82,7 +82,8 @@ public:
     // Last component; trailing delimiters are ignored ("/a/b/" gives "b").
     static std::string GetBaseName(const std::string& path);
     // Whether `path` itself is a symbolic link. Nothing there (an empty path included)
-    // is not a link and no error; any other failure to look is an error.
+    // is not a link and no error; any other failure to look is an error. A path outside
+    // every mounted guest volume is not looked at and counts as no link.
     static CQiError IsLink(const std::string& path, bool& isLink);
     // `folder` and `name` joined by exactly one "/".
     static std::string Append(const std::string& folder, const std::string& name);
@@ -97,8 +98,9 @@ public:
     // names in byte order within a folder: the top level only when `subDirLevel` is 0,
     // every level when it is -1 (n > 0: n levels below the top). Links are reported,
     // never followed. With `stopOnError` an unreadable subfolder ends the walk with its
-    // error; otherwise it is passed over. The root folder of the host is refused: no
-    // job lists the backup host's own file system.
+    // error; otherwise it is passed over. Only a folder of a mounted guest volume is
+    // walked, opened from the volume's folder without leaving it: no job lists the
+    // backup host's own file system.
     static CQiError Walk(const std::string& path, void* ctx, int subDirLevel, bool stopOnError,
                          WalkCallback callback);
     // Whether `name` matches `pattern`, where "*" matches any run of characters

@@ -415,8 +415,11 @@ TEST_F(FileLevel, NothingOutsideTheVolumeIsEverSent) {
             volPath + "/abs-link",
         };
         for (const std::string& path : escapes) EXPECT_EQ(Item(r, volPath, path), 0u) << path;
-        // No mapping at all: a client path of one part, listed with a filter.
-        EXPECT_EQ(Item(r, volPath, outside.string() + "/", 1), 0u);
+        // No mapping at all: a client path of one part, listed with a filter. The folder
+        // to walk is then relative and lies in no guest volume: refused, not listed.
+        EXPECT_EQ(Item(r, volPath, outside.string() + "/", 1), ~0u);
+        EXPECT_TRUE(log.Contains("refusing to walk [" + outside.string().substr(1) + "/]"));
+        EXPECT_FALSE(log.Contains("tmp File Name:"));
         EXPECT_EQ(Item(r, volPath, outside.string() + "/secret.txt"), 0u);
         r.Close();
     }
@@ -449,17 +452,40 @@ TEST(FileLevelHost, WildcardsWalksAndSplits) {
     bool link = true;
     EXPECT_FALSE(CQiPath::IsLink("/no/such/path", link).IsError());
     EXPECT_FALSE(link);
-    EXPECT_TRUE(CQiDirectory::Walk("/", nullptr, 0, false, [](const char*, const char*, bool, void*) { return CQiError(); })
-                    .IsError());
+    // Nothing outside a mounted guest volume is looked at or walked: not the root, not
+    // a folder of the backup host, not a path relative to the current folder.
+    const vstest::TempHome home;
+    const std::string host = home.sub("host-folder");
+    WriteFile(fs::path(host) / "a.txt", "a");
+    fs::create_symlink("a.txt", fs::path(host) / "link");
+    EXPECT_FALSE(CQiPath::IsLink(host + "/link", link).IsError());
+    EXPECT_FALSE(link);
+    int calls = 0;
+    const auto count = [](const char*, const char*, bool, void* n) {
+        ++*static_cast<int*>(n);
+        return CQiError();
+    };
+    for (const std::string& path : {std::string("/"), host, host + "/../host-folder", std::string(".")})
+        EXPECT_TRUE(CQiDirectory::Walk(path, &calls, -1, false, count).IsError()) << path;
+    EXPECT_EQ(calls, 0);
 }
 
-// With a volume map entry that matches, a filtered walk lists folders and matching
-// files, each as a client-form line under the client mount path.
+// The collect file's line form for a walk: under a volume map entry that matches (the
+// data mover's own items never match one, see below), folders and matching files each
+// as a client-form line under the client mount path.
 TEST_F(FileLevel, FilteredWalkWritesClientFormLines) {
     WriteFile(folderC / "docs/a.doc", "a");
     WriteFile(folderC / "docs/b.txt", "b");
     WriteFile(folderC / "docs/sub/c.DOC", "c");
     FileLevelProbe r(&event);
+    Open(r);
+    // End to end the map lookup misses and leaves no folder to walk (the whole client
+    // path is the client mount path): a filtered item fails.
+    EXPECT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC + "/docs/*.doc", 1), ~0u);
+    EXPECT_TRUE(log.Contains("Failure to map to VMGuidVolGuidToVolumePathMap"));
+    EXPECT_TRUE(log.Contains("CQiDirectory::Walk returned error [walk of an empty path"));
+
+    ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);   // the volume mounted for the walker
     r.m_snapSrc.m_bFilter = true;
     r.m_snapSrc.m_bRecurse = true;
     r.m_snapSrc.m_sFilePattern = "*.doc";
