@@ -4,8 +4,11 @@
 #include "vshost/catalog.h"
 #include "vshost/home.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <new>
 #include <exception>
 #include <unistd.h>
@@ -29,6 +32,51 @@ bool VMInfo::Faulted(const char* operation) {
     KTlog(&m_log, 1, "VMInfo::%s: failing with injected error [%ld]", operation, code);
     m_lastError = static_cast<int>(code);
     return true;
+}
+
+void VMInfo::Record(const char* operation, const MountCtx& ctx) {
+    std::string file;
+    if (!vshost::settings::Get("VMInfoRecord", "sFile", file) || file.empty()) return;
+    nlohmann::json filters = nlohmann::json::array();
+    for (const SDiskFilter& f : ctx.diskFilters) filters.push_back({f.nFilterType, f.sDiskName});
+    // The password is the stored (encrypted) form the readers put in a mount context.
+    const nlohmann::json line = {
+        {"op", operation},
+        {"nMountMode", ctx.nMountMode},
+        {"sVMName", ctx.sVMName},
+        {"sMountPoint", ctx.sMountPoint},
+        {"sJobResultsDir", ctx.sJobResultsDir},
+        {"nJobId", ctx.nJobId},
+        {"nSnapJobId", ctx.nSnapJobId},
+        {"nClientId", ctx.nClientId},
+        {"nClientId2", ctx.nClientId2},
+        {"nAppId2", ctx.nAppId2},
+        {"nHubcellId", ctx.nHubcellId},
+        {"nSnapEngineId", ctx.nSnapEngineId},
+        {"bMountRequest", ctx.bMountRequest},
+        {"bOption1", ctx.bOption1},
+        {"bMountFlag", ctx.bMountFlag},
+        {"bVMMountFlag", ctx.bVMMountFlag},
+        {"sSnapMountPath", ctx.sSnapMountPath},
+        {"sRemoteCacheDir", ctx.sRemoteCacheDir},
+        {"bPathMount", ctx.bPathMount},
+        {"sHost", ctx.hostCredentials.sHost},
+        {"sServer", ctx.hostCredentials.sServer},
+        {"sUser", ctx.hostCredentials.sUser},
+        {"sPassword", ctx.hostCredentials.sPassword},
+        {"nCopyId", ctx.nCopyId},
+        {"nCopyPrecedence", ctx.nCopyPrecedence},
+        {"bOptionType102", ctx.bOptionType102},
+        {"bOptionType100", ctx.bOptionType100},
+        {"bUseCBT", ctx.bUseCBT},
+        {"bBlockLevelBrowseApplies", ctx.bBlockLevelBrowseApplies},
+        {"bBlockLevelBrowse", ctx.bBlockLevelBrowse},
+        {"bIndexingV2", ctx.bIndexingV2},
+        {"llBackupJobId", ctx.vmInfo.llBackupJobId},
+        {"afileIds", ctx.afileIds},
+        {"diskFilters", filters},
+    };
+    std::ofstream(file, std::ios::app) << line.dump() << "\n";
 }
 
 int VMInfo::Fail(int code) {
@@ -137,6 +185,7 @@ std::vector<SVolSnap> VolSnapsOf(const Snapshot& snap) {
 }  // namespace
 
 int VMInfo::MountSnap(MountCtx& ctx) {
+    Record("MountSnap", ctx);
     if (Faulted("MountSnap")) return 0;
     Snapshot snap;
     Failure failure;
@@ -166,6 +215,7 @@ int VMInfo::UnMountSnap(MountCtx& ctx) {
 }
 
 int VMInfo::MountVM(MountCtx& ctx) {
+    Record("MountVM", ctx);
     if (Faulted("MountVM")) return 0;
     const Snapshot* snap = SnapshotOf(ctx);
     if (!snap)

@@ -36,6 +36,9 @@ private:
     // True (and the last error set) when the settings inject a failure into `operation`:
     // section "VMInfoFaults", key = operation name, value = error code.
     bool Faulted(const char* operation);
+    // Appends the context a mount was handed, as one JSON line, to the file named by the
+    // setting "VMInfoRecord"/"sFile" (tests assert on what the readers send).
+    void Record(const char* operation, const MountCtx& ctx);
     int Fail(int code);
     bool CredentialsMatch(const std::string& server, const std::string& user, const std::string& password);
     // Records `failure` as the last error, logs its reason, and returns 0.

@@ -10,9 +10,11 @@
 #include "vssample/sample.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -97,6 +99,63 @@ TEST_F(Mounts, OneMountServesTheListAndTheLastCloseUnmounts) {
     EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountAllMountedVMs: Unmounting VM [" + sample.vm("web01").biosUuid + "]"));
     EXPECT_EQ(log.Count("UnMounting snapshot for archive file Id [" + std::to_string(sample.afileIds[0]) + "]"), 2u);
     EXPECT_EQ(r.m_pVMInfo, nullptr);
+}
+
+// What the VM-info library is handed, as it records it: the snapshot's context, then
+// the VM's, field by field.
+TEST_F(Mounts, TheLibraryIsHandedTheContextsOfTheMounts) {
+    const std::string record = home.sub("contexts.jsonl");
+    vshost::settings::Set("VMInfoRecord", "sFile", record);
+    vshost::settings::Set("VirtualServer", "sProxyESX", "esx-proxy");
+    Probe r(&event, kJob);
+    Ready(r);
+    r.m_bUseCBT = true;
+    r.m_initParams.appId1 = sample.appId1;
+    r.m_initParams.appId2 = sample.appId2;
+    r.m_initParams.jobId = kJob;
+    r.m_initParams.mediaAgentName = sample.mediaAgentName;
+    r.m_openArchiveParams.archiveFileId = static_cast<uint32_t>(sample.afileIds[0]);
+    r.m_openArchiveParams.archGroupId = static_cast<uint32_t>(sample.archGroupId);
+    r.m_openArchiveParams.copyId = static_cast<uint32_t>(sample.copyId);
+    r.m_openArchiveParams.hubcellId = 77;
+    ASSERT_TRUE(r.PrepareVMInfoObject());
+    r.m_sVCName = "vc1";
+    r.m_sESXServerName = "esx-own";
+    r.m_sUserName = "admin";
+    r.m_sPassword = "c3RvcmVkLWZvcm0=";
+    ASSERT_EQ(r.MountSnap(), 0);
+    DataReaderVMCtx vm;
+    ASSERT_EQ(r.MountVM("web01", vm, {"web01.vmdk"}), 0);
+
+    std::ifstream in(record);
+    std::vector<nlohmann::json> ctx;
+    for (std::string line; std::getline(in, line);) ctx.push_back(nlohmann::json::parse(line));
+    ASSERT_EQ(ctx.size(), 2u);
+    const nlohmann::json& snap = ctx[0];
+    const nlohmann::json& mount = ctx[1];
+    const std::string path = "{vcname:vc1,esxname:esx-proxy,username:admin,password:c3RvcmVkLWZvcm0=}";
+    // The ESX host is copied before the configured proxy replaces it for the path.
+    EXPECT_EQ(r.m_sESXServerName, "esx-proxy");
+    const std::vector<std::pair<const char*, nlohmann::json>> expectSnap = {
+        {"op", "MountSnap"}, {"nSnapEngineId", sample.snapEngineId}, {"bMountRequest", true},
+        {"nHubcellId", 77}, {"nClientId", sample.mediaAgentClientId}, {"nClientId2", sample.mediaAgentClientId},
+        {"nJobId", kJob}, {"sJobResultsDir", home.sub("JobResults/4711/")}, {"sHost", "esx-own"}, {"sServer", "esx-own"},
+        {"sUser", "admin"}, {"sPassword", "c3RvcmVkLWZvcm0="}, {"bMountFlag", true}, {"bOption1", false},
+        {"sSnapMountPath", path}, {"nCopyId", sample.copyId}, {"nCopyPrecedence", sample.copyPrecedence},
+        {"bPathMount", true}, {"bIndexingV2", false}, {"afileIds", sample.afileIds},
+    };
+    for (const auto& [key, value] : expectSnap) EXPECT_EQ(snap[key], value) << key;
+    const std::vector<std::pair<const char*, nlohmann::json>> expectVM = {
+        {"op", "MountVM"}, {"bVMMountFlag", true}, {"nSnapJobId", sample.snapJobId}, {"nJobId", sample.snapJobId},
+        {"sJobResultsDir", home.sub("JobResults/4711/")}, {"sHost", "esx-proxy"}, {"sServer", "esx-proxy"},
+        {"sUser", "admin"}, {"sPassword", "c3RvcmVkLWZvcm0="}, {"bOption1", false},
+        {"nSnapEngineId", sample.snapEngineId}, {"diskFilters", nlohmann::json::array({{7, "web01.vmdk"}})},
+        {"bOptionType102", snap["bOptionType102"]}, {"nClientId", sample.mediaAgentClientId},
+        {"nClientId2", sample.mediaAgentClientId}, {"bMountFlag", true}, {"nHubcellId", 77},
+        {"nAppId2", sample.appId2}, {"nMountMode", 0}, {"bPathMount", true}, {"sSnapMountPath", path},
+        {"bUseCBT", true}, {"sMountPoint", home.sub("JobResults/4711/JobID_4711_Mount_web01")}, {"sVMName", "web01"},
+    };
+    for (const auto& [key, value] : expectVM) EXPECT_EQ(mount[key], value) << key;
 }
 
 TEST_F(Mounts, BlockLevelBrowseSettingForFileMountsOfServerInstances) {

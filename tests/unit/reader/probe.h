@@ -66,6 +66,7 @@ struct Probe : ProbePipe, DataReaderVSExtent {
     using DataReaderVSBase::GetVMClientInfo;
     using DataReaderVSBase::m_afileBackupJobId;
     using DataReaderVSBase::m_bMatchAnyVM;
+    using DataReaderVSBase::m_bUseCBT;
     using DataReaderVSBase::m_jobMgr;
     using DataReaderVSBase::m_openArchiveParams;
     using DataReaderVSBase::MountVM;
