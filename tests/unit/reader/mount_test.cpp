@@ -288,6 +288,8 @@ TEST_F(Mounts, TemporaryMountPointsAreRemovedWithTheReader) {
     {
         Probe r(&event, kJob);
         Ready(r, 101);
+        std::string four = sample.afileList + "|" + sample.afileList;   // more than the two closes of a deletion
+        ASSERT_EQ(r.PreOpenArchiveFile(four.data()), 0);
         ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
         DataReaderVMCtx vm;
         ASSERT_EQ(r.MountVM("web01", vm, {}), 0);
@@ -298,6 +300,11 @@ TEST_F(Mounts, TemporaryMountPointsAreRemovedWithTheReader) {
         EXPECT_EQ(kept, home.sub("JobResults/JobID_4711_Mount_web01"));
         fs::create_directories(kept + "/mnt");   // what a mount leaves behind
     }
+    // Deleted with an archive file of its list still open: nothing else would unmount
+    // the VMs and the snapshot or release the library's object, so the reader does.
+    EXPECT_TRUE(log.Contains("Deleted with [2] archive file(s) still open: unmounting"));
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountAllMountedVMs: Unmounting VM [db01]"));
+    EXPECT_TRUE(log.Contains("VMInfo::UnMountSnap: snapshot of job [" + std::to_string(sample.snapJobId) + "] unmounted"));
     EXPECT_FALSE(fs::exists(kept));
     EXPECT_TRUE(log.Contains("Cleaning up temp folder [" + kept + "]"));
     EXPECT_FALSE(log.Contains("[" + neverMade + "]"));
