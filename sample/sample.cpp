@@ -270,9 +270,9 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         nlohmann::json sidecar = {
             {"guestVolumes",
              {{{"guid", vm.guestVolumeGuids[0]}, {"name", "C:"}, {"folder", "guest/C"},
-               {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[0]}},
+               {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[0] + "\\"}},
               {{"guid", vm.guestVolumeGuids[1]}, {"name", "D:"}, {"folder", "guest/D"},
-               {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[1]}}}}};
+               {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[1] + "\\"}}}}};
         WriteText(ds1 / "db01/vmguest.json", sidecar.dump(2));
         s.vms.push_back(vm);
     }

@@ -335,6 +335,35 @@ TEST_F(FileLevel, LifecycleChecksAndFlags) {
     EXPECT_TRUE(log.Contains("ClBackup reader is null."));
 }
 
+// The volume map's keys: upper case, a trailing backslash, a key by name too, and the
+// device path's prefix and closing "}\\" stripped only where the device path is used.
+TEST_F(FileLevel, VolumeKeysFromTheMountInformation) {
+    VMInfoStructs::SMountInfoFile entry;
+    entry.sDevicePath = "\\\\?\\Volume{ab-c1}\\";
+    entry.sVolumeGuid = "{ab-c1}";
+    entry.sLocalMountPath = "/mnt/Vol1/";
+    entry.sVolumeName = "e:";
+    const struct {
+        int instanceType, mountMode;
+        std::string guidKey;
+    } cases[] = {
+        {101, 0, "VM1\\AB-C1\\"},     // the device path, stripped
+        {101, 2, "VM1\\{AB-C1}\\"},   // mount method 2: the volume GUID
+        {102, 0, "VM1\\{AB-C1}\\"},   // instance type 102: the volume GUID
+    };
+    for (const auto& c : cases) {
+        FileLevelProbe r(&event);
+        r.setVSInstanceType(static_cast<VirtualServerInstanceType>(c.instanceType));
+        DataReaderVMCtx ctx;
+        ctx.mountCtx.nMountMode = c.mountMode;
+        ctx.mountInfoFiles = {entry};
+        std::string vmName = "vm1";
+        EXPECT_EQ(r.GetFileMountInfo(vmName, ctx), 1u);
+        const std::map<std::string, std::string> expected = {{c.guidKey, "/MNT/VOL1/"}, {"VM1\\E:\\", "/MNT/VOL1/"}};
+        EXPECT_EQ(r.VMGuidVolGuidToVolumePathMap, expected) << c.instanceType << " " << c.mountMode;
+    }
+}
+
 TEST_F(FileLevel, FailedFilesAreMarkedAndTheRestStillGoes) {
     const std::string stream = home.sub("partial.bin");
     {
