@@ -174,6 +174,8 @@ TEST_F(RestoreOptions, OwnServerWithATaskPasswordDecryptsIt) {
 }
 
 TEST_F(RestoreOptions, EmptyTaskPasswordComesFromTheInstanceRecords) {
+    // Debug level 0: every line asserted here must always appear.
+    vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");
     job.taskOptions = {{77, "vc1"}, {82, "esx7"}, {75, "admin"}, {76, ""}};
     job.instanceId = 12;
 
@@ -311,6 +313,8 @@ TEST_F(RestoreOptions, CrossServerRestoresMountThroughTheSourceServer) {
 }
 
 TEST_F(RestoreOptions, SettingsFailuresFailTheOptions) {
+    // Debug level 0: failures of option reading must always appear.
+    vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");
     // Unknown application: the indexing version cannot be asked.
     {
         Probe r(&event, kJob);
