@@ -176,6 +176,16 @@ protected:
 };
 
 TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
+    // Change, access and modify times all differ (access after modify, so reading the
+    // files leaves it alone), and so do owner and group where they can be set, so a
+    // header that swaps two of them is caught.
+    const timespec times[2] = {{::time(nullptr) + 1000, 0}, {::time(nullptr) - 5000, 0}};
+    for (const auto& e : fs::recursive_directory_iterator(folder)) {
+        if (::geteuid() == 0) {
+            ASSERT_EQ(::lchown(e.path().c_str(), 1234, 5678), 0) << e.path();
+        }
+        ASSERT_EQ(::utimensat(AT_FDCWD, e.path().c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << e.path();
+    }
     ASSERT_EQ(Run({{guid, ""}}, "full.bin"), std::vector<int>{0});
     const Stream s = Decode(home.sub("full.bin"));
     EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
@@ -228,8 +238,15 @@ TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
         EXPECT_EQ(h.arg16, offset + h.size) << name;                 // the crossed pair: data end, then parent
         const size_t cut = name.rfind('\\');
         EXPECT_EQ(h.arg17, cut == std::string::npos ? 0u : numbers.at(name.substr(0, cut))) << name;
-        EXPECT_EQ(h.arg14, static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000000000u + st.st_mtim.tv_nsec) << name;
+        const auto ns = [](const timespec& t) { return static_cast<uint64_t>(t.tv_sec) * 1000000000u + t.tv_nsec; };
+        EXPECT_EQ(h.arg9, st.st_ino) << name;
+        EXPECT_EQ(h.arg12, ns(st.st_ctim)) << name;
+        EXPECT_EQ(h.arg13, ns(st.st_atim)) << name;
+        EXPECT_EQ(h.arg14, ns(st.st_mtim)) << name;
         EXPECT_EQ(h.arg18, st.st_mode) << name;
+        EXPECT_EQ(h.arg19, st.st_uid) << name;
+        EXPECT_EQ(h.arg20, st.st_gid) << name;
+        EXPECT_EQ(h.arg21, st.st_nlink) << name;
         EXPECT_EQ((h.arg15 & FC_ATTRIBUTE_DIRECTORY) != 0, S_ISDIR(st.st_mode)) << name;
         numbers[name] = i;
         offset += h.size;
