@@ -9,6 +9,7 @@
 #include "vshost/vmclients.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <filesystem>
@@ -324,4 +325,53 @@ TEST_F(BackupXmlTest, RemoteCacheFolder) {
     EXPECT_FALSE(fs::exists(joined));
     EXPECT_TRUE(fs::exists(victim + "/keep.txt"));
     EXPECT_TRUE(log.Contains("lies outside the job results folder"));
+}
+
+// A VM mount under indexing V2: the VM's client information from the backup XML, then
+// its metadata from the remote cache, each failing with its own text; VVOL and
+// VM-centric engines hand the library the backup job id.
+TEST_F(BackupXmlTest, VMMountsUnderIndexingV2) {
+    const std::string record = home.sub("contexts.jsonl");
+    vshost::settings::Set("VMInfoRecord", "sFile", record);
+    const std::string vmCache = home.sub("IndexCache/") + kSubclientGuid + "/" + std::to_string(kBackupJob) + "/vm-b";
+    const struct {
+        unsigned engine;
+        const char* xml;
+        int64_t backupJobId;
+    } cases[] = {{58, "backup_4711_vm-b.xml", kBackupJob}, {66, "backup_4711_vm-b.xml", kBackupJob},
+                 {0, "backup_4711.xml", 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.engine);
+        fs::remove_all(home.sub("IndexCache"));
+        fs::remove(record);
+        auto r = Reader(c.engine);
+        ASSERT_EQ(r->Initialize(), 0);
+        ASSERT_TRUE(r->PrepareVMInfoObject());
+        MountCtx snap = SnapCtx();
+        snap.nSnapJobId = kBackupJob;   // where the cache keeps the VM of the other engines
+        r->m_mountCtxs.push_back(snap);
+        r->m_sJobResultsFolder = results;
+        DataReaderVMCtx out;
+        log.Clear();
+        EXPECT_EQ(r->MountVM("vm-b", out, {}), -1);
+        EXPECT_TRUE(log.Contains("DataReaderVSBase::MountVM: Failed to get VM Client Info from backup file"));
+
+        ASSERT_TRUE(vsXMLFile(results + c.xml).Save(SampleBackup()));
+        EXPECT_EQ(r->MountVM("vm-b", out, {}), -1);
+        EXPECT_TRUE(log.Contains("DataReaderVSBase::MountVM: Failed to download the file from location:[" +
+                                 home.sub("JobResults/vm-b_SnapCache") + "]"));
+        EXPECT_FALSE(fs::exists(record));
+
+        fs::create_directories(vmCache);
+        std::ofstream(vmCache + "/vm-b.vmx") << "x";
+        EXPECT_EQ(r->MountVM("vm-b", out, {}), -1);   // the library has no snapshot mounted
+        std::ifstream in(record);
+        std::string line;
+        ASSERT_TRUE(std::getline(in, line));
+        const nlohmann::json ctx = nlohmann::json::parse(line);
+        EXPECT_EQ(ctx["bIndexingV2"], true);
+        EXPECT_EQ(ctx["sRemoteCacheDir"], home.sub("JobResults/vm-b_SnapCache"));
+        EXPECT_EQ(ctx["llBackupJobId"], c.backupJobId);
+        fs::remove(results + c.xml);
+    }
 }
