@@ -168,6 +168,9 @@ TEST_F(Extents, WholeVMRoundTripsWithHolesAndChangeIds) {
     const Stream s = Decode(home.sub("full.bin"));
     EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
     vstest::ExpectSampleIdentity(home.sub("full.bin"), sample, kJob, true);
+    // Instance type 102 gives every disk of the VM's mount information product type 2.
+    EXPECT_GT(log.Count("ProductType[2]"), 0u);
+    EXPECT_EQ(log.Count("ProductType["), log.Count("ProductType[2]"));
 
     for (const std::string& name : web.configFiles) {
         const Entry* e = s.Find("\\" + guid + "\\" + name);
@@ -304,6 +307,24 @@ TEST_F(Extents, ItemForms) {
     EXPECT_EQ(a.Disk(guid, "restored_a.vmdk"), SourceDisk(web.disks[0].path));
     EXPECT_FALSE(a.Find("\\" + guid + "\\restored_b.vmdk"));
     EXPECT_FALSE(a.Find("\\" + guid + "\\web01.vmx"));
+}
+
+// Disks of type 18 are named by their datastore path with the snapshot's backup marker
+// cut from the datastore name.
+TEST(ExtentNames, FixDiskNameCutsTheBackupMarkerUpToTheBracket) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"[ds1_TL_BACKUP_77] vm/disk.vmdk", "[ds1] vm/disk.vmdk"},
+        {"[ds1_TL_BACKUP_] vm/a]b.vmdk", "[ds1] vm/a]b.vmdk"},      // the first bracket after it
+        {"[ds1_TL_BACKUP_77 vm/disk.vmdk", "[ds1_TL_BACKUP_77 vm/disk.vmdk"},   // no bracket after it
+        {"a]_TL_BACKUP_x", "a]_TL_BACKUP_x"},
+        {"[ds1] vm/disk.vmdk", "[ds1] vm/disk.vmdk"},
+    };
+    Probe r;
+    for (const auto& [name, fixed] : cases) {
+        std::string text = name;
+        r.FixDiskName(text);
+        EXPECT_EQ(text, fixed) << name;
+    }
 }
 
 }  // namespace
