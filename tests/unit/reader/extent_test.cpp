@@ -52,6 +52,7 @@ struct Entry {
     vshost::FileHeaderRecord header;
     std::string data;
     uint64_t holeBytes = 0;
+    size_t largestPiece = 0;
     bool complete = false;
 };
 
@@ -99,8 +100,11 @@ Stream Decode(const std::string& path) {
     vshost::StreamRecord rec;
     while (reader.Next(rec)) {
         s.order.push_back(vshost::stream::KindName(rec.kind));
-        if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body)) s.entries.push_back(Entry{*h, {}, 0, false});
-        if (auto* d = std::get_if<vshost::DataRecord>(&rec.body)) s.entries.back().data += std::string(d->bytes);
+        if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body)) s.entries.push_back(Entry{*h, {}, 0, 0, false});
+        if (auto* d = std::get_if<vshost::DataRecord>(&rec.body)) {
+            s.entries.back().data += std::string(d->bytes);
+            s.entries.back().largestPiece = std::max(s.entries.back().largestPiece, d->bytes.size());
+        }
         if (auto* h = std::get_if<vshost::HoleRecord>(&rec.body)) s.entries.back().holeBytes += h->length;
         if (auto* e = std::get_if<vshost::EndOfFileRecord>(&rec.body)) s.entries.back().complete = e->complete;
         if (auto* i = std::get_if<vshost::DiskInfoRecord>(&rec.body)) s.infos.push_back(*i);
@@ -268,6 +272,38 @@ TEST_F(Extents, IncrementalCarriesOnlyChangesAndResumeCompletesAStoppedDisk) {
     const Stream resumed = Decode(home.sub("resumed.bin"));
     EXPECT_TRUE(resumed.Disk(guid, "web01.vmdk", stopped.Disk(guid, "web01.vmdk")) ==
                 SourceDisk(web.disks[0].path));
+}
+
+// A configuration file is copied as measured, in pieces of at most 32 KiB, under the
+// size its mount information gives.
+TEST_F(Extents, ConfigFilesAreCopiedAsMeasured) {
+    std::string big(100000, '\0');
+    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + i % 26);
+    const struct {
+        std::string name, content;
+        unsigned long long mountSize;
+    } cases[] = {{"big.vmx", big, big.size()}, {"empty.nvram", "", 0}, {"short.vmsd", std::string(50, 's'), 10}};
+    std::string vm = "vm-cfg";
+    {
+        Probe r(&event, kJob, home.sub("cfg.bin"));
+        ASSERT_EQ(r.Initialize(), 0);
+        ASSERT_EQ(r.SendVMHeader(vm), 0);
+        for (const auto& c : cases) {
+            std::string path = home.sub(c.name), name = c.name, extra;
+            std::ofstream(path, std::ios::binary) << c.content;
+            EXPECT_EQ(r.SendConfigFile(vm, name, extra, 2, 0, c.mountSize, path), 0) << c.name;
+        }
+    }
+    const Stream s = Decode(home.sub("cfg.bin"));
+    EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
+    for (const auto& c : cases) {
+        const Entry* e = s.Find("\\" + vm + "\\" + c.name);
+        ASSERT_TRUE(e) << c.name;
+        EXPECT_EQ(e->header.size, c.mountSize) << c.name;
+        EXPECT_TRUE(e->data == c.content) << c.name;
+        EXPECT_LE(e->largestPiece, 32768u) << c.name;
+        EXPECT_TRUE(e->complete) << c.name;
+    }
 }
 
 TEST_F(Extents, ItemForms) {

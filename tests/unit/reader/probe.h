@@ -28,6 +28,8 @@ struct Probe : ProbePipe, DataReaderVSExtent {
     using DataReaderVSExtent::FixDiskName;
     using DataReaderVSExtent::GetDiskHandle;
     using DataReaderVSExtent::m_diskHandles;
+    using DataReaderVSExtent::SendConfigFile;
+    using DataReaderVSExtent::SendVMHeader;
 
     using DataReaderVSBase::CheckVMInfoError;
     using DataReaderVSBase::CleanupVMInfoObject;
