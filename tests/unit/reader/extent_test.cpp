@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
 
 namespace fs = std::filesystem;
 
@@ -208,6 +209,17 @@ TEST_F(Extents, WholeVMRoundTripsWithHolesAndChangeIds) {
     ASSERT_EQ(s.disksDone.size(), 2u);
     for (const auto& done : s.disksDone) EXPECT_FALSE(done.changeId.empty());
     EXPECT_EQ(s.vmsDone, std::vector<std::string>{guid});
+
+    // The whole record order of a VM read as a whole: its entry, every disk's
+    // description, then per mount-info record a configuration file or a disk entry
+    // with its extents and its completion, and the VM's completion.
+    const std::map<std::string, char> letter = {
+        {"stream-header", 'S'}, {"identity", 'I'}, {"file-header", 'F'}, {"data", 'D'}, {"hole", 'H'},
+        {"end-of-file", 'E'}, {"disk-info", 'N'}, {"volume-header", 'V'}, {"disk-read-completed", 'C'},
+        {"vm-read-completed", 'M'}, {"trailer", 'T'}};
+    std::string kinds;
+    for (const std::string& k : s.order) kinds += letter.count(k) ? letter.at(k) : '?';
+    EXPECT_TRUE(std::regex_match(kinds, std::regex("SFE(NV){2}(NFD*E|FE(F(D|H)E)*C)+MT"))) << kinds;
 }
 
 TEST_F(Extents, IncrementalCarriesOnlyChangesAndResumeCompletesAStoppedDisk) {
