@@ -301,6 +301,23 @@ TEST_F(RestoreOptions, CrossServerRestoresMountThroughTheSourceServer) {
         EXPECT_EQ(m_ProxyDecryptedPassword, "task-pw");
     }
 
+    // A VM image snapshot under V2 mounts through the parent instance's server (the VM
+    // application names none); a failback job keeps its destination.
+    job.taskOptions[77] = "vc-dst";
+    job.taskOptions[76] = "";
+    for (const bool failback : {false, true}) {
+        if (failback) job.eventOptions[120015] = true;
+        Probe r(&event, kJob);
+        EXPECT_EQ(Settle(r, failback ? 58 : 59), 1);
+        if (failback) {
+            EXPECT_EQ(Of(r), (Values{"vc-dst", "esx-parent", "dst-user", dst, "pw-dst"}));
+        } else {
+            EXPECT_EQ(Of(r), (Values{"vc-src", "", "src-user", src, "pw-src"}));
+            EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: ESX server for mounting snap:[]"));
+        }
+    }
+    job.eventOptions.clear();
+
     // A VM image snapshot of another server mounts through the instance's server at once.
     catalog.AddApplication(App(9, 101, "vc-src", "esx-proxy"));
     job.taskOptions[77] = "vc-dst";
