@@ -4,6 +4,7 @@
 #include "open_sample.h"
 #include "temp_home.h"
 
+#include "hostapi/xmlfile.h"
 #include "vshost/catalog.h"
 #include "vshost/home.h"
 #include "vshost/pending.h"
@@ -156,6 +157,41 @@ TEST_F(Mounts, TheLibraryIsHandedTheContextsOfTheMounts) {
         {"bUseCBT", true}, {"sMountPoint", home.sub("JobResults/4711/JobID_4711_Mount_web01")}, {"sVMName", "web01"},
     };
     for (const auto& [key, value] : expectVM) EXPECT_EQ(mount[key], value) << key;
+}
+
+// Under indexing version 2 the snapshot's backup XML comes from the index first: without
+// it nothing is handed to the library; with it the context says version 2.
+TEST_F(Mounts, IndexingVersion2FetchesTheBackupXmlBeforeTheMount) {
+    vshost::AppRecord app;
+    app.appId1 = sample.appId1;
+    app.appId2 = sample.appId2;
+    app.instanceType = 102;
+    app.clientId = sample.mediaAgentClientId;
+    app.indexingV2 = true;
+    app.subclientGuid = "SC-GUID";
+    vshost::Catalog().AddApplication(app);
+    const std::string record = home.sub("contexts.jsonl");
+    vshost::settings::Set("VMInfoRecord", "sFile", record);
+    {
+        Probe r(&event, kJob);
+        Ready(r);
+        EXPECT_EQ(Open(r, sample.afileIds[0]), -1);
+        EXPECT_TRUE(log.Contains("DataReaderVSBase::OpenArchiveFile: Failed to mount path to read data."));
+        EXPECT_FALSE(log.Contains("VMInfo::MountSnap() failed."));
+        EXPECT_FALSE(fs::exists(record));
+    }
+    const std::string xml = "backup_" + std::to_string(sample.snapJobId) + ".xml";
+    const std::string cache = home.sub("IndexCache/SC-GUID/") + std::to_string(sample.snapJobId);
+    fs::create_directories(cache);
+    ASSERT_TRUE(vsXMLFile(cache + "/" + xml).Save(CNMessageBase(26, 13)));
+    Probe r(&event, kJob);
+    Ready(r);
+    ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
+    std::ifstream in(record);
+    std::string line;
+    ASSERT_TRUE(std::getline(in, line));
+    EXPECT_EQ(nlohmann::json::parse(line)["bIndexingV2"], true);
+    EXPECT_TRUE(fs::is_regular_file(home.sub("JobResults/4711/") + xml));
 }
 
 TEST_F(Mounts, BlockLevelBrowseSettingForFileMountsOfServerInstances) {
