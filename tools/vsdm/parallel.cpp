@@ -136,6 +136,7 @@ void Add(RunSummary& total, const RunSummary& s) {
     total.holeBytes += s.holeBytes;
     total.streamBytes += s.streamBytes;
     total.vmPaths.insert(total.vmPaths.end(), s.vmPaths.begin(), s.vmPaths.end());
+    total.incompleteDisks.insert(total.incompleteDisks.end(), s.incompleteDisks.begin(), s.incompleteDisks.end());
 }
 
 }  // namespace
@@ -164,7 +165,8 @@ std::string EncodeSummary(const RunSummary& s) {
                                 {"streamBytes", s.streamBytes},
                                 {"streamComplete", s.streamComplete},
                                 {"status", s.status},
-                                {"vms", s.vmPaths}};
+                                {"vms", s.vmPaths},
+                                {"incompleteDisks", s.incompleteDisks}};
     return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
@@ -192,6 +194,7 @@ bool DecodeSummary(const std::string& text, RunSummary& s) {
         r.streamComplete = doc.at("streamComplete").get<bool>();
         r.status = doc.at("status").get<int>();
         r.vmPaths = doc.at("vms").get<std::vector<std::string>>();
+        r.incompleteDisks = doc.at("incompleteDisks").get<std::vector<std::string>>();
         s = std::move(r);
         return true;
     } catch (const nlohmann::json::exception&) {

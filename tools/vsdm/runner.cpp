@@ -2,6 +2,8 @@
 #include "output.h"
 #include "resume.h"
 
+#include "entrymodel.h"
+
 #include "Factories.h"
 #include "DataReaderVSBase.h"
 
@@ -211,7 +213,10 @@ void CountStream(const std::string& path, RunSummary& s) {
     std::map<std::string, DiskCount> disks;
     std::string extentDisk;
     bool inExtent = false, extentHasData = false, inFile = false;
+    vsstream::EntryModel model;   // what vsstream verify would call incomplete
+    std::string why;
     while (reader.Next(rec)) {
+        model.Apply(rec, why);
         if (rec.kind == vshost::stream::Kind::FileLevelHeader) inFile = true;
         if (rec.kind == vshost::stream::Kind::DirectoryEntry) ++s.folders;
         if (auto* eof = std::get_if<vshost::EndOfFileRecord>(&rec.body); eof && inFile) {
@@ -255,6 +260,8 @@ void CountStream(const std::string& path, RunSummary& s) {
         (d.completed ? s.extentsUnchanged : s.extentsNotRead) += rest;
     }
     s.streamComplete = reader.state() == vshost::StreamReader::State::Complete;
+    for (const std::string& disk : model.IncompleteDisks())
+        s.incompleteDisks.push_back(disk + ": " + vsstream::EntryModel::IncompleteWhy(*model.Disk(disk)));
     if (s.streamBytes == 0) {
         // Not counted while writing (a stream another process left): take the decoder's totals.
         s.dataBytes = reader.counted().dataBytes;
@@ -444,6 +451,8 @@ void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& ou
         out << "  stream " << (job.out == "-" ? std::string("standard output") : job.out) << ": "
             << (s.streamComplete ? "complete" : "INCOMPLETE") << "\n";
     }
+    // A sound stream is not a whole backup of a disk its reader did not finish.
+    for (const std::string& disk : s.incompleteDisks) out << "    disk NOT WHOLE " << disk << "\n";
     const auto causes = vshost::PendingCauses(job.host.jobId);
     for (const auto& c : causes) {
         out << "  pending cause 0x" << std::hex << std::uppercase << c.causeId << std::dec << std::nouppercase;

@@ -50,6 +50,9 @@ struct RunSummary {
     // A parallel run: how many streams, and those that are not complete (path and why).
     unsigned streams = 1;
     std::vector<std::string> incompleteStreams;
+    // Disks a sound stream holds but not whole (a failed or stopped read, a whole-disk
+    // read that left extents out), each with why.
+    std::vector<std::string> incompleteDisks;
 };
 
 // The plug-in file next to this program ("../lib/libvsdatareader.so").
