@@ -2,7 +2,7 @@
 // described in docs/index-cache.md.
 #include "hostapi/indexclient.h"
 
-#include "atomicfile.h"
+#include "files/atomicfile.h"
 #include "detail.h"
 #include "hostapi/fileutil.h"
 #include "hostapi/log.h"

@@ -1,6 +1,6 @@
 // The pipeline sink: batches of stream bytes written to a file or a descriptor.
 #include "hostapi/archive.h"
-#include "streamencoder.h"
+#include "stream/streamencoder.h"
 
 #include <algorithm>
 #include <cerrno>

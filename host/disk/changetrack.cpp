@@ -1,8 +1,8 @@
 #include "vshost/changetrack.h"
 
-#include "sqlite.h"
+#include "catalog/sqlite.h"
 #include "vshost/catalog.h"
-#include "xxh3.h"
+#include "stream/xxh3.h"
 
 #include <sqlite3.h>
 

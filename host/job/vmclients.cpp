@@ -2,7 +2,7 @@
 // ApplicationId hands out.
 #include "hostapi/appclient.h"
 #include "hostapi/log.h"
-#include "sqlite.h"
+#include "catalog/sqlite.h"
 #include "vshost/catalog.h"
 #include "vshost/vmclients.h"
 

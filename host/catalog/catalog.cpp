@@ -1,6 +1,6 @@
 // The host catalog over catalog.db of the open home.
 #include "detail.h"
-#include "sqlite.h"
+#include "catalog/sqlite.h"
 #include "vshost/catalog.h"
 
 #include <stdexcept>

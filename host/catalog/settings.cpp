@@ -1,5 +1,5 @@
 // The settings store and its settings.ini form.
-#include "atomicfile.h"
+#include "files/atomicfile.h"
 #include "detail.h"
 #include "hostapi/fileutil.h"
 #include "vshost/home.h"

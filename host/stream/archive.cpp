@@ -3,8 +3,8 @@
 #include "hostapi/archive.h"
 
 #include "vshost/changetrack.h"
-#include "streambytes.h"
-#include "streamencoder.h"
+#include "stream/streambytes.h"
+#include "stream/streamencoder.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // Payload layouts of the record kinds, in the order the writer puts the fields.
-#include "streamrecords.h"
+#include "stream/streamrecords.h"
 
-#include "streambytes.h"
+#include "stream/streambytes.h"
 
 namespace vshost::detail {
 

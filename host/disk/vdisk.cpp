@@ -6,7 +6,7 @@
 #include "vshost/home.h"
 #include "hostapi/log.h"
 #include "hostapi/zeroscan.h"
-#include "vdisk_layout.h"
+#include "disk/vdisk_layout.h"
 #include "vshost/changetrack.h"
 
 #include <algorithm>

@@ -2,9 +2,9 @@
 // the trailer's totals.
 #include "vshost/streamreader.h"
 
-#include "streambytes.h"
-#include "streamcheck.h"
-#include "streamrecords.h"
+#include "stream/streambytes.h"
+#include "stream/streamcheck.h"
+#include "stream/streamrecords.h"
 
 #include <algorithm>
 #include <cerrno>

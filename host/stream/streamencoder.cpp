@@ -1,8 +1,8 @@
 // Framing and structure of the backup stream as it is written.
-#include "streamencoder.h"
+#include "stream/streamencoder.h"
 
-#include "streambytes.h"
-#include "streamcheck.h"
+#include "stream/streambytes.h"
+#include "stream/streamcheck.h"
 
 #include <ctime>
 

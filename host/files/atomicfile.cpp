@@ -1,5 +1,5 @@
 // Files written under a temporary name and renamed into place when complete.
-#include "atomicfile.h"
+#include "files/atomicfile.h"
 #include "vshost/durable.h"
 
 #include <atomic>

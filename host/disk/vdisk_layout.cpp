@@ -1,6 +1,6 @@
 // Disk layouts: raw images and flat VMDK extents, read with pread and probed for data
 // with SEEK_DATA so that holes are never read.
-#include "vdisk_layout.h"
+#include "disk/vdisk_layout.h"
 
 #include "vshost/beneath.h"
 #include "vshost/vmdk.h"

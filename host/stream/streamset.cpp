@@ -1,7 +1,7 @@
 // Stream-set manifests: JSON, small, written atomically.
 #include "vshost/streamset.h"
 
-#include "atomicfile.h"
+#include "files/atomicfile.h"
 
 #include <nlohmann/json.hpp>
 

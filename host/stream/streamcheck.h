@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "xxh3.h"
+#include "stream/xxh3.h"
 
 namespace vshost::detail {
 

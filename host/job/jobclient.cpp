@@ -3,7 +3,7 @@
 #include "detail.h"
 #include "hostapi/jobclient.h"
 #include "hostapi/platform.h"
-#include "sqlite.h"
+#include "catalog/sqlite.h"
 #include "vshost/catalog.h"
 #include "vshost/pending.h"
 

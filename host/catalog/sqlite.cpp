@@ -1,5 +1,5 @@
 // SQLite connections, statements and schema migrations of the catalog.
-#include "sqlite.h"
+#include "catalog/sqlite.h"
 
 #include <sqlite3.h>
 #include <stdexcept>

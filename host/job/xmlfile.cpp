@@ -1,5 +1,5 @@
 // The backup XML file: loading into and saving from a CNMessageBase with pugixml.
-#include "atomicfile.h"
+#include "files/atomicfile.h"
 #include "hostapi/fileutil.h"
 #include "hostapi/log.h"
 #include "hostapi/xmlfile.h"
