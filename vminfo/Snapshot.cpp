@@ -99,7 +99,7 @@ std::string StableHash(const std::string& text) {
     uint64_t h = 1469598103934665603ull;
     for (unsigned char c : text) h = (h ^ c) * 1099511628211ull;
     char buf[17];
-    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
+    (void)std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
     return buf;
 }
 
@@ -215,50 +215,47 @@ const Volume* Snapshot::VolumeOfAfile(uint64_t afileId) const {
     return nullptr;
 }
 
-bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector<SDiskFilter>& filters,
-                 MountedVM& out, Failure& f) {
-    out = MountedVM{};
-    const VMRecord* vm = snap.Find(key);
-    if (!vm) {
-        // The VM asked for may be one whose configuration could not be read: say which those are.
-        std::string unreadable;
-        for (const VMRecord& r : snap.vms)
-            if (!r.problem.empty()) unreadable += (unreadable.empty() ? "" : ", ") + fs::path(r.folder).filename().string();
-        return Fail(f, kErrVMNotFound,
-                    "VM [" + key + "] is not in snapshot job " + std::to_string(snap.jobId) +
-                        (unreadable.empty() ? "" : " (VMs whose configuration cannot be read: " + unreadable + ")"));
-    }
-    if (!vm->problem.empty()) return Fail(f, kErrConfigFilePath, vm->problem);
-    const Volume& home = snap.volumes[vm->volume];
-    const std::string folderRel = fs::path(vm->folder).lexically_relative(home.path).generic_string();
+namespace {
 
+// What a VM mount of one VM works with: its record, its home volume and sidecar.
+struct VMSource {
+    const Snapshot& snap;
+    const VMRecord& vm;
+    const Volume& home;
+    std::string folderRel;   // the VM folder, relative to its volume
     GuestSidecar sidecar;
-    std::string why;
-    if (!LoadSidecar(vm->folder, home.path, sidecar, why)) return Fail(f, kErrConfigFilePath, why);
+};
 
-    out.displayName = vm->cfg.displayName;
-    out.guid = vm->cfg.biosUuid.empty() ? vm->cfg.vcUuid : vm->cfg.biosUuid;
-    out.folder = vm->folder;
-    out.guestVolumes = sidecar.volumes;
+bool VMNotFound(const Snapshot& snap, const std::string& key, Failure& f) {
+    // The VM asked for may be one whose configuration could not be read: say which those are.
+    std::string unreadable;
+    for (const VMRecord& r : snap.vms)
+        if (!r.problem.empty()) unreadable += (unreadable.empty() ? "" : ", ") + fs::path(r.folder).filename().string();
+    return Fail(f, kErrVMNotFound,
+                "VM [" + key + "] is not in snapshot job " + std::to_string(snap.jobId) +
+                    (unreadable.empty() ? "" : " (VMs whose configuration cannot be read: " + unreadable + ")"));
+}
 
+bool AddConfigFiles(const VMSource& src, MountedVM& out, Failure& f) {
     std::error_code ec;
     std::vector<fs::path> configFiles;
-    for (fs::directory_iterator it(vm->folder, ec), end; !ec && it != end; it.increment(ec)) {
+    for (fs::directory_iterator it(src.vm.folder, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string ext = Lower(it->path().extension().string());
         if ((ext == ".vmx" || ext == ".vmxf" || ext == ".vmsd" || ext == ".nvram") && it->is_regular_file())
             configFiles.push_back(it->path());
     }
-    if (ec) return Fail(f, kErrConfigFilePath, vm->folder + ": cannot be listed: " + ec.message());
+    if (ec) return Fail(f, kErrConfigFilePath, src.vm.folder + ": cannot be listed: " + ec.message());
     std::sort(configFiles.begin(), configFiles.end());
+    std::string why;
     for (const fs::path& p : configFiles) {
         VMInfoStructs::SDisk file;
         file.sDiskName = p.filename().string();
-        file.sSecondName = "[" + home.datastore + "] " + folderRel + "/" + file.sDiskName;
+        file.sSecondName = "[" + src.home.datastore + "] " + src.folderRel + "/" + file.sDiskName;
         file.sDiskPath = p.string();
-        file.sDatastore = home.datastore;
+        file.sDatastore = src.home.datastore;
         file.nBackupType = VMInfoStructs::kBackupTypeConfigFile;
         // Listed through links, but only what stays on the volume is backed up.
-        const vshost::Fd fd = vshost::snapfile::Open(home.path, file.sDiskPath, why);
+        const vshost::Fd fd = vshost::snapfile::Open(src.home.path, file.sDiskPath, why);
         struct stat st{};
         if (!fd.valid()) return Fail(f, kErrDiskOpen, "configuration file " + why);
         if (fstat(fd.get(), &st) != 0) return Fail(f, kErrConfigFilePath, p.string() + ": cannot be examined");
@@ -271,18 +268,56 @@ bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector
                                                    " bytes a text file of a snapshot may hold");
         out.items.push_back(file);
     }
+    return true;
+}
 
+// A disk read as a file collection: the folder that stands for it.
+bool AsFileCollection(const FileCollectionDisk& fc, VMInfoStructs::SDisk& disk, Failure& f) {
+    std::error_code ec;
+    if (!fs::is_directory(fc.folder, ec))
+        return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": folder " + fc.folder + " is missing");
+    disk.sDiskPath = fc.folder;
+    disk.nBackupType = VMInfoStructs::kBackupTypeFileCollection;
+    disk.nDiskType = kDiskTypeFolder;
+    disk.ullSize = FolderBytes(fc.folder);
+    return true;
+}
+
+// A disk image: a VMDK descriptor or a raw image, and its size.
+bool AsImage(const std::string& root, VMInfoStructs::SDisk& disk, Failure& f) {
+    std::error_code ec;
+    std::string why;
+    vshost::vmdk::Descriptor descriptor;
+    switch (vshost::vmdk::Inspect(disk.sDiskPath, descriptor, why, root)) {
+    case vshost::vmdk::Kind::Unreadable:
+        return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": " + why);
+    case vshost::vmdk::Kind::Descriptor:
+        disk.nDiskType = kDiskTypeFlatVmdk;
+        disk.ullSize = descriptor.SizeBytes();
+        break;
+    case vshost::vmdk::Kind::RawImage:
+        disk.nDiskType = kDiskTypeRawImage;
+        disk.ullSize = fs::file_size(disk.sDiskPath, ec);
+        break;
+    }
+    disk.nBackupType = VMInfoStructs::kBackupTypeDisk;
+    return true;
+}
+
+const FileCollectionDisk* CollectionNamed(const GuestSidecar& sidecar, const std::string& name) {
+    for (const FileCollectionDisk& d : sidecar.fileCollectionDisks)
+        if (d.name == name) return &d;
+    return nullptr;
+}
+
+bool AddDisks(const VMSource& src, const std::vector<SDiskFilter>& filters, MountedVM& out, Failure& f) {
     std::set<std::string> names;
-    auto fileCollection = [&](const std::string& name) -> const FileCollectionDisk* {
-        for (const FileCollectionDisk& d : sidecar.fileCollectionDisks)
-            if (d.name == name) return &d;
-        return nullptr;
-    };
     std::set<std::string> collectionsUsed;
-    for (const VmxDisk& entry : vm->cfg.disks) {
+    for (const VmxDisk& entry : src.vm.cfg.disks) {
         VMInfoStructs::SDisk disk;
         std::string root;
-        if (!ResolveDisk(snap, *vm, entry.fileName, disk.sDatastore, disk.sDiskPath, disk.sSecondName, root, f)) {
+        if (!ResolveDisk(src.snap, src.vm, entry.fileName, disk.sDatastore, disk.sDiskPath, disk.sSecondName, root,
+                         f)) {
             if (Wanted(filters, fs::path(entry.fileName).filename().string(), entry.fileName)) return false;
             continue;
         }
@@ -291,52 +326,49 @@ bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector
         if (names.count(disk.sDiskName)) disk.sDiskName = disk.sDatastore + "_" + disk.sDiskName;
         if (!Wanted(filters, disk.sDiskName, disk.sSecondName)) continue;
         names.insert(disk.sDiskName);
-        disk.sChangeId = StableHash(out.guid + "|" + disk.sSecondName) + "/" + std::to_string(snap.jobId);
-        if (const FileCollectionDisk* fc = fileCollection(disk.sDiskName)) {
+        disk.sChangeId = StableHash(out.guid + "|" + disk.sSecondName) + "/" + std::to_string(src.snap.jobId);
+        if (const FileCollectionDisk* fc = CollectionNamed(src.sidecar, disk.sDiskName)) {
             collectionsUsed.insert(fc->name);
-            if (!fs::is_directory(fc->folder, ec))
-                return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": folder " + fc->folder + " is missing");
-            disk.sDiskPath = fc->folder;
-            disk.nBackupType = VMInfoStructs::kBackupTypeFileCollection;
-            disk.nDiskType = kDiskTypeFolder;
-            disk.ullSize = FolderBytes(fc->folder);
-        } else {
-            vshost::vmdk::Descriptor descriptor;
-            switch (vshost::vmdk::Inspect(disk.sDiskPath, descriptor, why, root)) {
-            case vshost::vmdk::Kind::Unreadable:
-                return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": " + why);
-            case vshost::vmdk::Kind::Descriptor:
-                disk.nDiskType = kDiskTypeFlatVmdk;
-                disk.ullSize = descriptor.SizeBytes();
-                break;
-            case vshost::vmdk::Kind::RawImage:
-                disk.nDiskType = kDiskTypeRawImage;
-                disk.ullSize = fs::file_size(disk.sDiskPath, ec);
-                break;
-            }
-            disk.nBackupType = VMInfoStructs::kBackupTypeDisk;
+            if (!AsFileCollection(*fc, disk, f)) return false;
+        } else if (!AsImage(root, disk, f)) {
+            return false;
         }
         out.items.push_back(disk);
     }
     // File-collection disks that the configuration does not name are disks of their own.
-    for (const FileCollectionDisk& fc : sidecar.fileCollectionDisks) {
+    for (const FileCollectionDisk& fc : src.sidecar.fileCollectionDisks) {
         if (collectionsUsed.count(fc.name) || names.count(fc.name)) continue;
         VMInfoStructs::SDisk disk;
         disk.sDiskName = fc.name;
-        disk.sSecondName = "[" + home.datastore + "] " + folderRel + "/" + fc.name;
+        disk.sSecondName = "[" + src.home.datastore + "] " + src.folderRel + "/" + fc.name;
         if (!Wanted(filters, disk.sDiskName, disk.sSecondName)) continue;
-        if (!fs::is_directory(fc.folder, ec))
-            return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": folder " + fc.folder + " is missing");
-        disk.sDiskPath = fc.folder;
-        disk.sDatastore = home.datastore;
-        disk.sChangeId = StableHash(out.guid + "|" + disk.sSecondName) + "/" + std::to_string(snap.jobId);
-        disk.nBackupType = VMInfoStructs::kBackupTypeFileCollection;
-        disk.nDiskType = kDiskTypeFolder;
-        disk.ullSize = FolderBytes(fc.folder);
+        if (!AsFileCollection(fc, disk, f)) return false;
+        disk.sDatastore = src.home.datastore;
+        disk.sChangeId = StableHash(out.guid + "|" + disk.sSecondName) + "/" + std::to_string(src.snap.jobId);
         names.insert(fc.name);
         out.items.push_back(disk);
     }
     return true;
+}
+
+}  // namespace
+
+bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector<SDiskFilter>& filters,
+                 MountedVM& out, Failure& f) {
+    out = MountedVM{};
+    const VMRecord* vm = snap.Find(key);
+    if (!vm) return VMNotFound(snap, key, f);
+    if (!vm->problem.empty()) return Fail(f, kErrConfigFilePath, vm->problem);
+    const Volume& home = snap.volumes[vm->volume];
+    VMSource src{snap, *vm, home, fs::path(vm->folder).lexically_relative(home.path).generic_string(), {}};
+    std::string why;
+    if (!LoadSidecar(vm->folder, home.path, src.sidecar, why)) return Fail(f, kErrConfigFilePath, why);
+
+    out.displayName = vm->cfg.displayName;
+    out.guid = vm->cfg.biosUuid.empty() ? vm->cfg.vcUuid : vm->cfg.biosUuid;
+    out.folder = vm->folder;
+    out.guestVolumes = src.sidecar.volumes;
+    return AddConfigFiles(src, out, f) && AddDisks(src, filters, out, f);
 }
 
 }  // namespace vminfo

@@ -86,7 +86,7 @@ LockedState::LockedState(bool openEnvHome) : m_lock(StateMutex()), m_state(&Stat
         Install(*m_state, LoadHome(env));
     } catch (const std::exception& e) {
         // No caller to report to: the service runs without a home, as documented.
-        std::fprintf(stderr, "vshost: cannot open VSHOST_HOME %s: %s\n", env, e.what());
+        (void)std::fprintf(stderr, "vshost: cannot open VSHOST_HOME %s: %s\n", env, e.what());
     }
 }
 

@@ -18,7 +18,7 @@ namespace vshost::vmdk {
 namespace {
 
 // Descriptors are small text files; anything larger is an image.
-constexpr size_t kMaxDescriptorBytes = 64 * 1024;
+constexpr size_t kMaxDescriptorBytes = size_t{64} * 1024;
 
 std::string Trim(const std::string& s) {
     size_t b = 0, e = s.size();

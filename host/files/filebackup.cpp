@@ -97,8 +97,8 @@ int ClBackupFile::OpenFilesForBackup(subclientFiles& files, std::istream& list, 
             KTlog(&m_log, 1, "ClBackupFile: refused [%s]: %s", line.c_str(), e->why.c_str());
         }
     }
-    std::snprintf(files.sCurrentFile, sizeof files.sCurrentFile, "%s", e->clientPath.c_str());
-    std::snprintf(files.sLocalPath, sizeof files.sLocalPath, "%s/%s", e->where.root.c_str(), e->where.relative.c_str());
+    (void)std::snprintf(files.sCurrentFile, sizeof files.sCurrentFile, "%s", e->clientPath.c_str());
+    (void)std::snprintf(files.sLocalPath, sizeof files.sLocalPath, "%s/%s", e->where.root.c_str(), e->where.relative.c_str());
     files.sReason[0] = 0;
     ++files.fileCount;
 
@@ -144,7 +144,7 @@ int ClBackupFile::OpenFilesForBackup(subclientFiles& files, std::istream& list, 
         }
         if (e->kind == Entry::Kind::Refused) KTlog(&m_log, 1, "ClBackupFile: refused [%s]: %s", e->clientPath.c_str(), e->why.c_str());
     }
-    if (!e->why.empty()) std::snprintf(files.sReason, sizeof files.sReason, "%s", e->why.c_str());
+    if (!e->why.empty()) (void)std::snprintf(files.sReason, sizeof files.sReason, "%s", e->why.c_str());
     m_entry = std::move(e);
     return kOk;
 }

@@ -71,7 +71,7 @@ CQiError ListFolder(int fd, const std::string& shown, std::vector<std::string>& 
     if (copy < 0) return CQiError::FromErrno("cannot list folder " + shown);
     DIR* dir = ::fdopendir(copy);
     if (!dir) {
-        const CQiError err = CQiError::FromErrno("cannot list folder " + shown);
+        CQiError err = CQiError::FromErrno("cannot list folder " + shown);
         ::close(copy);
         return err;
     }

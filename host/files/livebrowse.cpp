@@ -156,6 +156,8 @@ boost::shared_ptr<VMLivebrowse> VMLivebrowse::GetLivebrowseObject(unsigned archi
     return object;
 }
 
+// The contract passes the object by value.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void VMLivebrowse::ReleaseLivebrowseObject(unsigned archiveFileId, boost::shared_ptr<VMLivebrowse> object) {
     // The object stays registered: its VMs stay mounted until UnmountAll.
     if (object && object->ArchiveFileId() != archiveFileId)

@@ -46,7 +46,7 @@ std::string Timestamp() {
     localtime_r(&ts.tv_sec, &local);
     char buf[40];
     size_t n = strftime(buf, sizeof buf, "%m/%d %H:%M:%S", &local);
-    std::snprintf(buf + n, sizeof buf - n, ".%03ld", ts.tv_nsec / 1000000L);
+    (void)std::snprintf(buf + n, sizeof buf - n, ".%03ld", ts.tv_nsec / 1000000L);
     return buf;
 }
 
@@ -60,7 +60,7 @@ std::string VFormat(const char* format, va_list args) {
     va_end(probe);
     if (len <= 0) return {};
     std::vector<char> buf(static_cast<size_t>(len) + 1);
-    std::vsnprintf(buf.data(), buf.size(), format, args);
+    (void)std::vsnprintf(buf.data(), buf.size(), format, args);
     return std::string(buf.data(), static_cast<size_t>(len));
 }
 
@@ -73,7 +73,7 @@ void EmitLog(const std::string& tag, KTJobID jobId, const std::string& debugKey,
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
 
     char head[96];
-    std::snprintf(head, sizeof head, "%ld %lx %s %lld ", static_cast<long>(getpid()),
+    (void)std::snprintf(head, sizeof head, "%ld %lx %s %lld ", static_cast<long>(getpid()),
                   static_cast<unsigned long>(gettid()), Timestamp().c_str(), jobId);
     std::string line = head + tag + " " + text;
 

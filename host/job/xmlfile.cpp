@@ -19,7 +19,7 @@ constexpr const char* kBackup = "Backup";
 constexpr const char* kDatastore = "Datastore";
 constexpr const char* kVM = "VM";
 // Far above any real backup description; guards against reading a wrong, huge file.
-constexpr off_t kMaxFileSize = 256 * 1024 * 1024;
+constexpr off_t kMaxFileSize = off_t{256} * 1024 * 1024;
 
 // Why an element's content does not fit the message; names the element and where it is.
 struct LoadError {

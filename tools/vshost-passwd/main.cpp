@@ -36,7 +36,7 @@ std::string ReadPassword() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int Run(int argc, char** argv) {
     CLI::App app{"Prints the stored form of a password read from standard input."};
     std::string home;
     app.add_option("--home", home, "host home whose key encrypts the password")->required();
@@ -60,4 +60,13 @@ int main(int argc, char** argv) {
     }
     std::cout << stored << "\n";
     return 0;
+}
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& e) {
+        std::cerr << "vshost-passwd: " << e.what() << "\n";
+        return 2;
+    }
 }
