@@ -10,8 +10,7 @@ namespace {
 
 // Schema steps, applied in order; version N means the first N are in place. Never edit
 // a released step: append a new one.
-const std::vector<const char*>& Migrations() {
-    static const std::vector<const char*> steps = {
+constexpr const char* kMigrations[] = {
         R"sql(
         CREATE TABLE clients (
             id   INTEGER PRIMARY KEY,
@@ -115,9 +114,7 @@ const std::vector<const char*>& Migrations() {
             PRIMARY KEY (job_id, vm_guid, disk_name)
         );
         )sql",
-    };
-    return steps;
-}
+};
 
 }  // namespace
 
@@ -190,7 +187,7 @@ std::string Statement::Blob(int column) const {
 }
 
 void Migrate(Connection& db) {
-    const auto& steps = Migrations();
+    const std::vector<const char*> steps(std::begin(kMigrations), std::end(kMigrations));
     auto current = [&db] {
         Statement q(db, "SELECT version FROM schema_version");
         return q.Step() ? q.Int(0) : int64_t{0};
