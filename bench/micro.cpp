@@ -27,8 +27,8 @@
 namespace {
 
 constexpr size_t kMiB = size_t{1} << 20;
-constexpr size_t kExtent = kMiB;            // the reader's default extent size
-constexpr size_t kImageBytes = 64 * kMiB;   // small enough for the page cache, big enough to leave the CPU caches
+constexpr size_t kExtent = kMiB;           // the reader's default extent size
+constexpr size_t kImageBytes = 64 * kMiB;  // small enough for the page cache, big enough to leave the CPU caches
 
 // The zero scan the host and the reader each had before IsZeroFilled: one byte at a time.
 bool ByteLoop(const void* data, size_t length) {
@@ -207,7 +207,8 @@ void BM_RecordChecksum(benchmark::State& state) {
     const char frame[12] = {};
     uint64_t index = 0;
     for (auto _ : state) {
-        uint64_t sum = vshost::detail::RecordChecksum(nullptr, 0, frame, sizeof frame, data.data(), data.size(), index++);
+        uint64_t sum =
+            vshost::detail::RecordChecksum(nullptr, 0, frame, sizeof frame, data.data(), data.size(), index++);
         benchmark::DoNotOptimize(sum);
     }
     Bytes(state, kMiB);

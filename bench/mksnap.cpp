@@ -13,12 +13,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <random>
-#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
@@ -35,7 +35,8 @@ void MakeImage(const std::string& path, uint64_t size, uint64_t data, uint64_t r
         throw std::runtime_error("--data must be a non-zero multiple of --runs times 4 KiB");
     const uint64_t run = data / runs;
     const uint64_t slice = size / runs / kAlign * kAlign;
-    if (slice < run) throw std::runtime_error("--data does not fit into --virtual in " + std::to_string(runs) + " runs");
+    if (slice < run)
+        throw std::runtime_error("--data does not fit into --virtual in " + std::to_string(runs) + " runs");
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(size)) != 0) throw std::runtime_error("cannot create " + path);
     std::mt19937_64 places(seed);
@@ -60,9 +61,10 @@ void MakeImage(const std::string& path, uint64_t size, uint64_t data, uint64_t r
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"mksnap: a host home with a datastore snapshot and a vsdm job file for it: one VM per IMAGE, the "
-                 "image its disk (hard-linked, so every IMAGE must be on the same file system as HOME), or --vms small "
-                 "VMs"};
+    CLI::App app{
+        "mksnap: a host home with a datastore snapshot and a vsdm job file for it: one VM per IMAGE, the "
+        "image its disk (hard-linked, so every IMAGE must be on the same file system as HOME), or --vms small "
+        "VMs"};
     std::string home, jobFile;
     std::vector<std::string> images;
     long long jobId = 101;
@@ -71,18 +73,21 @@ int main(int argc, char** argv) {
     uint64_t diskMiB = 4, virtualSize = 0, dataSize = 0, runs = 1024;
     uint32_t seed = 1;
     app.add_option("--home", home, "host home to create (a new or empty folder)")->required();
-    auto* imageOpt = app.add_option("--image", images, "raw disk image; repeat for more VMs (one made first with "
+    auto* imageOpt = app.add_option("--image", images,
+                                    "raw disk image; repeat for more VMs (one made first with "
                                     "--make-image)");
-    auto* vmsOpt = app.add_option("--vms", vms, "a snapshot of this many VMs, each with two small disks, instead of IMAGE")
-                       ->check(CLI::Range(1u, 99999u))
-                       ->excludes(imageOpt);
+    auto* vmsOpt =
+        app.add_option("--vms", vms, "a snapshot of this many VMs, each with two small disks, instead of IMAGE")
+            ->check(CLI::Range(1u, 99999u))
+            ->excludes(imageOpt);
     app.add_option("--disk-mib", diskMiB, "size of each disk of --vms in MiB (default 4)")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 20))
         ->needs(vmsOpt);
-    auto* make = app.add_option("--make-image", virtualSize,
-                                "first make IMAGE as a sparse file of this many bytes (suffixes K, M, G, T: powers of 2)")
-                     ->transform(CLI::AsSizeValue(false))
-                     ->needs(imageOpt);
+    auto* make =
+        app.add_option("--make-image", virtualSize,
+                       "first make IMAGE as a sparse file of this many bytes (suffixes K, M, G, T: powers of 2)")
+            ->transform(CLI::AsSizeValue(false))
+            ->needs(imageOpt);
     app.add_option("--data", dataSize, "bytes of data that --make-image scatters over the image (default 64M)")
         ->transform(CLI::AsSizeValue(false))
         ->needs(make);

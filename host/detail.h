@@ -16,10 +16,10 @@ using SettingsMap = std::map<std::string, SettingsSection>;
 
 // Everything the process knows about its home. Guarded by the lock of LockedState.
 struct HomeState {
-    std::string dir;          // empty when no home is open
+    std::string dir;  // empty when no home is open
     SettingsMap settings;
     int logFd = -1;
-    bool autoOpenDone = false;   // $VSHOST_HOME is looked at once, and never after OpenHome
+    bool autoOpenDone = false;  // $VSHOST_HOME is looked at once, and never after OpenHome
 };
 
 // Holds the process-wide lock for its life. Taking it performs the deferred opening of
@@ -51,8 +51,7 @@ void WriteSettingsFile(const std::string& path, const SettingsMap& settings);
 // Appends one line (newline added here) to the open home's log file, if any.
 void AppendToLogFile(const std::string& line);
 // Filters by level, formats and delivers one log line.
-void EmitLog(const std::string& tag, KTJobID jobId, const std::string& debugKey, int level,
-             const std::string& message);
+void EmitLog(const std::string& tag, KTJobID jobId, const std::string& debugKey, int level, const std::string& message);
 
 // vsnprintf into a string of any length.
 std::string VFormat(const char* format, va_list args) __attribute__((format(printf, 1, 0)));

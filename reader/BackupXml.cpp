@@ -7,8 +7,8 @@
 #include "hostapi/indexclient.h"
 #include "hostapi/xmlfile.h"
 
-#include <list>
 #include <strings.h>
+#include <list>
 
 namespace {
 

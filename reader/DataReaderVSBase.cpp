@@ -4,13 +4,13 @@
 #include "hostapi/archive.h"
 #include "hostapi/counter.h"
 
-#include "hostapi/fileutil.h"
 #include "hostapi/armgr.h"
+#include "hostapi/fileutil.h"
 #include "hostapi/platform.h"
 
+#include <unistd.h>
 #include <cstdlib>
 #include <new>
-#include <unistd.h>
 
 std::string m_ProxyDecryptedPassword;
 
@@ -41,8 +41,7 @@ DataReaderVSBase::~DataReaderVSBase() {
     // A reader deleted with archive files of its list still open would otherwise leave
     // the snapshot and its VMs mounted and the VM-info object alive.
     if (m_pVMInfo) {
-        KTlog(m_hLog, 1, "Deleted with [%d] archive file(s) still open: unmounting",
-              static_cast<int>(m_afileRefCount));
+        KTlog(m_hLog, 1, "Deleted with [%d] archive file(s) still open: unmounting", static_cast<int>(m_afileRefCount));
         UnMountAllMountedVMs();
         UnMountSnap();
         CleanupVMInfoObject();
@@ -261,9 +260,13 @@ int DataReaderVSBase::SetSnapEngineID(unsigned int id) {
     return 0;
 }
 
-bool DataReaderVSBase::isVMImageSnap(int engineId) { return engineId == 58 || engineId == 59; }
+bool DataReaderVSBase::isVMImageSnap(int engineId) {
+    return engineId == 58 || engineId == 59;
+}
 
-bool DataReaderVSBase::IsVVOLEngine(unsigned engineId) { return engineId == 58 || engineId == 59; }
+bool DataReaderVSBase::IsVVOLEngine(unsigned engineId) {
+    return engineId == 58 || engineId == 59;
+}
 
 bool DataReaderVSBase::IsVMCentricSnapEngine(unsigned engineId) {
     return engineId == 66 || engineId == 77 || engineId == 82;

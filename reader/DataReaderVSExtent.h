@@ -16,10 +16,10 @@
 // One item of a mounted VM as the extent reader handles it: a disk or a configuration file.
 struct DataReaderVSExent_VMMountInfo {
     int32_t productType = 0;
-    int32_t backupType = 0;       // 1 = a virtual disk, 0 = a configuration file
+    int32_t backupType = 0;  // 1 = a virtual disk, 0 = a configuration file
     int32_t diskType = 0;
     uint64_t size = 0;
-    std::string name;             // key of the disk-handle map; part of stream paths
+    std::string name;  // key of the disk-handle map; part of stream paths
     std::string secondName;
     std::string path;
     std::string extra;

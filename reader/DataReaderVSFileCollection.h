@@ -17,10 +17,10 @@
 // One disk of a mounted VM as the file-collection reader sees it.
 struct DataReaderVSFileCollection_VMMountInfo {
     ProductType_t productType = 0;
-    int32_t backupType = 0;      // 2 = a disk read as a file collection
+    int32_t backupType = 0;  // 2 = a disk read as a file collection
     DiskType_t diskType = 0;
     uint64_t size = 0;
-    std::string name;            // key of the collection map; part of stream paths
+    std::string name;  // key of the collection map; part of stream paths
     std::string secondName;
     std::string path;
     std::string extra;

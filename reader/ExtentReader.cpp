@@ -27,7 +27,9 @@ int DataReaderVSExtent::Initialize() {
     return CreateArchiveWriter(m_pPipelayer, &m_vsSim, m_sShortClientName, m_pArchive);
 }
 
-int DataReaderVSExtent::PreOpenArchiveFile(char* list) { return DataReaderVSBase::PreOpenArchiveFile(list); }
+int DataReaderVSExtent::PreOpenArchiveFile(char* list) {
+    return DataReaderVSBase::PreOpenArchiveFile(list);
+}
 
 int DataReaderVSExtent::OpenArchiveFile(const DMInitParams& initParams, const DMOpenArchiveParams& openParams) {
     if (!m_pArchive) return ~0;
@@ -154,7 +156,7 @@ int DataReaderVSExtent::OpenDiskHandle(MountCtx& ctx, std::string& path, std::st
 }
 
 bool DataReaderVSExtent::GetDiskHandle(std::string& name, CArchiveVirtualDiskFile*& out) {
-    out = m_diskHandles[name];   // an unknown name leaves an empty entry behind
+    out = m_diskHandles[name];  // an unknown name leaves an empty entry behind
     return out != nullptr;
 }
 

@@ -15,7 +15,9 @@ namespace {
 constexpr unsigned long kConfigChunk = 32768;
 constexpr unsigned long kFirstBlockBytes = 65536;
 
-std::string VMPath(const std::string& vm) { return FXString::Format("\\%s", vm.c_str()); }
+std::string VMPath(const std::string& vm) {
+    return FXString::Format("\\%s", vm.c_str());
+}
 std::string ItemPath(const std::string& vm, const std::string& item) {
     return FXString::Format("\\%s\\%s", vm.c_str(), item.c_str());
 }
@@ -25,8 +27,8 @@ std::string ItemPath(const std::string& vm, const std::string& item) {
 int DataReaderVSExtent::SendVMHeader(std::string& vmGuid) {
     KTlog(m_hLog, 1, "Sending VM [%s]", vmGuid.c_str());
     const std::string path = VMPath(vmGuid);
-    if (!m_pArchive || m_pArchive->isError(m_pArchive->sendFileHeader(path, 0, 0, true, false, false, 0, 0, 0, 0,
-                                                                        false, true, false))) {
+    if (!m_pArchive || m_pArchive->isError(m_pArchive->sendFileHeader(path, 0, 0, true, false, false, 0, 0, 0, 0, false,
+                                                                      true, false))) {
         KTlog(m_hLog, 1, "Failed to send VM Header for [%s]", path.c_str());
         return ~0;
     }
@@ -37,9 +39,8 @@ int DataReaderVSExtent::SendVMHeader(std::string& vmGuid) {
     return 0;
 }
 
-int DataReaderVSExtent::SendConfigFile(std::string& vmGuid, std::string& name, std::string& extra,
-                                       unsigned productType, unsigned diskType, unsigned long long size,
-                                       std::string& filePath) {
+int DataReaderVSExtent::SendConfigFile(std::string& vmGuid, std::string& name, std::string& extra, unsigned productType,
+                                       unsigned diskType, unsigned long long size, std::string& filePath) {
     if (vmGuid.empty() || filePath.empty() || name.empty() || !m_pArchive) {
         KTlog(m_hLog, 1, "Some of the input is missing. No backing up file");
         return ~0;
@@ -49,8 +50,8 @@ int DataReaderVSExtent::SendConfigFile(std::string& vmGuid, std::string& name, s
         return ~0;
     }
     KTlog(m_hLog, 3, "Sending file [%s]", filePath.c_str());
-    auto_handle file(FXFile::KTCreateFile(filePath, KT_GENERIC_READ, KT_FILE_SHARE_READ, nullptr, KT_OPEN_EXISTING, 0,
-                                          nullptr));
+    auto_handle file(
+        FXFile::KTCreateFile(filePath, KT_GENERIC_READ, KT_FILE_SHARE_READ, nullptr, KT_OPEN_EXISTING, 0, nullptr));
     if (!file.is_valid()) {
         KTlog(m_hLog, 1, "Failed to open the file [%s]. GetLastError() [%d]", filePath.c_str(), errno);
         return ~0;
@@ -58,7 +59,8 @@ int DataReaderVSExtent::SendConfigFile(std::string& vmGuid, std::string& name, s
     unsigned long long remaining = 0;
     const CQiError sizeErr = FXFile::KTGetFileSize(filePath, remaining);
     if (sizeErr.IsError()) {
-        KTlog(m_hLog, 1, "Failed to get file's size for [%s], Windows Error Code [%u]. Backing up this file is not possible",
+        KTlog(m_hLog, 1,
+              "Failed to get file's size for [%s], Windows Error Code [%u]. Backing up this file is not possible",
               filePath.c_str(), static_cast<unsigned>(sizeErr.Errno()));
         return ~0;
     }
@@ -120,10 +122,10 @@ int DataReaderVSExtent::SendDiskHeader(std::string& vmGuid, std::string& diskNam
     }
     const unsigned long long extentSize = ctx.extentSize;
     const unsigned long long extentCount = disk->GetAllocatedExtentCount();
-    KTlog(m_hLog, 1, "Sending [%s] size [%llu] extentSize [%llu] extentCount [%llu]", diskName.c_str(), size, extentSize,
-          extentCount);
+    KTlog(m_hLog, 1, "Sending [%s] size [%llu] extentSize [%llu] extentCount [%llu]", diskName.c_str(), size,
+          extentSize, extentCount);
     if (!m_pArchive || m_pArchive->isError(m_pArchive->sendDiskInfo(vmGuid, diskName, extra, 3, productType, diskType,
-                                                                      size, extentSize, extentCount))) {
+                                                                    size, extentSize, extentCount))) {
         KTlog(m_hLog, 1, "Failed to send Disk Info for [%s]", diskName.c_str());
         return ~0;
     }
@@ -135,14 +137,14 @@ int DataReaderVSExtent::SendDiskHeader(std::string& vmGuid, std::string& diskNam
     return 0;
 }
 
-int DataReaderVSExtent::SendDiskMetadata(std::string& vmGuid, std::string& diskName, std::string&, unsigned,
-                                         unsigned, unsigned long long size, CArchiveVirtualDiskFile* disk) {
+int DataReaderVSExtent::SendDiskMetadata(std::string& vmGuid, std::string& diskName, std::string&, unsigned, unsigned,
+                                         unsigned long long size, CArchiveVirtualDiskFile* disk) {
     const unsigned long long extentSize = m_diskContexts[disk].extentSize;
     const std::string path = ItemPath(vmGuid, diskName);
     KTlog(m_hLog, 1, "Sending File Header Path:[%s]", path.c_str());
-    if (!m_pArchive || m_pArchive->isError(m_pArchive->sendFileHeader(path, size, 0, true, false, false, 0,
-                                                                        static_cast<unsigned>(extentSize), 0, 0,
-                                                                        false, true, false))) {
+    if (!m_pArchive ||
+        m_pArchive->isError(m_pArchive->sendFileHeader(path, size, 0, true, false, false, 0,
+                                                       static_cast<unsigned>(extentSize), 0, 0, false, true, false))) {
         KTlog(m_hLog, 1, "Failed to send Disk Header for [%s]", path.c_str());
         return ~0;
     }
@@ -166,7 +168,7 @@ int DataReaderVSExtent::SendEntireDiskExtents(const std::string& vmGuid, const s
     const unsigned long long expected = disk->GetAllocatedExtentCount();
     unsigned long long sent = 0;
     bool endReached = false;
-    CAutoMemory<char> buffer;   // one buffer for the whole pass
+    CAutoMemory<char> buffer;  // one buffer for the whole pass
     std::vector<bool> changed;
     for (;;) {
         if (IsStopSignaled()) {

@@ -91,13 +91,14 @@ int DataReaderVSExtent::OnSnapSrcPath(FSRSnapSrcPath* item) {
                 processed = opt->processed != 0;
                 changeId = opt->changeId;
                 altName = opt->diskName;
-                KTlog(m_hLog, 1, "%s: Disk [%s]: Already processed in a previous attempt of the job? [%s], Using CBT id [%s]",
-                      kFn, rec.name.c_str(), processed ? "Yes" : "No", changeId.empty() ? "N/A" : changeId.c_str());
+                KTlog(m_hLog, 1,
+                      "%s: Disk [%s]: Already processed in a previous attempt of the job? [%s], Using CBT id [%s]", kFn,
+                      rec.name.c_str(), processed ? "Yes" : "No", changeId.empty() ? "N/A" : changeId.c_str());
             }
             if (processed) continue;
             CArchiveVirtualDiskFile* handle = nullptr;
-            const int open = OpenDiskHandle(vmCtx.mountCtx, rec.path, rec.name, rec.productType, rec.diskType,
-                                            changeId, handle);
+            const int open =
+                OpenDiskHandle(vmCtx.mountCtx, rec.path, rec.name, rec.productType, rec.diskType, changeId, handle);
             if (open != 0) return open;
             std::string& headerName = alternate ? altName : rec.name;
             const int hdr = SendDiskHeader(vmGuid, headerName, rec.extra, static_cast<unsigned>(rec.productType),

@@ -14,8 +14,7 @@ DataReaderVSExtent* CreateDataReaderVSExtent(CPipelayer* pipelayer, KtEvent* eve
     return reader;
 }
 
-DataReaderVSFileCollection* CreateDataReaderVSFileCollection(CPipelayer* pipelayer, KtEvent* event,
-                                                             KTJobID jobId) {
+DataReaderVSFileCollection* CreateDataReaderVSFileCollection(CPipelayer* pipelayer, KtEvent* event, KTJobID jobId) {
     EvDebug debug(nullptr);
     auto* reader = new (std::nothrow) DataReaderVSFileCollection(pipelayer, event, jobId);
     if (!reader)

@@ -6,7 +6,9 @@
 
 namespace {
 
-std::string VMPath(const std::string& vm) { return FXString::Format("\\%s", vm.c_str()); }
+std::string VMPath(const std::string& vm) {
+    return FXString::Format("\\%s", vm.c_str());
+}
 std::string DiskPath(const std::string& vm, const std::string& disk) {
     return FXString::Format("\\%s\\%s", vm.c_str(), disk.c_str());
 }
@@ -32,8 +34,7 @@ int DataReaderVSFileCollection::Initialize() {
     return CreateArchiveWriter(m_pPipelayer, &m_vsSim, m_sShortClientName, m_pArchive);
 }
 
-int DataReaderVSFileCollection::OpenArchiveFile(const DMInitParams& initParams,
-                                                const DMOpenArchiveParams& openParams) {
+int DataReaderVSFileCollection::OpenArchiveFile(const DMInitParams& initParams, const DMOpenArchiveParams& openParams) {
     if (!m_pArchive) return ~0;
     m_pArchive->SetArchiveFileId(static_cast<unsigned>(openParams.hubcellId),
                                  static_cast<unsigned>(openParams.archGroupId),
@@ -125,8 +126,8 @@ unsigned DataReaderVSFileCollection::CloseAllDiskHandles() {
 unsigned DataReaderVSFileCollection::SendVMHeader(std::string& vm) {
     KTlog(m_hLog, 1, "Sending VM [%s]", vm.c_str());
     const std::string path = VMPath(vm);
-    if (!m_pArchive || m_pArchive->isError(m_pArchive->sendFileHeader(path, 0, 0, true, false, false, 0, 0, 0, 0,
-                                                                        false, true, false))) {
+    if (!m_pArchive || m_pArchive->isError(m_pArchive->sendFileHeader(path, 0, 0, true, false, false, 0, 0, 0, 0, false,
+                                                                      true, false))) {
         KTlog(m_hLog, 1, "Failed to send VM Header for [%s]", path.c_str());
         return ~0u;
     }
@@ -149,13 +150,12 @@ unsigned DataReaderVSFileCollection::SendDiskHeader(std::string& vm, std::string
     return 0;
 }
 
-unsigned DataReaderVSFileCollection::SendDiskMetadata(std::string& vm, std::string& disk, std::string&,
-                                                      ProductType_t, DiskType_t, unsigned long long size,
-                                                      CFileCollection*) {
+unsigned DataReaderVSFileCollection::SendDiskMetadata(std::string& vm, std::string& disk, std::string&, ProductType_t,
+                                                      DiskType_t, unsigned long long size, CFileCollection*) {
     // The disk's entry names the folder its nodes lie in: a container of the disk's size.
     const std::string path = DiskPath(vm, disk);
     if (!m_pArchive || m_pArchive->isError(m_pArchive->sendFCFileHeader(path, size, 0, true, false, 0, 0, 0, 0, false,
-                                                                          true, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0))) {
+                                                                        true, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0))) {
         KTlog(m_hLog, 1, "Failed to send Disk Header for [%s]", path.c_str());
         return ~0u;
     }

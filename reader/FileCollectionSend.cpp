@@ -17,7 +17,7 @@ unsigned DataReaderVSFileCollection::SendFiles(const std::string& vmName, const 
         KTlog(m_hLog, 1, "Failed to get next node during backing up file collection.");
         return ~0u;
     }
-    unsigned long long offset = 0;   // data bytes of the disk sent so far
+    unsigned long long offset = 0;  // data bytes of the disk sent so far
     for (;;) {
         if (IsStopSignaled()) {
             KTlog(m_hLog, 1, "Received job interruption flag...");
@@ -32,8 +32,7 @@ unsigned DataReaderVSFileCollection::SendFiles(const std::string& vmName, const 
             KTlog(m_hLog, 1, "Failed to get next node during backing up file collection.");
             return ~0u;
         }
-        const std::string path =
-            FXString::Format("\\%s\\%s\\%s", vmName.c_str(), diskName.c_str(), node.sName.c_str());
+        const std::string path = FXString::Format("\\%s\\%s\\%s", vmName.c_str(), diskName.c_str(), node.sName.c_str());
         // The two values after the attributes go out second first; readers of the
         // stream expect them in that order.
         m_pArchive->sendFCFileHeader(path, static_cast<unsigned long long>(node.llSize), node.llDataOffset, false,
@@ -44,9 +43,8 @@ unsigned DataReaderVSFileCollection::SendFiles(const std::string& vmName, const 
 
         if (node.llSize != 0) {
             // Every request asks for the same piece; the node ends when a read yields nothing.
-            const unsigned long piece =
-                static_cast<unsigned long>(std::min<unsigned long long>(static_cast<unsigned long long>(node.llSize),
-                                                                        kPieceBytes));
+            const unsigned long piece = static_cast<unsigned long>(
+                std::min<unsigned long long>(static_cast<unsigned long long>(node.llSize), kPieceBytes));
             unsigned long long nodeBytes = 0;
             auto transfer = [&]() -> bool {
                 for (;;) {

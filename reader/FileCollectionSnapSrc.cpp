@@ -113,8 +113,8 @@ int DataReaderVSFileCollection::OnSnapSrcPath(FSRSnapSrcPath* item) {
             // An incremental item writes every disk under the name its options give,
             // as the extent reader does: the VM-info name is the source's, not the target's.
             std::string name = incremental ? firstName : rec.name;
-            unsigned rc = SendDiskMetadata(vm, name, rec.path, rec.productType, rec.diskType, rec.size,
-                                           collection.get());
+            unsigned rc =
+                SendDiskMetadata(vm, name, rec.path, rec.productType, rec.diskType, rec.size, collection.get());
             if (rc != 0) return static_cast<int>(rc);
             rc = SendFiles(vm, name, false, 0, collection.get());
             if (rc != 0) return static_cast<int>(rc);

@@ -8,8 +8,9 @@
 unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, std::string& out) {
     static const char* const kFn = "DataReaderVMware::CreateListOfFilesToRead";
     if (m_sCollectFileName.empty()) {
-        m_sCollectFileName = m_sJobResultsDir + "ColFile_JID" + FXString::Format("%lld", static_cast<long long>(m_jobId)) +
-                             "_" + FXString::Format("AF%d", static_cast<int>(m_fileOpenParams.archiveFileId)) + "_" +
+        m_sCollectFileName = m_sJobResultsDir + "ColFile_JID" +
+                             FXString::Format("%lld", static_cast<long long>(m_jobId)) + "_" +
+                             FXString::Format("AF%d", static_cast<int>(m_fileOpenParams.archiveFileId)) + "_" +
                              FXString::Format("Str%d", m_fileInitParams.streamNumber) +
                              FXString::Format("_%lld", static_cast<long long>(std::time(nullptr))) + ".txt";
     }
@@ -48,14 +49,14 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
     size_t found = m_snapSrc.m_SnapSrcPath.find(m_sOrigClientMountPath, 0);
     if (found == std::string::npos) found = m_snapSrc.m_SnapSrcPath.find(m_sOrigClientMountPath, 0);
     if (found == std::string::npos) {
-        KTlog(m_hLog, 1, "%s: Failed to scan for srcMountPath [%s] in source path. Src Path sent by client is [%s]", kFn,
-              m_sOrigClientMountPath.c_str(), m_snapSrc.m_SnapSrcPath.c_str());
+        KTlog(m_hLog, 1, "%s: Failed to scan for srcMountPath [%s] in source path. Src Path sent by client is [%s]",
+              kFn, m_sOrigClientMountPath.c_str(), m_snapSrc.m_SnapSrcPath.c_str());
         return ~0u;
     }
     if (found != 0) {
         KTlog(m_hLog, 1,
-              "%s: Path Mismatch: srcMountPath where orig snap was taken = [%s] . Path that needs to be read = [%s]", kFn,
-              m_sOrigClientMountPath.c_str(), m_snapSrc.m_SnapSrcPath.c_str());
+              "%s: Path Mismatch: srcMountPath where orig snap was taken = [%s] . Path that needs to be read = [%s]",
+              kFn, m_sOrigClientMountPath.c_str(), m_snapSrc.m_SnapSrcPath.c_str());
         return ~0u;
     }
     m_sPathToRestore = m_snapSrc.m_SnapSrcPath.substr(m_sOrigClientMountPath.size());
@@ -120,8 +121,9 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
         const int level = m_snapSrc.m_bRecurse ? -1 : 0;
         err = CQiDirectory::Walk(completeLocalPath, this, level, false, &DataReaderVMware::PathWalkerStatic);
         if (err.IsError()) {
-            KTlog(m_hLog, 1, "%s: CQiDirectory::Walk returned error [%s]. sCompleteLocalPath = [%s], subDirLevel = [%d]",
-                  kFn, err.AsString().c_str(), completeLocalPath.c_str(), level);
+            KTlog(m_hLog, 1,
+                  "%s: CQiDirectory::Walk returned error [%s]. sCompleteLocalPath = [%s], subDirLevel = [%d]", kFn,
+                  err.AsString().c_str(), completeLocalPath.c_str(), level);
             return ~0u;
         }
     } else if (std::fputs((m_snapSrc.m_SnapSrcPath + "\n").c_str(), m_pCollectFile) < 0) {

@@ -2,8 +2,8 @@
 // the collect file's removal.
 #include "DataReaderVMware.h"
 
-#include <new>
 #include <unistd.h>
+#include <new>
 
 DataReaderVMware::DataReaderVMware(CPipelayer* pipelayer, KtEvent* event, long long jobId)
     : DataReaderVSBase(pipelayer, event, jobId) {
@@ -29,7 +29,7 @@ DataReaderVMware::DataReaderVMware(CPipelayer* pipelayer, KtEvent* event, long l
 }
 
 DataReaderVMware::~DataReaderVMware() {
-    if (m_pCollectFile) std::fclose(m_pCollectFile);   // left open by a failed listing
+    if (m_pCollectFile) std::fclose(m_pCollectFile);  // left open by a failed listing
     m_pCollectFile = nullptr;
     cleanUp();
     m_pPipe = nullptr;
@@ -113,7 +113,9 @@ long DataReaderVMware::PreOpenArchiveFile(char* aFileList, unsigned long value) 
     return DataReaderVSBase::PreOpenArchiveFile(aFileList);
 }
 
-unsigned DataReaderVMware::Close() { return static_cast<unsigned>(DataReaderVSBase::Close(1)); }
+unsigned DataReaderVMware::Close() {
+    return static_cast<unsigned>(DataReaderVSBase::Close(1));
+}
 
 bool DataReaderVMware::isStopSignaled() {
     if (m_pStopEvent && m_pStopEvent->wait(0)) {

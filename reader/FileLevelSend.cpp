@@ -30,7 +30,7 @@ unsigned DataReaderVMware::SendFiles(const char* name) {
             KTlog(m_hLog, 1, "%s: Open Files For Backup indicates FAIL_BACKUP.", kFn);
             return ~0u;
         }
-        if (opened != ClBackupFile::kOk) break;   // the list is done
+        if (opened != ClBackupFile::kOk) break;  // the list is done
         // Nothing has been sent for the file just opened: it is left out whole.
         if (isStopSignaled()) return ~0u;
         if (m_pClBackup->CheckFile(files, 0) != 0) continue;
@@ -60,7 +60,9 @@ unsigned DataReaderVMware::SendFiles(const char* name) {
 
 bool DataReaderVMware::SendComponentRestoreMsgHdr(const FSRSnapSrcPath&) {
     static const char* const kFn = "DataReaderVMware::SendComponentRestoreMsgHdr";
-    if (m_pClBackup) KTlog(m_hLog, 1, "%s: Sending dummy Component Restore Message header", kFn);
-    else KTlog(m_hLog, 1, "%s: ClBackup reader is null.", kFn);
+    if (m_pClBackup)
+        KTlog(m_hLog, 1, "%s: Sending dummy Component Restore Message header", kFn);
+    else
+        KTlog(m_hLog, 1, "%s: ClBackup reader is null.", kFn);
     return true;
 }

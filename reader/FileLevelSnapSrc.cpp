@@ -28,8 +28,10 @@ unsigned DataReaderVMware::OnSnapSrcPath(const char* snapSrcPath) {
     std::set<unsigned> ids;
     GetAFileListForVM(m_sVMGuid, ids);
     if (ids.empty()) {
-        if (!m_afileIds.empty()) ids.insert(static_cast<unsigned>(m_afileIds.front().afileId));
-        else ids.insert(m_fileOpenParams.archiveFileId);
+        if (!m_afileIds.empty())
+            ids.insert(static_cast<unsigned>(m_afileIds.front().afileId));
+        else
+            ids.insert(m_fileOpenParams.archiveFileId);
     }
     if (ids.empty()) {
         KTlog(m_hLog, 2, "Failed to get Archive file list for VM:[%s]", m_sVMGuid.c_str());
@@ -71,7 +73,7 @@ bool DataReaderVMware::GetAFileListForVM(std::string& vmGuid, std::set<unsigned>
                 KTlog(m_hLog, 3, "Archive File ID [%d] ", static_cast<int>(group.ullAfileId));
                 if (guid.size() == vmGuid.size() && strcasecmp(guid.c_str(), vmGuid.c_str()) == 0)
                     archiveFileIds.insert(isVMImageSnap(snap.nSnapEngineId) ? snapAfile
-                                                                           : static_cast<unsigned>(group.ullAfileId));
+                                                                            : static_cast<unsigned>(group.ullAfileId));
             }
         }
     }
@@ -85,7 +87,8 @@ unsigned DataReaderVMware::GetFileMountInfo(std::string& vmGuid, DataReaderVMCtx
         std::string volume;
         if (ctx.mountCtx.nMountMode != 2 && static_cast<int>(m_vsInstanceType) != 102) {
             volume = entry.sDevicePath;
-            if (volume.compare(0, kVolumePrefix.size(), kVolumePrefix) == 0 && volume.size() >= kVolumePrefix.size() + 2)
+            if (volume.compare(0, kVolumePrefix.size(), kVolumePrefix) == 0 &&
+                volume.size() >= kVolumePrefix.size() + 2)
                 volume = volume.substr(kVolumePrefix.size(), volume.size() - kVolumePrefix.size() - 2);
             KTlog(m_hLog, 1, "For VCBMounter GUID for VOL:[%s] ", volume.c_str());
         } else {

@@ -5,4 +5,3 @@ DataReaderVSFileCollection::DataReaderVSFileCollection(CPipelayer* pipelayer, Kt
     : DataReaderVSBase(pipelayer, event, jobId) {
     InitKTLog("DM_FS\t", "nDATAREADERVSFS", jobId);
 }
-

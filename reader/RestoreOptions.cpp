@@ -13,7 +13,9 @@ constexpr const char* kFn = "DataReaderVSBase::getInPlaceRestoreOptions";
 constexpr int kSnapFailoverFailed = 6;
 constexpr unsigned long kTaskOptionSize = 1024;
 
-bool SameServer(const std::string& a, const std::string& b) { return strcasecmp(a.c_str(), b.c_str()) == 0; }
+bool SameServer(const std::string& a, const std::string& b) {
+    return strcasecmp(a.c_str(), b.c_str()) == 0;
+}
 
 // Reads a task option into `value`; false when the job does not carry it.
 bool TaskOption(KTJobID jobId, ktTaskOptions option, std::string& value) {
@@ -25,15 +27,21 @@ bool TaskOption(KTJobID jobId, ktTaskOptions option, std::string& value) {
 
 bool IsVirtualCenterInstance(int instanceType) {
     switch (instanceType) {
-    case 101: case 301: case 601: case 402: case 403: return true;
-    default: return false;
+        case 101:
+        case 301:
+        case 601:
+        case 402:
+        case 403:
+            return true;
+        default:
+            return false;
     }
 }
 
 }  // namespace
 
 int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2) {
-    vsAppMgr parentMgr;   // the parent instance stands in for a VM under indexing V2
+    vsAppMgr parentMgr;  // the parent instance stands in for a VM under indexing V2
 
     // 1. Indexing version and parent instance, only when the instance settings fail.
     int settingsCode = m_appMgr.querySettings();
@@ -77,8 +85,8 @@ int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned lo
     // A restore to another server mounts through the source server (unless failing
     // back), with the credentials the reader's own manager stores for it.
     auto crossServer = [&](const char* version, const std::string& source) {
-        KTlog(m_hLog, 1, "%s This is a cross-vc %s snap restore - Source [%s] Dest [%s]", kFn, version,
-              source.c_str(), m_sVCName.c_str());
+        KTlog(m_hLog, 1, "%s This is a cross-vc %s snap restore - Source [%s] Dest [%s]", kFn, version, source.c_str(),
+              m_sVCName.c_str());
         if (!failback) m_sVCName = source;
         m_appMgr.getCredentialsForServer(m_sVCName, m_sUserName, m_ProxyDecryptedPassword, m_sPassword);
         KTlog(m_hLog, 1, "%s:user name:[%s]", kFn, m_sUserName.c_str());
@@ -87,7 +95,7 @@ int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned lo
 
     bool userFromTask = true;
     if (m_sVCName.empty()) {
-        userFromTask = false;   // 11. default settings
+        userFromTask = false;  // 11. default settings
     } else if (!SameServer(m_sVCName, m_appMgr.getHostName()) && isVMImageSnap(static_cast<int>(m_snapEngineId)) &&
                !failback) {
         // 5. A VM image snapshot of another server is mounted through its own server.
@@ -137,8 +145,7 @@ int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned lo
         KTlog(m_hLog, 1, "%s:user name:[%s]", kFn, m_sUserName.c_str());
         std::string taskPassword;
         if (!TaskOption(m_jobId, KT_TASKOPT_RST_USER_PASSWORD, taskPassword)) {
-            KTlog(m_hLog, -1, "%sFailed to check the user password for this type of restore. Failing the restore",
-                  kFn);
+            KTlog(m_hLog, -1, "%sFailed to check the user password for this type of restore. Failing the restore", kFn);
             return 0;
         }
         KTlog(m_hLog, 1, "%s:Pwd len:[%d]", kFn, static_cast<int>(taskPassword.size()));

@@ -68,7 +68,7 @@ int DataReaderVSBase::MountSnap() {
     const int instanceType = static_cast<int>(getVSInstanceType());
     if (static_cast<int>(getMountType()) == 1 && (instanceType == 101 || instanceType == 100)) {
         ctx.bBlockLevelBrowseApplies = true;
-        unsigned long enabled = 1;   // absent means enabled
+        unsigned long enabled = 1;  // absent means enabled
         KTPlatformInfo().getNumber("VirtualServer", "nEnableVMWareSnapBlocklevelBrowse", &enabled);
         ctx.bBlockLevelBrowse = enabled != 0;
     }

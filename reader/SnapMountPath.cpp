@@ -46,6 +46,6 @@ void DataReaderVSBase::PrintSnapMountPath(const std::string& mountPath) {
     const std::string esx = Field(mountPath, ",esxname:", ",");
     const std::string user = Field(mountPath, ",username:", ",");
     const std::string password = Field(mountPath, ",password:", "}");
-    KTlog(m_hLog, 1, "%s: MountPath VC:[%s] ESX:[%s] User:[%s][%d]", "DataReaderVSBase::PrintSnapMountPath",
-          vc.c_str(), esx.c_str(), user.c_str(), static_cast<int>(password.size()));
+    KTlog(m_hLog, 1, "%s: MountPath VC:[%s] ESX:[%s] User:[%s][%d]", "DataReaderVSBase::PrintSnapMountPath", vc.c_str(),
+          esx.c_str(), user.c_str(), static_cast<int>(password.size()));
 }

@@ -1,16 +1,23 @@
 // Binding to the VM-info library, loaded at run time and kept loaded for the process.
 #include "DataReaderVSBase.h"
 
-#include <cerrno>
 #include <dlfcn.h>
+#include <cerrno>
 
 namespace {
 
 // Instance types that connect with the reader's own server, user and proxy password.
 bool ConnectsWithReaderCredentials(int instanceType) {
     switch (instanceType) {
-    case 100: case 101: case 301: case 601: case 402: case 403: return true;
-    default: return false;
+        case 100:
+        case 101:
+        case 301:
+        case 601:
+        case 402:
+        case 403:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -54,9 +61,8 @@ IVMInfo* DataReaderVSBase::CreateIVMInfoObject() {
 bool DataReaderVSBase::DeleteIVMInfoObject(IVMInfo* obj) {
     errno = 0;
     dlerror();
-    auto release = m_hVMInfoLib
-                       ? reinterpret_cast<DeleteVMInfoObjectFn>(dlsym(m_hVMInfoLib, VMINFO_DELETE_SYMBOL))
-                       : nullptr;
+    auto release =
+        m_hVMInfoLib ? reinterpret_cast<DeleteVMInfoObjectFn>(dlsym(m_hVMInfoLib, VMINFO_DELETE_SYMBOL)) : nullptr;
     if (!release) {
         KTlog(m_hLog, -1, "%s: ERROR: Could not map proc address DeleteVMInfoObject in VMInfo.dll Err=0x%x",
               "DataReaderVSBase::DeleteIVMInfoObject", static_cast<unsigned>(errno));

@@ -81,8 +81,8 @@ int DataReaderVSBase::MountVM(const std::string& vmName, DataReaderVMCtx& out,
         }
     }
 
-    KTlog(m_hLog, 1, "%s: Mounting VM [%s] on [%s] for hubcell id:[%d]", kFn, vmName.c_str(),
-          m_sESXServerName.c_str(), static_cast<int>(ctx.nHubcellId));
+    KTlog(m_hLog, 1, "%s: Mounting VM [%s] on [%s] for hubcell id:[%d]", kFn, vmName.c_str(), m_sESXServerName.c_str(),
+          static_cast<int>(ctx.nHubcellId));
     if (!m_pVMInfo || m_pVMInfo->MountVM(ctx) == 0) {
         KTlog(m_hLog, 1, "%s: MountVM failed. Hard failure.", kFn);
         CheckVMInfoError(m_pVMInfo, ctx);

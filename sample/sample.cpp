@@ -92,7 +92,9 @@ std::string Descriptor(const std::string& createType, const std::vector<std::str
     return text;
 }
 
-std::string Sectors(uint64_t bytes) { return std::to_string(bytes / 512); }
+std::string Sectors(uint64_t bytes) {
+    return std::to_string(bytes / 512);
+}
 
 // BIOS UUIDs are written as configurations write them: "56 4d .. ..-.. ..".
 std::string VmxUuid(const std::string& canonical) {
@@ -101,8 +103,10 @@ std::string VmxUuid(const std::string& canonical) {
         if (c != '-') hex += c;
     std::string out;
     for (size_t i = 0; i < 32; i += 2) {
-        if (i == 16) out += '-';
-        else if (i != 0) out += ' ';
+        if (i == 16)
+            out += '-';
+        else if (i != 0)
+            out += ' ';
         out += hex.substr(i, 2);
     }
     return out;
@@ -129,8 +133,8 @@ void ConfigFiles(SampleVM& vm, const fs::path& folder, const std::string& vmxTex
     vm.configFiles = {vm.name + ".nvram", vm.name + ".vmsd", vm.name + ".vmx", vm.name + ".vmxf"};
 }
 
-SampleDisk Disk(const std::string& name, const std::string& datastore, const std::string& folder,
-                const fs::path& path, uint64_t size, int backupType = 1) {
+SampleDisk Disk(const std::string& name, const std::string& datastore, const std::string& folder, const fs::path& path,
+                uint64_t size, int backupType = 1) {
     SampleDisk d;
     d.name = name;
     d.secondName = "[" + datastore + "] " + folder + "/" + name;
@@ -159,9 +163,10 @@ SampleSnapshot Identity(const SampleOptions& options, std::vector<std::string> d
 }
 
 void WriteSnapshotJson(const fs::path& root, const SampleSnapshot& s) {
-    WriteText(root / "snapshot.json",
-              nlohmann::json{{"snapJobId", s.snapJobId}, {"snapEngineId", s.snapEngineId}, {"datastores", s.datastores}}
-                  .dump(2));
+    WriteText(
+        root / "snapshot.json",
+        nlohmann::json{{"snapJobId", s.snapJobId}, {"snapEngineId", s.snapEngineId}, {"datastores", s.datastores}}.dump(
+            2));
 }
 
 // The rows of the host home's catalog that describe the snapshot: the media agent, the
@@ -220,8 +225,10 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         vm.vcUuid = "5003e1f2-a3b4-c5d6-e7f8-091a2b3c4d5e";
         vm.folder = (ds1 / "web01").string();
         ConfigFiles(vm, ds1 / "web01",
-                    Vmx(vm, {{"scsi0.present", "TRUE"}, {"scsi0:0.present", "TRUE"},
-                             {"scsi0:0.fileName", "web01.vmdk"}, {"scsi0:1.present", "TRUE"},
+                    Vmx(vm, {{"scsi0.present", "TRUE"},
+                             {"scsi0:0.present", "TRUE"},
+                             {"scsi0:0.fileName", "web01.vmdk"},
+                             {"scsi0:1.present", "TRUE"},
                              {"scsi0:1.fileName", "[ds2] web01/web01_1.vmdk"}}));
         WriteText(ds1 / "web01/web01.vmdk",
                   Descriptor("monolithicFlat", {"RW " + Sectors(size) + " FLAT \"web01-flat.vmdk\" 0"}));
@@ -253,10 +260,14 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         vm.vcUuid = "50037a6b-5c4d-3e2f-1a0b-9c8d7e6f5a4b";
         vm.folder = (ds1 / "db01").string();
         ConfigFiles(vm, ds1 / "db01",
-                    Vmx(vm, {{"sata0.present", "TRUE"}, {"sata0:0.present", "TRUE"},
-                             {"sata0:0.fileName", "db01.vmdk"}, {"ide1:0.present", "TRUE"},
-                             {"ide1:0.deviceType", "cdrom-image"}, {"ide1:0.fileName", "/iso/install.iso"}}));
-        WriteText(ds1 / "db01/db01.vmdk", Descriptor("vmfs", {"RW " + Sectors(size) + " VMFS \"db01 system-flat.vmdk\""}));
+                    Vmx(vm, {{"sata0.present", "TRUE"},
+                             {"sata0:0.present", "TRUE"},
+                             {"sata0:0.fileName", "db01.vmdk"},
+                             {"ide1:0.present", "TRUE"},
+                             {"ide1:0.deviceType", "cdrom-image"},
+                             {"ide1:0.fileName", "/iso/install.iso"}}));
+        WriteText(ds1 / "db01/db01.vmdk",
+                  Descriptor("vmfs", {"RW " + Sectors(size) + " VMFS \"db01 system-flat.vmdk\""}));
         SparseFile flat(ds1 / "db01/db01 system-flat.vmdk", size);
         FillDisk(flat, 0, size, 301);
         vm.disks = {Disk("db01.vmdk", "ds1", "db01", ds1 / "db01/db01.vmdk", size)};
@@ -267,12 +278,15 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         WriteText(guest / "D/data/table.db", std::string(300000, 'd'));
         WriteText(guest / "D/data/empty.log", "");
         vm.guestVolumeGuids = {"{6f1c2d3e-4a5b-11ee-9c8d-0a1b2c3d4e5f}", "{7a2b3c4d-5e6f-11ee-8d9c-1b2c3d4e5f60}"};
-        nlohmann::json sidecar = {
-            {"guestVolumes",
-             {{{"guid", vm.guestVolumeGuids[0]}, {"name", "C:"}, {"folder", "guest/C"},
-               {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[0] + "\\"}},
-              {{"guid", vm.guestVolumeGuids[1]}, {"name", "D:"}, {"folder", "guest/D"},
-               {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[1] + "\\"}}}}};
+        nlohmann::json sidecar = {{"guestVolumes",
+                                   {{{"guid", vm.guestVolumeGuids[0]},
+                                     {"name", "C:"},
+                                     {"folder", "guest/C"},
+                                     {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[0] + "\\"}},
+                                    {{"guid", vm.guestVolumeGuids[1]},
+                                     {"name", "D:"},
+                                     {"folder", "guest/D"},
+                                     {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[1] + "\\"}}}}};
         WriteText(ds1 / "db01/vmguest.json", sidecar.dump(2));
         s.vms.push_back(vm);
     }
@@ -285,8 +299,10 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         vm.vcUuid = "5003ffee-ddcc-bbaa-9988-776655443322";
         vm.folder = (ds2 / "fs01").string();
         ConfigFiles(vm, ds2 / "fs01",
-                    Vmx(vm, {{"scsi0:0.present", "TRUE"}, {"scsi0:0.fileName", "fs01.vmdk"},
-                             {"nvme0:0.present", "TRUE"}, {"nvme0:0.fileName", "fs01_data.img"}}));
+                    Vmx(vm, {{"scsi0:0.present", "TRUE"},
+                             {"scsi0:0.fileName", "fs01.vmdk"},
+                             {"nvme0:0.present", "TRUE"},
+                             {"nvme0:0.fileName", "fs01_data.img"}}));
         const fs::path files = ds2 / "fs01/fs01.files";
         WriteText(files / "etc/hostname", "fs01\n");
         WriteText(files / "srv/share/big.bin", std::string(40000, 'b'));
@@ -307,9 +323,9 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
         WriteText(homeFiles / "alice/.profile", "export EDITOR=vi\n");
         WriteText(homeFiles / "alice/notes 1.txt", std::string(9000, 'a'));
         fs::create_directories(homeFiles / "bob");
-        nlohmann::json sidecar = {{"fileCollectionDisks",
-                                   {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}},
-                                    {{"name", "fs01_home"}, {"folder", "home.files"}}}}};
+        nlohmann::json sidecar = {
+            {"fileCollectionDisks",
+             {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}}, {{"name", "fs01_home"}, {"folder", "home.files"}}}}};
         WriteText(ds2 / "fs01/vmguest.json", sidecar.dump(2));
         auto bytes = [](const fs::path& folder) {
             uint64_t n = 0;
@@ -398,10 +414,13 @@ SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options) {
         vm.folder = (root / own / vm.name).string();
         const std::string image = vm.name + "_1.img";
         ConfigFiles(vm, vm.folder,
-                    Vmx(vm, {{"scsi0:0.present", "TRUE"}, {"scsi0:0.fileName", vm.name + ".vmdk"},
-                             {"scsi0:1.present", "TRUE"}, {"scsi0:1.fileName", "[" + other + "] " + vm.name + "/" + image}}));
+                    Vmx(vm, {{"scsi0:0.present", "TRUE"},
+                             {"scsi0:0.fileName", vm.name + ".vmdk"},
+                             {"scsi0:1.present", "TRUE"},
+                             {"scsi0:1.fileName", "[" + other + "] " + vm.name + "/" + image}}));
         const fs::path vmdk = fs::path(vm.folder) / (vm.name + ".vmdk");
-        WriteText(vmdk, Descriptor("monolithicFlat", {"RW " + Sectors(size) + " FLAT \"" + vm.name + "-flat.vmdk\" 0"}));
+        WriteText(vmdk,
+                  Descriptor("monolithicFlat", {"RW " + Sectors(size) + " FLAT \"" + vm.name + "-flat.vmdk\" 0"}));
         const fs::path raw = root / other / vm.name / image;
         for (const fs::path& file : {fs::path(vm.folder) / (vm.name + "-flat.vmdk"), raw}) {
             SparseFile disk(file, size);

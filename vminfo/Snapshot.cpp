@@ -7,12 +7,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <set>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -45,8 +45,7 @@ bool CheckMetadata(const std::string& snapshotDir, int64_t jobId, const std::str
     std::string text, why;
     if (!vshost::snapfile::ReadText(snapshotDir, path.string(), text, why)) return Fail(f, kErrSnapMetadata, why);
     const nlohmann::json doc = nlohmann::json::parse(text, nullptr, false);
-    if (doc.is_discarded() || !doc.is_object() || !doc.contains("snapJobId") ||
-        !doc["snapJobId"].is_number_integer())
+    if (doc.is_discarded() || !doc.is_object() || !doc.contains("snapJobId") || !doc["snapJobId"].is_number_integer())
         return Fail(f, kErrSnapMetadata, path.string() + ": not a snapshot description");
     if (doc["snapJobId"].get<int64_t>() != jobId)
         return Fail(f, kErrSnapMetadata,
@@ -124,10 +123,13 @@ bool ResolveDisk(const Snapshot& snap, const VMRecord& vm, const std::string& fi
     fs::path rel;
     if (!fileName.empty() && fileName.front() == '[') {
         const size_t close = fileName.find(']');
-        if (close == std::string::npos) return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: malformed datastore path");
+        if (close == std::string::npos)
+            return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: malformed datastore path");
         const std::string ds = fileName.substr(1, close - 1);
         volume = snap.VolumeOfDatastore(ds);
-        if (!volume) return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: datastore [" + ds + "] is not in the mounted snapshot");
+        if (!volume)
+            return Fail(f, kErrDiskOpen,
+                        "disk [" + fileName + "]: datastore [" + ds + "] is not in the mounted snapshot");
         size_t start = close + 1;
         while (start < fileName.size() && fileName[start] == ' ') ++start;
         rel = fileName.substr(start);
@@ -137,7 +139,8 @@ bool ResolveDisk(const Snapshot& snap, const VMRecord& vm, const std::string& fi
         const std::string ds = rest.substr(0, slash);
         volume = snap.VolumeOfDatastore(ds);
         if (!volume || slash == std::string::npos)
-            return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: datastore [" + ds + "] is not in the mounted snapshot");
+            return Fail(f, kErrDiskOpen,
+                        "disk [" + fileName + "]: datastore [" + ds + "] is not in the mounted snapshot");
         rel = rest.substr(slash + 1);
     } else if (!fileName.empty() && fileName.front() == '/') {
         return Fail(f, kErrDiskOpen, "disk [" + fileName + "]: lies outside the snapshot");
@@ -167,19 +170,22 @@ bool Snapshot::Mount(const std::vector<uint64_t>& afileIds, unsigned snapEngineI
             if (rec->volume.empty() || rec->snapJobId == 0)
                 return Fail(f, kErrVolSnapInfo, "archive file " + std::to_string(id) + " holds no datastore snapshot");
             if (out.jobId != 0 && rec->snapJobId != out.jobId)
-                return Fail(f, kErrVolSnapInfo, "archive files of snapshot jobs " + std::to_string(out.jobId) + " and " +
-                                                    std::to_string(rec->snapJobId) + " cannot be mounted together");
+                return Fail(f, kErrVolSnapInfo,
+                            "archive files of snapshot jobs " + std::to_string(out.jobId) + " and " +
+                                std::to_string(rec->snapJobId) + " cannot be mounted together");
             if (rec->snapEngineId != snapEngineId)
-                return Fail(f, kErrMountSnapVolumes, "archive file " + std::to_string(id) + " was made by snap engine " +
-                                                         std::to_string(rec->snapEngineId) + ", not " +
-                                                         std::to_string(snapEngineId));
+                return Fail(f, kErrMountSnapVolumes,
+                            "archive file " + std::to_string(id) + " was made by snap engine " +
+                                std::to_string(rec->snapEngineId) + ", not " + std::to_string(snapEngineId));
             out.jobId = rec->snapJobId;
             Volume volume{id, rec->name, rec->datastore, VolumePath(rec->volume)};
             std::error_code ec;
             if (!fs::is_directory(volume.path, ec) || ::access(volume.path.c_str(), R_OK | X_OK) != 0)
-                return Fail(f, kErrMountSnapVolumes, "volume " + volume.path + " of archive file " + std::to_string(id) +
-                                                         " is missing or unreadable");
-            if (!CheckMetadata(fs::path(volume.path).parent_path().string(), out.jobId, volume.datastore, f)) return false;
+                return Fail(
+                    f, kErrMountSnapVolumes,
+                    "volume " + volume.path + " of archive file " + std::to_string(id) + " is missing or unreadable");
+            if (!CheckMetadata(fs::path(volume.path).parent_path().string(), out.jobId, volume.datastore, f))
+                return false;
             if (!out.VolumeOfDatastore(volume.datastore)) out.volumes.push_back(volume);
         }
     } catch (const std::exception& e) {
@@ -222,7 +228,7 @@ struct VMSource {
     const Snapshot& snap;
     const VMRecord& vm;
     const Volume& home;
-    std::string folderRel;   // the VM folder, relative to its volume
+    std::string folderRel;  // the VM folder, relative to its volume
     GuestSidecar sidecar;
 };
 
@@ -256,16 +262,16 @@ bool AddConfigFiles(const VMSource& src, MountedVM& out, Failure& f) {
         file.nBackupType = VMInfoStructs::kBackupTypeConfigFile;
         // Listed through links, but only what stays on the volume is backed up.
         const vshost::Fd fd = vshost::snapfile::Open(src.home.path, file.sDiskPath, why);
-        struct stat st{};
+        struct stat st {};
         if (!fd.valid()) return Fail(f, kErrDiskOpen, "configuration file " + why);
         if (fstat(fd.get(), &st) != 0) return Fail(f, kErrConfigFilePath, p.string() + ": cannot be examined");
         file.ullSize = static_cast<uint64_t>(st.st_size);
         // The text files are copied whole; one of gigabytes is damage, not a configuration.
         if (Lower(p.extension().string()) != ".nvram" && file.ullSize > vshost::snapfile::kMaxTextBytes)
-            return Fail(f, kErrConfigFilePath, p.string() + ": holds " + std::to_string(file.ullSize) +
-                                                   " bytes, more than the " +
-                                                   std::to_string(vshost::snapfile::kMaxTextBytes) +
-                                                   " bytes a text file of a snapshot may hold");
+            return Fail(f, kErrConfigFilePath,
+                        p.string() + ": holds " + std::to_string(file.ullSize) + " bytes, more than the " +
+                            std::to_string(vshost::snapfile::kMaxTextBytes) +
+                            " bytes a text file of a snapshot may hold");
         out.items.push_back(file);
     }
     return true;
@@ -289,16 +295,16 @@ bool AsImage(const std::string& root, VMInfoStructs::SDisk& disk, Failure& f) {
     std::string why;
     vshost::vmdk::Descriptor descriptor;
     switch (vshost::vmdk::Inspect(disk.sDiskPath, descriptor, why, root)) {
-    case vshost::vmdk::Kind::Unreadable:
-        return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": " + why);
-    case vshost::vmdk::Kind::Descriptor:
-        disk.nDiskType = kDiskTypeFlatVmdk;
-        disk.ullSize = descriptor.SizeBytes();
-        break;
-    case vshost::vmdk::Kind::RawImage:
-        disk.nDiskType = kDiskTypeRawImage;
-        disk.ullSize = fs::file_size(disk.sDiskPath, ec);
-        break;
+        case vshost::vmdk::Kind::Unreadable:
+            return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": " + why);
+        case vshost::vmdk::Kind::Descriptor:
+            disk.nDiskType = kDiskTypeFlatVmdk;
+            disk.ullSize = descriptor.SizeBytes();
+            break;
+        case vshost::vmdk::Kind::RawImage:
+            disk.nDiskType = kDiskTypeRawImage;
+            disk.ullSize = fs::file_size(disk.sDiskPath, ec);
+            break;
     }
     disk.nBackupType = VMInfoStructs::kBackupTypeDisk;
     return true;
@@ -353,8 +359,8 @@ bool AddDisks(const VMSource& src, const std::vector<SDiskFilter>& filters, Moun
 
 }  // namespace
 
-bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector<SDiskFilter>& filters,
-                 MountedVM& out, Failure& f) {
+bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector<SDiskFilter>& filters, MountedVM& out,
+                 Failure& f) {
     out = MountedVM{};
     const VMRecord* vm = snap.Find(key);
     if (!vm) return VMNotFound(snap, key, f);

@@ -40,15 +40,15 @@ struct Volume {
     uint64_t afileId = 0;
     std::string afileName;
     std::string datastore;
-    std::string path;   // absolute folder of the volume
+    std::string path;  // absolute folder of the volume
 };
 
 struct VMRecord {
     VmxConfig cfg;
-    std::string folder;        // absolute VM folder
+    std::string folder;  // absolute VM folder
     std::string vmxPath;
-    size_t volume = 0;         // index into Snapshot::volumes
-    std::string problem;       // set when the .vmx cannot be read
+    size_t volume = 0;    // index into Snapshot::volumes
+    std::string problem;  // set when the .vmx cannot be read
 };
 
 struct Snapshot {
@@ -71,12 +71,12 @@ struct MountedVM {
     std::string displayName;
     std::string guid;
     std::string folder;
-    std::vector<VMInfoStructs::SDisk> items;   // configuration files first, then disks
+    std::vector<VMInfoStructs::SDisk> items;  // configuration files first, then disks
     std::vector<GuestVolume> guestVolumes;
 };
 
 // Resolves the VM named `key`, limited to the disks that `filters` name (all when none).
-bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector<SDiskFilter>& filters,
-                 MountedVM& out, Failure& failure);
+bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector<SDiskFilter>& filters, MountedVM& out,
+                 Failure& failure);
 
 }  // namespace vminfo

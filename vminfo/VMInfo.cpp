@@ -6,12 +6,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <unistd.h>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <new>
-#include <exception>
-#include <unistd.h>
 
 namespace vminfo {
 
@@ -21,7 +21,9 @@ VMInfo::VMInfo(int instanceType, long long jobId) : m_instanceType(instanceType)
     KTlog(&m_log, 2, "VMInfo: created for instance type [%d]", instanceType);
 }
 
-VMInfo::~VMInfo() { KTlog(&m_log, 2, "VMInfo: released"); }
+VMInfo::~VMInfo() {
+    KTlog(&m_log, 2, "VMInfo: released");
+}
 
 bool VMInfo::Faulted(const char* operation) {
     std::string value;
@@ -114,8 +116,8 @@ bool VMInfo::CredentialsMatch(const std::string& server, const std::string& user
 
 int VMInfo::Connect(const std::string& server, const std::string& user, const std::string& password,
                     const std::vector<SHostCredentials>& hosts) {
-    KTlog(&m_log, 1, "VMInfo::Connect: server [%s] user [%s] password length [%zu] host records [%zu]",
-          server.c_str(), user.c_str(), password.size(), hosts.size());
+    KTlog(&m_log, 1, "VMInfo::Connect: server [%s] user [%s] password length [%zu] host records [%zu]", server.c_str(),
+          user.c_str(), password.size(), hosts.size());
     if (Faulted("Connect")) return 0;
     if (!m_initialised) {
         KTlog(&m_log, 1, "VMInfo::Connect: not initialised");
@@ -210,7 +212,8 @@ int VMInfo::MountSnap(MountCtx& ctx) {
 int VMInfo::UnMountSnap(MountCtx& ctx) {
     if (Faulted("UnMountSnap")) return 0;
     if (m_snapshots.erase(ctx.nSnapJobId) != 0)
-        KTlog(&m_log, 1, "VMInfo::UnMountSnap: snapshot of job [%lld] unmounted", static_cast<long long>(ctx.nSnapJobId));
+        KTlog(&m_log, 1, "VMInfo::UnMountSnap: snapshot of job [%lld] unmounted",
+              static_cast<long long>(ctx.nSnapJobId));
     return 1;
 }
 
@@ -219,8 +222,8 @@ int VMInfo::MountVM(MountCtx& ctx) {
     if (Faulted("MountVM")) return 0;
     const Snapshot* snap = SnapshotOf(ctx);
     if (!snap)
-        return Fail("MountVM", Failure{kErrMountSnapVolumes, "snapshot of job " + std::to_string(ctx.nSnapJobId) +
-                                                               " is not mounted"});
+        return Fail("MountVM", Failure{kErrMountSnapVolumes,
+                                       "snapshot of job " + std::to_string(ctx.nSnapJobId) + " is not mounted"});
     MountedVM vm;
     Failure failure;
     if (!MountVMFrom(*snap, ctx.sVMName, ctx.diskFilters, vm, failure)) {
@@ -260,9 +263,9 @@ int VMInfo::GetFileMountInfo(MountCtx& ctx, std::vector<VMInfoStructs::SMountInf
     for (const GuestVolume& v : vm->guestVolumes) {
         std::error_code ec;
         if (!std::filesystem::is_directory(v.folder, ec))
-            return Fail("GetFileMountInfo", Failure{kErrMountSnapVolumes, "guest volume " + v.guid + " of VM [" +
-                                                                              ctx.sVMName + "]: folder " + v.folder +
-                                                                              " is missing"});
+            return Fail("GetFileMountInfo",
+                        Failure{kErrMountSnapVolumes, "guest volume " + v.guid + " of VM [" + ctx.sVMName +
+                                                          "]: folder " + v.folder + " is missing"});
         VMInfoStructs::SMountInfoFile file;
         file.sDevicePath = v.devicePath;
         file.sVolumeGuid = v.guid;
@@ -304,8 +307,7 @@ int VMInfo::GetVMDisksOnVolume(const MountCtx& vmCtx, uint64_t afileId, uint32_t
 
 extern "C" {
 
-__attribute__((visibility("default"))) int CreateVMInfoObjectByJobId(int instanceType, long long jobId,
-                                                                     IVMInfo** out) {
+__attribute__((visibility("default"))) int CreateVMInfoObjectByJobId(int instanceType, long long jobId, IVMInfo** out) {
     if (!out) return 0;
     *out = new (std::nothrow) vminfo::VMInfo(instanceType, jobId);
     return *out ? 1 : 0;

@@ -52,8 +52,8 @@ private:
     bool m_initialised = false;
     bool m_connected = false;
     std::map<std::string, int> m_options;
-    std::map<int64_t, Snapshot> m_snapshots;    // by snapshot job id
-    std::map<std::string, MountedVM> m_vms;     // by the name the VM was mounted under
+    std::map<int64_t, Snapshot> m_snapshots;  // by snapshot job id
+    std::map<std::string, MountedVM> m_vms;   // by the name the VM was mounted under
     KTLogObject m_log;
 };
 

@@ -9,15 +9,15 @@
 namespace vminfo {
 
 struct VmxDisk {
-    std::string device;     // "scsi0:1", "sata0:0", "nvme0:0", "ide0:0"
-    std::string fileName;   // as written: relative, "[datastore] path" or "/vmfs/volumes/..."
+    std::string device;    // "scsi0:1", "sata0:0", "nvme0:0", "ide0:0"
+    std::string fileName;  // as written: relative, "[datastore] path" or "/vmfs/volumes/..."
 };
 
 struct VmxConfig {
     std::string displayName;
-    std::string biosUuid;   // canonical 8-4-4-4-12 form, lower case; empty when absent
+    std::string biosUuid;  // canonical 8-4-4-4-12 form, lower case; empty when absent
     std::string vcUuid;
-    std::vector<VmxDisk> disks;   // hard disks that are present, in file order
+    std::vector<VmxDisk> disks;  // hard disks that are present, in file order
 };
 
 // Parses .vmx text (`key = "value"` lines, keys case-insensitive, |XX escapes decoded).
@@ -32,11 +32,11 @@ struct GuestVolume {
     std::string guid;
     std::string name;
     std::string devicePath;
-    std::string folder;       // absolute path of the folder holding the volume's files
+    std::string folder;  // absolute path of the folder holding the volume's files
 };
 struct FileCollectionDisk {
-    std::string name;         // disk name; replaces the .vmx disk of the same name
-    std::string folder;       // absolute path of the disk's guest file system
+    std::string name;    // disk name; replaces the .vmx disk of the same name
+    std::string folder;  // absolute path of the disk's guest file system
 };
 struct GuestSidecar {
     std::vector<GuestVolume> volumes;

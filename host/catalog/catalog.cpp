@@ -1,15 +1,19 @@
 // The host catalog over catalog.db of the open home.
-#include "detail.h"
-#include "catalog/sqlite.h"
 #include "vshost/catalog.h"
+#include "catalog/sqlite.h"
+#include "detail.h"
 
 #include <stdexcept>
 
 namespace vshost {
 namespace {
 
-int64_t Id(unsigned long v) { return static_cast<int64_t>(v); }
-unsigned long ULong(int64_t v) { return static_cast<unsigned long>(v); }
+int64_t Id(unsigned long v) {
+    return static_cast<int64_t>(v);
+}
+unsigned long ULong(int64_t v) {
+    return static_cast<unsigned long>(v);
+}
 
 SHostCredentials CredentialFrom(const db::Statement& q) {
     SHostCredentials c;

@@ -1,16 +1,16 @@
 // The process's host home: opening, closing, the deferred $VSHOST_HOME and the log file.
+#include "vshost/home.h"
 #include "detail.h"
 #include "hostapi/fileutil.h"
-#include "vshost/home.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <stdexcept>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace vshost {
 namespace detail {
@@ -119,7 +119,9 @@ void CloseHome() {
     detail::Install(*st, detail::HomeState{});
 }
 
-std::string HomeDir() { return detail::Home(); }
+std::string HomeDir() {
+    return detail::Home();
+}
 
 std::string LogFilePath() {
     std::string home = detail::Home();

@@ -1,15 +1,15 @@
 // Stored form of passwords: secretbox under a per-home key, base64 of nonce||ciphertext.
-#include "vshost/durable.h"
 #include "detail.h"
 #include "hostapi/fileutil.h"
 #include "vshost/catalog.h"
+#include "vshost/durable.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <sodium.h>
-#include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
+#include <stdexcept>
 #include <vector>
 
 namespace vshost {
@@ -68,8 +68,8 @@ void CreateKey(const std::string& path, Key& key) {
     if (fd < 0) throw std::runtime_error(CQiError::FromErrno("create " + tmp).AsString());
     Key fresh;
     randombytes_buf(fresh.bytes, sizeof fresh.bytes);
-    bool ok = fchmod(fd, 0600) == 0 && write(fd, fresh.bytes, sizeof fresh.bytes) == static_cast<ssize_t>(sizeof fresh.bytes) &&
-              fsync(fd) == 0;
+    bool ok = fchmod(fd, 0600) == 0 &&
+              write(fd, fresh.bytes, sizeof fresh.bytes) == static_cast<ssize_t>(sizeof fresh.bytes) && fsync(fd) == 0;
     CQiError err = CQiError::FromErrno("write " + tmp);
     close(fd);
     if (!ok) {
@@ -81,7 +81,8 @@ void CreateKey(const std::string& path, Key& key) {
     unlink(tmp.c_str());
     if (linked != 0 && err.Errno() != EEXIST) throw std::runtime_error(err.AsString());
     // The key encrypts what is stored under it: its name must outlive a power loss.
-    if (linked == 0 && !SyncFolderOf(path)) throw std::runtime_error(CQiError::FromErrno("sync the folder of " + path).AsString());
+    if (linked == 0 && !SyncFolderOf(path))
+        throw std::runtime_error(CQiError::FromErrno("sync the folder of " + path).AsString());
     if (!ReadKey(path, key)) throw std::runtime_error("key file " + path + " vanished");
 }
 

@@ -1,14 +1,14 @@
 // The settings store and its settings.ini form.
-#include "files/atomicfile.h"
 #include "detail.h"
+#include "files/atomicfile.h"
 #include "hostapi/fileutil.h"
 #include "vshost/home.h"
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace vshost {
 namespace detail {
@@ -28,8 +28,8 @@ void CheckSavable(const std::string& section, const std::string& key, const std:
     if (bad(section) || bad(key) || bad(value)) throw std::invalid_argument("setting contains a line break");
     if (section.find(']') != std::string::npos || Trim(section) != section)
         throw std::invalid_argument("setting section [" + section + "] cannot be stored");
-    if (key.empty() || Trim(key) != key || key.find('=') != std::string::npos || key[0] == ';' ||
-        key[0] == '#' || key[0] == '[')
+    if (key.empty() || Trim(key) != key || key.find('=') != std::string::npos || key[0] == ';' || key[0] == '#' ||
+        key[0] == '[')
         throw std::invalid_argument("setting key '" + key + "' cannot be stored");
 }
 

@@ -11,7 +11,7 @@ namespace {
 // Schema steps, applied in order; version N means the first N are in place. Never edit
 // a released step: append a new one.
 constexpr const char* kMigrations[] = {
-        R"sql(
+    R"sql(
         CREATE TABLE clients (
             id   INTEGER PRIMARY KEY,
             name TEXT NOT NULL UNIQUE COLLATE NOCASE
@@ -52,8 +52,8 @@ constexpr const char* kMigrations[] = {
             PRIMARY KEY (arch_group_id, copy_id)
         );
         )sql",
-        // Restore options, pending causes and the VM clients of subclients.
-        R"sql(
+    // Restore options, pending causes and the VM clients of subclients.
+    R"sql(
         ALTER TABLE applications ADD COLUMN has_settings        INTEGER NOT NULL DEFAULT 1;
         ALTER TABLE applications ADD COLUMN parent_app_id       INTEGER NOT NULL DEFAULT 0;
         ALTER TABLE applications ADD COLUMN client_id           INTEGER NOT NULL DEFAULT 0;
@@ -90,13 +90,13 @@ constexpr const char* kMigrations[] = {
             PRIMARY KEY (hubcell_id, subclient_id)
         );
         )sql",
-        // Datastore snapshots: the snapshot job and datastore each archive file holds.
-        R"sql(
+    // Datastore snapshots: the snapshot job and datastore each archive file holds.
+    R"sql(
         ALTER TABLE archive_files ADD COLUMN snap_job_id INTEGER NOT NULL DEFAULT 0;
         ALTER TABLE archive_files ADD COLUMN datastore   TEXT NOT NULL DEFAULT '';
         )sql",
-        // Change tracking: extent digests of a disk's state, by change id.
-        R"sql(
+    // Change tracking: extent digests of a disk's state, by change id.
+    R"sql(
         CREATE TABLE disk_digests (
             change_id   TEXT PRIMARY KEY,
             disk_size   INTEGER NOT NULL,
@@ -104,8 +104,8 @@ constexpr const char* kMigrations[] = {
             digests     BLOB NOT NULL
         );
         )sql",
-        // What each job read: every disk completed, with the change id of its state.
-        R"sql(
+    // What each job read: every disk completed, with the change id of its state.
+    R"sql(
         CREATE TABLE job_disks (
             job_id    INTEGER NOT NULL,
             vm_guid   TEXT NOT NULL,
@@ -128,7 +128,9 @@ Connection::Connection(const std::string& path) {
     sqlite3_busy_timeout(m_db, 5000);
 }
 
-Connection::~Connection() { sqlite3_close(m_db); }
+Connection::~Connection() {
+    sqlite3_close(m_db);
+}
 
 void Connection::Fail(const std::string& what) const {
     throw std::runtime_error("catalog: " + what + ": " + sqlite3_errmsg(m_db));
@@ -142,7 +144,9 @@ Statement::Statement(Connection& db, const char* sql) : m_db(db) {
     if (sqlite3_prepare_v2(db.Handle(), sql, -1, &m_stmt, nullptr) != SQLITE_OK) db.Fail("prepare");
 }
 
-Statement::~Statement() { sqlite3_finalize(m_stmt); }
+Statement::~Statement() {
+    sqlite3_finalize(m_stmt);
+}
 
 Statement& Statement::Bind(int index, int64_t value) {
     if (sqlite3_bind_int64(m_stmt, index, value) != SQLITE_OK) m_db.Fail("bind");
@@ -156,7 +160,8 @@ Statement& Statement::Bind(int index, const std::string& value) {
 }
 
 Statement& Statement::BindBlob(int index, const std::string& bytes) {
-    if (sqlite3_bind_blob64(m_stmt, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT) != SQLITE_OK) m_db.Fail("bind");
+    if (sqlite3_bind_blob64(m_stmt, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT) != SQLITE_OK)
+        m_db.Fail("bind");
     return *this;
 }
 
@@ -172,7 +177,9 @@ void Statement::Run() {
     }
 }
 
-int64_t Statement::Int(int column) const { return sqlite3_column_int64(m_stmt, column); }
+int64_t Statement::Int(int column) const {
+    return sqlite3_column_int64(m_stmt, column);
+}
 
 std::string Statement::Text(int column) const {
     const unsigned char* text = sqlite3_column_text(m_stmt, column);

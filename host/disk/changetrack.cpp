@@ -1,8 +1,8 @@
 #include "vshost/changetrack.h"
 
 #include "catalog/sqlite.h"
-#include "vshost/catalog.h"
 #include "stream/xxh3.h"
+#include "vshost/catalog.h"
 
 #include <sqlite3.h>
 
@@ -86,8 +86,7 @@ std::optional<DiskDigests> Load(const std::string& changeId) {
     d.diskSize = static_cast<uint64_t>(q.Int(0));
     d.extentSize = static_cast<uint64_t>(q.Int(1));
     const std::string blob = q.Blob(2);
-    if (blob.size() % kEntryBytes != 0)
-        throw std::runtime_error("digests of change id " + changeId + " are damaged");
+    if (blob.size() % kEntryBytes != 0) throw std::runtime_error("digests of change id " + changeId + " are damaged");
     for (size_t at = 0; at < blob.size(); at += kEntryBytes)
         d.extents[Get(blob.data() + at)] = Digest{Get(blob.data() + at + 8), Get(blob.data() + at + 16)};
     std::lock_guard<std::mutex> lock(g_passMutex);

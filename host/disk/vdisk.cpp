@@ -3,24 +3,24 @@
 #include "hostapi/vdisk.h"
 
 #include "detail.h"
-#include "vshost/home.h"
+#include "disk/vdisk_layout.h"
 #include "hostapi/log.h"
 #include "hostapi/zeroscan.h"
-#include "disk/vdisk_layout.h"
 #include "vshost/changetrack.h"
+#include "vshost/home.h"
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <optional>
-#include <unistd.h>
 
 namespace {
 
 namespace ct = vshost::changetrack;
 
-constexpr unsigned long long kNoExtentYet = ~0ull;   // position before extent 0
+constexpr unsigned long long kNoExtentYet = ~0ull;  // position before extent 0
 constexpr unsigned long long kDefaultExtentKB = 1024;
 
 KTLOGHANDLE Log() {
@@ -38,8 +38,10 @@ unsigned long long ConfiguredExtentSize() {
     if (vshost::settings::Get("VirtualServer", "nVDiskExtentSizeKB", text)) {
         auto n = vshost::detail::ParseWholeNumber(text);
         // At least 4 KiB so that the extent count of a large disk stays sane.
-        if (n && *n >= 4) kb = *n;
-        else KTlog(Log(), 1, "Ignoring extent size setting [%s]: want a number of KiB of at least 4", text.c_str());
+        if (n && *n >= 4)
+            kb = *n;
+        else
+            KTlog(Log(), 1, "Ignoring extent size setting [%s]: want a number of KiB of at least 4", text.c_str());
     }
     return kb * 1024;
 }
@@ -63,16 +65,16 @@ struct CArchiveVirtualDiskFile::Impl {
     vshost::vdisk::Layout layout;
     unsigned long long extentSize = 0;
     bool open = false;
-    std::optional<ct::DiskDigests> base;   // digests of the change id read against
+    std::optional<ct::DiskDigests> base;  // digests of the change id read against
     bool inPass = false;
     unsigned long long lastReturned = kNoExtentYet;
-    ct::DiskDigests pass;   // digests of the extents with data seen by the current pass
+    ct::DiskDigests pass;  // digests of the extents with data seen by the current pass
     bool passWhole = false;
     std::optional<unsigned long long> faultyExtent;
-    std::vector<std::string> volumes;   // folders of the datastore volumes the VM was mounted from
+    std::vector<std::string> volumes;  // folders of the datastore volumes the VM was mounted from
     IVMInfo* vmInfo = nullptr;
     MountCtx* mountCtx = nullptr;
-    CQiError broken;                    // once the image is found cut short, every read fails
+    CQiError broken;  // once the image is found cut short, every read fails
 
     // The folder the disk's files must lie below: the mounted volume that holds `file`;
     // without a VM mount (a disk opened on its own), the file's own folder.
@@ -113,11 +115,11 @@ struct CArchiveVirtualDiskFile::Impl {
     CQiError Read(CAutoMemory<char>& buffer, unsigned long long n) {
         const unsigned long long bytes = ExtentBytes(n);
         buffer.Reserve(extentSize);
-        CQiError err = broken.IsError() ? broken
-                       : faultyExtent == n
-                           ? CQiError(EIO, "read extent " + std::to_string(n) + " of " + path +
-                                               ": input/output error (injected)")
-                           : layout.Read(buffer.Ptr(), n * extentSize, bytes);
+        CQiError err =
+            broken.IsError() ? broken
+            : faultyExtent == n
+                ? CQiError(EIO, "read extent " + std::to_string(n) + " of " + path + ": input/output error (injected)")
+                : layout.Read(buffer.Ptr(), n * extentSize, bytes);
         buffer.SetSize(err.IsError() ? 0 : bytes);
         return err;
     }
@@ -133,7 +135,8 @@ struct CArchiveVirtualDiskFile::Impl {
             return;
         }
         if (!digests) {
-            KTlog(Log(), 1, "Change id [%s] of [%s] is unknown: reading the whole disk", changeId.c_str(), path.c_str());
+            KTlog(Log(), 1, "Change id [%s] of [%s] is unknown: reading the whole disk", changeId.c_str(),
+                  path.c_str());
         } else if (digests->diskSize != layout.size || digests->extentSize != extentSize) {
             // An incremental chain is never built across a resize.
             KTlog(Log(), 1,
@@ -152,7 +155,9 @@ CArchiveVirtualDiskFile::CArchiveVirtualDiskFile(ProductType_t productType) : m_
     m_impl->productType = productType;
 }
 
-CArchiveVirtualDiskFile::~CArchiveVirtualDiskFile() { Close(); }
+CArchiveVirtualDiskFile::~CArchiveVirtualDiskFile() {
+    Close();
+}
 
 void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo* vmInfo, const std::string& vmName, const std::string&, MountCtx* ctx,
                                         void*) {
@@ -171,7 +176,9 @@ void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo* vmInfo, const std::string& vmNa
             }
 }
 
-void CArchiveVirtualDiskFile::SetChangeId(const std::string& changeId) { m_impl->changeId = changeId; }
+void CArchiveVirtualDiskFile::SetChangeId(const std::string& changeId) {
+    m_impl->changeId = changeId;
+}
 
 CQiError CArchiveVirtualDiskFile::Open(const std::string& path, DiskType_t diskType) {
     Close();
@@ -232,8 +239,8 @@ unsigned long long CArchiveVirtualDiskFile::GetAllocatedExtentCount() {
     unsigned long long count = 0;
     std::optional<unsigned long long> n;
     for (m_impl->NextAllocated(0, n); n; m_impl->NextAllocated(*n + 1, n)) ++count;
-    if (m_impl->broken.IsError()) KTlog(Log(), 1, "Counting extents of [%s]: %s", m_impl->path.c_str(),
-                                        m_impl->broken.AsString().c_str());
+    if (m_impl->broken.IsError())
+        KTlog(Log(), 1, "Counting extents of [%s]: %s", m_impl->path.c_str(), m_impl->broken.AsString().c_str());
     return count;
 }
 
@@ -241,7 +248,7 @@ CQiError CArchiveVirtualDiskFile::GetNextBlock(CAutoMemory<char>& buffer, unsign
                                                std::vector<bool>&, Context_t& ctx) {
     Impl& d = *m_impl;
     if (!d.open) return CQiError::VS(EBADF, "disk not open");
-    const unsigned long long next = ctx.position + 1;   // wraps from "before extent 0" to 0
+    const unsigned long long next = ctx.position + 1;  // wraps from "before extent 0" to 0
     // A pass starts after GetFirstBlock or where the caller moved the position (resume);
     // only a pass from extent 0 sees every extent and may leave its digests.
     if (!d.inPass || ctx.position != d.lastReturned) {
@@ -283,7 +290,7 @@ CQiError CArchiveVirtualDiskFile::GetNextBlock(CAutoMemory<char>& buffer, unsign
     d.pass.extents[n] = digest;
     if (d.base) {
         auto old = d.base->extents.find(n);
-        if (old != d.base->extents.end() && old->second == digest) buffer.SetSize(0);   // unchanged
+        if (old != d.base->extents.end() && old->second == digest) buffer.SetSize(0);  // unchanged
     }
     return {};
 }
@@ -293,7 +300,8 @@ CQiError CArchiveVirtualDiskFile::ReadBlock(CAutoMemory<char>& buffer, unsigned 
     Impl& d = *m_impl;
     if (!d.open) return CQiError::VS(EBADF, "disk not open");
     if (extentNumber >= d.ExtentCount())
-        return CQiError::VS(VS_ERROR_END_OF_DISK, "extent " + std::to_string(extentNumber) + " past the end of " + d.path);
+        return CQiError::VS(VS_ERROR_END_OF_DISK,
+                            "extent " + std::to_string(extentNumber) + " past the end of " + d.path);
     CQiError err = d.Read(buffer, extentNumber);
     if (err.IsError()) return err;
     ctx.position = extentNumber;
@@ -314,6 +322,10 @@ bool CArchiveVirtualDiskFile::IsErrorEOF(const CQiError& error) {
     return FXErrorUtil::IsVS(error, VS_ERROR_END_OF_DISK);
 }
 
-unsigned long long CArchiveVirtualDiskFile::DiskSize() const { return m_impl->layout.size; }
+unsigned long long CArchiveVirtualDiskFile::DiskSize() const {
+    return m_impl->layout.size;
+}
 
-unsigned long long CArchiveVirtualDiskFile::ExtentSize() const { return m_impl->extentSize; }
+unsigned long long CArchiveVirtualDiskFile::ExtentSize() const {
+    return m_impl->extentSize;
+}

@@ -5,12 +5,12 @@
 #include "vshost/beneath.h"
 #include "vshost/vmdk.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace vshost::vdisk {
 
@@ -33,8 +33,8 @@ void Layout::Close() {
 }
 
 size_t Layout::FileCount() const {
-    return static_cast<size_t>(std::count_if(m_segments.begin(), m_segments.end(),
-                                             [](const Segment& s) { return s.fd >= 0; }));
+    return static_cast<size_t>(
+        std::count_if(m_segments.begin(), m_segments.end(), [](const Segment& s) { return s.fd >= 0; }));
 }
 
 CQiError Layout::Open(const std::string& root, const std::string& path, int, Layout& out) {
@@ -50,7 +50,7 @@ CQiError Layout::Open(const std::string& root, const std::string& path, int, Lay
         seg.file = path;
         seg.fd = vshost::snapfile::Open(root, path, why).Release();
         if (seg.fd < 0) return CQiError(errno, "open " + why);
-        struct stat st{};
+        struct stat st {};
         if (fstat(seg.fd, &st) != 0) {
             CQiError err = CQiError::FromErrno("stat " + path);
             ::close(seg.fd);
@@ -73,10 +73,10 @@ CQiError Layout::Open(const std::string& root, const std::string& path, int, Lay
             seg.fileOffset = extent.offsetSectors * 512;
             seg.fd = vshost::snapfile::Open(root, extent.file, why).Release();
             if (seg.fd < 0) return CQiError(errno, "open extent " + why + " (of " + path + ")");
-            layout.m_segments.push_back(seg);   // owns the descriptor from here on
+            layout.m_segments.push_back(seg);  // owns the descriptor from here on
             // A flat file always spans its whole extent, even when thin; a shorter one
             // lost its end, and reading it as zeros would back up a damaged disk as sound.
-            struct stat st{};
+            struct stat st {};
             if (fstat(seg.fd, &st) != 0) return CQiError::FromErrno("stat extent " + extent.file + " of " + path);
             const uint64_t needed = seg.FileEnd();
             if (static_cast<uint64_t>(st.st_size) < needed)
@@ -94,8 +94,7 @@ CQiError Layout::Open(const std::string& root, const std::string& path, int, Lay
 }
 
 CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
-    if (offset + length > size || offset + length < offset)
-        return CQiError(EINVAL, "read past the end of the disk");
+    if (offset + length > size || offset + length < offset) return CQiError(EINVAL, "read past the end of the disk");
     // Extent boundaries may fall inside a read: each segment serves its own part.
     for (const Segment& seg : m_segments) {
         if (length == 0) break;
@@ -114,7 +113,7 @@ CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
                     if (errno == EINTR) continue;
                     return CQiError::FromErrno("read " + seg.file);
                 }
-                if (n == 0)   // the file was cut short after it was opened
+                if (n == 0)  // the file was cut short after it was opened
                     return CQiError(EIO, seg.file + " ends before byte " +
                                              std::to_string(seg.fileOffset + (offset - seg.diskOffset) + take) +
                                              ": the image was cut short while it was read");
@@ -140,7 +139,7 @@ CQiError Layout::NextData(uint64_t from, std::optional<uint64_t>& next) const {
             if (errno != ENXIO) return CQiError::FromErrno("look for data in " + seg.file);
             // ENXIO: no data from here to the end of the file, which is a hole only while
             // the file still has the size it had when opened.
-            struct stat st{};
+            struct stat st {};
             if (::fstat(seg.fd, &st) != 0) return CQiError::FromErrno("stat " + seg.file);
             if (static_cast<uint64_t>(st.st_size) < seg.FileEnd())
                 return CQiError(EIO, seg.file + " holds " + std::to_string(st.st_size) + " bytes, the disk needs " +

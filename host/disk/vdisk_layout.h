@@ -14,7 +14,7 @@ namespace vshost::vdisk {
 struct Segment {
     uint64_t diskOffset = 0;
     uint64_t length = 0;
-    int fd = -1;               // -1: a range that reads as zeros
+    int fd = -1;  // -1: a range that reads as zeros
     uint64_t fileOffset = 0;
     std::string file;
 

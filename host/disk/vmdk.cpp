@@ -4,14 +4,14 @@
 
 #include "vshost/beneath.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace vshost::vmdk {
 
@@ -156,7 +156,8 @@ bool Parse(const std::string& text, const std::string& dir, Descriptor& out, std
         if (eq == std::string::npos) continue;
         if (Upper(Trim(line.substr(0, eq))) == "CREATETYPE") {
             std::string value = Trim(line.substr(eq + 1));
-            if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
+            if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
+                value = value.substr(1, value.size() - 2);
             out.createType = value;
         }
     }
@@ -172,7 +173,7 @@ Kind Inspect(const std::string& path, Descriptor& out, std::string& why, const s
     const std::string base = root.empty() ? DirOf(path) : root;
     Fd fd = snapfile::Open(base, path, why);
     if (!fd.valid()) return Kind::Unreadable;
-    struct stat st{};
+    struct stat st {};
     if (fstat(fd.get(), &st) != 0) {
         why = std::string("cannot stat: ") + std::strerror(errno);
         return Kind::Unreadable;
@@ -214,20 +215,20 @@ Kind Inspect(const std::string& path, Descriptor& out, std::string& why, const s
 bool DiskSize(const std::string& path, uint64_t& size, std::string& why) {
     Descriptor descriptor;
     switch (Inspect(path, descriptor, why)) {
-    case Kind::Descriptor:
-        size = descriptor.SizeBytes();
-        return true;
-    case Kind::RawImage: {
-        struct stat st{};
-        if (::stat(path.c_str(), &st) != 0) {
-            why = std::string("cannot stat: ") + std::strerror(errno);
-            return false;
+        case Kind::Descriptor:
+            size = descriptor.SizeBytes();
+            return true;
+        case Kind::RawImage: {
+            struct stat st {};
+            if (::stat(path.c_str(), &st) != 0) {
+                why = std::string("cannot stat: ") + std::strerror(errno);
+                return false;
+            }
+            size = static_cast<uint64_t>(st.st_size);
+            return true;
         }
-        size = static_cast<uint64_t>(st.st_size);
-        return true;
-    }
-    case Kind::Unreadable:
-        break;
+        case Kind::Unreadable:
+            break;
     }
     return false;
 }

@@ -2,13 +2,13 @@
 #include "files/atomicfile.h"
 #include "vshost/durable.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace vshost::detail {
 namespace {

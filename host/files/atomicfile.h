@@ -2,9 +2,9 @@
 // when complete, so readers never see it half-written. Internal to the host.
 #pragma once
 
+#include <sys/types.h>
 #include <cstddef>
 #include <string>
-#include <sys/types.h>
 
 namespace vshost::detail {
 

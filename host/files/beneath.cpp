@@ -1,12 +1,12 @@
 #include "vshost/beneath.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
 
 namespace vshost {
 
@@ -65,7 +65,7 @@ Fd Open(const std::string& root, const std::string& path, std::string& why) {
         if (err == ELOOP) return Refuse(why, path + ": is reached through a symbolic link", err);
         return Refuse(why, path + ": cannot be opened: " + std::strerror(err), err);
     }
-    struct stat st{};
+    struct stat st {};
     if (::fstat(fd.get(), &st) != 0) return Refuse(why, path + ": cannot be examined: " + std::strerror(errno), errno);
     if (!S_ISREG(st.st_mode)) return Refuse(why, path + ": not a regular file", EINVAL);
     const int flags = ::fcntl(fd.get(), F_GETFL);
@@ -78,7 +78,7 @@ bool ReadText(const std::string& root, const std::string& path, std::string& tex
     text.clear();
     Fd fd = Open(root, path, why);
     if (!fd.valid()) return false;
-    struct stat st{};
+    struct stat st {};
     const std::string limit = " bytes a text file of a snapshot may hold";
     if (::fstat(fd.get(), &st) == 0 && static_cast<uint64_t>(st.st_size) > cap) {
         why = path + ": holds " + std::to_string(st.st_size) + " bytes, more than the " + std::to_string(cap) + limit;

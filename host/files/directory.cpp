@@ -1,12 +1,12 @@
 // Creating and removing folders and files.
 #include "hostapi/fileutil.h"
 
-#include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
+#include <memory>
 
 namespace {
 
@@ -39,7 +39,7 @@ CQiError EmptyFolder(int dirFd, const std::string& path, bool force) {
         const std::string child = path + "/" + name;
         struct stat sb {};
         if (fstatat(fd, name.c_str(), &sb, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno == ENOENT) continue;   // removed by someone else meanwhile
+            if (errno == ENOENT) continue;  // removed by someone else meanwhile
             return CQiError::FromErrno("stat " + child);
         }
         if (S_ISDIR(sb.st_mode)) {
@@ -59,7 +59,9 @@ CQiError EmptyFolder(int dirFd, const std::string& path, bool force) {
 
 }  // namespace
 
-bool FXFolder::DoesFolderExist(const std::string& path) { return CQiPath::IsDirectory(path); }
+bool FXFolder::DoesFolderExist(const std::string& path) {
+    return CQiPath::IsDirectory(path);
+}
 
 CQiError FXFolder::Create(const std::string& path, unsigned mode) {
     if (path.empty()) return CQiError(ENOENT, "mkdir of an empty path");

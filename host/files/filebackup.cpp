@@ -5,24 +5,28 @@
 #include "vshost/beneath.h"
 #include "vshost/fd.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
 #include <memory>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
 using vshost::Fd;
 using vshost::OpenBeneath;
 
-std::string Errno(int err) { return std::strerror(err); }
+std::string Errno(int err) {
+    return std::strerror(err);
+}
 
-long long Ns(const timespec& t) { return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec; }
+long long Ns(const timespec& t) {
+    return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
+}
 
 }  // namespace
 
@@ -31,11 +35,11 @@ struct ClBackupFile::Entry {
     Kind kind = Kind::Missing;
     std::string clientPath;
     MappedPath where;
-    std::string why;           // for Refused and Missing
-    Fd fd;                     // File and Folder
+    std::string why;  // for Refused and Missing
+    Fd fd;            // File and Folder
     struct stat sb {};
     std::string linkTarget;
-    bool open = false;         // an entry is open in the stream
+    bool open = false;  // an entry is open in the stream
 };
 
 ClBackupFile::ClBackupFile(CPipelayer* pipe, KtEvent* event, bool ownLog)
@@ -47,9 +51,13 @@ ClBackupFile::~ClBackupFile() {
     if (m_attached) m_archive.close(true);
 }
 
-void ClBackupFile::setErrorsTolerated(bool tolerated) { m_tolerated = tolerated; }
+void ClBackupFile::setErrorsTolerated(bool tolerated) {
+    m_tolerated = tolerated;
+}
 
-void ClBackupFile::setFNameMapper(FSIDANameMapper* mapper) { m_mapper = mapper; }
+void ClBackupFile::setFNameMapper(FSIDANameMapper* mapper) {
+    m_mapper = mapper;
+}
 
 int ClBackupFile::Init(int, int, void** out1, void** out2) {
     if (out1) *out1 = nullptr;
@@ -98,7 +106,8 @@ int ClBackupFile::OpenFilesForBackup(subclientFiles& files, std::istream& list, 
         }
     }
     (void)std::snprintf(files.sCurrentFile, sizeof files.sCurrentFile, "%s", e->clientPath.c_str());
-    (void)std::snprintf(files.sLocalPath, sizeof files.sLocalPath, "%s/%s", e->where.root.c_str(), e->where.relative.c_str());
+    (void)std::snprintf(files.sLocalPath, sizeof files.sLocalPath, "%s/%s", e->where.root.c_str(),
+                        e->where.relative.c_str());
     files.sReason[0] = 0;
     ++files.fileCount;
 
@@ -142,7 +151,8 @@ int ClBackupFile::OpenFilesForBackup(subclientFiles& files, std::istream& list, 
         } else {
             e->kind = Entry::Kind::Other;
         }
-        if (e->kind == Entry::Kind::Refused) KTlog(&m_log, 1, "ClBackupFile: refused [%s]: %s", e->clientPath.c_str(), e->why.c_str());
+        if (e->kind == Entry::Kind::Refused)
+            KTlog(&m_log, 1, "ClBackupFile: refused [%s]: %s", e->clientPath.c_str(), e->why.c_str());
     }
     if (!e->why.empty()) (void)std::snprintf(files.sReason, sizeof files.sReason, "%s", e->why.c_str());
     m_entry = std::move(e);
@@ -152,7 +162,8 @@ int ClBackupFile::OpenFilesForBackup(subclientFiles& files, std::istream& list, 
 int ClBackupFile::CheckFile(subclientFiles&, int) {
     if (!m_entry) return 1;
     if (m_entry->kind != Entry::Kind::Other) return 0;
-    KTlog(&m_log, 1, "ClBackupFile: [%s] is neither a file, a folder nor a link; not sent", m_entry->clientPath.c_str());
+    KTlog(&m_log, 1, "ClBackupFile: [%s] is neither a file, a folder nor a link; not sent",
+          m_entry->clientPath.c_str());
     ++m_counts.skipped;
     return 1;
 }
@@ -177,7 +188,9 @@ int ClBackupFile::SendHeader(int) {
         if (m_archive.isError(m_archive.sendDirectoryEntry(info)))
             return Failure(kFailBackup, "folder entry of [" + e.clientPath + "] not sent: " + m_archive.lastError());
         ++m_counts.folders;
-        if (!Expand()) KTlog(&m_log, 1, "ClBackupFile: content of folder [%s] cannot be listed: %s", e.clientPath.c_str(), e.why.c_str());
+        if (!Expand())
+            KTlog(&m_log, 1, "ClBackupFile: content of folder [%s] cannot be listed: %s", e.clientPath.c_str(),
+                  e.why.c_str());
         return kOk;
     }
     if (m_archive.isError(m_archive.sendFileLevelHeader(info)))
@@ -223,20 +236,20 @@ int ClBackupFile::ReadAndSendFileData(int) {
     Entry& e = *m_entry;
     const int failed = m_tolerated ? kFileFailed : kFailBackup;
     switch (e.kind) {
-    case Entry::Kind::Folder:
-        return kOk;
-    case Entry::Kind::Refused:
-    case Entry::Kind::Missing:
-    case Entry::Kind::Other:
-        return Failure(failed, "[" + e.clientPath + "] not read: " + e.why);
-    case Entry::Kind::Link:
-        if (m_archive.isError(m_archive.allocateAndSendDataBuffer(e.linkTarget.data(),
-                                                                  static_cast<unsigned long>(e.linkTarget.size()))))
-            return Failure(kFailBackup, "link [" + e.clientPath + "] not sent: " + m_archive.lastError());
-        m_counts.bytes += e.linkTarget.size();
-        return kOk;
-    case Entry::Kind::File:
-        break;
+        case Entry::Kind::Folder:
+            return kOk;
+        case Entry::Kind::Refused:
+        case Entry::Kind::Missing:
+        case Entry::Kind::Other:
+            return Failure(failed, "[" + e.clientPath + "] not read: " + e.why);
+        case Entry::Kind::Link:
+            if (m_archive.isError(m_archive.allocateAndSendDataBuffer(e.linkTarget.data(),
+                                                                      static_cast<unsigned long>(e.linkTarget.size()))))
+                return Failure(kFailBackup, "link [" + e.clientPath + "] not sent: " + m_archive.lastError());
+            m_counts.bytes += e.linkTarget.size();
+            return kOk;
+        case Entry::Kind::File:
+            break;
     }
 
     // Data ranges are read into the writer's own buffer; holes go out by length.
@@ -244,7 +257,7 @@ int ClBackupFile::ReadAndSendFileData(int) {
     off_t pos = 0;
     while (pos < size) {
         off_t data = ::lseek(e.fd.get(), pos, SEEK_DATA);
-        if (data < 0) data = errno == ENXIO ? size : pos;   // ENXIO: only a hole is left
+        if (data < 0) data = errno == ENXIO ? size : pos;  // ENXIO: only a hole is left
         data = std::min(data, size);
         if (data > pos) {
             if (m_archive.isError(m_archive.sendHole(static_cast<unsigned long>(data - pos))))
@@ -265,9 +278,11 @@ int ClBackupFile::ReadAndSendFileData(int) {
             if (n <= 0) {
                 const std::string why = n < 0 ? Errno(errno) : "the file ended early (it shrank while it was read)";
                 m_archive.freeBuffer();
-                return Failure(failed, "[" + e.clientPath + "] read failed at offset " + std::to_string(pos) + ": " + why);
+                return Failure(failed,
+                               "[" + e.clientPath + "] read failed at offset " + std::to_string(pos) + ": " + why);
             }
-            if (m_archive.isError(m_archive.writeDataBuffer(static_cast<const char*>(buffer), static_cast<unsigned long>(n))))
+            if (m_archive.isError(
+                    m_archive.writeDataBuffer(static_cast<const char*>(buffer), static_cast<unsigned long>(n))))
                 return Failure(kFailBackup, "data of [" + e.clientPath + "] not sent: " + m_archive.lastError());
             pos += n;
             m_counts.bytes += static_cast<uint64_t>(n);
@@ -279,7 +294,7 @@ int ClBackupFile::ReadAndSendFileData(int) {
 int ClBackupFile::SendEndOfFileMessage(int eofKind) {
     if (!m_entry) return Failure(1, "SendEndOfFileMessage without an open file");
     std::unique_ptr<Entry> e = std::move(m_entry);
-    if (!e->open) return 0;   // a folder: its entry is one record
+    if (!e->open) return 0;  // a folder: its entry is one record
     const bool good = eofKind == EOF_GOOD;
     if (m_archive.isError(m_archive.sendEOF(good, 0)))
         return Failure(1, "end of [" + e->clientPath + "] not sent: " + m_archive.lastError());

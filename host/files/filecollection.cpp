@@ -12,15 +12,15 @@
 #include "hostapi/log.h"
 #include "vshost/home.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
 #include <new>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -60,8 +60,8 @@ struct Level {
     Fd fd;
     std::vector<std::string> names;
     size_t next = 0;
-    unsigned long long number = 0;   // the folder's node number; 0 for the top
-    std::string prefix;              // node name of the folder followed by a backslash; empty at the top
+    unsigned long long number = 0;  // the folder's node number; 0 for the top
+    std::string prefix;             // node name of the folder followed by a backslash; empty at the top
 };
 
 // The entries of an open folder, sorted by name; "." and ".." left out.
@@ -75,7 +75,7 @@ CQiError ListFolder(int fd, const std::string& shown, std::vector<std::string>& 
         ::close(copy);
         return err;
     }
-    ::rewinddir(dir);   // the duplicate shares its position with the original
+    ::rewinddir(dir);  // the duplicate shares its position with the original
     for (;;) {
         errno = 0;
         const dirent* e = ::readdir(dir);
@@ -122,14 +122,14 @@ private:
         unsigned long long number = 0;
         bool file = false;
         unsigned long long size = 0;
-        unsigned long long delivered = 0;   // bytes handed to the caller
-        unsigned long long fetched = 0;     // bytes read from the file
-        int parentFd = -1;                  // borrowed from its level, which outlives it
-        std::string name;                   // in its folder
-        std::string shown;                  // for messages: relative to the collection, with slashes
+        unsigned long long delivered = 0;  // bytes handed to the caller
+        unsigned long long fetched = 0;    // bytes read from the file
+        int parentFd = -1;                 // borrowed from its level, which outlives it
+        std::string name;                  // in its folder
+        std::string shown;                 // for messages: relative to the collection, with slashes
         dev_t device = 0;
         ino_t inode = 0;
-        Fd fd;                         // opened on the first read
+        Fd fd;  // opened on the first read
     };
 
     CQiError Start();
@@ -155,8 +155,7 @@ private:
 
 CQiError FolderCollection::Open(MountCtx& ctx) {
     Close();
-    if (const int code = Fault("Open"))
-        return CQiError(code, Label() + ": failing with injected error");
+    if (const int code = Fault("Open")) return CQiError(code, Label() + ": failing with injected error");
     if (!m_vmInfo) return CQiError(EINVAL, Label() + ": no VM-info object to find the disk with");
     std::vector<VMInfoStructs::SMountInfoFull> infos;
     if (m_vmInfo->GetFullMountInfo(ctx, infos) == 0)
@@ -286,7 +285,7 @@ CQiError FolderCollection::GetNextNode(SFileNode& node) {
             if (CQiError err = ListFolder(below.fd.get(), shown, below.names); err.IsError()) return err;
             below.number = node.ullNodeNumber;
             below.prefix = node.sName + "\\";
-            m_levels.push_back(std::move(below));   // `level` is not used past this point
+            m_levels.push_back(std::move(below));  // `level` is not used past this point
         } else {
             m_current.file = true;
             m_current.size = static_cast<unsigned long long>(node.llSize);
@@ -326,7 +325,8 @@ CQiError FolderCollection::ReadNode(SFileNode& node, char* buffer, unsigned long
             struct stat st {};
             if (::fstat(fd, &st) != 0) return CQiError::FromErrno(Label() + ": cannot inspect " + c.shown);
             if (!S_ISREG(st.st_mode) || st.st_ino != c.inode || st.st_dev != c.device)
-                return CQiError::VS(VS_ERROR_NODE_CHANGED, Label() + ": " + c.shown + " was replaced after it was listed");
+                return CQiError::VS(VS_ERROR_NODE_CHANGED,
+                                    Label() + ": " + c.shown + " was replaced after it was listed");
             ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
         }
         const size_t want = static_cast<size_t>(std::min<unsigned long long>(m_ahead.size(), c.size - c.fetched));

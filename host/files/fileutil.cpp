@@ -1,10 +1,10 @@
 // Error values, strings and path names.
-#include "detail.h"
 #include "hostapi/fileutil.h"
+#include "detail.h"
 
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 CQiError::CQiError(int err, std::string context) : m_err(err), m_context(std::move(context)) {}
 

@@ -1,16 +1,16 @@
 #include "hostapi/fxfile.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 
 KTHANDLE FXFile::KTCreateFile(const std::string& path, unsigned, unsigned, void*, unsigned, unsigned, void*) {
     return ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
 }
 
 CQiError FXFile::KTGetFileSize(const std::string& path, unsigned long long& size) {
-    struct stat st{};
+    struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return CQiError::FromErrno("stat " + path);
     size = static_cast<unsigned long long>(st.st_size);
     return {};

@@ -6,9 +6,9 @@
 #include "vshost/catalog.h"
 
 #include <dlfcn.h>
+#include <strings.h>
 #include <filesystem>
 #include <mutex>
-#include <strings.h>
 
 namespace {
 
@@ -69,7 +69,7 @@ struct VMLivebrowse::Session {
     };
     IVMInfo* vmInfo = nullptr;
     MountCtx snapCtx;
-    std::map<std::string, VM> vms;   // by the name the VM was mounted with
+    std::map<std::string, VM> vms;  // by the name the VM was mounted with
 
     ~Session() {
         if (!vmInfo) return;
@@ -92,7 +92,8 @@ namespace {
 
 std::mutex g_mutex;
 // Never destroyed, like the library (see Library()).
-std::map<unsigned, boost::shared_ptr<VMLivebrowse>>& g_objects = *new std::map<unsigned, boost::shared_ptr<VMLivebrowse>>;
+std::map<unsigned, boost::shared_ptr<VMLivebrowse>>& g_objects =
+    *new std::map<unsigned, boost::shared_ptr<VMLivebrowse>>;
 
 }  // namespace
 
@@ -101,8 +102,8 @@ VMLivebrowse::VMLivebrowse(unsigned afileId, boost::shared_ptr<Session> session)
 
 VMLivebrowse::~VMLivebrowse() = default;
 
-boost::shared_ptr<VMLivebrowse> VMLivebrowse::GetLivebrowseObject(unsigned archiveFileId, unsigned instanceType,
-                                                                  bool, bool, LiveBrowseMountPurpose) {
+boost::shared_ptr<VMLivebrowse> VMLivebrowse::GetLivebrowseObject(unsigned archiveFileId, unsigned instanceType, bool,
+                                                                  bool, LiveBrowseMountPurpose) {
     std::lock_guard<std::mutex> lock(g_mutex);
     auto it = g_objects.find(archiveFileId);
     if (it != g_objects.end()) return it->second;
@@ -161,8 +162,8 @@ boost::shared_ptr<VMLivebrowse> VMLivebrowse::GetLivebrowseObject(unsigned archi
 void VMLivebrowse::ReleaseLivebrowseObject(unsigned archiveFileId, boost::shared_ptr<VMLivebrowse> object) {
     // The object stays registered: its VMs stay mounted until UnmountAll.
     if (object && object->ArchiveFileId() != archiveFileId)
-        KTlog(Log(), 1, "Live browse object of archive file [%u] released as archive file [%u]", object->ArchiveFileId(),
-              archiveFileId);
+        KTlog(Log(), 1, "Live browse object of archive file [%u] released as archive file [%u]",
+              object->ArchiveFileId(), archiveFileId);
 }
 
 void VMLivebrowse::UnmountAll() {

@@ -28,7 +28,9 @@ bool AppendComponents(const std::string& path, std::string& out) {
 
 FSIDANameMapper::~FSIDANameMapper() = default;
 
-void FSIDANameMapper::ResetMappings() { m_mappings.clear(); }
+void FSIDANameMapper::ResetMappings() {
+    m_mappings.clear();
+}
 
 void FSIDANameMapper::AddMapping(const std::string& clientPrefix, const std::string& localPrefix) {
     m_mappings.emplace_back(clientPrefix, localPrefix);
@@ -43,7 +45,7 @@ bool FSIDANameMapper::Map(const std::string& clientPath, MappedPath& out, std::s
         why = "no mapping covers [" + clientPath + "]";
         return false;
     }
-    std::string below;   // what lies below the root, before normalising
+    std::string below;  // what lies below the root, before normalising
     if (!best->second.empty()) {
         out.root = best->second;
         below = clientPath.substr(best->first.size());

@@ -5,14 +5,14 @@
 #include "hostapi/filebackup.h"
 #include "vshost/beneath.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <dirent.h>
-#include <filesystem>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
 
 void FXString::Split(const std::string& text, const std::string& separator, std::vector<std::string>& parts) {
     parts.clear();
@@ -67,7 +67,7 @@ CQiError CQiPath::IsLink(const std::string& path, bool& isLink) {
     const std::string name = slash == std::string::npos ? relative : relative.substr(slash + 1);
     vshost::Fd top(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!top.valid()) return CQiError::FromErrno("open " + root);
-    if (name.empty()) return {};   // the volume's own folder
+    if (name.empty()) return {};  // the volume's own folder
     vshost::Fd dir(vshost::OpenBeneath(top.get(), parent, O_PATH | O_DIRECTORY));
     struct stat sb {};
     if (!dir.valid() || fstatat(dir.get(), name.c_str(), &sb, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -116,7 +116,7 @@ CQiError WalkFolder(int fd, const std::string& path, int levelsLeft, bool stopOn
     for (const std::string& name : names) {
         struct stat sb {};
         if (fstatat(dfd, name.c_str(), &sb, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno == ENOENT) continue;   // gone since the folder was read
+            if (errno == ENOENT) continue;  // gone since the folder was read
             CQiError err = CQiError::FromErrno("stat " + CQiPath::Append(path, name));
             if (stopOnError) return err;
             continue;
@@ -164,7 +164,8 @@ bool CQiDirectory::MatchWildcard(const std::string& name, const std::string& pat
         if (p < pattern.size() && pattern[p] == '*') {
             starP = p++;
             starN = n;
-        } else if (p < pattern.size() && (pattern[p] == '?' || Fold(pattern[p], ignoreCase) == Fold(name[n], ignoreCase))) {
+        } else if (p < pattern.size() &&
+                   (pattern[p] == '?' || Fold(pattern[p], ignoreCase) == Fold(name[n], ignoreCase))) {
             ++p;
             ++n;
         } else if (starP != std::string::npos) {

@@ -3,9 +3,9 @@
 #include "hostapi/log.h"
 #include "vshost/catalog.h"
 
+#include <strings.h>
 #include <cerrno>
 #include <optional>
-#include <strings.h>
 
 namespace {
 
@@ -155,7 +155,7 @@ int vsAppMgr::getCredentials(vsAppMgrServerCredentials* server) {
     *server = vsAppMgrServerCredentials{};
     try {
         const std::vector<SHostCredentials> records = vshost::Catalog().Credentials(m_appId1, m_appId2);
-        if (m_credentialCursor >= records.size()) return 0;   // empty server name: no more records
+        if (m_credentialCursor >= records.size()) return 0;  // empty server name: no more records
         const SHostCredentials& rec = records[m_credentialCursor++];
         server->sServer = rec.sServer;
         server->sUser = rec.sUser;

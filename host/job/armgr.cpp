@@ -23,8 +23,7 @@ int ArMgrClientAPI::getAfileInfo(const GetAfileInfoReq& request, GetAfileInfoRet
     }
 }
 
-int ArMgrClientAPI::convertCopyIdToCopyPrecedence(const CopyPrecedenceReq& request, unsigned long& precedence,
-                                                  void*) {
+int ArMgrClientAPI::convertCopyIdToCopyPrecedence(const CopyPrecedenceReq& request, unsigned long& precedence, void*) {
     try {
         auto p = vshost::Catalog().CopyPrecedence(request.archGroupId, request.copyId);
         if (!p) return ENOENT;

@@ -1,8 +1,12 @@
 #include "hostapi/counter.h"
 
-CCounterBase::~CCounterBase() { LogTotals(); }
+CCounterBase::~CCounterBase() {
+    LogTotals();
+}
 
-void CCounterBase::Init(const std::string& name, int) { m_name = name; }
+void CCounterBase::Init(const std::string& name, int) {
+    m_name = name;
+}
 
 void CCounterBase::Reset() {
     LogTotals();
@@ -25,6 +29,5 @@ void CCounterBase::Stop(unsigned long long bytes) {
 
 void CCounterBase::LogTotals() const {
     if (!m_logging || m_bytes == 0) return;
-    KTlog(nullptr, 1, "%s: [%llu] bytes in [%.3f] s = [%.1f] MB/s", m_name.c_str(), m_bytes, m_seconds,
-          Rate() / 1e6);
+    KTlog(nullptr, 1, "%s: [%llu] bytes in [%.3f] s = [%.1f] MB/s", m_name.c_str(), m_bytes, m_seconds, Rate() / 1e6);
 }

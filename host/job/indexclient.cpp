@@ -2,13 +2,13 @@
 // described in docs/index-cache.md.
 #include "hostapi/indexclient.h"
 
-#include "files/atomicfile.h"
 #include "detail.h"
+#include "files/atomicfile.h"
 #include "hostapi/fileutil.h"
 #include "hostapi/log.h"
 
-#include <algorithm>
 #include <dirent.h>
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -92,9 +92,9 @@ bool ListFiles(const char* fn, const std::string& dir, std::vector<std::string>&
 vsIndexClient::vsIndexClient(vsJobMgr* jobMgr, vsAppMgr* appMgr, const std::string& clientName)
     : m_pJobMgr(jobMgr), m_pAppMgr(appMgr), m_clientName(clientName) {}
 
-int vsIndexClient::DownloadMetadataFilesFromRemoteCache(const std::list<std::string>& files,
-                                                        const std::string& folder, long long jobId,
-                                                        const std::string& subclientGUID, const std::string&) {
+int vsIndexClient::DownloadMetadataFilesFromRemoteCache(const std::list<std::string>& files, const std::string& folder,
+                                                        long long jobId, const std::string& subclientGUID,
+                                                        const std::string&) {
     static const char* const kFn = "vsIndexClient::DownloadMetadataFilesFromRemoteCache";
     try {
         const std::string source = JobCacheFolder(kFn, subclientGUID, jobId);

@@ -1,7 +1,7 @@
 // Job descriptions: job files, the process's registry of jobs, and the task, event and
 // job options read from them.
-#include "hostapi/appmgr.h"
 #include "hostapi/job.h"
+#include "hostapi/appmgr.h"
 #include "vshost/job.h"
 #include "vshost/jobfield.h"
 
@@ -25,7 +25,7 @@ struct Registry {
 };
 
 Registry& Jobs() {
-    static auto* r = new Registry;   // never destroyed: readers may ask during exit
+    static auto* r = new Registry;  // never destroyed: readers may ask during exit
     return *r;
 }
 
@@ -152,7 +152,9 @@ int EvTask::getOptionBool(unsigned long long option, bool& value, void*) {
     return 0;
 }
 
-void vsJobMgr::setJobId(const char* jobId) { m_jobId = jobId ? jobId : ""; }
+void vsJobMgr::setJobId(const char* jobId) {
+    m_jobId = jobId ? jobId : "";
+}
 
 bool vsJobMgr::LoadJobOptions() {
     char* end = nullptr;

@@ -1,18 +1,18 @@
 // Job clients over the catalog: every pending cause raised is a row of pending_causes,
 // numbered per job.
-#include "detail.h"
 #include "hostapi/jobclient.h"
-#include "hostapi/platform.h"
 #include "catalog/sqlite.h"
+#include "detail.h"
+#include "hostapi/platform.h"
 #include "vshost/catalog.h"
 #include "vshost/pending.h"
 
 #include <nlohmann/json.hpp>
 
-#include <exception>
 #include <sqlite3.h>
-#include <stdexcept>
 #include <strings.h>
+#include <exception>
+#include <stdexcept>
 
 namespace {
 
@@ -80,7 +80,8 @@ int KTJobClient::setPendingCauseAndEvent(int causeId, int arg2, int arg3, bool f
             throw;
         }
     } catch (const std::exception& e) {
-        KTlog(nullptr, KTLOG_ALWAYS, "KTJobClient::setPendingCauseAndEvent: cause [0x%X] of job [%lld] not recorded: %s",
+        KTlog(nullptr, KTLOG_ALWAYS,
+              "KTJobClient::setPendingCauseAndEvent: cause [0x%X] of job [%lld] not recorded: %s",
               static_cast<unsigned>(causeId), m_jobId, e.what());
         rc = -1;
     } catch (...) {

@@ -1,13 +1,13 @@
 // Host log lines: level filter, line format, log file and in-memory captures.
-#include "detail.h"
 #include "hostapi/log.h"
+#include "detail.h"
 #include "vshost/home.h"
 
+#include <unistd.h>
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <map>
-#include <unistd.h>
 #include <vector>
 
 namespace vshost {
@@ -74,7 +74,7 @@ void EmitLog(const std::string& tag, KTJobID jobId, const std::string& debugKey,
 
     char head[96];
     (void)std::snprintf(head, sizeof head, "%ld %lx %s %lld ", static_cast<long>(getpid()),
-                  static_cast<unsigned long>(gettid()), Timestamp().c_str(), jobId);
+                        static_cast<unsigned long>(gettid()), Timestamp().c_str(), jobId);
     std::string line = head + tag + " " + text;
 
     AppendToLogFile(line);
@@ -175,8 +175,7 @@ void EvDebug::Error(const char* context, const char* format, ...) {
     std::string message = FormatNoThrow(format, args);
     va_end(args);
     try {
-        vshost::detail::EmitLog("EvDebug\t", 0, "", KTLOG_ALWAYS,
-                                std::string(context ? context : "") + ": " + message);
+        vshost::detail::EmitLog("EvDebug\t", 0, "", KTLOG_ALWAYS, std::string(context ? context : "") + ": " + message);
     } catch (...) {
     }
 }
@@ -187,8 +186,7 @@ void EvDebug::Debug(const char* function, const char* format, ...) {
     std::string message = FormatNoThrow(format, args);
     va_end(args);
     try {
-        vshost::detail::EmitLog("EvDebug\t", 0, "nEVDEBUG", 1,
-                                std::string(function ? function : "") + ": " + message);
+        vshost::detail::EmitLog("EvDebug\t", 0, "nEVDEBUG", 1, std::string(function ? function : "") + ": " + message);
     } catch (...) {
     }
 }

@@ -1,10 +1,10 @@
 // Platform information answered from the settings store and the home.
+#include "hostapi/platform.h"
 #include "detail.h"
 #include "hostapi/fileutil.h"
-#include "hostapi/platform.h"
 
-#include <climits>
 #include <unistd.h>
+#include <climits>
 
 namespace {
 
@@ -17,7 +17,9 @@ std::string PhysicalMachine() {
 
 }  // namespace
 
-std::string KTPlatformInfo::getPhysicalMachine() { return PhysicalMachine(); }
+std::string KTPlatformInfo::getPhysicalMachine() {
+    return PhysicalMachine();
+}
 
 int KTPlatformInfo::getNumber(const char* section, const char* key, unsigned long* value) {
     if (!section || !key || !value) return 0;

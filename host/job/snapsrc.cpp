@@ -75,12 +75,14 @@ std::string SnapSrcPathOptions::Serialize() const {
     for (const SnapSrcPathDiskInfo& disk : diskInfo) {
         pugi::xml_node node = root.append_child("diskInfo");
         node.append_attribute("diskName") = disk.diskName.c_str();
-        if (!disk.alternateDiskName.empty()) node.append_attribute("alternateDiskName") = disk.alternateDiskName.c_str();
+        if (!disk.alternateDiskName.empty())
+            node.append_attribute("alternateDiskName") = disk.alternateDiskName.c_str();
         if (!disk.changeId.empty()) node.append_attribute("changeId") = disk.changeId.c_str();
         if (disk.processed) node.append_attribute("processed") = static_cast<long long>(disk.processed);
         if (disk.startExtent) node.append_attribute("startExtent") = static_cast<long long>(disk.startExtent);
     }
-    for (const std::string& name : mountDiskNames) root.append_child("mountDisk").append_attribute("name") = name.c_str();
+    for (const std::string& name : mountDiskNames)
+        root.append_child("mountDisk").append_attribute("name") = name.c_str();
     std::ostringstream out;
     doc.save(out, "", pugi::format_raw);
     return out.str();

@@ -1,17 +1,17 @@
 // VM clients of subclients: the catalog table vm_clients and the client objects that
 // ApplicationId hands out.
+#include "vshost/vmclients.h"
+#include "catalog/sqlite.h"
 #include "hostapi/appclient.h"
 #include "hostapi/log.h"
-#include "catalog/sqlite.h"
 #include "vshost/catalog.h"
-#include "vshost/vmclients.h"
 
 #include <cerrno>
 
 namespace vshost {
 
-void AddVMClient(unsigned long hubcellId, unsigned long subclientId, const std::string& clientName,
-                 bool hasProperties, const std::string& instanceUuid) {
+void AddVMClient(unsigned long hubcellId, unsigned long subclientId, const std::string& clientName, bool hasProperties,
+                 const std::string& instanceUuid) {
     // Catalog() opens the home's catalog and brings its schema up to date.
     db::Connection conn(Catalog().Path());
     db::Statement(conn,
@@ -57,7 +57,9 @@ VMClient::VMClient(std::string clientName, bool hasProperties, std::string insta
 
 VMClient::~VMClient() = default;
 
-ClientProperties* VMClient::getClientProperties(int) { return m_properties.get(); }
+ClientProperties* VMClient::getClientProperties(int) {
+    return m_properties.get();
+}
 
 ApplicationId::ApplicationId(unsigned long hubcellId, unsigned long subclientId)
     : m_hubcellId(hubcellId), m_subclientId(subclientId) {}
@@ -72,8 +74,8 @@ VMClient* ApplicationId::getClient(void*) {
         m_client = std::make_unique<VMClient>(rec->clientName, rec->hasProperties, rec->instanceUuid);
         return m_client.get();
     } catch (const std::exception& e) {
-        KTlog(nullptr, 1, "ApplicationId::getClient: hubcell [%lu] subclient [%lu]: %s", m_hubcellId,
-              m_subclientId, e.what());
+        KTlog(nullptr, 1, "ApplicationId::getClient: hubcell [%lu] subclient [%lu]: %s", m_hubcellId, m_subclientId,
+              e.what());
         return nullptr;
     }
 }

@@ -1,15 +1,15 @@
 // The backup XML file: loading into and saving from a CNMessageBase with pugixml.
+#include "hostapi/xmlfile.h"
 #include "files/atomicfile.h"
 #include "hostapi/fileutil.h"
 #include "hostapi/log.h"
-#include "hostapi/xmlfile.h"
 
-#include <cerrno>
-#include <charconv>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
 #include <pugixml.hpp>
 
 namespace {
@@ -148,8 +148,8 @@ bool vsXMLFile::Load(CNMessageBase* message) {
     }
     const pugi::xml_node root = doc.document_element();
     if (std::strcmp(root.name(), kRoot) != 0) {
-        KTlog(nullptr, 1, "%s: cannot load [%s]: root element is <%s>, expected <%s>", kFn, m_path.c_str(),
-              root.name(), kRoot);
+        KTlog(nullptr, 1, "%s: cannot load [%s]: root element is <%s>, expected <%s>", kFn, m_path.c_str(), root.name(),
+              kRoot);
         return false;
     }
     try {

@@ -2,9 +2,9 @@
 // the stream held by the attached pipeline.
 #include "hostapi/archive.h"
 
-#include "vshost/changetrack.h"
 #include "stream/streambytes.h"
 #include "stream/streamencoder.h"
+#include "vshost/changetrack.h"
 
 #include <algorithm>
 
@@ -31,8 +31,10 @@ void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
         return;
     }
     if (!pipe->Sync()) {
-        KTlog(m_log, 1, "Cannot make the stream durable (%s): [%zu] completed disk(s) not recorded; an incremental "
-              "from this job reads them whole", pipe->ErrorText().c_str(), waiting);
+        KTlog(m_log, 1,
+              "Cannot make the stream durable (%s): [%zu] completed disk(s) not recorded; an incremental "
+              "from this job reads them whole",
+              pipe->ErrorText().c_str(), waiting);
         m_completed->Drop();
         return;
     }
@@ -45,8 +47,10 @@ void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
     try {
         m_completed->Flush();
     } catch (const std::exception& e) {
-        KTlog(m_log, 1, "Cannot record [%zu] completed disk(s) and their digests: %s; an incremental from this job "
-              "reads them whole", waiting, e.what());
+        KTlog(m_log, 1,
+              "Cannot record [%zu] completed disk(s) and their digests: %s; an incremental from this job "
+              "reads them whole",
+              waiting, e.what());
     }
 }
 
@@ -140,9 +144,9 @@ vsStreamTotals vsArchive::totals() const {
     return m_pipe ? m_pipe->Totals() : vsStreamTotals{};
 }
 
-int vsArchive::sendFileHeader(const std::string& path, unsigned long long size, long arg3, bool container,
-                              bool arg5, bool arg6, int arg7, unsigned int extentSize, int arg9,
-                              unsigned long long arg10, bool arg11, bool arg12, bool arg13) {
+int vsArchive::sendFileHeader(const std::string& path, unsigned long long size, long arg3, bool container, bool arg5,
+                              bool arg6, int arg7, unsigned int extentSize, int arg9, unsigned long long arg10,
+                              bool arg11, bool arg12, bool arg13) {
     if (int rc = Attached(); rc != kOk) return rc;
     PayloadBuilder p;
     p.Bytes(path).U64(size).I64(arg3).Bool(container).Bool(arg5).Bool(arg6).I32(arg7).U32(extentSize).I32(arg9);
@@ -151,12 +155,11 @@ int vsArchive::sendFileHeader(const std::string& path, unsigned long long size, 
     return Result(m_pipe->Encoder().BeginEntry(Kind::FileHeader, p.str(), container, path));
 }
 
-int vsArchive::sendFCFileHeader(const std::string& path, unsigned long long size, long arg3, bool container,
-                                bool arg5, int arg6, unsigned int arg7, int arg8, unsigned long long arg9,
-                                bool arg10, bool arg11, unsigned long long arg12, unsigned long long arg13,
-                                unsigned long long arg14, unsigned int arg15, unsigned long long arg16,
-                                unsigned long long arg17, unsigned int arg18, unsigned int arg19,
-                                unsigned int arg20, unsigned int arg21) {
+int vsArchive::sendFCFileHeader(const std::string& path, unsigned long long size, long arg3, bool container, bool arg5,
+                                int arg6, unsigned int arg7, int arg8, unsigned long long arg9, bool arg10, bool arg11,
+                                unsigned long long arg12, unsigned long long arg13, unsigned long long arg14,
+                                unsigned int arg15, unsigned long long arg16, unsigned long long arg17,
+                                unsigned int arg18, unsigned int arg19, unsigned int arg20, unsigned int arg21) {
     if (int rc = Attached(); rc != kOk) return rc;
     PayloadBuilder p;
     p.Bytes(path).U64(size).I64(arg3).Bool(container).Bool(arg5).I32(arg6).U32(arg7).I32(arg8).U64(arg9);
@@ -179,7 +182,8 @@ int vsArchive::sendDiskInfo(const std::string& vmGuid, const std::string& name, 
     // and extent size, and then leaves out the extents that did not change.
     std::string base;
     if (auto loaded = vshost::changetrack::TakeLoadedBase(); loaded && itemType == vshost::stream::kItemDiskExtents &&
-                                                             loaded->diskSize == size && loaded->extentSize == extentSize)
+                                                             loaded->diskSize == size &&
+                                                             loaded->extentSize == extentSize)
         base = loaded->changeId;
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(name).Bytes(extra).U64(itemType).U64(productType).U64(diskType);
@@ -221,8 +225,10 @@ int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::strin
     // read under `changeId` compares with.
     if (rc == kOk) {
         if (!m_completed->Add(m_jobId, {vmGuid, diskName, changeId}) && !changeId.empty())
-            KTlog(m_log, 1, "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
-                  "from it reads the whole disk", changeId.c_str(), diskName.c_str());
+            KTlog(m_log, 1,
+                  "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
+                  "from it reads the whole disk",
+                  changeId.c_str(), diskName.c_str());
         RecordCompleted(false, m_pipe);
     } else {
         vshost::changetrack::ClearCompletedPass();
@@ -247,7 +253,7 @@ int vsArchive::allocateBuffer(unsigned long wanted, unsigned long* got, void** b
         return Refuse(kErrOrder, "allocateBuffer while a buffer is still lent");
     }
     const unsigned long granted = std::min<unsigned long>(wanted, vshost::stream::kMaxPayload);
-    m_lent.resize(std::max<unsigned long>(granted, 1));   // never a null buffer, even for 0 bytes
+    m_lent.resize(std::max<unsigned long>(granted, 1));  // never a null buffer, even for 0 bytes
     *got = granted;
     *buffer = m_lent.data();
     m_lentOut = true;
@@ -257,12 +263,13 @@ int vsArchive::allocateBuffer(unsigned long wanted, unsigned long* got, void** b
 int vsArchive::writeDataBuffer(const char* data, unsigned long length) {
     if (int rc = Attached(); rc != kOk) return rc;
     const bool lent = m_lentOut;
-    m_lentOut = false;   // the buffer comes back whatever happens next
+    m_lentOut = false;  // the buffer comes back whatever happens next
     if (int rc = Result(m_pipe->Encoder().CheckContent("data")); rc != kOk) return rc;
     if (!lent || !data || length > m_lent.size()) {
         return Refuse(!lent ? kErrOrder : kErrArgument, !lent ? "writeDataBuffer with no buffer lent"
-                            : "writeDataBuffer of " + std::to_string(length) + " bytes from a buffer of " +
-                                  std::to_string(m_lent.size()));
+                                                              : "writeDataBuffer of " + std::to_string(length) +
+                                                                    " bytes from a buffer of " +
+                                                                    std::to_string(m_lent.size()));
     }
     return Result(m_pipe->Encoder().Data(data, length));
 }

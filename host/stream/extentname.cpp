@@ -7,7 +7,7 @@
 namespace {
 
 constexpr std::string_view kPrefix = "Extent";
-constexpr size_t kDigits = 20;   // the digits of the largest 64-bit number
+constexpr size_t kDigits = 20;  // the digits of the largest 64-bit number
 
 }  // namespace
 
@@ -28,7 +28,7 @@ bool ExtentNameConverter::GetExtentNumberFromFileName(const std::string& name, u
     for (char c : digits) {
         if (c < '0' || c > '9') return false;
         const unsigned d = static_cast<unsigned>(c - '0');
-        if (value > (~0ULL - d) / 10) return false;   // beyond 64 bits
+        if (value > (~0ULL - d) / 10) return false;  // beyond 64 bits
         value = value * 10 + d;
     }
     extentNumber = value;

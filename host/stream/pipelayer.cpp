@@ -2,15 +2,15 @@
 #include "hostapi/archive.h"
 #include "stream/streamencoder.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/uio.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 namespace {
 
@@ -50,7 +50,10 @@ private:
 }  // namespace
 
 CPipelayer::CPipelayer(int fd, bool owned, std::string target)
-    : m_fd(fd), m_owned(owned), m_target(std::move(target)), m_batch(kBatchBytes),
+    : m_fd(fd),
+      m_owned(owned),
+      m_target(std::move(target)),
+      m_batch(kBatchBytes),
       m_encoder(std::make_unique<vshost::detail::StreamEncoder>(*this)) {}
 
 std::unique_ptr<CPipelayer> CPipelayer::OpenFile(const std::string& path, CQiError& error) {

@@ -71,15 +71,15 @@ private:
 
     CPipelayer& m_sink;
     StreamIdentity m_identity;
-    StreamIdentity m_written;   // as the stream last stated it
+    StreamIdentity m_written;  // as the stream last stated it
     std::string m_hubServer, m_clientName;
     bool m_originSet = false;
     char m_prologue[stream::kPrologueBytes] = {};
-    bool m_started = false;     // prologue and stream header written
+    bool m_started = false;  // prologue and stream header written
     bool m_finished = false;
     bool m_abandoned = false;
     int m_writers = 0;
-    uint64_t m_index = 0;       // of the next record
+    uint64_t m_index = 0;  // of the next record
     Open m_open = Open::None;
     std::string m_openPath;
     vsStreamTotals m_totals;

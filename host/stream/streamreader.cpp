@@ -6,10 +6,10 @@
 #include "stream/streamcheck.h"
 #include "stream/streamrecords.h"
 
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 namespace vshost {
 
@@ -51,11 +51,16 @@ std::string TotalsMismatch(const vsStreamTotals& stated, const vsStreamTotals& c
 
 const char* StateName(StreamReader::State state) {
     switch (state) {
-    case StreamReader::State::Reading: return "reading";
-    case StreamReader::State::Complete: return "complete";
-    case StreamReader::State::Incomplete: return "incomplete";
-    case StreamReader::State::Corrupt: return "corrupt";
-    case StreamReader::State::ReadError: return "unreadable";
+        case StreamReader::State::Reading:
+            return "reading";
+        case StreamReader::State::Complete:
+            return "complete";
+        case StreamReader::State::Incomplete:
+            return "incomplete";
+        case StreamReader::State::Corrupt:
+            return "corrupt";
+        case StreamReader::State::ReadError:
+            return "unreadable";
     }
     return "?";
 }
@@ -118,9 +123,9 @@ bool StreamReader::Prologue() {
     const auto major = static_cast<uint16_t>(GetLE(p + 8, 2));
     m_minor = static_cast<uint16_t>(GetLE(p + 10, 2));
     if (major != stream::kMajorVersion)
-        return Stop(State::Corrupt, 8, "format version " + std::to_string(major) + "." + std::to_string(m_minor) +
-                                           " is not supported (this decoder reads version " +
-                                           std::to_string(stream::kMajorVersion) + ")");
+        return Stop(State::Corrupt, 8,
+                    "format version " + std::to_string(major) + "." + std::to_string(m_minor) +
+                        " is not supported (this decoder reads version " + std::to_string(stream::kMajorVersion) + ")");
     m_header.majorVersion = major;
     m_header.minorVersion = m_minor;
     m_prologueRead = true;
@@ -138,18 +143,19 @@ bool StreamReader::Next(StreamRecord& record) {
     if (got == 0)
         return Stop(State::Incomplete, at,
                     "stream ends without a trailer after " + std::to_string(m_index) + " records");
-    if (got < sizeof frame) return Stop(State::Incomplete, at, "stream ends inside the frame of record #" +
-                                                                   std::to_string(m_index));
+    if (got < sizeof frame)
+        return Stop(State::Incomplete, at, "stream ends inside the frame of record #" + std::to_string(m_index));
     if (static_cast<uint32_t>(GetLE(frame + 8, 4)) != detail::FrameCheck(frame, m_index))
         return Stop(State::Corrupt, at,
-                    "record #" + std::to_string(m_index) + ": frame check fails (kind, flags or length damaged, "
-                                                           "or a record missing or out of place)");
+                    "record #" + std::to_string(m_index) +
+                        ": frame check fails (kind, flags or length damaged, "
+                        "or a record missing or out of place)");
     const auto kind = static_cast<Kind>(GetLE(frame, 2));
     const auto flags = static_cast<uint16_t>(GetLE(frame + 2, 2));
     const auto length = static_cast<uint32_t>(GetLE(frame + 4, 4));
     if (length > stream::kMaxPayload)
-        return Stop(State::Corrupt, at, Describe(m_index, kind) + ": payload of " + std::to_string(length) +
-                                            " bytes exceeds the limit");
+        return Stop(State::Corrupt, at,
+                    Describe(m_index, kind) + ": payload of " + std::to_string(length) + " bytes exceeds the limit");
 
     m_payload.resize(length);
     if (Read(m_payload.data(), length) < length || m_state != State::Reading)
@@ -158,11 +164,11 @@ bool StreamReader::Next(StreamRecord& record) {
     if (Read(sum, sizeof sum) < sizeof sum || m_state != State::Reading)
         return Stop(State::Incomplete, at, "stream ends inside " + Describe(m_index, kind));
     const char* prologue = m_index == 0 ? m_prologue : nullptr;
-    if (GetLE(sum, 8) != detail::RecordChecksum(prologue, sizeof m_prologue, frame, sizeof frame, m_payload.data(),
-                                                length, m_index))
+    if (GetLE(sum, 8) !=
+        detail::RecordChecksum(prologue, sizeof m_prologue, frame, sizeof frame, m_payload.data(), length, m_index))
         return Stop(State::Corrupt, at, Describe(m_index, kind) + ": checksum mismatch");
 
-    const bool later = m_minor > stream::kMinorVersion;   // fields and flags we may not know
+    const bool later = m_minor > stream::kMinorVersion;  // fields and flags we may not know
     if ((flags & ~stream::kFlagSkippable) != 0 && !later)
         return Stop(State::Corrupt, at, Describe(m_index, kind) + ": unknown flags " + std::to_string(flags));
 
@@ -192,9 +198,9 @@ bool StreamReader::Next(StreamRecord& record) {
 
     const auto& t = std::get<TrailerRecord>(record.body);
     if (!(t.totals == m_counted))
-        return Stop(State::Corrupt, at, "trailer totals do not match the stream: " + TotalsMismatch(t.totals, m_counted));
-    if (t.offset != at)
-        return Stop(State::Corrupt, at, "trailer states offset " + std::to_string(t.offset));
+        return Stop(State::Corrupt, at,
+                    "trailer totals do not match the stream: " + TotalsMismatch(t.totals, m_counted));
+    if (t.offset != at) return Stop(State::Corrupt, at, "trailer states offset " + std::to_string(t.offset));
     if (!AtEnd()) return Stop(State::Corrupt, m_offset, "bytes follow the trailer");
     m_state = State::Complete;
     return true;
@@ -240,35 +246,37 @@ bool StreamReader::CheckStructure(const StreamRecord& record, std::string& why) 
         return true;
     }
     switch (kind) {
-    case Kind::Data:
-    case Kind::Hole:
-        if (m_open != Open::Content) {
-            why = m_open == Open::None ? "outside any entry" : "inside container entry [" + m_openPath + "]";
-            return false;
-        }
-        if (kind == Kind::Data) m_counted.dataBytes += std::get<DataRecord>(record.body).bytes.size();
-        else m_counted.holeBytes += std::get<HoleRecord>(record.body).length;
-        break;
-    case Kind::EndOfFile:
-        if (m_open == Open::None) {
-            why = "no entry is open";
-            return false;
-        }
-        if (!std::get<EndOfFileRecord>(record.body).complete) ++m_counted.badEntries;
-        m_open = Open::None;
-        m_openPath.clear();
-        break;
-    case Kind::StreamHeader:
-    case Kind::Identity:
-        break;
-    default:
-        if (std::holds_alternative<SkippedRecord>(record.body)) break;
-        if (m_open != Open::None) {
-            why = "inside entry [" + m_openPath + "]";
-            return false;
-        }
-        if (kind == Kind::DirectoryEntry) ++m_counted.directories;
-        break;
+        case Kind::Data:
+        case Kind::Hole:
+            if (m_open != Open::Content) {
+                why = m_open == Open::None ? "outside any entry" : "inside container entry [" + m_openPath + "]";
+                return false;
+            }
+            if (kind == Kind::Data)
+                m_counted.dataBytes += std::get<DataRecord>(record.body).bytes.size();
+            else
+                m_counted.holeBytes += std::get<HoleRecord>(record.body).length;
+            break;
+        case Kind::EndOfFile:
+            if (m_open == Open::None) {
+                why = "no entry is open";
+                return false;
+            }
+            if (!std::get<EndOfFileRecord>(record.body).complete) ++m_counted.badEntries;
+            m_open = Open::None;
+            m_openPath.clear();
+            break;
+        case Kind::StreamHeader:
+        case Kind::Identity:
+            break;
+        default:
+            if (std::holds_alternative<SkippedRecord>(record.body)) break;
+            if (m_open != Open::None) {
+                why = "inside entry [" + m_openPath + "]";
+                return false;
+            }
+            if (kind == Kind::DirectoryEntry) ++m_counted.directories;
+            break;
     }
     if (kind != Kind::Trailer) ++m_counted.records;
     return true;

@@ -30,123 +30,123 @@ vsFileLevelInfo FileLevel(PayloadParser& p) {
 
 RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload, uint16_t minor) {
     switch (kind) {
-    case Kind::StreamHeader: {
-        StreamHeaderRecord r;
-        Ids(p, r);
-        r.createdNs = p.I64();
-        r.jobToken = p.Text();
-        r.hubServer = p.Text();
-        r.clientName = p.Text();
-        return r;
-    }
-    case Kind::Identity: {
-        IdentityRecord r;
-        Ids(p, r);
-        r.jobToken = p.Text();
-        return r;
-    }
-    case Kind::FileHeader: {
-        FileHeaderRecord r;
-        r.path = p.Text();
-        r.size = p.U64();
-        r.arg3 = p.I64();
-        r.container = p.Bool();
-        r.arg5 = p.Bool();
-        r.arg6 = p.Bool();
-        r.arg7 = p.I32();
-        r.extentSize = static_cast<uint32_t>(p.U32());
-        r.arg9 = p.I32();
-        r.arg10 = p.U64();
-        r.arg11 = p.Bool();
-        r.arg12 = p.Bool();
-        r.arg13 = p.Bool();
-        return r;
-    }
-    case Kind::CollectionHeader: {
-        CollectionHeaderRecord r;
-        r.path = p.Text();
-        r.size = p.U64();
-        r.arg3 = p.I64();
-        r.container = p.Bool();
-        r.arg5 = p.Bool();
-        r.arg6 = p.I32();
-        r.arg7 = static_cast<uint32_t>(p.U32());
-        r.arg8 = p.I32();
-        r.arg9 = p.U64();
-        r.arg10 = p.Bool();
-        r.arg11 = p.Bool();
-        r.arg12 = p.U64();
-        r.arg13 = p.U64();
-        r.arg14 = p.U64();
-        r.arg15 = static_cast<uint32_t>(p.U32());
-        r.arg16 = p.U64();
-        r.arg17 = p.U64();
-        r.arg18 = static_cast<uint32_t>(p.U32());
-        r.arg19 = static_cast<uint32_t>(p.U32());
-        r.arg20 = static_cast<uint32_t>(p.U32());
-        r.arg21 = static_cast<uint32_t>(p.U32());
-        return r;
-    }
-    case Kind::FileLevelHeader:
-    case Kind::DirectoryEntry:
-        return FileLevelRecord{FileLevel(p)};
-    case Kind::Data: {
-        // The whole payload is the data; nothing to parse.
-        p.Skip(payload.size());
-        return DataRecord{payload};
-    }
-    case Kind::Hole:
-        return HoleRecord{p.U64()};
-    case Kind::EndOfFile: {
-        EndOfFileRecord r;
-        r.complete = p.Bool();
-        r.arg = static_cast<uint32_t>(p.U32());
-        return r;
-    }
-    case Kind::DiskInfo: {
-        DiskInfoRecord r;
-        r.vmGuid = p.Text();
-        r.name = p.Text();
-        r.extra = p.Text();
-        r.itemType = p.U64();
-        r.productType = p.U64();
-        r.diskType = p.U64();
-        r.size = p.U64();
-        r.extentSize = p.U64();
-        r.extentCount = p.U64();
-        if (minor >= 1) {
-            r.hasBase = true;
-            r.baseChangeId = p.Text();
+        case Kind::StreamHeader: {
+            StreamHeaderRecord r;
+            Ids(p, r);
+            r.createdNs = p.I64();
+            r.jobToken = p.Text();
+            r.hubServer = p.Text();
+            r.clientName = p.Text();
+            return r;
         }
-        return r;
-    }
-    case Kind::VolumeHeader: {
-        VolumeHeaderRecord r;
-        r.vmGuid = p.Text();
-        r.diskName = p.Text();
-        r.data = p.Bytes();
-        return r;
-    }
-    case Kind::DiskReadCompleted: {
-        DiskReadCompletedRecord r;
-        r.vmGuid = p.Text();
-        r.diskName = p.Text();
-        r.changeId = p.Text();
-        return r;
-    }
-    case Kind::VMReadCompleted:
-        return VMReadCompletedRecord{p.Text()};
-    case Kind::Trailer: {
-        TrailerRecord r;
-        r.totals.records = p.U64();
-        r.totals.entries = p.U64();
-        r.totals.badEntries = p.U64();
-        r.totals.directories = p.U64();
-        r.totals.dataBytes = p.U64();
-        r.totals.holeBytes = p.U64();
-        r.offset = p.U64();
-        return r;
-    }
+        case Kind::Identity: {
+            IdentityRecord r;
+            Ids(p, r);
+            r.jobToken = p.Text();
+            return r;
+        }
+        case Kind::FileHeader: {
+            FileHeaderRecord r;
+            r.path = p.Text();
+            r.size = p.U64();
+            r.arg3 = p.I64();
+            r.container = p.Bool();
+            r.arg5 = p.Bool();
+            r.arg6 = p.Bool();
+            r.arg7 = p.I32();
+            r.extentSize = static_cast<uint32_t>(p.U32());
+            r.arg9 = p.I32();
+            r.arg10 = p.U64();
+            r.arg11 = p.Bool();
+            r.arg12 = p.Bool();
+            r.arg13 = p.Bool();
+            return r;
+        }
+        case Kind::CollectionHeader: {
+            CollectionHeaderRecord r;
+            r.path = p.Text();
+            r.size = p.U64();
+            r.arg3 = p.I64();
+            r.container = p.Bool();
+            r.arg5 = p.Bool();
+            r.arg6 = p.I32();
+            r.arg7 = static_cast<uint32_t>(p.U32());
+            r.arg8 = p.I32();
+            r.arg9 = p.U64();
+            r.arg10 = p.Bool();
+            r.arg11 = p.Bool();
+            r.arg12 = p.U64();
+            r.arg13 = p.U64();
+            r.arg14 = p.U64();
+            r.arg15 = static_cast<uint32_t>(p.U32());
+            r.arg16 = p.U64();
+            r.arg17 = p.U64();
+            r.arg18 = static_cast<uint32_t>(p.U32());
+            r.arg19 = static_cast<uint32_t>(p.U32());
+            r.arg20 = static_cast<uint32_t>(p.U32());
+            r.arg21 = static_cast<uint32_t>(p.U32());
+            return r;
+        }
+        case Kind::FileLevelHeader:
+        case Kind::DirectoryEntry:
+            return FileLevelRecord{FileLevel(p)};
+        case Kind::Data: {
+            // The whole payload is the data; nothing to parse.
+            p.Skip(payload.size());
+            return DataRecord{payload};
+        }
+        case Kind::Hole:
+            return HoleRecord{p.U64()};
+        case Kind::EndOfFile: {
+            EndOfFileRecord r;
+            r.complete = p.Bool();
+            r.arg = static_cast<uint32_t>(p.U32());
+            return r;
+        }
+        case Kind::DiskInfo: {
+            DiskInfoRecord r;
+            r.vmGuid = p.Text();
+            r.name = p.Text();
+            r.extra = p.Text();
+            r.itemType = p.U64();
+            r.productType = p.U64();
+            r.diskType = p.U64();
+            r.size = p.U64();
+            r.extentSize = p.U64();
+            r.extentCount = p.U64();
+            if (minor >= 1) {
+                r.hasBase = true;
+                r.baseChangeId = p.Text();
+            }
+            return r;
+        }
+        case Kind::VolumeHeader: {
+            VolumeHeaderRecord r;
+            r.vmGuid = p.Text();
+            r.diskName = p.Text();
+            r.data = p.Bytes();
+            return r;
+        }
+        case Kind::DiskReadCompleted: {
+            DiskReadCompletedRecord r;
+            r.vmGuid = p.Text();
+            r.diskName = p.Text();
+            r.changeId = p.Text();
+            return r;
+        }
+        case Kind::VMReadCompleted:
+            return VMReadCompletedRecord{p.Text()};
+        case Kind::Trailer: {
+            TrailerRecord r;
+            r.totals.records = p.U64();
+            r.totals.entries = p.U64();
+            r.totals.badEntries = p.U64();
+            r.totals.directories = p.U64();
+            r.totals.dataBytes = p.U64();
+            r.totals.holeBytes = p.U64();
+            r.offset = p.U64();
+            return r;
+        }
     }
     return SkippedRecord{};
 }

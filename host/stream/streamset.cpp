@@ -5,9 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 namespace vshost {
 namespace {
@@ -19,7 +19,9 @@ constexpr size_t kMaxManifestBytes = 1 << 20;
 
 }  // namespace
 
-std::string StreamSetMemberPath(const std::string& out, unsigned k) { return out + "." + std::to_string(k); }
+std::string StreamSetMemberPath(const std::string& out, unsigned k) {
+    return out + "." + std::to_string(k);
+}
 
 bool WriteStreamSet(const std::string& path, const StreamSet& set, std::string& why) {
     const nlohmann::json doc = {

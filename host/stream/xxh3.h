@@ -1,7 +1,7 @@
 // xxHash for the host's check values and digests. Internal to the host.
 #pragma once
 
-#define XXH_STATIC_LINKING_ONLY   // XXH3_state_t on the stack
+#define XXH_STATIC_LINKING_ONLY  // XXH3_state_t on the stack
 #include <xxhash.h>
 
 #if defined(__x86_64__)

@@ -47,8 +47,8 @@ bool SameBackups(const CNMessageBase& a, const CNMessageBase& b) {
                x.sClientName == y.sClientName;
     };
     auto dsEq = [&](const VirtualServer::VMDatastoreInfo& x, const VirtualServer::VMDatastoreInfo& y) {
-        return x.sName == y.sName && std::equal(x.vmInfoList.begin(), x.vmInfoList.end(), y.vmInfoList.begin(),
-                                                y.vmInfoList.end(), vmEq);
+        return x.sName == y.sName &&
+               std::equal(x.vmInfoList.begin(), x.vmInfoList.end(), y.vmInfoList.begin(), y.vmInfoList.end(), vmEq);
     };
     auto backupEq = [&](const VirtualServer::Backup& x, const VirtualServer::Backup& y) {
         return x.llJobId == y.llJobId && std::equal(x.datastoreList.begin(), x.datastoreList.end(),

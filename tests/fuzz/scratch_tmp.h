@@ -3,8 +3,8 @@
 // on a disk the syncs cost more than the work; a memory file system makes them free.
 #pragma once
 
-#include <cstdlib>
 #include <unistd.h>
+#include <cstdlib>
 
 namespace vsfuzz {
 

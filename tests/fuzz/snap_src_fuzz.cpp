@@ -164,37 +164,37 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     unsigned rc = 0;
     switch (data[0] % 4) {
-    case 0:
-    case 1: {
-        FSRSnapSrcPath item;
-        item.sSnapSrcPath = path;
-        item.sOptionsXml = rest;
-        if (data[0] % 4 == 0) {
-            Probe& r = *s.extent;
-            rc = static_cast<unsigned>(r.OnSnapSrcPath(&item));
-            Reset(r, s.extentTempFolders);
-        } else {
-            CollectionReader& r = *s.collection;
-            rc = static_cast<unsigned>(r.OnSnapSrcPath(&item));
-            Reset(r, s.collectionTempFolders);
-        }
-        break;
-    }
-    default: {
-        FileLevelReader& r = *s.fileLevel;
-        rc = r.OnSnapSrcPath(path.c_str());
-        if (rc == 0) {
+        case 0:
+        case 1: {
             FSRSnapSrcPath item;
-            item.sClientPath = rest;
-            item.fileFilterCount = data[0] % 4 == 3 ? 1 : 0;
-            std::string collect;
-            rc = r.CreateListOfFilesToRead(item, collect);
-            if (rc == 0) rc = r.SendFiles(collect.c_str());
+            item.sSnapSrcPath = path;
+            item.sOptionsXml = rest;
+            if (data[0] % 4 == 0) {
+                Probe& r = *s.extent;
+                rc = static_cast<unsigned>(r.OnSnapSrcPath(&item));
+                Reset(r, s.extentTempFolders);
+            } else {
+                CollectionReader& r = *s.collection;
+                rc = static_cast<unsigned>(r.OnSnapSrcPath(&item));
+                Reset(r, s.collectionTempFolders);
+            }
+            break;
         }
-        r.VMGuidVolGuidToVolumePathMap.clear();
-        VMLivebrowse::UnmountAll();
-        break;
-    }
+        default: {
+            FileLevelReader& r = *s.fileLevel;
+            rc = r.OnSnapSrcPath(path.c_str());
+            if (rc == 0) {
+                FSRSnapSrcPath item;
+                item.sClientPath = rest;
+                item.fileFilterCount = data[0] % 4 == 3 ? 1 : 0;
+                std::string collect;
+                rc = r.CreateListOfFilesToRead(item, collect);
+                if (rc == 0) rc = r.SendFiles(collect.c_str());
+            }
+            r.VMGuidVolGuidToVolumePathMap.clear();
+            VMLivebrowse::UnmountAll();
+            break;
+        }
     }
     if (rc != 0 && !SaysWhy(s.log.Lines())) std::abort();
     // Emptied before the input ends: libFuzzer looks for a leak whenever an input leaves

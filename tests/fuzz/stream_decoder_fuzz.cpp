@@ -3,9 +3,9 @@
 // input, never a crash, a hang or unbounded memory.
 #include "vshost/streamreader.h"
 
+#include <unistd.h>
 #include <cstdint>
 #include <cstdlib>
-#include <unistd.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int fds[2];
@@ -24,15 +24,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ::close(fds[0]);
     using State = vshost::StreamReader::State;
     switch (reader.state()) {
-    case State::Complete:
-        break;
-    case State::Incomplete:
-    case State::Corrupt:
-        if (reader.error().empty() || reader.errorOffset() > n) std::abort();
-        break;
-    case State::Reading:
-    case State::ReadError:
-        std::abort();   // the whole input was there to read
+        case State::Complete:
+            break;
+        case State::Incomplete:
+        case State::Corrupt:
+            if (reader.error().empty() || reader.errorOffset() > n) std::abort();
+            break;
+        case State::Reading:
+        case State::ReadError:
+            std::abort();  // the whole input was there to read
     }
     return 0;
 }

@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (!again.Unserialize(options.Serialize(), why)) std::abort();
         if (again.Serialize() != options.Serialize()) std::abort();
     } else if (why.empty() || options.useCBT != 0 || !options.diskInfo.empty()) {
-        std::abort();   // a refusal says why and leaves the record empty
+        std::abort();  // a refusal says why and leaves the record empty
     }
 #elif FUZZ_FORMAT == FUZZ_VMDK
     vshost::vmdk::Descriptor d;

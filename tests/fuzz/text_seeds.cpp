@@ -17,7 +17,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void Write(const fs::path& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
+void Write(const fs::path& p, const std::string& text) {
+    std::ofstream(p, std::ios::binary) << text;
+}
 
 VirtualServer::VMInfo VM(const std::string& guid, int32_t clientId, int64_t jobId, const std::string& name) {
     VirtualServer::VMInfo vm;
@@ -98,8 +100,8 @@ void SnapSrcSeeds(const vssample::SampleSnapshot& s, const fs::path& dir) {
         {"extent-vm", "0" + web.biosUuid + "\n"},
         {"extent-vm-by-name", "0" + db.name + "\n" + options(0, {})},
         {"extent-cbt", "0" + web.biosUuid + "\n" + options(1, {{"web01.vmdk", "", "0f1e2d3c/5001", 0, 0}})},
-        {"extent-resume", "0" + web.biosUuid + "\n" +
-                              options(1, {{"web01.vmdk", "", "", 1, 0}, {"web01_1.vmdk", "", "", 0, 5}})},
+        {"extent-resume",
+         "0" + web.biosUuid + "\n" + options(1, {{"web01.vmdk", "", "", 1, 0}, {"web01_1.vmdk", "", "", 0, 5}})},
         {"extent-alternate", "0" + db.vcUuid + "\n" + options(0, {{"restored.vmdk", "db01.vmdk", "", 0, 0}})},
         {"extent-mount-disks", "0" + web.biosUuid + "\n" + options(0, {}, {"web01_1.vmdk"})},
         {"extent-disk", "0" + web.biosUuid + "\\web01.vmdk\n"},
@@ -149,13 +151,15 @@ int main(int argc, char** argv) {
         o.mountDiskNames = {"web01.vmdk"};
         Write(root / "options_xml/full", o.Serialize());
 
-        const std::string job = R"({"jobId": 101, "appId": [3, 17], "jobOptions": {"restoreOptions": {"lookupInstanceFromTask": 1}},
+        const std::string job =
+            R"({"jobId": 101, "appId": [3, 17], "jobOptions": {"restoreOptions": {"lookupInstanceFromTask": 1}},
  "taskOptions": {"77": "vc1", "75": "user"}, "eventOptions": {"120015": false},
  "reader": "fileLevel", "instanceType": 102, "mediaAgent": "ma01", "archiveFiles": [1207, 1208],
  "open": {"archGroupId": 11, "copyId": 1}, "out": "s.stream", "home": "h",
  "items": [{"path": "vm\\vol", "clientPath": "vm\\vol/dir", "filter": 1, "options": "<SnapSrcPathOptions/>"}]})";
         Write(root / "job_file/full", job);
-        Write(root / "job_file/minimal", R"({"jobId": 1, "mediaAgent": "m", "archiveFiles": [1], "items": [{"path": "v"}]})");
+        Write(root / "job_file/minimal",
+              R"({"jobId": 1, "mediaAgent": "m", "archiveFiles": [1], "items": [{"path": "v"}]})");
         BackupXmlSeeds(s, root / "backup_xml");
         SnapSrcSeeds(s, root / "snap_src");
         vshost::CloseHome();

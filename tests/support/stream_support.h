@@ -7,15 +7,15 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 namespace vstest {
@@ -34,7 +34,7 @@ inline void WriteFile(const std::string& path, const std::string& bytes) {
 // A record with its data copied out of the decoder's buffer.
 struct Decoded {
     vshost::StreamRecord record;
-    std::string bytes;   // data and volume-header bytes
+    std::string bytes;  // data and volume-header bytes
 };
 
 struct DecodeResult {
@@ -127,8 +127,10 @@ inline void SendExtents(vsArchive& w, const std::string& vm, const std::string& 
         std::string name;
         ExtentNameConverter::GetFilePath(n, name);
         ASSERT_EQ(Header(w, "\\" + vm + "\\" + disk + "\\" + name, buf.size(), false), 0);
-        if (AllZero(buf)) w.sendHole(buf.size());
-        else w.allocateAndSendDataBuffer(buf.data(), buf.size());
+        if (AllZero(buf))
+            w.sendHole(buf.size());
+        else
+            w.allocateAndSendDataBuffer(buf.data(), buf.size());
         ASSERT_EQ(w.sendEOF(true, 0), 0);
     }
 }
@@ -154,7 +156,7 @@ inline std::string Pattern(size_t size, unsigned seed) {
         x ^= x << 13;
         x ^= x >> 7;
         x ^= x << 17;
-        c = static_cast<char>(x | 1);   // never zero, so a data extent is never taken for a hole
+        c = static_cast<char>(x | 1);  // never zero, so a data extent is never taken for a hole
     }
     return s;
 }

@@ -10,12 +10,12 @@
 
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
 #include <fcntl.h>
+#include <unistd.h>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -42,7 +42,9 @@ std::string SourceDisk(const std::string& path) {
     return out;
 }
 
-std::string Tool(const std::string& name) { return (fs::path(PluginPath()).parent_path().parent_path() / "bin" / name).string(); }
+std::string Tool(const std::string& name) {
+    return (fs::path(PluginPath()).parent_path().parent_path() / "bin" / name).string();
+}
 
 int Shell(const std::string& command, std::ostream& out) {
     out << "$ " << command << "\n" << std::flush;
@@ -80,7 +82,8 @@ int Compare(const vssample::SampleSnapshot& s, const std::string& dir, std::ostr
         for (const auto& d : vm.disks) {
             if (d.backupType != 1) continue;
             const bool same = ReadAll(base + d.name) == SourceDisk(d.path);
-            out << "  " << (same ? "same    " : "MISMATCH") << " " << vm.name << "/" << d.name << " (" << d.size << " bytes)\n";
+            out << "  " << (same ? "same    " : "MISMATCH") << " " << vm.name << "/" << d.name << " (" << d.size
+                << " bytes)\n";
             bad += same ? 0 : 1;
         }
     }
@@ -140,7 +143,8 @@ int RunDemo(const std::string& keep, std::ostream& out) {
         failures += sum.status != kExitOk;
     }
     failures += Shell("'" + Tool("vsstream") + "' verify '" + root + "/full.stream'", out) != 0;
-    failures += Shell("'" + Tool("vsstream") + "' restore '" + root + "/full.stream' --to '" + root + "/restore'", out) != 0;
+    failures +=
+        Shell("'" + Tool("vsstream") + "' restore '" + root + "/full.stream' --to '" + root + "/restore'", out) != 0;
     out << "comparing the restore with the source:\n";
     failures += Compare(s, root + "/restore", out, true);
 
@@ -164,7 +168,8 @@ int RunDemo(const std::string& keep, std::ostream& out) {
         PrintSummary(LoadJob(jobFile), sum, out);
         failures += sum.status != kExitOk;
     }
-    failures += Shell("'" + Tool("vsstream") + "' restore '" + root + "/incr.stream' --onto '" + root + "/restore'", out) != 0;
+    failures +=
+        Shell("'" + Tool("vsstream") + "' restore '" + root + "/incr.stream' --onto '" + root + "/restore'", out) != 0;
     out << "comparing the updated restore with the changed source:\n";
     failures += Compare(s, root + "/restore", out, false);
 
@@ -183,15 +188,20 @@ int RunDemo(const std::string& keep, std::ostream& out) {
         const RunSummary sum = RunJob(LoadJob(jobFile), RunOptions{}, out);
         PrintSummary(LoadJob(jobFile), sum, out);
         failures += sum.status != kExitOk;
-        failures += Shell("'" + Tool("vsstream") + "' restore '" + root + "/files.stream' --to '" + root + "/files'", out) != 0;
+        failures +=
+            Shell("'" + Tool("vsstream") + "' restore '" + root + "/files.stream' --to '" + root + "/files'", out) != 0;
         out << "comparing the restored guest files with the source:\n";
-        failures += CompareTree(fs::path(db.folder) / "guest/C", fs::path(root) / "files" / db.biosUuid / db.guestVolumeGuids.at(0), "db01 C:", out);
-        failures += CompareTree(fs::path(db.folder) / "guest/D", fs::path(root) / "files" / db.biosUuid / "D:", "db01 D:", out);
+        failures += CompareTree(fs::path(db.folder) / "guest/C",
+                                fs::path(root) / "files" / db.biosUuid / db.guestVolumeGuids.at(0), "db01 C:", out);
+        failures +=
+            CompareTree(fs::path(db.folder) / "guest/D", fs::path(root) / "files" / db.biosUuid / "D:", "db01 D:", out);
     }
 
     vshost::CloseHome();
     if (keep.empty()) fs::remove_all(root);
-    out << "\n" << (failures ? "DEMO FAILED" : "demo passed: every restored disk, configuration file and guest file equals its source")
+    out << "\n"
+        << (failures ? "DEMO FAILED"
+                     : "demo passed: every restored disk, configuration file and guest file equals its source")
         << "\n";
     return failures ? 1 : 0;
 }

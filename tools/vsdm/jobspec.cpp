@@ -23,8 +23,8 @@ using nlohmann::json;
 }
 
 template <typename T>
-T Number(const json& doc, const char* field, const std::string& origin, T fallback, T min = std::numeric_limits<T>::min(),
-         T max = std::numeric_limits<T>::max()) {
+T Number(const json& doc, const char* field, const std::string& origin, T fallback,
+         T min = std::numeric_limits<T>::min(), T max = std::numeric_limits<T>::max()) {
     if (!doc.contains(field)) return fallback;
     return vshost::JobNumber<T>(doc[field], origin, field, min, max);
 }
@@ -46,15 +46,17 @@ constexpr size_t kMaxRecordText = vshost::stream::kMaxPayload / 4;
 std::string RecordText(const json& doc, const char* field, const std::string& origin, bool required = false) {
     std::string text = Text(doc, field, origin, required);
     if (text.size() > kMaxRecordText)
-        Bad(origin, field, "is " + std::to_string(text.size()) + " bytes long; it goes into one stream record, which holds at most " +
-                               std::to_string(kMaxRecordText) + " bytes of it");
+        Bad(origin, field,
+            "is " + std::to_string(text.size()) + " bytes long; it goes into one stream record, which holds at most " +
+                std::to_string(kMaxRecordText) + " bytes of it");
     return text;
 }
 
 std::vector<std::string> PathParts(const std::string& path) {
     std::vector<std::string> parts;
     size_t from = 0;
-    for (size_t at; (at = path.find('\\', from)) != std::string::npos; from = at + 1) parts.push_back(path.substr(from, at - from));
+    for (size_t at; (at = path.find('\\', from)) != std::string::npos; from = at + 1)
+        parts.push_back(path.substr(from, at - from));
     parts.push_back(path.substr(from));
     return parts;
 }
@@ -71,7 +73,8 @@ void RefuseWholeDiskAfterItsExtent(const std::vector<JobItem>& items, const std:
             if (disk.size() == 2 && disk[0] == extent[0] && disk[1] == extent[1])
                 throw std::runtime_error(origin + ": items[" + std::to_string(j) + "] (" + items[j].path +
                                          ") reads the whole disk after items[" + std::to_string(i) + "] (" +
-                                         items[i].path + ") read one extent of it, which would leave it unread: "
+                                         items[i].path +
+                                         ") read one extent of it, which would leave it unread: "
                                          "put the whole disk first or run it as a job of its own");
         }
     }
@@ -81,9 +84,12 @@ void RefuseWholeDiskAfterItsExtent(const std::vector<JobItem>& items, const std:
 
 const char* ReaderName(ReaderKind kind) {
     switch (kind) {
-    case ReaderKind::Extent: return "extent";
-    case ReaderKind::FileCollection: return "fileCollection";
-    case ReaderKind::FileLevel: return "fileLevel";
+        case ReaderKind::Extent:
+            return "extent";
+        case ReaderKind::FileCollection:
+            return "fileCollection";
+        case ReaderKind::FileLevel:
+            return "fileLevel";
     }
     return "?";
 }
@@ -91,13 +97,17 @@ const char* ReaderName(ReaderKind kind) {
 DataMoverJob ParseJob(const std::string& text, const std::string& origin, const std::string& baseDir) {
     DataMoverJob job;
     job.host = vshost::ParseJobText(text, origin);
-    const json doc = json::parse(text, nullptr, false);   // well-formed: the host parse passed
+    const json doc = json::parse(text, nullptr, false);  // well-formed: the host parse passed
 
     const std::string reader = Text(doc, "reader", origin);
-    if (reader.empty() || reader == "extent") job.reader = ReaderKind::Extent;
-    else if (reader == "fileCollection") job.reader = ReaderKind::FileCollection;
-    else if (reader == "fileLevel") job.reader = ReaderKind::FileLevel;
-    else Bad(origin, "reader", "must be \"extent\", \"fileCollection\" or \"fileLevel\", not \"" + reader + "\"");
+    if (reader.empty() || reader == "extent")
+        job.reader = ReaderKind::Extent;
+    else if (reader == "fileCollection")
+        job.reader = ReaderKind::FileCollection;
+    else if (reader == "fileLevel")
+        job.reader = ReaderKind::FileLevel;
+    else
+        Bad(origin, "reader", "must be \"extent\", \"fileCollection\" or \"fileLevel\", not \"" + reader + "\"");
 
     job.instanceType = Number<int>(doc, "instanceType", origin, 102, 0);
     job.mountType = Number<int>(doc, "mountType", origin, 0, 0);
@@ -112,7 +122,8 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
 
     if (!doc.contains("archiveFiles") || !doc["archiveFiles"].is_array() || doc["archiveFiles"].empty())
         Bad(origin, "archiveFiles", "must be a list of one or more archive file ids");
-    for (const json& id : doc["archiveFiles"]) job.archiveFiles.push_back(vshost::JobNumber<uint32_t>(id, origin, "archiveFiles", 1));
+    for (const json& id : doc["archiveFiles"])
+        job.archiveFiles.push_back(vshost::JobNumber<uint32_t>(id, origin, "archiveFiles", 1));
     if (doc.contains("open")) {
         const json& open = doc["open"];
         if (!open.is_object()) Bad(origin, "open", "must be an object");
@@ -161,7 +172,9 @@ DataMoverJob LoadJob(const std::string& path) {
     return ParseJob(text.str(), path, base);
 }
 
-std::string ItemVM(const JobItem& item) { return item.path.substr(0, item.path.find('\\')); }
+std::string ItemVM(const JobItem& item) {
+    return item.path.substr(0, item.path.find('\\'));
+}
 
 void EditItemOptions(JobItem& item, const std::function<void(VirtualServer::SnapSrcPathOptions&)>& edit) {
     VirtualServer::SnapSrcPathOptions options;

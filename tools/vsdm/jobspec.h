@@ -22,8 +22,8 @@ struct UsageError : std::runtime_error {
 enum class ReaderKind { Extent, FileCollection, FileLevel };
 
 struct JobItem {
-    std::string path;         // snap source path: "VM[\disk[\extent]]"
-    std::string optionsXml;   // may be empty
+    std::string path;        // snap source path: "VM[\disk[\extent]]"
+    std::string optionsXml;  // may be empty
     // File-level items: the client path to list (default: `path`) and whether names
     // are filtered by the path's last component.
     std::string clientPath;
@@ -34,7 +34,7 @@ struct JobItem {
 };
 
 struct DataMoverJob {
-    vshost::JobDescription host;   // task, event and job options
+    vshost::JobDescription host;  // task, event and job options
     ReaderKind reader = ReaderKind::Extent;
     int instanceType = 102;
     int mountType = 0;
@@ -47,8 +47,8 @@ struct DataMoverJob {
     unsigned long copyId = 0;
     int64_t hubcellId = 0;
     std::vector<JobItem> items;
-    std::string out;          // stream file; "-" is standard output; empty: not given
-    std::string home;         // host home; relative to the job file's folder
+    std::string out;   // stream file; "-" is standard output; empty: not given
+    std::string home;  // host home; relative to the job file's folder
 };
 
 // Reads a job file; throws std::runtime_error naming the file and the field at fault.

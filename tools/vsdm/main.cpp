@@ -9,11 +9,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <unistd.h>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <streambuf>
-#include <unistd.h>
 
 namespace {
 
@@ -54,11 +54,12 @@ bool ParseStreams(const std::string& text, unsigned& n) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"vsdm: the data mover. Exit status of run: 0 all items succeeded, 1 some items failed, "
-                 "2 the job could not start, 3 the stream could not be written, 4 stopped by a signal, "
-                 "64 bad command line or job file (a missing or unknown option, a field out of range, no stream "
-                 "target, a target that is one of the job's inputs, a home that does not exist, a resumed stream or "
-                 "--incremental-from job that is not this job's to build on); nothing is read or written then."};
+    CLI::App app{
+        "vsdm: the data mover. Exit status of run: 0 all items succeeded, 1 some items failed, "
+        "2 the job could not start, 3 the stream could not be written, 4 stopped by a signal, "
+        "64 bad command line or job file (a missing or unknown option, a field out of range, no stream "
+        "target, a target that is one of the job's inputs, a home that does not exist, a resumed stream or "
+        "--incremental-from job that is not this job's to build on); nothing is read or written then."};
     app.require_subcommand(1);
 
     std::string jobFile, out, home, streamsText = "1", shareText;

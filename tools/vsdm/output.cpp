@@ -3,13 +3,13 @@
 #include "vshost/catalog.h"
 #include "vshost/home.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace vsdm {
 
@@ -17,7 +17,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string ErrnoText() { return std::strerror(errno); }
+std::string ErrnoText() {
+    return std::strerror(errno);
+}
 
 bool SameFile(const fs::path& path, const struct stat& target) {
     struct stat sb {};
@@ -39,9 +41,9 @@ std::string FindIn(const fs::path& root, const struct stat& target) {
 void CheckNotAnInput(const DataMoverJob& job, const std::string& jobFile, const std::string& target) {
     struct stat t {};
     const std::string name = target == "-" ? std::string("standard output") : target;
-    if (target == "-" ? ::fstat(STDOUT_FILENO, &t) != 0 : ::stat(target.c_str(), &t) != 0) return;   // a new file
+    if (target == "-" ? ::fstat(STDOUT_FILENO, &t) != 0 : ::stat(target.c_str(), &t) != 0) return;  // a new file
     if (S_ISDIR(t.st_mode)) throw UsageError("the stream target " + name + " is a folder: give --out a file");
-    if (!S_ISREG(t.st_mode)) return;   // a FIFO or a device holds nothing to lose
+    if (!S_ISREG(t.st_mode)) return;  // a FIFO or a device holds nothing to lose
     const auto refuse = [&](const std::string& what) {
         throw UsageError("the stream target " + name + " is " + what + ": give --out another file");
     };
@@ -49,8 +51,9 @@ void CheckNotAnInput(const DataMoverJob& job, const std::string& jobFile, const 
 
     const fs::path home = vshost::HomeDir();
     if (home.empty()) return;
-    std::vector<fs::path> kept = {"settings.ini", "catalog.db", "catalog.db-wal", "catalog.db-shm", "catalog.db-journal",
-                                  "keys", "IndexCache", "JobResults", "Log Files", "Snapshots"};
+    std::vector<fs::path> kept = {"settings.ini",       "catalog.db", "catalog.db-wal", "catalog.db-shm",
+                                  "catalog.db-journal", "keys",       "IndexCache",     "JobResults",
+                                  "Log Files",          "Snapshots"};
     for (fs::path& p : kept) p = home / p;
     std::string results;
     if (vshost::settings::Get("Host", "sJobResultsDir", results) && !results.empty()) kept.emplace_back(results);
@@ -61,7 +64,8 @@ void CheckNotAnInput(const DataMoverJob& job, const std::string& jobFile, const 
     for (uint64_t id : job.archiveFiles) {
         const auto afile = catalog.ArchiveFile(id);
         if (!afile || afile->volume.empty()) continue;
-        const fs::path volume = fs::path(afile->volume).is_absolute() ? fs::path(afile->volume) : home / "Snapshots" / afile->volume;
+        const fs::path volume =
+            fs::path(afile->volume).is_absolute() ? fs::path(afile->volume) : home / "Snapshots" / afile->volume;
         if (const std::string hit = FindIn(volume, t); !hit.empty())
             refuse("a file of the volume of archive file " + std::to_string(id) + " (" + hit + ")");
     }
@@ -92,7 +96,9 @@ StreamTarget::StreamTarget(const std::string& out) : m_out(out) {
     m_ownsFd = true;
 }
 
-StreamTarget::~StreamTarget() { Discard(); }
+StreamTarget::~StreamTarget() {
+    Discard();
+}
 
 void StreamTarget::Discard() {
     if (m_ownsFd && m_fd >= 0) ::close(m_fd);

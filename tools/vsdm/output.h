@@ -21,7 +21,7 @@ class StreamTarget {
 public:
     // Opens `out` for writing; throws std::runtime_error with the reason.
     explicit StreamTarget(const std::string& out);
-    ~StreamTarget();   // removes a temporary that was not published
+    ~StreamTarget();  // removes a temporary that was not published
     StreamTarget(const StreamTarget&) = delete;
     StreamTarget& operator=(const StreamTarget&) = delete;
 

@@ -7,17 +7,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <set>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 extern char** environ;
 
@@ -27,12 +27,18 @@ namespace {
 
 int Rank(int status) {
     switch (status) {
-    case kExitOk: return 0;
-    case kExitItemsFailed: return 1;
-    case kExitJobFailed: return 2;
-    case kExitStopped: return 3;
-    case kExitStreamFailed: return 4;
-    default: return 2;   // a child that refused its own command line: it could not start
+        case kExitOk:
+            return 0;
+        case kExitItemsFailed:
+            return 1;
+        case kExitJobFailed:
+            return 2;
+        case kExitStopped:
+            return 3;
+        case kExitStreamFailed:
+            return 4;
+        default:
+            return 2;  // a child that refused its own command line: it could not start
     }
 }
 
@@ -45,15 +51,15 @@ std::string SelfPath() {
 }
 
 struct Child {
-    unsigned number = 0;    // 1-based, as in the member's name
-    std::string path;       // its stream
+    unsigned number = 0;  // 1-based, as in the member's name
+    std::string path;     // its stream
     std::vector<size_t> share;
     pid_t pid = -1;
-    int reportFd = -1;      // read end of its report pipe
-    std::string report;     // what came through it
+    int reportFd = -1;   // read end of its report pipe
+    std::string report;  // what came through it
     bool running = false;
     int waitStatus = 0;
-    std::string why;        // set when it could not be started
+    std::string why;  // set when it could not be started
 };
 
 // Starts one child with SIGINT and SIGTERM back at their defaults and nothing blocked,
@@ -64,8 +70,9 @@ void Spawn(Child& c, const std::string& self, const StreamsOptions& o) {
         c.why = std::string("no report pipe: ") + std::strerror(errno);
         return;
     }
-    std::vector<std::string> args = {self, "run", o.jobFile, "--out", c.path, "--home", o.home,
-                                     "--share", std::to_string(c.number) + ":" + FormatShare(c.share)};
+    std::vector<std::string> args = {self,    "run",     o.jobFile,
+                                     "--out", c.path,    "--home",
+                                     o.home,  "--share", std::to_string(c.number) + ":" + FormatShare(c.share)};
     if (o.incrementalFrom != 0) {
         args.push_back("--incremental-from");
         args.push_back(std::to_string(o.incrementalFrom));
@@ -224,7 +231,8 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
         // A stream file left by an earlier run must not pass for this run's; anything
         // else there (a FIFO a consumer reads) is written to as a single run would.
         std::error_code ec;
-        if (std::filesystem::is_regular_file(std::filesystem::symlink_status(c.path, ec))) std::filesystem::remove(c.path, ec);
+        if (std::filesystem::is_regular_file(std::filesystem::symlink_status(c.path, ec)))
+            std::filesystem::remove(c.path, ec);
     }
     // The manifest goes first: whatever happens to the children, the set names every
     // stream it should hold, and a missing or unfinished one shows.
@@ -289,7 +297,8 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
         int childStatus = kExitJobFailed;
         if (!c.why.empty()) {
             report << "vsdm: " << name << " " << c.why << "\n";
-        } else if (WIFSIGNALED(c.waitStatus) && stopped && (WTERMSIG(c.waitStatus) == SIGINT || WTERMSIG(c.waitStatus) == SIGTERM)) {
+        } else if (WIFSIGNALED(c.waitStatus) && stopped &&
+                   (WTERMSIG(c.waitStatus) == SIGINT || WTERMSIG(c.waitStatus) == SIGTERM)) {
             // The stop reached it before it could take the signal itself.
             report << "vsdm: " << name << " was stopped before it began\n";
             childStatus = kExitStopped;

@@ -13,8 +13,8 @@
 namespace vsdm {
 
 struct StreamsOptions {
-    std::string jobFile;            // handed to the children as given
-    std::string home;               // the host home the parent opened
+    std::string jobFile;  // handed to the children as given
+    std::string home;     // the host home the parent opened
     unsigned streams = 2;
     int64_t incrementalFrom = 0;
 };

@@ -8,9 +8,9 @@
 #include "vshost/fd.h"
 #include "vshost/streamreader.h"
 
+#include <fcntl.h>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <stdexcept>
 
 namespace vsdm {
@@ -64,7 +64,7 @@ ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identit
     vsstream::EntryModel model;
     vshost::StreamRecord record;
     std::string why;
-    std::map<std::string, std::string> changeIds;   // by disk key
+    std::map<std::string, std::string> changeIds;  // by disk key
     // Whatever came whole before a cut or a damaged record is sound; nothing after it is read.
     while (reader.Next(record)) {
         model.Apply(record, why);
@@ -98,7 +98,7 @@ ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identit
     }
     if (points.empty())
         throw UsageError("the stream " + stream + " holds no disk a later attempt could build on (" +
-                                 vshost::StateName(reader.state()) + ")");
+                         vshost::StateName(reader.state()) + ")");
     return points;
 }
 
@@ -120,8 +120,10 @@ void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& rep
                 VirtualServer::SnapSrcPathDiskInfo& entry = DiskEntry(options, name);
                 entry.processed = point.done ? 1 : 0;
                 entry.startExtent = static_cast<int64_t>(point.nextExtent);
-                if (point.done) ++done;
-                else if (point.nextExtent > 0) ++partly;
+                if (point.done)
+                    ++done;
+                else if (point.nextExtent > 0)
+                    ++partly;
             }
         });
         report << "item " << item.path << ": " << done << " disk(s) already read, " << partly

@@ -13,9 +13,9 @@
 namespace vsdm {
 
 struct DiskResumePoint {
-    bool done = false;         // the stream holds the whole disk and its read-completed marker
-    uint64_t nextExtent = 0;   // otherwise: one past the last extent that arrived whole
-    std::string changeId;      // of a done disk, as its marker states it
+    bool done = false;        // the stream holds the whole disk and its read-completed marker
+    uint64_t nextExtent = 0;  // otherwise: one past the last extent that arrived whole
+    std::string changeId;     // of a done disk, as its marker states it
 };
 
 using ResumePoints = std::map<std::string, std::map<std::string, DiskResumePoint>>;
@@ -23,7 +23,7 @@ using ResumePoints = std::map<std::string, std::map<std::string, DiskResumePoint
 // Who wrote a stream, as its header and identity records state it.
 struct StreamIdentity {
     int64_t jobId = 0;
-    std::set<uint32_t> archiveFiles;   // every archive file id the stream names
+    std::set<uint32_t> archiveFiles;  // every archive file id the stream names
 };
 
 // By VM guid, then disk name. Throws UsageError when the stream cannot be opened or
@@ -34,9 +34,9 @@ ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identit
 // job id, other archive files, or archive files of another snapshot job.
 void CheckSameJob(const DataMoverJob& job, const StreamIdentity& stream, const std::string& path);
 
-// Checks that the stream is of this job, then marks in the items' options the disks the stopped attempt completed as processed, and
-// the extent a disk it was inside goes on from. The completed disks are recorded for the
-// job in the catalog: a killed attempt may not have got that far.
+// Checks that the stream is of this job, then marks in the items' options the disks the stopped attempt completed as
+// processed, and the extent a disk it was inside goes on from. The completed disks are recorded for the job in the
+// catalog: a killed attempt may not have got that far.
 void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& report);
 
 }  // namespace vsdm

@@ -4,8 +4,8 @@
 
 #include "entrymodel.h"
 
-#include "Factories.h"
 #include "DataReaderVSBase.h"
+#include "Factories.h"
 
 #include "hostapi/archive.h"
 #include "hostapi/event.h"
@@ -17,22 +17,22 @@
 #include "vshost/pending.h"
 #include "vshost/streamreader.h"
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <sys/stat.h>
-#include <cctype>
-#include <cstdio>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <iomanip>
 #include <iostream>
 #include <map>
 #include <set>
 #include <thread>
-#include <unistd.h>
 
 namespace vsdm {
 
@@ -115,8 +115,9 @@ private:
             const double speed = secs > 0 ? read / secs : 0;
             std::string where = p.entry;
             if (where.size() > 60) where = "..." + where.substr(where.size() - 57);
-            m_out << "\r\033[K" << where << "  read " << Human(read) << ", sent " << Human(static_cast<double>(p.bytesWritten))
-                  << ", holes " << Human(static_cast<double>(p.totals.holeBytes)) << ", " << Human(speed) << "/s";
+            m_out << "\r\033[K" << where << "  read " << Human(read) << ", sent "
+                  << Human(static_cast<double>(p.bytesWritten)) << ", holes "
+                  << Human(static_cast<double>(p.totals.holeBytes)) << ", " << Human(speed) << "/s";
             if (m_expect > 0 && speed > 0 && read < static_cast<double>(m_expect))
                 m_out << ", ETA " << static_cast<long>((static_cast<double>(m_expect) - read) / speed) << " s";
             m_out << std::flush;
@@ -184,7 +185,7 @@ std::string FailureReason(const vshost::LogCapture& log, KTJobID jobId, size_t& 
     for (size_t i = causesSeen; i < causes.size(); ++i) reason += (reason.empty() ? "" : "; ") + CauseText(causes[i]);
     causesSeen = causes.size();
     if (!reason.empty()) return reason;
-    const auto lines = log.Lines();   // the lines that tell of an error (see TellsOfError)
+    const auto lines = log.Lines();  // the lines that tell of an error (see TellsOfError)
     // The first line that tells of an error is the cause; what follows it is its echo.
     std::string line = lines.empty() ? log.Last() : lines.front();
     if (line.empty()) return "nothing was logged; see the log";
@@ -213,7 +214,7 @@ void CountStream(const std::string& path, RunSummary& s) {
     std::map<std::string, DiskCount> disks;
     std::string extentDisk;
     bool inExtent = false, extentHasData = false, inFile = false;
-    vsstream::EntryModel model;   // what vsstream verify would call incomplete
+    vsstream::EntryModel model;  // what vsstream verify would call incomplete
     std::string why;
     while (reader.Next(rec)) {
         model.Apply(rec, why);
@@ -295,7 +296,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
         std::error_code ec;
         if (options.resumeFrom == job.out || std::filesystem::equivalent(options.resumeFrom, job.out, ec))
             throw UsageError("the resumed attempt needs a stream of its own: give --out another file than " +
-                                     options.resumeFrom);
+                             options.resumeFrom);
         ApplyResume(job, options.resumeFrom, report);
     }
     vshost::RegisterJob(job.host);
@@ -310,18 +311,18 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     StopSignals signals(stop);
     DataReaderVSBase* reader = nullptr;
     switch (job.reader) {
-    case ReaderKind::Extent:
-        if (auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent"))
-            reader = make(pipe.get(), &stop, job.host.jobId);
-        break;
-    case ReaderKind::FileCollection:
-        if (auto make = plugin.Resolve<CreateDataReaderVSFileCollectionFn>("CreateDataReaderVSFileCollection"))
-            reader = make(pipe.get(), &stop, job.host.jobId);
-        break;
-    case ReaderKind::FileLevel:
-        if (auto make = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware"))
-            reader = make(pipe.get(), &stop, job.host.jobId);
-        break;
+        case ReaderKind::Extent:
+            if (auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent"))
+                reader = make(pipe.get(), &stop, job.host.jobId);
+            break;
+        case ReaderKind::FileCollection:
+            if (auto make = plugin.Resolve<CreateDataReaderVSFileCollectionFn>("CreateDataReaderVSFileCollection"))
+                reader = make(pipe.get(), &stop, job.host.jobId);
+            break;
+        case ReaderKind::FileLevel:
+            if (auto make = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware"))
+                reader = make(pipe.get(), &stop, job.host.jobId);
+            break;
     }
     if (!reader) throw std::runtime_error(std::string("the plug-in made no ") + ReaderName(job.reader) + " reader");
     std::unique_ptr<DataReaderVSBase> owned(reader);
@@ -333,14 +334,17 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     reader->SetSnapEngineID(job.snapEngineId);
 
     // The file-level reader has operations of its own around the common lifecycle.
-    DataReaderVMware* fileLevel = job.reader == ReaderKind::FileLevel ? static_cast<DataReaderVMware*>(reader) : nullptr;
+    DataReaderVMware* fileLevel =
+        job.reader == ReaderKind::FileLevel ? static_cast<DataReaderVMware*>(reader) : nullptr;
     if (fileLevel && !fileLevel->isValid()) throw std::runtime_error("the plug-in made an invalid file-level reader");
 
     bool opened = reader->Initialize() == 0;
     if (!opened) report << "vsdm: the reader could not be initialised (see the log)\n";
     std::string list;
     for (uint64_t id : job.archiveFiles) list += (list.empty() ? "" : "|") + std::to_string(id);
-    if (opened) opened = (fileLevel ? fileLevel->PreOpenArchiveFile(list.data(), 0) : reader->PreOpenArchiveFile(list.data())) == 0;
+    if (opened)
+        opened =
+            (fileLevel ? fileLevel->PreOpenArchiveFile(list.data(), 0) : reader->PreOpenArchiveFile(list.data())) == 0;
 
     DMInitParams init;
     init.appId1 = job.host.appId1;
@@ -381,19 +385,21 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
             const int rc = fileLevel ? RunFileLevelItem(*fileLevel, item) : reader->OnSnapSrcPath(&path);
             if (rc != 0) {
                 ++s.itemsFailed;
-                report << "item " << item.path << ": failed (" << rc << "): " << FailureReason(itemLog, job.host.jobId, causesSeen)
-                       << "\n";
+                report << "item " << item.path << ": failed (" << rc
+                       << "): " << FailureReason(itemLog, job.host.jobId, causesSeen) << "\n";
             }
         }
     }
     for (size_t i = 0; i < openCount; ++i) {
-        if (fileLevel) fileLevel->Close();
-        else reader->Close(1);
+        if (fileLevel)
+            fileLevel->Close();
+        else
+            reader->Close(1);
     }
     const bool stopped = stop.wait(0);
     // A job that could not start backed nothing up: its stream must not read as complete.
     if (stopped || !opened) pipe->Abandon();
-    owned.reset();   // the reader's writer finishes the stream as it goes
+    owned.reset();  // the reader's writer finishes the stream as it goes
     VMLivebrowse::UnmountAll();
     bool written = pipe->Close();
     std::string writeError = written ? std::string() : pipe->ErrorText();
@@ -425,25 +431,27 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
 
 void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& out) {
     const double secs = s.seconds > 0 ? s.seconds : 1e-9;
-    out << "job " << job.host.jobId << " (" << ReaderName(job.reader) << " reader): " << s.items - s.itemsFailed << " of "
-        << s.items << " items succeeded\n";
+    out << "job " << job.host.jobId << " (" << ReaderName(job.reader) << " reader): " << s.items - s.itemsFailed
+        << " of " << s.items << " items succeeded\n";
     if (job.reader == ReaderKind::FileLevel)
         out << "  files " << s.files << ", folders " << s.folders << ", files failed " << s.filesFailed << "\n";
     else
-        out << "  VMs " << s.vms << ", disks completed " << s.disks << ", configuration files " << s.configFiles << "\n";
+        out << "  VMs " << s.vms << ", disks completed " << s.disks << ", configuration files " << s.configFiles
+            << "\n";
     if (job.reader == ReaderKind::Extent)
         out << "  extents sent " << s.extentsSent << " (" << s.holeExtents << " as holes), unchanged and not sent "
             << s.extentsUnchanged << ", not read " << s.extentsNotRead << "\n";
     if (job.reader == ReaderKind::FileCollection || s.nodes > 0)
         out << "  file-collection nodes " << s.nodes << " (" << s.nodeFolders << " folders, " << s.nodes - s.nodeFolders
             << " files)\n";
-    out << "  read " << Human(static_cast<double>(s.dataBytes + s.holeBytes)) << " (" << Human(static_cast<double>(s.holeBytes))
-        << " of holes), stream " << Human(static_cast<double>(s.streamBytes)) << " in " << std::fixed << std::setprecision(2)
-        << s.seconds << " s: read " << Human(static_cast<double>(s.dataBytes + s.holeBytes) / secs) << "/s, written "
+    out << "  read " << Human(static_cast<double>(s.dataBytes + s.holeBytes)) << " ("
+        << Human(static_cast<double>(s.holeBytes)) << " of holes), stream " << Human(static_cast<double>(s.streamBytes))
+        << " in " << std::fixed << std::setprecision(2) << s.seconds << " s: read "
+        << Human(static_cast<double>(s.dataBytes + s.holeBytes) / secs) << "/s, written "
         << Human(static_cast<double>(s.streamBytes) / secs) << "/s\n";
     if (s.streams > 1) {
-        out << "  stream set " << job.out << " (" << s.streams << " streams): " << (s.streamComplete ? "complete" : "INCOMPLETE")
-            << "\n";
+        out << "  stream set " << job.out << " (" << s.streams
+            << " streams): " << (s.streamComplete ? "complete" : "INCOMPLETE") << "\n";
         for (const std::string& why : s.incompleteStreams) out << "    INCOMPLETE " << why << "\n";
     } else if (!s.streamLeft && job.out != "-") {
         out << "  stream " << job.out << ": not written, the job could not start\n";

@@ -23,11 +23,11 @@ enum ExitStatus : int {
 };
 
 struct RunOptions {
-    std::string out;                 // overrides the job's "out"
-    std::string jobFile;             // the job's file, which the stream must not replace
-    int64_t incrementalFrom = 0;     // fill change ids from what this job recorded
-    std::string resumeFrom;          // stream of a stopped attempt of this job to go on from
-    bool progress = false;           // progress line on stderr
+    std::string out;              // overrides the job's "out"
+    std::string jobFile;          // the job's file, which the stream must not replace
+    int64_t incrementalFrom = 0;  // fill change ids from what this job recorded
+    std::string resumeFrom;       // stream of a stopped attempt of this job to go on from
+    bool progress = false;        // progress line on stderr
     // Indices of the items to run, in this order; all of them when not set (one
     // process of a parallel run takes its share this way).
     std::optional<std::vector<size_t>> share;
@@ -37,16 +37,16 @@ struct RunSummary {
     unsigned items = 0, itemsFailed = 0;
     unsigned vms = 0, disks = 0, configFiles = 0;
     uint64_t extentsSent = 0, holeExtents = 0;
-    uint64_t extentsUnchanged = 0;   // of disks read to their end: found unchanged, so not sent
-    uint64_t extentsNotRead = 0;     // of disks not read to their end (failed, stopped, one extent)
-    uint64_t files = 0, folders = 0, filesFailed = 0;   // file-level entries
-    uint64_t nodes = 0, nodeFolders = 0;   // file-collection nodes, and of them folders
+    uint64_t extentsUnchanged = 0;                     // of disks read to their end: found unchanged, so not sent
+    uint64_t extentsNotRead = 0;                       // of disks not read to their end (failed, stopped, one extent)
+    uint64_t files = 0, folders = 0, filesFailed = 0;  // file-level entries
+    uint64_t nodes = 0, nodeFolders = 0;               // file-collection nodes, and of them folders
     uint64_t dataBytes = 0, holeBytes = 0, streamBytes = 0;
     double seconds = 0;
     bool streamComplete = false;
-    bool streamLeft = true;   // false: the job could not start and left no stream of its own
+    bool streamLeft = true;  // false: the job could not start and left no stream of its own
     int status = kExitOk;
-    std::vector<std::string> vmPaths;   // VM entries in the stream, so that a merge counts each VM once
+    std::vector<std::string> vmPaths;  // VM entries in the stream, so that a merge counts each VM once
     // A parallel run: how many streams, and those that are not complete (path and why).
     unsigned streams = 1;
     std::vector<std::string> incompleteStreams;

@@ -6,11 +6,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <termios.h>
+#include <unistd.h>
 #include <cstdio>
 #include <iostream>
 #include <string>
-#include <termios.h>
-#include <unistd.h>
 
 namespace {
 

@@ -12,10 +12,11 @@ namespace vsstream {
 // Exit codes of every command.
 enum ExitCode : int {
     kExitOk = 0,
-    kExitCorrupt = 1,      // a check value, field or the structure is wrong; or a restore problem
-    kExitIncomplete = 2,   // everything read is sound, but the stream ends without a trailer or (verify) holds a disk not read whole
-    kExitUnreadable = 3,   // the stream or the restore folder cannot be opened or read
-    kExitUsage = 64,       // the command line is wrong (as vsdm's)
+    kExitCorrupt = 1,  // a check value, field or the structure is wrong; or a restore problem
+    kExitIncomplete =
+        2,  // everything read is sound, but the stream ends without a trailer or (verify) holds a disk not read whole
+    kExitUnreadable = 3,  // the stream or the restore folder cannot be opened or read
+    kExitUsage = 64,      // the command line is wrong (as vsdm's)
 };
 
 // Each reads the stream from `fd` to its end or its first fault.

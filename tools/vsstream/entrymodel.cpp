@@ -10,13 +10,20 @@ using vshost::stream::Kind;
 
 const char* EntryKindName(EntryKind kind) {
     switch (kind) {
-    case EntryKind::VM: return "vm";
-    case EntryKind::ConfigFile: return "config";
-    case EntryKind::Disk: return "disk";
-    case EntryKind::Extent: return "extent";
-    case EntryKind::CollectionNode: return "node";
-    case EntryKind::FileLevel: return "file";
-    case EntryKind::Other: return "other";
+        case EntryKind::VM:
+            return "vm";
+        case EntryKind::ConfigFile:
+            return "config";
+        case EntryKind::Disk:
+            return "disk";
+        case EntryKind::Extent:
+            return "extent";
+        case EntryKind::CollectionNode:
+            return "node";
+        case EntryKind::FileLevel:
+            return "file";
+        case EntryKind::Other:
+            return "other";
     }
     return "?";
 }
@@ -57,7 +64,8 @@ DiskGeometry& EntryModel::DiskAt(const std::string& key) {
     auto [it, made] = m_disks.try_emplace(key);
     if (made) {
         auto claim = m_claimed.find(key);
-        it->second.target = claim != m_claimed.end() && claim->second != EntryKind::Disk ? Unclaimed(key, ".disk") : key;
+        it->second.target =
+            claim != m_claimed.end() && claim->second != EntryKind::Disk ? Unclaimed(key, ".disk") : key;
         m_claimed[it->second.target] = EntryKind::Disk;
     }
     return it->second;
@@ -69,9 +77,12 @@ bool EntryModel::Classify(std::string& why) {
     const size_t cut = e.path.rfind('\\');
     const std::string parent = cut == std::string::npos ? std::string() : e.path.substr(0, cut);
     if (e.container) {
-        if (depth == 1) e.kind = EntryKind::VM;
-        else if (depth == 2 || m_disks.count(e.path)) e.kind = EntryKind::Disk;   // disk names may hold a backslash
-        else e.kind = EntryKind::Other;
+        if (depth == 1)
+            e.kind = EntryKind::VM;
+        else if (depth == 2 || m_disks.count(e.path))
+            e.kind = EntryKind::Disk;  // disk names may hold a backslash
+        else
+            e.kind = EntryKind::Other;
         return true;
     }
     auto disk = m_disks.find(parent);
@@ -80,7 +91,8 @@ bool EntryModel::Classify(std::string& why) {
         if (e.kind == EntryKind::ConfigFile) {
             // A disk of the same name keeps it; the file steps aside.
             auto claim = m_claimed.find(e.path);
-            if (claim != m_claimed.end() && claim->second != EntryKind::ConfigFile) e.target = Unclaimed(e.path, ".config");
+            if (claim != m_claimed.end() && claim->second != EntryKind::ConfigFile)
+                e.target = Unclaimed(e.path, ".config");
             m_claimed[e.target] = EntryKind::ConfigFile;
         }
         unsigned long long n = 0;
@@ -117,7 +129,7 @@ bool EntryModel::CheckExtentEnd(std::string& why) {
     if (e.kind != EntryKind::Extent || e.pastEnd) return true;
     const DiskGeometry* g = Disk(e.diskKey);
     if (!g || g->extentSize == 0) return true;
-    const uint64_t start = e.extentNumber * g->extentSize;   // below the size: Classify checked
+    const uint64_t start = e.extentNumber * g->extentSize;  // below the size: Classify checked
     const uint64_t room = g->size - start;
     if (e.holeBytes <= room && e.dataBytes <= room - e.holeBytes) return true;
     e.pastEnd = true;
@@ -128,116 +140,116 @@ bool EntryModel::CheckExtentEnd(std::string& why) {
 
 bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
     switch (record.kind) {
-    case Kind::FileHeader: {
-        const auto& h = std::get<vshost::FileHeaderRecord>(record.body);
-        m_entry = Entry{};
-        m_entry.path = h.path;
-        m_entry.target = h.path;
-        m_entry.offset = record.offset;
-        m_entry.size = h.size;
-        m_entry.container = h.container;
-        m_open = true;
-        const bool ok = Classify(why);
-        if (m_entry.kind == EntryKind::Disk) {
-            DiskGeometry& g = DiskAt(h.path);
-            m_entry.target = g.target;
-            g.size = h.size;
-            g.extentSize = h.extentSize;
-            g.hasEntry = true;
-            g.inPass = true;
-            g.passExtents = 0;
-            g.shortRead = false;
-        }
-        return ok;
-    }
-    case Kind::CollectionHeader: {
-        const auto& h = std::get<vshost::CollectionHeaderRecord>(record.body);
-        m_entry = Entry{};
-        m_entry.kind = EntryKind::CollectionNode;
-        m_entry.path = h.path;
-        m_entry.target = h.path;
-        m_entry.offset = record.offset;
-        m_entry.size = h.size;
-        m_entry.container = h.container;
-        m_entry.node = h;
-        m_open = true;
-        // A node lies where its disk is restored.
-        const size_t second = h.path.find('\\', 1);
-        const size_t third = second == std::string::npos ? second : h.path.find('\\', second + 1);
-        if (third != std::string::npos)
-            if (auto d = m_disks.find(h.path.substr(0, third)); d != m_disks.end())
-                m_entry.target = d->second.target + h.path.substr(third);
-        if (h.container && std::count(h.path.begin(), h.path.end(), '\\') == 2) {
-            // A file-collection disk: done only when its reader marks it so.
-            DiskGeometry& g = DiskAt(h.path);
-            m_entry.target = g.target;
-            g.size = h.size;
-            g.hasEntry = true;
-            g.collection = true;
-        }
-        return true;
-    }
-    case Kind::FileLevelHeader: {
-        const auto& h = std::get<vshost::FileLevelRecord>(record.body);
-        m_entry = Entry{};
-        m_entry.kind = EntryKind::FileLevel;
-        m_entry.path = h.info.clientPath;
-        m_entry.target = h.info.clientPath;
-        m_entry.offset = record.offset;
-        m_entry.size = h.info.size;
-        m_entry.file = h.info;
-        m_open = true;
-        return true;
-    }
-    case Kind::Data:
-        m_entry.dataBytes += std::get<vshost::DataRecord>(record.body).bytes.size();
-        return CheckExtentEnd(why);
-    case Kind::Hole: {
-        const uint64_t length = std::get<vshost::HoleRecord>(record.body).length;
-        m_entry.holeBytes = length > UINT64_MAX - m_entry.holeBytes ? UINT64_MAX : m_entry.holeBytes + length;
-        return CheckExtentEnd(why);
-    }
-    case Kind::EndOfFile:
-        m_open = false;
-        m_entry.closed = true;
-        m_entry.complete = std::get<vshost::EndOfFileRecord>(record.body).complete;
-        if (m_entry.kind == EntryKind::Extent) {
-            DiskGeometry& g = m_disks[m_entry.diskKey];
-            ++g.extents;
-            if (m_entry.dataBytes == 0) ++g.holeExtents;
-            if (m_entry.complete) g.nextExtent = std::max(g.nextExtent, m_entry.extentNumber + 1);
-            if (m_entry.complete && g.inPass && (g.passExtents == 0 || m_entry.extentNumber > g.passLast)) {
-                ++g.passExtents;
-                g.passLast = m_entry.extentNumber;
+        case Kind::FileHeader: {
+            const auto& h = std::get<vshost::FileHeaderRecord>(record.body);
+            m_entry = Entry{};
+            m_entry.path = h.path;
+            m_entry.target = h.path;
+            m_entry.offset = record.offset;
+            m_entry.size = h.size;
+            m_entry.container = h.container;
+            m_open = true;
+            const bool ok = Classify(why);
+            if (m_entry.kind == EntryKind::Disk) {
+                DiskGeometry& g = DiskAt(h.path);
+                m_entry.target = g.target;
+                g.size = h.size;
+                g.extentSize = h.extentSize;
+                g.hasEntry = true;
+                g.inPass = true;
+                g.passExtents = 0;
+                g.shortRead = false;
             }
+            return ok;
         }
-        return true;
-    case Kind::DiskInfo: {
-        // Geometry for disks whose entry may never come (a stream of single extents).
-        const auto& d = std::get<vshost::DiskInfoRecord>(record.body);
-        if (d.itemType != vshost::stream::kItemDiskExtents) return true;
-        DiskGeometry& g = DiskAt("\\" + d.vmGuid + "\\" + d.name);
-        if (!g.hasEntry) {
-            g.size = d.size;
-            g.extentSize = d.extentSize;
+        case Kind::CollectionHeader: {
+            const auto& h = std::get<vshost::CollectionHeaderRecord>(record.body);
+            m_entry = Entry{};
+            m_entry.kind = EntryKind::CollectionNode;
+            m_entry.path = h.path;
+            m_entry.target = h.path;
+            m_entry.offset = record.offset;
+            m_entry.size = h.size;
+            m_entry.container = h.container;
+            m_entry.node = h;
+            m_open = true;
+            // A node lies where its disk is restored.
+            const size_t second = h.path.find('\\', 1);
+            const size_t third = second == std::string::npos ? second : h.path.find('\\', second + 1);
+            if (third != std::string::npos)
+                if (auto d = m_disks.find(h.path.substr(0, third)); d != m_disks.end())
+                    m_entry.target = d->second.target + h.path.substr(third);
+            if (h.container && std::count(h.path.begin(), h.path.end(), '\\') == 2) {
+                // A file-collection disk: done only when its reader marks it so.
+                DiskGeometry& g = DiskAt(h.path);
+                m_entry.target = g.target;
+                g.size = h.size;
+                g.hasEntry = true;
+                g.collection = true;
+            }
+            return true;
         }
-        g.hasBase = d.hasBase;
-        g.base = d.baseChangeId;
-        g.described = d.extentCount;
-        return true;
-    }
-    case Kind::DiskReadCompleted: {
-        const auto& d = std::get<vshost::DiskReadCompletedRecord>(record.body);
-        DiskGeometry& g = m_disks["\\" + d.vmGuid + "\\" + d.diskName];
-        g.readCompleted = true;
-        // A read against a change id leaves out what did not change; a read of the
-        // whole disk must have sent every extent that holds data (holes included).
-        g.shortRead = g.hasEntry && g.inPass && g.hasBase && g.base.empty() && g.passExtents < g.described;
-        g.inPass = false;
-        return true;
-    }
-    default:
-        return true;
+        case Kind::FileLevelHeader: {
+            const auto& h = std::get<vshost::FileLevelRecord>(record.body);
+            m_entry = Entry{};
+            m_entry.kind = EntryKind::FileLevel;
+            m_entry.path = h.info.clientPath;
+            m_entry.target = h.info.clientPath;
+            m_entry.offset = record.offset;
+            m_entry.size = h.info.size;
+            m_entry.file = h.info;
+            m_open = true;
+            return true;
+        }
+        case Kind::Data:
+            m_entry.dataBytes += std::get<vshost::DataRecord>(record.body).bytes.size();
+            return CheckExtentEnd(why);
+        case Kind::Hole: {
+            const uint64_t length = std::get<vshost::HoleRecord>(record.body).length;
+            m_entry.holeBytes = length > UINT64_MAX - m_entry.holeBytes ? UINT64_MAX : m_entry.holeBytes + length;
+            return CheckExtentEnd(why);
+        }
+        case Kind::EndOfFile:
+            m_open = false;
+            m_entry.closed = true;
+            m_entry.complete = std::get<vshost::EndOfFileRecord>(record.body).complete;
+            if (m_entry.kind == EntryKind::Extent) {
+                DiskGeometry& g = m_disks[m_entry.diskKey];
+                ++g.extents;
+                if (m_entry.dataBytes == 0) ++g.holeExtents;
+                if (m_entry.complete) g.nextExtent = std::max(g.nextExtent, m_entry.extentNumber + 1);
+                if (m_entry.complete && g.inPass && (g.passExtents == 0 || m_entry.extentNumber > g.passLast)) {
+                    ++g.passExtents;
+                    g.passLast = m_entry.extentNumber;
+                }
+            }
+            return true;
+        case Kind::DiskInfo: {
+            // Geometry for disks whose entry may never come (a stream of single extents).
+            const auto& d = std::get<vshost::DiskInfoRecord>(record.body);
+            if (d.itemType != vshost::stream::kItemDiskExtents) return true;
+            DiskGeometry& g = DiskAt("\\" + d.vmGuid + "\\" + d.name);
+            if (!g.hasEntry) {
+                g.size = d.size;
+                g.extentSize = d.extentSize;
+            }
+            g.hasBase = d.hasBase;
+            g.base = d.baseChangeId;
+            g.described = d.extentCount;
+            return true;
+        }
+        case Kind::DiskReadCompleted: {
+            const auto& d = std::get<vshost::DiskReadCompletedRecord>(record.body);
+            DiskGeometry& g = m_disks["\\" + d.vmGuid + "\\" + d.diskName];
+            g.readCompleted = true;
+            // A read against a change id leaves out what did not change; a read of the
+            // whole disk must have sent every extent that holds data (holes included).
+            g.shortRead = g.hasEntry && g.inPass && g.hasBase && g.base.empty() && g.passExtents < g.described;
+            g.inPass = false;
+            return true;
+        }
+        default:
+            return true;
     }
 }
 

@@ -22,12 +22,12 @@ struct DiskGeometry {
     std::string target;
     uint64_t size = 0;
     uint64_t extentSize = 0;
-    bool hasEntry = false;   // from a disk entry; otherwise from a disk-info record only
-    uint64_t extents = 0;    // extent entries seen
-    uint64_t holeExtents = 0;   // of which held no data, only holes
-    bool readCompleted = false;   // the reader marked the disk done; else it failed or was stopped
-    uint64_t nextExtent = 0;      // one past the highest extent that arrived whole
-    bool collection = false;      // a file-collection disk: its nodes, not extents
+    bool hasEntry = false;       // from a disk entry; otherwise from a disk-info record only
+    uint64_t extents = 0;        // extent entries seen
+    uint64_t holeExtents = 0;    // of which held no data, only holes
+    bool readCompleted = false;  // the reader marked the disk done; else it failed or was stopped
+    uint64_t nextExtent = 0;     // one past the highest extent that arrived whole
+    bool collection = false;     // a file-collection disk: its nodes, not extents
     // From the disk info (version 1.1 on, hasBase): the change id the disk is read
     // against, empty for a read of the whole disk, and the extents that hold data.
     bool hasBase = false;
@@ -51,18 +51,18 @@ struct Entry {
     // a configuration file to "<path>.config", a disk to "<path>.disk" (the entries
     // below a file-collection disk follow their disk).
     std::string target;
-    uint64_t offset = 0;   // of the header record
-    uint64_t size = 0;     // as the header states
+    uint64_t offset = 0;  // of the header record
+    uint64_t size = 0;    // as the header states
     bool container = false;
-    std::string diskKey;   // extents: the disk entry's path
+    std::string diskKey;  // extents: the disk entry's path
     uint64_t extentNumber = 0;
-    vsFileLevelInfo file;  // file-level entries
-    vshost::CollectionHeaderRecord node;   // file-collection entries: the header as written
+    vsFileLevelInfo file;                 // file-level entries
+    vshost::CollectionHeaderRecord node;  // file-collection entries: the header as written
     uint64_t dataBytes = 0;
     uint64_t holeBytes = 0;
     bool closed = false;
-    bool complete = false;   // as its end-of-file record says
-    bool pastEnd = false;    // extents: its data or holes reach past the disk's size
+    bool complete = false;  // as its end-of-file record says
+    bool pastEnd = false;   // extents: its data or holes reach past the disk's size
 };
 
 // A file-collection node that is a folder (by its attributes, the 15th header field).
@@ -102,8 +102,8 @@ private:
 
     Entry m_entry;
     bool m_open = false;
-    std::map<std::string, DiskGeometry> m_disks;   // by the disk entry's path
-    std::map<std::string, EntryKind> m_claimed;    // restore names of disks and configuration files
+    std::map<std::string, DiskGeometry> m_disks;  // by the disk entry's path
+    std::map<std::string, EntryKind> m_claimed;   // restore names of disks and configuration files
 };
 
 }  // namespace vsstream

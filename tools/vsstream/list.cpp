@@ -30,10 +30,13 @@ std::string Row(const char* kind, uint64_t size, uint64_t data, uint64_t holes, 
 void EntryLine(const Entry& e, std::ostream& out) {
     std::string name = e.path;
     if (!e.target.empty() && e.target != e.path) name += "  (restored as " + e.target + ")";
-    if (!e.closed) name += "  (no end-of-file)";
-    else if (!e.complete) name += "  (closed as incomplete)";
+    if (!e.closed)
+        name += "  (no end-of-file)";
+    else if (!e.complete)
+        name += "  (closed as incomplete)";
     const char* kind = EntryKindName(e.kind);
-    if (e.kind == EntryKind::CollectionNode) kind = e.container ? "collection" : IsFolderNode(e) ? "node-folder" : "node";
+    if (e.kind == EntryKind::CollectionNode)
+        kind = e.container ? "collection" : IsFolderNode(e) ? "node-folder" : "node";
     out << Row(kind, e.size, e.dataBytes, e.holeBytes, name) << "\n";
 }
 
@@ -84,21 +87,27 @@ int RunList(int fd, std::ostream& out, std::ostream& err) {
             err << "offset " << record.offset << ": " << why << "\n";
             problems = true;
         }
-        if (record.kind == Kind::EndOfFile) EntryLine(model.entry(), out);
-        else if (!vshost::stream::OpensEntry(record.kind)) OtherLine(record, out);
+        if (record.kind == Kind::EndOfFile)
+            EntryLine(model.entry(), out);
+        else if (!vshost::stream::OpensEntry(record.kind))
+            OtherLine(record, out);
     }
     if (model.entryOpen()) EntryLine(model.entry(), out);
     for (const auto& [key, g] : model.disks()) {
         if (!g.hasEntry && g.extents == 0) continue;
-        if (g.collection) out << "disk " << key << ": file collection of " << g.size << " bytes";
+        if (g.collection)
+            out << "disk " << key << ": file collection of " << g.size << " bytes";
         else
             out << "disk " << key << ": size " << g.size << ", extent size " << g.extentSize << ", " << g.extents
                 << " extents sent, " << g.holeExtents << " of them holes";
         if (g.hasBase && !g.base.empty()) out << ", read against change id [" << g.base << "]";
         if (!g.target.empty() && g.target != key) out << ", restored as " << g.target;
-        if (!g.hasEntry) out << "\n";
-        else if (g.readCompleted && !g.shortRead) out << ", read completed\n";
-        else out << ", INCOMPLETE: " << EntryModel::IncompleteWhy(g) << "\n";
+        if (!g.hasEntry)
+            out << "\n";
+        else if (g.readCompleted && !g.shortRead)
+            out << ", read completed\n";
+        else
+            out << ", INCOMPLETE: " << EntryModel::IncompleteWhy(g) << "\n";
     }
     return Conclude(reader, problems, err);
 }

@@ -6,12 +6,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <iostream>
-#include <unistd.h>
 
 namespace {
 
@@ -23,8 +23,8 @@ using vsstream::StreamInput;
 struct Inputs {
     std::vector<StreamInput> streams;
     int code = vsstream::kExitOk;
-    std::vector<std::string> notes;   // what is wrong with the sets, for the summary line
-    size_t expected = 0;              // streams named, the members of sets included
+    std::vector<std::string> notes;  // what is wrong with the sets, for the summary line
+    size_t expected = 0;             // streams named, the members of sets included
 
     ~Inputs() {
         for (const StreamInput& s : streams)
@@ -60,14 +60,15 @@ void AddSet(Inputs& in, const std::string& name, int fd) {
         const int mfd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
         if (mfd < 0) {
             const bool missing = errno == ENOENT;
-            in.notes.push_back(name + ": stream " + path + (missing ? " is missing" : std::string(" cannot be opened: ") + std::strerror(errno)));
+            in.notes.push_back(name + ": stream " + path +
+                               (missing ? " is missing" : std::string(" cannot be opened: ") + std::strerror(errno)));
             in.code = vsstream::WorseCode(in.code, missing ? vsstream::kExitIncomplete : vsstream::kExitUnreadable);
             continue;
         }
         const int64_t job = HeaderJobId(mfd);
         if (job >= 0 && job != set.jobId) {
-            in.notes.push_back(name + ": stream " + path + " belongs to job " + std::to_string(job) + ", not to the set's job " +
-                               std::to_string(set.jobId));
+            in.notes.push_back(name + ": stream " + path + " belongs to job " + std::to_string(job) +
+                               ", not to the set's job " + std::to_string(set.jobId));
             in.code = vsstream::WorseCode(in.code, vsstream::kExitCorrupt);
             ::close(mfd);
             continue;
@@ -103,11 +104,12 @@ bool Open(const std::vector<std::string>& names, Inputs& in) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"Lists, verifies and restores backup streams (\"-\" reads standard input). A stream set that a "
-                 "parallel vsdm run leaves stands for all of its streams; several streams are taken in turn.\n"
-                 "Exit codes: 0 sound and complete, 1 corrupt or a restore problem, 2 incomplete (no trailer, a stream of a set "
-                 "missing, or for verify a disk not held whole), 3 a stream or the restore folder cannot be read, "
-                 "64 bad command line."};
+    CLI::App app{
+        "Lists, verifies and restores backup streams (\"-\" reads standard input). A stream set that a "
+        "parallel vsdm run leaves stands for all of its streams; several streams are taken in turn.\n"
+        "Exit codes: 0 sound and complete, 1 corrupt or a restore problem, 2 incomplete (no trailer, a stream of a set "
+        "missing, or for verify a disk not held whole), 3 a stream or the restore folder cannot be read, "
+        "64 bad command line."};
     app.require_subcommand(1);
     std::vector<std::string> names;
     std::string to, onto;
@@ -157,7 +159,8 @@ int main(int argc, char** argv) {
 
     int code = in.code;
     if (restore->parsed()) {
-        code = vsstream::WorseCode(code, vsstream::RunRestoreAll(in.streams, toOpt->count() ? to : onto, std::cout, std::cerr, force));
+        code = vsstream::WorseCode(
+            code, vsstream::RunRestoreAll(in.streams, toOpt->count() ? to : onto, std::cout, std::cerr, force));
     } else {
         vsstream::LinePrefix outPrefix(std::cout), errPrefix(std::cerr);
         std::ostream out(&outPrefix), err(&errPrefix);

@@ -3,12 +3,12 @@
 
 #include "hostapi/zeroscan.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace vsstream {
 
@@ -120,65 +120,65 @@ void Restorer::Stop(uint64_t offset, const std::string& what) {
 
 void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model, bool usable) {
     switch (record.kind) {
-    case Kind::FileHeader:
-    case Kind::CollectionHeader:
-    case Kind::FileLevelHeader:
-        if (usable) {
-            Begin(model.entry(), model, record.offset);
-        } else {
-            m_target = Target::Skip;
-            ++m_counts.problems;
-        }
-        break;
-    case Kind::Data:
-    case Kind::Hole:
-        if (!usable) {
-            if (m_target != Target::Skip) ++m_counts.problems;
-            m_target = Target::Skip;
-            break;
-        }
-        if (record.kind == Kind::Hole) {
-            Hole(std::get<vshost::HoleRecord>(record.body).length, record.offset);
-            break;
-        }
-        {
-        const auto bytes = std::get<vshost::DataRecord>(record.body).bytes;
-        Write(bytes.data(), bytes.size(), record.offset);
-        }
-        break;
-    case Kind::EndOfFile:
-        End(model.entry(), record.offset);
-        break;
-    case Kind::DiskReadCompleted: {
-        // A stream of many disks would otherwise hold one descriptor per disk to its end.
-        const auto& done = std::get<vshost::DiskReadCompletedRecord>(record.body);
-        if (auto it = m_images.find("\\" + done.vmGuid + "\\" + done.diskName); it != m_images.end()) {
-            if (m_image == &it->second) {
-                // Only a damaged stream completes a disk inside one of its extents.
-                m_image = nullptr;
-                if (m_target == Target::Extent) m_target = Target::Skip;
+        case Kind::FileHeader:
+        case Kind::CollectionHeader:
+        case Kind::FileLevelHeader:
+            if (usable) {
+                Begin(model.entry(), model, record.offset);
+            } else {
+                m_target = Target::Skip;
+                ++m_counts.problems;
             }
-            // The image's data is durable before its change id is recorded beside it.
-            if (it->second.fd.valid() && ::fdatasync(it->second.fd.get()) != 0)
-                return Stop(record.offset, Why(("cannot sync disk image " + it->first).c_str()));
-            it->second.fd.Reset();
+            break;
+        case Kind::Data:
+        case Kind::Hole:
+            if (!usable) {
+                if (m_target != Target::Skip) ++m_counts.problems;
+                m_target = Target::Skip;
+                break;
+            }
+            if (record.kind == Kind::Hole) {
+                Hole(std::get<vshost::HoleRecord>(record.body).length, record.offset);
+                break;
+            }
+            {
+                const auto bytes = std::get<vshost::DataRecord>(record.body).bytes;
+                Write(bytes.data(), bytes.size(), record.offset);
+            }
+            break;
+        case Kind::EndOfFile:
+            End(model.entry(), record.offset);
+            break;
+        case Kind::DiskReadCompleted: {
+            // A stream of many disks would otherwise hold one descriptor per disk to its end.
+            const auto& done = std::get<vshost::DiskReadCompletedRecord>(record.body);
+            if (auto it = m_images.find("\\" + done.vmGuid + "\\" + done.diskName); it != m_images.end()) {
+                if (m_image == &it->second) {
+                    // Only a damaged stream completes a disk inside one of its extents.
+                    m_image = nullptr;
+                    if (m_target == Target::Extent) m_target = Target::Skip;
+                }
+                // The image's data is durable before its change id is recorded beside it.
+                if (it->second.fd.valid() && ::fdatasync(it->second.fd.get()) != 0)
+                    return Stop(record.offset, Why(("cannot sync disk image " + it->first).c_str()));
+                it->second.fd.Reset();
+            }
+            break;
         }
-        break;
-    }
-    case Kind::DiskInfo:
-        CheckBase(std::get<vshost::DiskInfoRecord>(record.body), model, record.offset);
-        break;
-    case Kind::DirectoryEntry: {
-        const auto& info = std::get<vshost::FileLevelRecord>(record.body).info;
-        PathParts parts;
-        std::string why;
-        if (!SplitClientPath(info.clientPath, parts, why)) return Problem(record.offset, why + "; not restored");
-        Folder(parts, record.offset);
-        m_folderTimes.push_back({parts, info});
-        break;
-    }
-    default:
-        break;
+        case Kind::DiskInfo:
+            CheckBase(std::get<vshost::DiskInfoRecord>(record.body), model, record.offset);
+            break;
+        case Kind::DirectoryEntry: {
+            const auto& info = std::get<vshost::FileLevelRecord>(record.body).info;
+            PathParts parts;
+            std::string why;
+            if (!SplitClientPath(info.clientPath, parts, why)) return Problem(record.offset, why + "; not restored");
+            Folder(parts, record.offset);
+            m_folderTimes.push_back({parts, info});
+            break;
+        }
+        default:
+            break;
     }
 }
 
@@ -191,7 +191,7 @@ void Restorer::CheckBase(const vshost::DiskInfoRecord& info, const EntryModel& m
     const DiskGeometry* g = model.Disk(key);
     PathParts parts;
     std::string why, at;
-    if (!g || !SplitEntryPath(g->target + ".changeid", parts, why)) return;   // the disk's own entry is refused later
+    if (!g || !SplitEntryPath(g->target + ".changeid", parts, why)) return;  // the disk's own entry is refused later
     const bool recorded = m_root.ReadText(parts, at);
     if (recorded && !at.empty() && at.back() == '\n') at.pop_back();
     if (recorded && at == info.baseChangeId) return;
@@ -208,8 +208,10 @@ void Restorer::CheckBase(const vshost::DiskInfoRecord& info, const EntryModel& m
 
 void Restorer::Folder(const PathParts& parts, uint64_t offset) {
     std::string why;
-    if (m_root.Folder(parts, parts.size(), why).valid()) ++m_counts.folders;
-    else Problem(offset, why);
+    if (m_root.Folder(parts, parts.size(), why).valid())
+        ++m_counts.folders;
+    else
+        Problem(offset, why);
 }
 
 Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& model, uint64_t offset) {
@@ -362,7 +364,7 @@ void Restorer::End(const Entry& e, uint64_t offset) {
 }
 
 void Restorer::Finish() {
-    m_counts.files -= std::min(m_counts.files, m_root.replaced());   // empty entries that became folders
+    m_counts.files -= std::min(m_counts.files, m_root.replaced());  // empty entries that became folders
     m_file.Reset();
     m_images.clear();
     // Deepest folders first: setting a child's times changes its parent's, and a

@@ -11,8 +11,8 @@
 
 #include <cstdint>
 #include <map>
-#include <set>
 #include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,9 +23,9 @@ struct RestoreCounts {
     uint64_t folders = 0;
     uint64_t images = 0;
     uint64_t extents = 0;
-    uint64_t abandoned = 0;   // entries their writer closed as incomplete
-    uint64_t skipped = 0;     // entries not restored (not a regular file, ...)
-    uint64_t problems = 0;    // entries refused or failed
+    uint64_t abandoned = 0;  // entries their writer closed as incomplete
+    uint64_t skipped = 0;    // entries not restored (not a regular file, ...)
+    uint64_t problems = 0;   // entries refused or failed
 };
 
 class Restorer {
@@ -51,7 +51,7 @@ private:
     struct Image {
         Fd fd;
         bool fresh = false;
-        uint64_t highWater = 0;   // end of the data written by this run
+        uint64_t highWater = 0;  // end of the data written by this run
     };
     struct FolderTimes {
         PathParts parts;
@@ -71,21 +71,21 @@ private:
 
     SafeRoot& m_root;
     std::ostream& m_err;
-    std::map<std::string, Image> m_images;   // by disk entry path; closed once the disk completes
+    std::map<std::string, Image> m_images;  // by disk entry path; closed once the disk completes
     Target m_target = Target::None;
     PathParts m_parts;
-    std::string m_shown;   // the entry's path, for messages
+    std::string m_shown;  // the entry's path, for messages
     Fd m_file;
     Image* m_image = nullptr;
     uint64_t m_pos = 0;
     bool m_fileLevel = false;
-    bool m_keepInfo = false;   // the entry's mode and times are restored (file-level files, collection nodes)
+    bool m_keepInfo = false;  // the entry's mode and times are restored (file-level files, collection nodes)
     vsFileLevelInfo m_info;
     std::vector<FolderTimes> m_folderTimes;
     RestoreCounts m_counts;
     bool m_stopped = false;
     bool m_force = false;
-    std::set<std::string> m_refused;   // disk entry paths
+    std::set<std::string> m_refused;  // disk entry paths
 };
 
 }  // namespace vsstream

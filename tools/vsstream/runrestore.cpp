@@ -3,8 +3,8 @@
 #include "lineprefix.h"
 #include "restore.h"
 
-#include <filesystem>
 #include <unistd.h>
+#include <filesystem>
 
 #include <map>
 #include <set>
@@ -64,7 +64,7 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
     Restorer restorer(root, perr, force);
     int code = kExitOk;
     // Disks a stream began but never marked read, unless another stream of the set did.
-    std::map<std::string, std::string> incomplete;   // disk, why
+    std::map<std::string, std::string> incomplete;  // disk, why
     std::set<std::string> completed;
     for (const StreamInput& input : inputs) {
         prefixed.SetPrefix(inputs.size() > 1 ? input.name + ": " : "");

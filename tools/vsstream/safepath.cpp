@@ -1,13 +1,13 @@
 // Path components and descriptor-relative creation below the restore folder.
 #include "safepath.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace vsstream {
 namespace {

@@ -7,10 +7,10 @@
 
 #include "vshost/fd.h"
 
+#include <sys/types.h>
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 #include <unordered_set>
 #include <vector>
 

@@ -23,15 +23,15 @@ int RunVerify(int fd, std::ostream& out, std::ostream& err) {
     const auto incompleteDisks = model.IncompleteDisks();
     if (code == kExitOk && !incompleteDisks.empty()) code = kExitIncomplete;
     const vsStreamTotals& t = reader.counted();
-    const char* verdict = code == kExitOk                                         ? "complete"
+    const char* verdict = code == kExitOk ? "complete"
                           : code == kExitIncomplete && reader.state() == vshost::StreamReader::State::Complete
                               ? "incomplete disks"
                           : problems && code == kExitCorrupt && reader.state() != vshost::StreamReader::State::Corrupt
                               ? "invalid"
                               : vshost::StateName(reader.state());
-    out << verdict << ": " << t.records << " records, " << t.entries
-        << " entries (" << t.badEntries << " closed as incomplete), " << t.directories << " folders, " << t.dataBytes
-        << " data bytes, " << t.holeBytes << " hole bytes, " << reader.offset() << " bytes read\n";
+    out << verdict << ": " << t.records << " records, " << t.entries << " entries (" << t.badEntries
+        << " closed as incomplete), " << t.directories << " folders, " << t.dataBytes << " data bytes, " << t.holeBytes
+        << " hole bytes, " << reader.offset() << " bytes read\n";
     for (const std::string& disk : incompleteDisks)
         out << "disk " << disk << ": incomplete, " << EntryModel::IncompleteWhy(*model.Disk(disk)) << "\n";
     return code;

@@ -19,13 +19,13 @@ struct AppRecord {
     std::string serverHostName;
     std::string snapMountEsxServer;
     bool indexingV2 = false;
-    bool hasSettings = true;          // instance settings can be queried
-    unsigned long parentAppId = 0;    // parent instance of a VM application
+    bool hasSettings = true;        // instance settings can be queried
+    unsigned long parentAppId = 0;  // parent instance of a VM application
     unsigned long clientId = 0;
     unsigned long backupSetId = 0;
-    bool backupSetSettings = true;    // backup-set settings can be queried
+    bool backupSetSettings = true;  // backup-set settings can be queried
     bool proxyDetailsSet = false;
-    int snapFailoverResult = 0;       // answer of the snap failover query (6 = failure)
+    int snapFailoverResult = 0;  // answer of the snap failover query (6 = failure)
     unsigned long hubcellId = 0;
     unsigned long subclientId = 0;
     std::string subclientGuid;
@@ -36,10 +36,10 @@ struct ArchiveFileRecord {
     unsigned long appId2 = 0;
     int64_t backupJobId = 0;
     std::string name;
-    std::string volume;        // folder of the datastore volume: absolute, or under <home>/Snapshots
+    std::string volume;  // folder of the datastore volume: absolute, or under <home>/Snapshots
     unsigned int snapEngineId = 0;
-    int64_t snapJobId = 0;     // the snapshot job that made the volume
-    std::string datastore;     // datastore name, as "[datastore] path" names it
+    int64_t snapJobId = 0;  // the snapshot job that made the volume
+    std::string datastore;  // datastore name, as "[datastore] path" names it
 };
 
 // Access to catalog.db of the open home. Every call opens its own connection, so objects
@@ -47,7 +47,7 @@ struct ArchiveFileRecord {
 // SQLite message.
 class VS_HOST_API Catalog {
 public:
-    Catalog();   // throws when no home is open
+    Catalog();  // throws when no home is open
 
     void AddClient(unsigned long id, const std::string& name);
     std::optional<unsigned long> ClientId(const std::string& name) const;

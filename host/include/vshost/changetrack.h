@@ -7,9 +7,9 @@
 
 #include "hostapi/types.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -98,7 +98,7 @@ private:
         JobDisk disk;
         bool hasDigests;
         uint64_t diskSize, extentSize;
-        std::string digests;   // stored form
+        std::string digests;  // stored form
     };
     std::vector<Row> m_disks;
     size_t m_bytes = 0;

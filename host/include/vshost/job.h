@@ -15,11 +15,11 @@ struct JobDescription {
     KTJobID jobId = 0;
     unsigned long appId1 = 0;
     unsigned long appId2 = 0;
-    std::map<int, std::string> taskOptions;                // by option number
-    std::map<unsigned long long, bool> eventOptions;       // by option number
-    bool hasJobOptions = true;                             // false: the job options cannot be loaded
-    int lookupInstanceFromTask = 0;                        // restore options
-    unsigned long instanceId = 0;                          // virtual-server restore options
+    std::map<int, std::string> taskOptions;           // by option number
+    std::map<unsigned long long, bool> eventOptions;  // by option number
+    bool hasJobOptions = true;                        // false: the job options cannot be loaded
+    int lookupInstanceFromTask = 0;                   // restore options
+    unsigned long instanceId = 0;                     // virtual-server restore options
 };
 
 // Parses a job file (JSON, see docs/job-file.md). Throws std::runtime_error naming the

@@ -11,9 +11,9 @@ namespace vshost {
 
 struct PendingCause {
     KTJobID jobId = 0;
-    int seq = 0;                           // 1, 2, ... per job, in the order raised
+    int seq = 0;  // 1, 2, ... per job, in the order raised
     int causeId = 0;
-    std::vector<std::string> eventArgs;    // the event's text arguments, in order
+    std::vector<std::string> eventArgs;  // the event's text arguments, in order
     int arg2 = 0;
     int arg3 = 0;
     bool flag1 = false;
@@ -23,7 +23,7 @@ struct PendingCause {
     unsigned flags = 0;
     unsigned value1 = 0;
     unsigned value2 = 0;
-    bool clientReady = false;              // the raising client's init had succeeded
+    bool clientReady = false;  // the raising client's init had succeeded
 };
 
 // The pending causes of `jobId` in the order they were raised. Throws

@@ -13,8 +13,8 @@ inline constexpr uint16_t kMajorVersion = 1;
 // 1.1: disk info records end with the change id a disk is read against.
 inline constexpr uint16_t kMinorVersion = 1;
 
-inline constexpr size_t kPrologueBytes = 12;   // magic, major, minor
-inline constexpr size_t kFrameBytes = 12;      // kind, flags, payload length, frame check
+inline constexpr size_t kPrologueBytes = 12;  // magic, major, minor
+inline constexpr size_t kFrameBytes = 12;     // kind, flags, payload length, frame check
 inline constexpr size_t kChecksumBytes = 8;
 
 // Largest payload of one record. Bigger data goes out as several data records, so a
@@ -44,20 +44,34 @@ enum class Kind : uint16_t {
 // Short lower-case name of a kind ("file-header", ...), or null for an unknown one.
 constexpr const char* KindName(Kind kind) {
     switch (kind) {
-    case Kind::StreamHeader: return "stream-header";
-    case Kind::Identity: return "identity";
-    case Kind::FileHeader: return "file-header";
-    case Kind::CollectionHeader: return "collection-header";
-    case Kind::FileLevelHeader: return "file-level-header";
-    case Kind::DirectoryEntry: return "directory-entry";
-    case Kind::Data: return "data";
-    case Kind::Hole: return "hole";
-    case Kind::EndOfFile: return "end-of-file";
-    case Kind::DiskInfo: return "disk-info";
-    case Kind::VolumeHeader: return "volume-header";
-    case Kind::DiskReadCompleted: return "disk-read-completed";
-    case Kind::VMReadCompleted: return "vm-read-completed";
-    case Kind::Trailer: return "trailer";
+        case Kind::StreamHeader:
+            return "stream-header";
+        case Kind::Identity:
+            return "identity";
+        case Kind::FileHeader:
+            return "file-header";
+        case Kind::CollectionHeader:
+            return "collection-header";
+        case Kind::FileLevelHeader:
+            return "file-level-header";
+        case Kind::DirectoryEntry:
+            return "directory-entry";
+        case Kind::Data:
+            return "data";
+        case Kind::Hole:
+            return "hole";
+        case Kind::EndOfFile:
+            return "end-of-file";
+        case Kind::DiskInfo:
+            return "disk-info";
+        case Kind::VolumeHeader:
+            return "volume-header";
+        case Kind::DiskReadCompleted:
+            return "disk-read-completed";
+        case Kind::VMReadCompleted:
+            return "vm-read-completed";
+        case Kind::Trailer:
+            return "trailer";
     }
     return nullptr;
 }

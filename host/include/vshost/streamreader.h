@@ -16,7 +16,7 @@
 namespace vshost {
 
 struct StreamHeaderRecord {
-    uint16_t majorVersion = 0;   // from the prologue
+    uint16_t majorVersion = 0;  // from the prologue
     uint16_t minorVersion = 0;
     int64_t jobId = 0;
     uint32_t archiveFileIds[3] = {0, 0, 0};
@@ -92,7 +92,7 @@ struct DiskInfoRecord {
 
 struct VolumeHeaderRecord {
     std::string vmGuid, diskName;
-    std::string_view data;   // valid until the next call of StreamReader::Next
+    std::string_view data;  // valid until the next call of StreamReader::Next
 };
 
 struct DiskReadCompletedRecord {
@@ -105,7 +105,7 @@ struct VMReadCompletedRecord {
 
 struct TrailerRecord {
     vsStreamTotals totals;
-    uint64_t offset = 0;   // where the trailer begins, as its writer saw it
+    uint64_t offset = 0;  // where the trailer begins, as its writer saw it
 };
 
 // A record of a kind this decoder does not know, marked as skippable by its writer.
@@ -113,25 +113,25 @@ struct SkippedRecord {};
 
 using RecordBody =
     std::variant<StreamHeaderRecord, IdentityRecord, FileHeaderRecord, CollectionHeaderRecord, FileLevelRecord,
-                 DataRecord, HoleRecord, EndOfFileRecord, DiskInfoRecord, VolumeHeaderRecord,
-                 DiskReadCompletedRecord, VMReadCompletedRecord, TrailerRecord, SkippedRecord>;
+                 DataRecord, HoleRecord, EndOfFileRecord, DiskInfoRecord, VolumeHeaderRecord, DiskReadCompletedRecord,
+                 VMReadCompletedRecord, TrailerRecord, SkippedRecord>;
 
 struct StreamRecord {
     stream::Kind kind = stream::Kind::StreamHeader;
     uint16_t flags = 0;
-    uint64_t offset = 0;   // of the record's first byte in the stream
-    uint64_t index = 0;    // 0 is the stream header
+    uint64_t offset = 0;  // of the record's first byte in the stream
+    uint64_t index = 0;   // 0 is the stream header
     RecordBody body;
 };
 
 class VS_HOST_API StreamReader {
 public:
     enum class State {
-        Reading,      // no fault so far, trailer not yet read
-        Complete,     // trailer read, totals match, nothing follows it
-        Incomplete,   // the stream ends early: no trailer, or cut inside a record
-        Corrupt,      // a check value, a field or the structure is wrong
-        ReadError,    // the input could not be read
+        Reading,     // no fault so far, trailer not yet read
+        Complete,    // trailer read, totals match, nothing follows it
+        Incomplete,  // the stream ends early: no trailer, or cut inside a record
+        Corrupt,     // a check value, a field or the structure is wrong
+        ReadError,   // the input could not be read
     };
 
     // Reads `fd` (not owned) from its current position, sequentially: pipes and

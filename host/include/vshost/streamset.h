@@ -13,7 +13,7 @@ namespace vshost {
 
 struct StreamSet {
     int64_t jobId = 0;
-    std::vector<std::string> members;   // file names, relative to the manifest's folder
+    std::vector<std::string> members;  // file names, relative to the manifest's folder
 };
 
 // The name of member `k` (1-based) of the set whose manifest is `out`: "<out>.<k>".

@@ -14,7 +14,7 @@ struct VMClientRecord {
     unsigned long subclientId = 0;
     std::string clientName;
     bool hasProperties = true;
-    std::string instanceUuid;   // empty: the client's properties record no UUID
+    std::string instanceUuid;  // empty: the client's properties record no UUID
 };
 
 // Records (or replaces) the VM client of subclient `subclientId` of hubcell

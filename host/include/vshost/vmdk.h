@@ -28,9 +28,9 @@ struct VS_HOST_API Descriptor {
 };
 
 enum class Kind {
-    RawImage,     // a plain image: every byte of the file is a byte of the disk
-    Descriptor,   // a text descriptor with readable extents
-    Unreadable,   // missing, unreadable, or of a kind we do not read (`why` says which)
+    RawImage,    // a plain image: every byte of the file is a byte of the disk
+    Descriptor,  // a text descriptor with readable extents
+    Unreadable,  // missing, unreadable, or of a kind we do not read (`why` says which)
 };
 
 // Parses descriptor text. Extent file names are resolved against `dir`. False, with the

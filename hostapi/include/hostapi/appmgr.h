@@ -13,8 +13,8 @@
 struct VS_HOST_API vsAppMgrServerCredentials {
     std::string sServer;
     std::string sUser;
-    std::string sPassword;            // decrypted
-    std::string sEncryptedPassword;   // the stored form
+    std::string sPassword;           // decrypted
+    std::string sEncryptedPassword;  // the stored form
 };
 
 // The application manager: settings of the selected application (instance, subclient,
@@ -87,13 +87,13 @@ private:
     unsigned long m_appId2 = 0;
     unsigned long m_hubcellId = 0;
     bool m_hubcellSet = false;
-    std::optional<bool> m_indexingV2;   // answer of QueryUseIndexingVersion
+    std::optional<bool> m_indexingV2;  // answer of QueryUseIndexingVersion
     size_t m_credentialCursor = 0;
 };
 
 // Restore options of a job, as its job options carry them.
 struct VS_HOST_API vsRestoreOptions {
-    int nLookupInstanceFromTask = 0;   // 1: take the instance from the virtual-server options
+    int nLookupInstanceFromTask = 0;  // 1: take the instance from the virtual-server options
 };
 
 struct VS_HOST_API vsVirtualServerRestoreOptions {

@@ -34,18 +34,18 @@ struct vsStreamTotals {
     unsigned long long badEntries = 0;   // entries closed as incomplete
     unsigned long long directories = 0;  // directory entries of file-level backups
     unsigned long long dataBytes = 0;
-    unsigned long long holeBytes = 0;    // zeros recorded by length, never sent
+    unsigned long long holeBytes = 0;  // zeros recorded by length, never sent
     bool operator==(const vsStreamTotals&) const = default;
 };
 
 // A file or folder of a file-level backup, as its client describes it.
 struct vsFileLevelInfo {
-    std::string clientPath;           // the client's own form, e.g. "C:\\Users\\a.txt" or "/etc/hosts"
+    std::string clientPath;  // the client's own form, e.g. "C:\\Users\\a.txt" or "/etc/hosts"
     unsigned long long size = 0;
-    unsigned int mode = 0;            // POSIX type and permission bits
+    unsigned int mode = 0;  // POSIX type and permission bits
     unsigned int uid = 0;
     unsigned int gid = 0;
-    long long atimeNs = 0;            // nanoseconds since 1970-01-01 UTC
+    long long atimeNs = 0;  // nanoseconds since 1970-01-01 UTC
     long long mtimeNs = 0;
     long long ctimeNs = 0;
     bool operator==(const vsFileLevelInfo&) const = default;
@@ -54,8 +54,8 @@ struct vsFileLevelInfo {
 // What a pipeline has carried so far, readable from another thread (progress display).
 struct vsStreamProgress {
     vsStreamTotals totals;
-    unsigned long long bytesWritten = 0;   // stream bytes accepted
-    std::string entry;                     // path of the entry opened last
+    unsigned long long bytesWritten = 0;  // stream bytes accepted
+    std::string entry;                    // path of the entry opened last
 };
 
 // The pipeline: where one backup stream goes, a file or an inherited descriptor such as
@@ -135,7 +135,7 @@ private:
 
     int m_fd;
     bool m_owned;
-    std::string m_target;   // for messages: the path, or "descriptor N"
+    std::string m_target;  // for messages: the path, or "descriptor N"
     std::vector<char> m_batch;
     std::size_t m_used = 0;
     unsigned long long m_accepted = 0;
@@ -197,10 +197,9 @@ public:
 
     // Records between entries.
     int sendDiskInfo(const std::string& vmGuid, const std::string& name, const std::string& extra,
-                     unsigned long itemType, unsigned long productType, unsigned long diskType,
-                     unsigned long long size, unsigned long long extentSize, unsigned long long extentCount);
-    int sendVolHeaderInfo(const std::string& vmGuid, const std::string& diskName, const char* data,
-                          unsigned long size);
+                     unsigned long itemType, unsigned long productType, unsigned long diskType, unsigned long long size,
+                     unsigned long long extentSize, unsigned long long extentCount);
+    int sendVolHeaderInfo(const std::string& vmGuid, const std::string& diskName, const char* data, unsigned long size);
     int sendDiskReadCompleted(const std::string& vmGuid, const std::string& diskName, const std::string& changeId);
     int sendVMReadCompleted(const std::string& vmGuid);
 

@@ -7,8 +7,8 @@
 #include <string>
 
 struct VS_HOST_API DMInitParams {
-    unsigned long appId1 = 0;   // first application id field
-    unsigned long appId2 = 0;   // second application id field
+    unsigned long appId1 = 0;  // first application id field
+    unsigned long appId2 = 0;  // second application id field
     int32_t streamNumber = 0;
     KTJobID jobId = 0;
     char jobToken[64] = {};
@@ -24,8 +24,8 @@ struct VS_HOST_API DMOpenArchiveParams {
 
 // One item to read.
 struct VS_HOST_API FSRSnapSrcPath {
-    int32_t fileFilterCount = 0;   // > 0: filter by file-name pattern
-    int64_t walkFlag = 0;          // must be 0 for a directory walk
+    int32_t fileFilterCount = 0;  // > 0: filter by file-name pattern
+    int64_t walkFlag = 0;         // must be 0 for a directory walk
     std::string sClientPath;
     std::string sSnapSrcPath;
     std::string sOptionsXml;

@@ -51,8 +51,8 @@ class VS_HOST_API VMLivebrowse {
 public:
     // Empty when the archive file is unknown or its snapshot cannot be mounted (the
     // reason goes to the host log).
-    static boost::shared_ptr<VMLivebrowse> GetLivebrowseObject(unsigned archiveFileId, unsigned instanceType,
-                                                               bool, bool, LiveBrowseMountPurpose purpose);
+    static boost::shared_ptr<VMLivebrowse> GetLivebrowseObject(unsigned archiveFileId, unsigned instanceType, bool,
+                                                               bool, LiveBrowseMountPurpose purpose);
     static void ReleaseLivebrowseObject(unsigned archiveFileId, boost::shared_ptr<VMLivebrowse> object);
     // Unmounts every VM and snapshot mounted for live browse (end of a job).
     static void UnmountAll();
@@ -63,12 +63,12 @@ public:
     // the absolute path alone (nothing is looked at; a ".." that climbs out is refused).
     static bool FindVolumeOf(const std::string& path, std::string& localPath);
 
-    virtual ~VMLivebrowse();                                                            // 1
-    virtual unsigned ArchiveFileId() const { return m_afileId; }                        // 2
-    virtual bool IsVMMounted(const std::string& vmGuid) const;                           // 3
+    virtual ~VMLivebrowse();                                                                                    // 1
+    virtual unsigned ArchiveFileId() const { return m_afileId; }                                                // 2
+    virtual bool IsVMMounted(const std::string& vmGuid) const;                                                  // 3
     virtual bool GetVolumes(const std::string& vmGuid, std::vector<VMInfoStructs::SMountInfoFile>& out) const;  // 4
-    virtual bool UnMountVM(const std::string& vmGuid);                                   // 5
-    virtual int GetLastErrorCode() const { return m_lastError; }                         // 6
+    virtual bool UnMountVM(const std::string& vmGuid);                                                          // 5
+    virtual int GetLastErrorCode() const { return m_lastError; }                                                // 6
     // Mounts a VM and lists its guest volumes: device path, volume GUID, local mount
     // path, name. True on success; else `error` says why.
     virtual bool MountVM(const std::string& vmGuid, std::vector<VMInfoStructs::SMountInfoFile>& volumes,
@@ -147,32 +147,32 @@ public:
 
     // The event is the job's stop event; `ownLog` gives the writer its own log tag.
     ClBackupFile(CPipelayer* pipe, KtEvent* event, bool ownLog);
-    virtual ~ClBackupFile();                                                             // 1
+    virtual ~ClBackupFile();  // 1
     // With errors tolerated a file that cannot be read fails alone (kFileFailed);
     // otherwise it fails the backup (kFailBackup).
-    virtual void setErrorsTolerated(bool tolerated);                                     // 2
+    virtual void setErrorsTolerated(bool tolerated);  // 2
     // Attaches the writer to the pipeline. Non-zero on failure.
-    virtual int Init(int kind, int flags, void** out1, void** out2);                     // 3
+    virtual int Init(int kind, int flags, void** out1, void** out2);  // 3
     // Takes the next entry: the next file below a folder being sent, else the next line
     // of `list`. kEndOfList when there is none.
     virtual int OpenFilesForBackup(subclientFiles& files, std::istream& list, int, int, const std::string&);  // 4
     // Non-zero: the entry in hand is not sent at all (sockets, FIFOs, devices).
-    virtual int CheckFile(subclientFiles& files, int);                                   // 5
-    virtual void setFNameMapper(FSIDANameMapper* mapper);                                // 6
+    virtual int CheckFile(subclientFiles& files, int);     // 5
+    virtual void setFNameMapper(FSIDANameMapper* mapper);  // 6
     // Forgets the entry in hand without sending anything more for it.
-    virtual int CloseFile();                                                             // 7
-    virtual int SendHeader(int);                                                         // 8
-    virtual int ReadAndSendFileData(int);                                                // 9
+    virtual int CloseFile();               // 7
+    virtual int SendHeader(int);           // 8
+    virtual int ReadAndSendFileData(int);  // 9
     // Non-zero when the end of file could not be sent.
-    virtual int SendEndOfFileMessage(int eofKind);                                       // 10
+    virtual int SendEndOfFileMessage(int eofKind);  // 10
 
     // What this writer has sent so far.
     struct Counts {
-        uint64_t files = 0;      // entries closed as good (files and links)
+        uint64_t files = 0;  // entries closed as good (files and links)
         uint64_t folders = 0;
-        uint64_t failed = 0;     // entries closed as bad
-        uint64_t skipped = 0;    // passed over by the check
-        uint64_t bytes = 0;      // data bytes
+        uint64_t failed = 0;   // entries closed as bad
+        uint64_t skipped = 0;  // passed over by the check
+        uint64_t bytes = 0;    // data bytes
     };
     const Counts& counts() const { return m_counts; }
 
@@ -183,7 +183,7 @@ private:
     bool Expand();
 
     CPipelayer* m_pipe;
-    [[maybe_unused]] KtEvent* m_event;   // the job's stop event, for writers that poll it
+    [[maybe_unused]] KtEvent* m_event;  // the job's stop event, for writers that poll it
     KTLogObject m_log;
     vsArchive m_archive;
     vsSim m_sim;
@@ -191,6 +191,6 @@ private:
     bool m_tolerated = false;
     bool m_attached = false;
     Counts m_counts;
-    std::vector<std::pair<std::string, MappedPath>> m_pending;   // below folders being sent, next last
+    std::vector<std::pair<std::string, MappedPath>> m_pending;  // below folders being sent, next last
     std::unique_ptr<Entry> m_entry;
 };

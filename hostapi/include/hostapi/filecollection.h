@@ -25,20 +25,20 @@ constexpr int VS_ERROR_NODE_CHANGED = 2;
 constexpr DiskType_t VS_DISK_TYPE_FOLDER = 3;
 
 // Attribute bits of a node.
-constexpr uint32_t FC_ATTRIBUTE_READONLY = 0x01;    // no write permission for anyone
-constexpr uint32_t FC_ATTRIBUTE_DIRECTORY = 0x10;   // a folder: no data, may hold nodes
-constexpr uint32_t FC_ATTRIBUTE_NORMAL = 0x80;      // a regular file
+constexpr uint32_t FC_ATTRIBUTE_READONLY = 0x01;   // no write permission for anyone
+constexpr uint32_t FC_ATTRIBUTE_DIRECTORY = 0x10;  // a folder: no data, may hold nodes
+constexpr uint32_t FC_ATTRIBUTE_NORMAL = 0x80;     // a regular file
 
 // One node of a file collection, filled by GetNextNode. Times are nanoseconds since
 // 1970-01-01 UTC. "Offsets" count the data of the collection's files in node order, so
 // that a node's data lies at [llDataOffset, ullDataEnd) of the whole collection.
 struct SFileNode {
-    std::string sName;                       // relative to the disk, backslash form: "srv\share\a.txt"
-    unsigned long long ullNodeNumber = 0;    // 1, 2, ... in collection order
-    long long llSize = 0;                    // bytes of data; 0 for a folder
-    unsigned long long ullAllocated = 0;     // bytes the file occupies where it is stored
-    long long llDataOffset = 0;              // data of all the nodes before this one
-    unsigned long long ullChangeTime = 0;    // status change
+    std::string sName;                     // relative to the disk, backslash form: "srv\share\a.txt"
+    unsigned long long ullNodeNumber = 0;  // 1, 2, ... in collection order
+    long long llSize = 0;                  // bytes of data; 0 for a folder
+    unsigned long long ullAllocated = 0;   // bytes the file occupies where it is stored
+    long long llDataOffset = 0;            // data of all the nodes before this one
+    unsigned long long ullChangeTime = 0;  // status change
     unsigned long long ullAccessTime = 0;
     unsigned long long ullModifyTime = 0;
     uint32_t nAttributes = 0;                // FC_ATTRIBUTE_* bits
@@ -48,10 +48,10 @@ struct SFileNode {
     uint32_t nUid = 0;
     uint32_t nGid = 0;
     uint32_t nLinks = 0;
-    unsigned long long ullFileId = 0;        // inode number
+    unsigned long long ullFileId = 0;  // inode number
     unsigned long long ullDevice = 0;
     unsigned long long ullReserved = 0;
-    std::string sShortName;                  // not kept by this host
+    std::string sShortName;  // not kept by this host
     uint32_t nReserved1 = 0;
     uint32_t nReserved2 = 0;
     uint32_t nReserved3 = 0;
@@ -74,7 +74,7 @@ public:
     // Null for a disk type that the host cannot read as a collection.
     static boost::shared_ptr<CFileCollection> createFileCollectionInstance(DiskType_t diskType);
 
-    virtual ~CFileCollection();   // slots 1 and 2 (complete and deleting)
+    virtual ~CFileCollection();  // slots 1 and 2 (complete and deleting)
 
     // Slot 3: the VM-info object that describes the mounted VM, and the VM's names.
     virtual void SetVMInfo(IVMInfo* vmInfo, const std::string& vmName, const std::string& vmGuid) = 0;
@@ -98,7 +98,7 @@ public:
     // Slots 11 to 16: what the collection reads and how far it got.
     virtual DiskType_t GetDiskType() const = 0;
     virtual const std::string& GetVMDiskGuid() const = 0;
-    virtual const std::string& GetFolder() const = 0;       // empty until opened
+    virtual const std::string& GetFolder() const = 0;  // empty until opened
     virtual unsigned long long GetNodesReturned() const = 0;
     virtual unsigned long long GetBytesRead() const = 0;
     virtual bool IsOpen() const = 0;

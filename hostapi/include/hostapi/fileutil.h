@@ -101,8 +101,7 @@ public:
     // error; otherwise it is passed over. Only a folder of a mounted guest volume is
     // walked, opened from the volume's folder without leaving it: no job lists the
     // backup host's own file system.
-    static CQiError Walk(const std::string& path, void* ctx, int subDirLevel, bool stopOnError,
-                         WalkCallback callback);
+    static CQiError Walk(const std::string& path, void* ctx, int subDirLevel, bool stopOnError, WalkCallback callback);
     // Whether `name` matches `pattern`, where "*" matches any run of characters
     // (none included) and "?" exactly one; ASCII case is ignored when `ignoreCase`.
     static bool MatchWildcard(const std::string& name, const std::string& pattern, bool ignoreCase);

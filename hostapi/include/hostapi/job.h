@@ -9,7 +9,7 @@ enum ktTaskOptions : int {
     KT_TASKOPT_RST_USER_NAME = 75,
     KT_TASKOPT_RST_USER_PASSWORD = 76,
     KT_TASKOPT_RST_SERVER_NAME = 77,
-    KT_TASKOPT_RST_HOST_OR_CLUSTER = 82,   // "optRstHostHostOrCluster"
+    KT_TASKOPT_RST_HOST_OR_CLUSTER = 82,  // "optRstHostHostOrCluster"
 };
 
 // Event option: the job is a failback replication job.

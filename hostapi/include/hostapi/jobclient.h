@@ -39,7 +39,7 @@ public:
 
 protected:
     KTJobID m_jobId = 0;
-    bool m_bReady = false;   // init succeeded
+    bool m_bReady = false;  // init succeeded
 };
 
 // The job client of a restore job.

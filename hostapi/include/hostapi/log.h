@@ -8,7 +8,7 @@
 // Log object allocated by the reader and prepared with InitKTlog.
 struct VS_HOST_API KTLogObject {
     std::string tag;
-    std::string debugKey;   // settings key whose number is the highest level written
+    std::string debugKey;  // settings key whose number is the highest level written
     unsigned long threadId = 0;
     KTJobID jobId = 0;
 };
@@ -21,8 +21,7 @@ VS_HOST_API void InitKTlog(KTLOGHANDLE h, const char* tag, const char* debugKey,
 VS_HOST_API void KTlogSetJobID(KTLOGHANDLE h, KTJobID jobId);
 // printf-style line. Levels 1..3; -1 always appears. A null handle is accepted and
 // logs under no tag.
-VS_HOST_API void KTlog(KTLOGHANDLE h, int level, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+VS_HOST_API void KTlog(KTLOGHANDLE h, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 // Debug reporter for code that runs before a log object exists (the factories).
 class VS_HOST_API EvDebug {

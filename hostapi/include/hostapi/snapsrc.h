@@ -14,15 +14,15 @@ namespace VirtualServer {
 struct SnapSrcPathDiskInfo {
     std::string diskName;
     std::string alternateDiskName;
-    std::string changeId;       // change id to read against (unchanged extents skipped)
-    int64_t processed = 0;      // non-zero: completed in an earlier attempt of the job
-    int64_t startExtent = 0;    // extent to resume from
+    std::string changeId;     // change id to read against (unchanged extents skipped)
+    int64_t processed = 0;    // non-zero: completed in an earlier attempt of the job
+    int64_t startExtent = 0;  // extent to resume from
 };
 
 struct SnapSrcPathOptions {
-    int64_t useCBT = 0;                           // non-zero: report and use change ids
+    int64_t useCBT = 0;  // non-zero: report and use change ids
     std::vector<SnapSrcPathDiskInfo> diskInfo;
-    std::vector<std::string> mountDiskNames;     // disks a VM mount is limited to
+    std::vector<std::string> mountDiskNames;  // disks a VM mount is limited to
 
     // Decodes the XML into this record; false with the reason when the text is not a
     // well-formed options document, and the record is then left empty.

@@ -41,8 +41,8 @@ constexpr int VS_ERROR_END_OF_DISK = 10002;
 class VS_HOST_API CArchiveVirtualDiskFile {
 public:
     struct Context_t {
-        unsigned long long position = 0;     // number of the last extent read
-        unsigned long long extentSize = 0;   // bytes per extent
+        unsigned long long position = 0;    // number of the last extent read
+        unsigned long long extentSize = 0;  // bytes per extent
     };
 
     explicit CArchiveVirtualDiskFile(ProductType_t productType);

@@ -13,9 +13,9 @@ namespace VirtualServer {
 // One VM of a datastore, as the backup recorded it.
 struct VS_HOST_API VMInfo {
     std::string sGuid;
-    int32_t nClientId = 0;         // id of the VM's client
-    int64_t llJobId = 0;           // job that backed the VM up
-    std::string sClientName;       // name of the VM's client
+    int32_t nClientId = 0;    // id of the VM's client
+    int64_t llJobId = 0;      // job that backed the VM up
+    std::string sClientName;  // name of the VM's client
 };
 
 struct VS_HOST_API VMDatastoreInfo {

@@ -9,30 +9,30 @@
 namespace vssample {
 
 struct SampleDisk {
-    std::string name;         // descriptor or image file name, as the VM-info library names the disk
-    std::string secondName;   // "[datastore] folder/file"
-    std::string path;         // local path of the descriptor or image
+    std::string name;        // descriptor or image file name, as the VM-info library names the disk
+    std::string secondName;  // "[datastore] folder/file"
+    std::string path;        // local path of the descriptor or image
     std::string datastore;
-    uint64_t size = 0;        // virtual size in bytes
-    int backupType = 1;       // 1 = disk read by extents, 2 = read as a file collection
+    uint64_t size = 0;   // virtual size in bytes
+    int backupType = 1;  // 1 = disk read by extents, 2 = read as a file collection
 };
 
 struct SampleVM {
-    std::string name;         // display name
-    std::string biosUuid;     // uuid.bios
-    std::string vcUuid;       // vc.uuid
-    std::string folder;       // VM folder (holds the .vmx)
-    std::vector<std::string> configFiles;   // file names present in the folder (.vmx, .vmxf, .vmsd, .nvram)
+    std::string name;                      // display name
+    std::string biosUuid;                  // uuid.bios
+    std::string vcUuid;                    // vc.uuid
+    std::string folder;                    // VM folder (holds the .vmx)
+    std::vector<std::string> configFiles;  // file names present in the folder (.vmx, .vmxf, .vmsd, .nvram)
     std::vector<SampleDisk> disks;
-    std::vector<std::string> guestVolumeGuids;   // declared guest volumes, if any
+    std::vector<std::string> guestVolumeGuids;  // declared guest volumes, if any
 };
 
 struct SampleSnapshot {
     int64_t snapJobId = 0;
     unsigned snapEngineId = 0;
-    std::vector<std::string> datastores;   // datastore names, one archive file each
-    std::vector<uint64_t> afileIds;        // in datastore order
-    std::string afileList;                 // the ids joined with "|"
+    std::vector<std::string> datastores;  // datastore names, one archive file each
+    std::vector<uint64_t> afileIds;       // in datastore order
+    std::string afileList;                // the ids joined with "|"
     std::vector<SampleVM> vms;
     unsigned long appId1 = 0;
     unsigned long appId2 = 0;
@@ -51,7 +51,7 @@ struct SampleOptions {
     uint64_t firstAfileId = 1207;
     unsigned snapEngineId = 0;
     int instanceType = 102;
-    uint64_t diskSize = 16ull << 20;   // virtual size of each disk
+    uint64_t diskSize = 16ull << 20;  // virtual size of each disk
 };
 
 // Writes the snapshot under "<home>/Snapshots/<snapJobId>/" and its rows into the

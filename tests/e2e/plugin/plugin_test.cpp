@@ -68,7 +68,7 @@ TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
     const struct {
         DataReaderVSBase* reader;
         const char* tag;
-        bool ownItems;   // reads items itself rather than through the base
+        bool ownItems;  // reads items itself rather than through the base
         const char* lastLine;
     } readers[] = {
         {makeExtent(pipe1.get(), &event, 101), "DM_VSEXT\t", true, "DataReaderVSBase deleted successfully."},
@@ -93,7 +93,7 @@ TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
 
 TEST(Plugin, MissingVMInfoLibraryIsReportedAndOpenFails) {
     vstest::TempHome home;
-    vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");   // only lines that must appear
+    vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");  // only lines that must appear
     vshost::LogCapture log;
     KtEvent event;
     vshost::Catalog().AddApplication(vshost::AppRecord{});
@@ -103,7 +103,7 @@ TEST(Plugin, MissingVMInfoLibraryIsReportedAndOpenFails) {
     auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
     std::unique_ptr<DataReaderVSBase> reader(make(pipe.get(), &event, 7));
 
-    EXPECT_EQ(reader->Initialize(), 0);   // not fatal here
+    EXPECT_EQ(reader->Initialize(), 0);  // not fatal here
     EXPECT_TRUE(log.Contains("DataReaderVSBase::LoadVMInfoDLL: ERROR: LoadLibrary(libVMInfo.so) failed! Err=0x"));
     EXPECT_TRUE(log.Contains("Failed to dynamically load VMInfo library."));
 

@@ -19,7 +19,9 @@ using vstest::Shell;
 
 constexpr uint64_t kMiB = 1ull << 20;
 
-size_t CatalogDisks(int64_t jobId) { return vshost::changetrack::JobDisks(jobId).size(); }
+size_t CatalogDisks(int64_t jobId) {
+    return vshost::changetrack::JobDisks(jobId).size();
+}
 
 // A disk of 64 MiB with data in every MiB is cut to 8 MiB once the stream holds 4 MiB:
 // the job writes into a FIFO this test reads, and writes in batches of 1 MiB, so the
@@ -30,12 +32,14 @@ TEST(VsdmConfinement, ADiskCutShortWhileItIsReadFailsItsItem) {
     const std::string image = home.sub("disk.img");
     {
         std::ofstream out(image, std::ios::binary);
-        for (uint64_t k = 0; k < 64; ++k) out.seekp(static_cast<std::streamoff>(k * kMiB + 4096)) << std::string(64 << 10, 'x');
+        for (uint64_t k = 0; k < 64; ++k)
+            out.seekp(static_cast<std::streamoff>(k * kMiB + 4096)) << std::string(64 << 10, 'x');
     }
     fs::resize_file(image, 64 * kMiB);
     const vssample::SampleSnapshot s = vssample::GenerateImageSnapshot(image);
     const vssample::SampleVM& vm = s.vms.at(0);
-    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 61, {vm.biosUuid + "\\" + vm.disks.at(0).name}, true).dump();
+    std::ofstream(home.sub("job.json"))
+        << vstest::SampleJob(home, s, 61, {vm.biosUuid + "\\" + vm.disks.at(0).name}, true).dump();
 
     vstest::SlowConsumerRun run(home, home.sub("job.json"));
     ASSERT_TRUE(run.started());
@@ -54,7 +58,8 @@ TEST(VsdmConfinement, ADiskCutShortWhileItIsReadFailsItsItem) {
 // One damaged VM fails with the reason while the other VM of the job is backed up; no
 // byte of a file outside the snapshot reaches the stream and nothing waits on a FIFO.
 TEST(VsdmConfinement, SnapshotFilesThatLeadOutOrAreNoFilesFailTheirVMOnly) {
-    const std::pair<std::string, std::string> cases[] = {   // damage, reason
+    const std::pair<std::string, std::string> cases[] = {
+        // damage, reason
         {"absolute extent", "absolute names and .. are refused"},
         {"fifo", "web01-flat.vmdk: not a regular file"},
         {"oversized", "web01.vmx: holds 67108864 bytes"},
@@ -65,14 +70,15 @@ TEST(VsdmConfinement, SnapshotFilesThatLeadOutOrAreNoFilesFailTheirVMOnly) {
         const vssample::SampleVM& web = s.vm("web01");
         const std::string marker = "SECRET-OF-THE-BACKUP-HOST;", secret = home.sub("secret");
         std::ofstream(secret) << marker;
-        fs::resize_file(secret, web.disks[0].size);   // as large as the disk it stands in for
+        fs::resize_file(secret, web.disks[0].size);  // as large as the disk it stands in for
         if (damage == "absolute extent")
-            std::ofstream(web.disks[0].path) << "# Disk DescriptorFile\nRW " << web.disks[0].size / 512 << " FLAT \""
-                                             << secret << "\" 0\n";
+            std::ofstream(web.disks[0].path)
+                << "# Disk DescriptorFile\nRW " << web.disks[0].size / 512 << " FLAT \"" << secret << "\" 0\n";
         if (damage == "fifo" && fs::remove(web.folder + "/web01-flat.vmdk"))
             mkfifo((web.folder + "/web01-flat.vmdk").c_str(), 0600);
-        if (damage == "oversized") fs::resize_file(web.folder + "/web01.vmx", 64 * kMiB);   // sparse
-        std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 71, {web.biosUuid, s.vm("db01").biosUuid}).dump();
+        if (damage == "oversized") fs::resize_file(web.folder + "/web01.vmx", 64 * kMiB);  // sparse
+        std::ofstream(home.sub("job.json"))
+            << vstest::SampleJob(home, s, 71, {web.biosUuid, s.vm("db01").biosUuid}).dump();
 
         const RunResult run =
             Shell("timeout 120 " + vstest::Vsdm() + " run " + home.sub("job.json") + " --out " + home.sub("s.bin"));

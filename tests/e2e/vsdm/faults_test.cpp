@@ -37,7 +37,8 @@ std::vector<std::pair<std::string, uint64_t>> DoneMarkers(const std::string& pat
     while (reader.Next(record)) {
         if (!pending.empty()) out.emplace_back(pending, record.offset);
         pending.clear();
-        if (auto* d = std::get_if<vshost::DiskReadCompletedRecord>(&record.body)) pending = d->vmGuid + "\\" + d->diskName;
+        if (auto* d = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
+            pending = d->vmGuid + "\\" + d->diskName;
     }
     close(fd);
     return out;
@@ -93,7 +94,7 @@ TEST(VsdmFaults, FailingAndDamagedDisksFailTheirItemsAndTheStreamSaysWhich) {
 
     // The stream itself is sound and names the disk it holds only in part.
     const RunResult verify = Shell(vstest::Vsstream() + " verify " + home.sub("s.bin"));
-    EXPECT_EQ(verify.status, 2) << verify.output;   // sound, but not every disk is whole
+    EXPECT_EQ(verify.status, 2) << verify.output;  // sound, but not every disk is whole
     EXPECT_NE(verify.output.find("web01.vmdk: incomplete"), std::string::npos) << verify.output;
     EXPECT_EQ(verify.output.find(data.name + ": incomplete"), std::string::npos) << verify.output;
     EXPECT_EQ(Names(DoneMarkers(home.sub("s.bin"))), std::set<std::string>{fsvm.biosUuid + "\\" + data.name});
@@ -121,8 +122,9 @@ TEST(VsdmFaults, AnOutputThatFailsFailsTheJobAndRecordsNothing) {
 
     WriteJob(home, "job53.json", vstest::SampleJob(home, s, 53, {s.vm("web01").biosUuid, s.vm("db01").biosUuid}));
     // The reader of the stream goes away after a few bytes.
-    const RunResult piped = Shell("{ " + vstest::Vsdm() + " run " + home.sub("job53.json") + " --out - 2>" +
-                                  home.sub("err.txt") + "; echo $? >" + home.sub("rc.txt") + "; } | head -c 1000 >/dev/null");
+    const RunResult piped =
+        Shell("{ " + vstest::Vsdm() + " run " + home.sub("job53.json") + " --out - 2>" + home.sub("err.txt") +
+              "; echo $? >" + home.sub("rc.txt") + "; } | head -c 1000 >/dev/null");
     EXPECT_EQ(vstest::ReadAll(home.sub("rc.txt")), "3\n") << vstest::ReadAll(home.sub("err.txt"));
     EXPECT_NE(vstest::ReadAll(home.sub("err.txt")).find("Broken pipe"), std::string::npos)
         << vstest::ReadAll(home.sub("err.txt"));
@@ -139,16 +141,14 @@ TEST(VsdmFaults, TheVMInfoLibraryFailingAtEachStep) {
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     struct Step {
         const char* operation;
-        int status;                 // of vsdm run
-        bool causeRaised;           // a pending cause in the summary
-        bool snapshotUnmounted;     // "unmounted" by the library at close
+        int status;              // of vsdm run
+        bool causeRaised;        // a pending cause in the summary
+        bool snapshotUnmounted;  // "unmounted" by the library at close
     };
     const Step steps[] = {
-        {"Init", 2, false, false},         {"Connect", 2, false, false},
-        {"MountSnap", 2, true, false},     {"MountVM", 1, true, true},
-        {"GetFullMountInfo", 1, true, true}, {"UnMountVM", 0, false, true},
-        {"UnMountSnap", 0, false, false},  {"Disconnect", 0, false, true},
-        {"Uninit", 0, false, true},
+        {"Init", 2, false, false},        {"Connect", 2, false, false},        {"MountSnap", 2, true, false},
+        {"MountVM", 1, true, true},       {"GetFullMountInfo", 1, true, true}, {"UnMountVM", 0, false, true},
+        {"UnMountSnap", 0, false, false}, {"Disconnect", 0, false, true},      {"Uninit", 0, false, true},
     };
     int jobId = 60;
     for (const Step& step : steps) {
@@ -198,11 +198,12 @@ TEST(VsdmFaults, AKilledJobIsDetectedAndTheNextAttemptGoesOnFromItsStream) {
     std::ofstream(home.sub("killed.bin"), std::ios::binary) << run.stream();
 
     const RunResult verify = Shell(vstest::Vsstream() + " verify " + home.sub("killed.bin"));
-    EXPECT_EQ(verify.status, 2) << verify.output;   // incomplete, not corrupt
+    EXPECT_EQ(verify.status, 2) << verify.output;  // incomplete, not corrupt
     const std::set<std::string> inStream = Names(DoneMarkers(home.sub("killed.bin")));
     const std::set<std::string> inCatalog = CatalogDisks(71);
     EXPECT_FALSE(inStream.count(markers[2].first));
-    for (const std::string& disk : inCatalog) EXPECT_TRUE(inStream.count(disk)) << disk << " recorded, not in the stream";
+    for (const std::string& disk : inCatalog)
+        EXPECT_TRUE(inStream.count(disk)) << disk << " recorded, not in the stream";
 
     const RunResult resumed = Shell(vstest::Vsdm() + " run " + home.sub("job.json") + " --resume " +
                                     home.sub("killed.bin") + " --out " + home.sub("resumed.bin"));
@@ -215,7 +216,8 @@ TEST(VsdmFaults, AKilledJobIsDetectedAndTheNextAttemptGoesOnFromItsStream) {
     // The stopped attempt and the one that went on restore to what one whole run gives.
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home.sub("full.bin") + " --to " + home.sub("one")).status, 0);
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home.sub("killed.bin") + " --to " + home.sub("two")).status, 2);
-    const RunResult onto = Shell(vstest::Vsstream() + " restore " + home.sub("resumed.bin") + " --onto " + home.sub("two"));
+    const RunResult onto =
+        Shell(vstest::Vsstream() + " restore " + home.sub("resumed.bin") + " --onto " + home.sub("two"));
     ASSERT_EQ(onto.status, 0) << onto.output;
     const auto one = vstest::Tree(home.sub("one")), two = vstest::Tree(home.sub("two"));
     ASSERT_EQ(one.size(), two.size());

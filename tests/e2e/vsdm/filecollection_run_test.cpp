@@ -8,14 +8,14 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <array>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
 namespace fs = std::filesystem;
 
@@ -74,8 +74,8 @@ TEST(VsdmFileCollection, JobRestoresEveryCollectionDiskOfTheVM) {
             folders += content ? 0 : 1;
         }
     }
-    EXPECT_NE(out.find("file-collection nodes " + std::to_string(nodes) + " (" + std::to_string(folders) + " folders, " +
-                       std::to_string(nodes - folders) + " files)"),
+    EXPECT_NE(out.find("file-collection nodes " + std::to_string(nodes) + " (" + std::to_string(folders) +
+                       " folders, " + std::to_string(nodes - folders) + " files)"),
               std::string::npos)
         << out;
     EXPECT_NE(out.find("disks completed 2"), std::string::npos) << out;
@@ -83,7 +83,8 @@ TEST(VsdmFileCollection, JobRestoresEveryCollectionDiskOfTheVM) {
     out = Shell("'" VSSTREAM_TOOL "' list " + home.sub("fc.stream"), status);
     EXPECT_EQ(status, 0) << out;
     EXPECT_NE(out.find("node-folder"), std::string::npos) << out;
-    EXPECT_NE(out.find("\\" + vm.biosUuid + "\\fs01.vmdk\\srv\\share\\My Documents\\budget 2024.txt"), std::string::npos)
+    EXPECT_NE(out.find("\\" + vm.biosUuid + "\\fs01.vmdk\\srv\\share\\My Documents\\budget 2024.txt"),
+              std::string::npos)
         << out;
 
     const std::string dir = home.sub("restore");
@@ -95,7 +96,8 @@ TEST(VsdmFileCollection, JobRestoresEveryCollectionDiskOfTheVM) {
             EXPECT_EQ(Tree(dir + "/" + vm.biosUuid + "/" + d.name), Tree(d.path)) << d.name;
         }
     }
-    struct stat a {}, b {};
+    struct stat a {
+    }, b{};
     ASSERT_EQ(::stat((vm.disks[0].path + "/srv/media/archive.bin").c_str(), &a), 0);
     ASSERT_EQ(::stat((dir + "/" + vm.biosUuid + "/fs01.vmdk/srv/media/archive.bin").c_str(), &b), 0);
     EXPECT_EQ(a.st_mtim.tv_sec, b.st_mtim.tv_sec);

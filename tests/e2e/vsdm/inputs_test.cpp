@@ -36,7 +36,8 @@ std::vector<std::string> Partials(const std::string& folder) {
 // its range (instance type 2^32+102 would run as 102; a copy id goes negative), or a
 // text too long for the one stream record it goes into.
 TEST(VsdmInputs, FieldsAJobCannotHoldAreRefusedAtLoad) {
-    const nlohmann::json good = {{"jobId", 7}, {"mediaAgent", "ma01"}, {"archiveFiles", {1207}}, {"items", {{{"path", "vm"}}}}};
+    const nlohmann::json good = {
+        {"jobId", 7}, {"mediaAgent", "ma01"}, {"archiveFiles", {1207}}, {"items", {{{"path", "vm"}}}}};
     const std::string huge(5u << 20, 'm');
     const auto json = [](const char* text) { return nlohmann::json::parse(text); };
     const std::pair<nlohmann::json, std::string> cases[] = {
@@ -92,7 +93,8 @@ TEST(VsdmInputs, ResumeTakesOnlyAStreamOfThisJob) {
         nlohmann::json job = vstest::SampleJob(home, s, c.jobId, vms);
         job["archiveFiles"] = c.archiveFiles;
         WriteJob(home, "other.json", job);
-        const RunResult r = RunJobFile(home, "other.json", "--resume " + home.sub("s101.bin") + " --out " + home.sub("r.bin"));
+        const RunResult r =
+            RunJobFile(home, "other.json", "--resume " + home.sub("s101.bin") + " --out " + home.sub("r.bin"));
         EXPECT_EQ(r.status, 64) << r.output;
         EXPECT_NE(r.output.find(c.named), std::string::npos) << r.output;
         EXPECT_FALSE(fs::exists(home.sub("r.bin")));
@@ -190,8 +192,8 @@ TEST(VsdmInputs, UsageErrorsExit64) {
         {"run", 64},
         {"run " + job + " --no-such-option", 64},
         {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from soon", 64},
-        {"run " + job, 64},   // no stream target
-        {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from 999", 64},   // a job that recorded nothing
+        {"run " + job, 64},                                                              // no stream target
+        {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from 999", 64},  // a job that recorded nothing
         {"--help", 0},
         {"run --help", 0},
     };

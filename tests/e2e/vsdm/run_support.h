@@ -1,32 +1,32 @@
 // Running vsdm and vsstream as a user does, for the tests of whole jobs.
 #pragma once
 
-#include "temp_home.h"
 #include "hostapi/snapsrc.h"
+#include "temp_home.h"
 #include "vssample/sample.h"
 
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <array>
 #include <cstdio>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <poll.h>
-#include <spawn.h>
 #include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 namespace vstest {
 
 struct RunResult {
-    int status = -1;      // exit status; 128 + signal when killed
-    std::string output;   // stdout and stderr
+    int status = -1;     // exit status; 128 + signal when killed
+    std::string output;  // stdout and stderr
 };
 
 inline RunResult Shell(const std::string& command) {
@@ -40,8 +40,12 @@ inline RunResult Shell(const std::string& command) {
     return r;
 }
 
-inline std::string Vsdm() { return "'" VSDM_TOOL "'"; }
-inline std::string Vsstream() { return "'" VSSTREAM_TOOL "'"; }
+inline std::string Vsdm() {
+    return "'" VSDM_TOOL "'";
+}
+inline std::string Vsstream() {
+    return "'" VSSTREAM_TOOL "'";
+}
 
 inline std::string ReadAll(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -88,7 +92,7 @@ public:
         const std::string fifo = home.sub("stream.fifo");
         ::unlink(fifo.c_str());
         if (mkfifo(fifo.c_str(), 0600) != 0) return;
-        m_read = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);   // so that vsdm's open does not wait
+        m_read = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // so that vsdm's open does not wait
         const std::string tool = VSDM_TOOL;
         std::vector<std::string> args = {tool, "run", jobFile, "--out", fifo};
         args.insert(args.end(), extraArgs.begin(), extraArgs.end());
@@ -97,7 +101,8 @@ public:
         argv.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
         if (posix_spawn(&m_pid, tool.c_str(), &actions, nullptr, argv.data(), environ) != 0) m_pid = -1;
         posix_spawn_file_actions_destroy(&actions);
     }

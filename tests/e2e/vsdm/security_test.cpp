@@ -22,7 +22,7 @@ TEST(VsdmSecurity, AJobsPasswordIsNeverWrittenInPlainAndTheHomeIsTheOwnersAlone)
     vstest::TempHome home;
     const std::string plain = vstest::Secret("Vc-P@ss w0rd;4711");
     vssample::SampleOptions options;
-    options.instanceType = 100;   // an instance type that connects to its server with the job's credentials
+    options.instanceType = 100;  // an instance type that connects to its server with the job's credentials
     const vssample::SampleSnapshot s = vssample::GenerateSample(options);
     SHostCredentials stored;
     stored.sHost = "esx1";
@@ -60,7 +60,8 @@ TEST(VsdmSecurity, AJobsPasswordIsNeverWrittenInPlainAndTheHomeIsTheOwnersAlone)
     // The wrong password is refused: the credentials are really checked on this path.
     job["taskOptions"]["76"] = storedFormOf("wrong password");
     std::ofstream(home.sub("wrong.json")) << job.dump();
-    EXPECT_EQ(vstest::Shell(vstest::Vsdm() + " run " + home.sub("wrong.json") + " --out " + home.sub("w.bin")).status, 2);
+    EXPECT_EQ(vstest::Shell(vstest::Vsdm() + " run " + home.sub("wrong.json") + " --out " + home.sub("w.bin")).status,
+              2);
 
     EXPECT_EQ(Mode(home.sub("s.bin")), 0600u);
     vshost::settings::Set("Log", "nVMINFO", "2");

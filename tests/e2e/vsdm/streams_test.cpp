@@ -1,7 +1,7 @@
 // `vsdm run --streams N`: the items shared out among N processes, the stream set they
 // leave, and vsstream taking the set as a whole.
-#include "split.h"
 #include "run_support.h"
+#include "split.h"
 
 #include "hostapi/snapsrc.h"
 #include "vshost/changetrack.h"
@@ -12,22 +12,22 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <array>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
-#include <spawn.h>
 #include <sstream>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -59,7 +59,7 @@ TEST(VsdmStreams, SplitBalancesExpectedBytesAndDealsTheRestRoundRobin) {
     EXPECT_EQ(vsdm::SplitItems(items, 2), (Shares{{0, 3}, {1, 2, 4}}));
     // An item without a size weighs the mean of those with one, not nothing.
     items[1].expectedBytes = 0;
-    items[4].expectedBytes = 0;   // mean of 100, 10, 10 = 40
+    items[4].expectedBytes = 0;  // mean of 100, 10, 10 = 40
     EXPECT_EQ(vsdm::SplitItems(items, 2), (Shares{{0}, {1, 2, 3, 4}}));
 
     EXPECT_EQ(vsdm::ParseShare(vsdm::FormatShare({0, 3, 17}), 18), (std::vector<size_t>{0, 3, 17}));
@@ -99,7 +99,8 @@ TEST(VsdmStreams, TwoStreamsRestoreTheSameTreeAsOneAndRecordEveryDisk) {
     EXPECT_GT(one.size(), 10u);
     EXPECT_TRUE(one == Tree(home.sub("r2")));
     // The members named one by one restore the same.
-    r = Shell(kVsstream + " restore " + home.sub("two.set.2") + " " + home.sub("two.set.1") + " --to " + home.sub("r3"));
+    r = Shell(kVsstream + " restore " + home.sub("two.set.2") + " " + home.sub("two.set.1") + " --to " +
+              home.sub("r3"));
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_TRUE(one == Tree(home.sub("r3")));
 
@@ -115,7 +116,7 @@ TEST(VsdmStreams, TwoStreamsRestoreTheSameTreeAsOneAndRecordEveryDisk) {
     r = Shell(kVsdm + " run " + home.sub("two.json") + " --streams 2 --incremental-from 52 --out " +
               home.sub("incr.set"));
     ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_NE(r.output.find("extents sent 0"), std::string::npos) << r.output;   // nothing changed
+    EXPECT_NE(r.output.find("extents sent 0"), std::string::npos) << r.output;  // nothing changed
 
     // A set missing a member is incomplete, never fine.
     fs::remove(home.sub("two.set.1"));
@@ -135,10 +136,11 @@ TEST(VsdmStreams, FailedItemsOfEveryStreamMergeUnderTheJob) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     // Round-robin: the two missing VMs land in different streams.
-    std::ofstream(home.sub("job.json"))
-        << vstest::SampleJob(home, s, 53, {s.vm("db01").biosUuid, s.vm("web01").biosUuid, "nosuchvm1", "nosuchvm2"},
-                             true)
-               .dump();
+    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 53,
+                                                             {s.vm("db01").biosUuid, s.vm("web01").biosUuid,
+                                                              "nosuchvm1", "nosuchvm2"},
+                                                             true)
+                                               .dump();
     const RunResult r = Shell(kVsdm + " run " + home.sub("job.json") + " --streams 2 --out " + home.sub("s"));
     EXPECT_EQ(r.status, 1) << r.output;
     EXPECT_NE(r.output.find("2 of 4 items succeeded"), std::string::npos) << r.output;
@@ -204,7 +206,8 @@ public:
             const std::string path = set + "." + std::to_string(k);
             if (mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo " + path);
             m_paths.push_back(path);
-            m_fds.push_back(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));   // so that the writer's open goes on
+            m_fds.push_back(
+                open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // so that the writer's open goes on
             m_data.emplace_back();
         }
     }
@@ -217,7 +220,7 @@ public:
         for (int i = 0; i < 30000; ++i) {
             bool all = true;
             for (size_t k = 0; k < m_fds.size(); ++k) {
-                if (m_data[k].empty()) Take(k);   // a stream that began is left to fill its FIFO and wait
+                if (m_data[k].empty()) Take(k);  // a stream that began is left to fill its FIFO and wait
                 all = all && !m_data[k].empty();
             }
             if (all) return true;
@@ -301,7 +304,7 @@ TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
     }
     r = Shell(kVsstream + " verify " + home.sub("t.1") + " " + home.sub("t.2"));
     EXPECT_EQ(r.status, 2) << r.output;
-    EXPECT_EQ(r.output.find(": complete"), std::string::npos) << r.output;   // neither ran to its end
+    EXPECT_EQ(r.output.find(": complete"), std::string::npos) << r.output;  // neither ran to its end
 }
 
 TEST(VsdmStreams, UsageErrors) {
@@ -309,8 +312,8 @@ TEST(VsdmStreams, UsageErrors) {
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 55, Items(s), true).dump();
     for (const char* bad : {"0", "-1", "two", "65", "1000000000000", ""}) {
-        const RunResult r = Shell(kVsdm + " run " + home.sub("job.json") + " --out " + home.sub("x") + " --streams '" +
-                               bad + "'");
+        const RunResult r =
+            Shell(kVsdm + " run " + home.sub("job.json") + " --out " + home.sub("x") + " --streams '" + bad + "'");
         EXPECT_EQ(r.status, 64) << bad << ": " << r.output;
         EXPECT_NE(r.output.find("--streams must be a whole number from 1 to 64"), std::string::npos) << r.output;
     }

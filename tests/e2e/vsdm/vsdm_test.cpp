@@ -12,21 +12,21 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <map>
-#include <csignal>
 #include <fcntl.h>
-#include <fstream>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
 
 namespace {
 
@@ -34,15 +34,17 @@ using vstest::RunResult;
 using vstest::Shell;
 using vstest::Vsdm;
 
-
 nlohmann::json With(nlohmann::json doc, const std::string& key, const nlohmann::json& value) {
     doc[key] = value;
     return doc;
 }
 
 TEST(VsdmJobFile, MistakesNameTheirField) {
-    const nlohmann::json good = {{"jobId", 7},        {"appId", {3, 17}}, {"mediaAgent", "ma01"},
-                                 {"archiveFiles", {1207}}, {"items", {{{"path", "vm"}}}}};
+    const nlohmann::json good = {{"jobId", 7},
+                                 {"appId", {3, 17}},
+                                 {"mediaAgent", "ma01"},
+                                 {"archiveFiles", {1207}},
+                                 {"items", {{{"path", "vm"}}}}};
     EXPECT_NO_THROW(vsdm::ParseJob(good.dump(), "j", "/base"));
     const auto job = vsdm::ParseJob(With(With(good, "out", "s.bin"), "home", "h").dump(), "j", "/base");
     EXPECT_EQ(job.out, "/base/s.bin");
@@ -79,8 +81,8 @@ TEST(VsdmRun, ExitStatusesAndTheStreamOnStandardOutput) {
     std::ofstream(home.sub("ok.json")) << job.dump();
 
     // The stream can be piped; the summary goes to stderr.
-    RunResult r = Shell(Vsdm() + " run " + home.sub("ok.json") + " --out - 2>" + home.sub("err.txt") + " | '" VSSTREAM_TOOL
-                     "' verify -");
+    RunResult r = Shell(Vsdm() + " run " + home.sub("ok.json") + " --out - 2>" + home.sub("err.txt") +
+                        " | '" VSSTREAM_TOOL "' verify -");
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("complete:"), std::string::npos) << r.output;
 
@@ -132,7 +134,7 @@ TEST(VsdmRun, StopSignalEndsTheStreamCleanlyButIncomplete) {
 
     std::ofstream(home.sub("stopped.bin"), std::ios::binary) << stream;
     const RunResult verify = Shell("'" VSSTREAM_TOOL "' verify " + home.sub("stopped.bin"));
-    EXPECT_EQ(verify.status, 2) << verify.output;   // incomplete, not corrupt
+    EXPECT_EQ(verify.status, 2) << verify.output;  // incomplete, not corrupt
     const RunResult fullList = Shell("'" VSSTREAM_TOOL "' list " + home.sub("full.bin"));
     const RunResult stoppedList = Shell("'" VSSTREAM_TOOL "' list " + home.sub("stopped.bin"));
     const auto extents = [](const std::string& listing) {
@@ -204,8 +206,10 @@ TEST(VsdmRun, AJobOfTwoHundredVMsBacksUpAndRestoresWhole) {
         vshost::StreamRecord rec;
         while (reader.Next(rec)) {
             if (auto* v = std::get_if<vshost::VMReadCompletedRecord>(&rec.body)) ++vmsDone[v->vmGuid];
-            if (auto* d = std::get_if<vshost::DiskReadCompletedRecord>(&rec.body)) ++disksDone[d->vmGuid + "\\" + d->diskName];
-            if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body); h && h->extentSize != 0) ++diskEntries[h->path];
+            if (auto* d = std::get_if<vshost::DiskReadCompletedRecord>(&rec.body))
+                ++disksDone[d->vmGuid + "\\" + d->diskName];
+            if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body); h && h->extentSize != 0)
+                ++diskEntries[h->path];
         }
         EXPECT_EQ(reader.state(), vshost::StreamReader::State::Complete);
         ::close(fd);
@@ -250,7 +254,8 @@ std::vector<std::pair<off_t, off_t>> DataRanges(const std::string& path) {
 
 // Same size, and the same bytes wherever either file holds data (elsewhere both read as zeros).
 bool SameSparseBytes(const std::string& a, const std::string& b) {
-    struct stat sa {}, sb {};
+    struct stat sa {
+    }, sb{};
     if (::stat(a.c_str(), &sa) != 0 || ::stat(b.c_str(), &sb) != 0 || sa.st_size != sb.st_size) return false;
     auto ranges = DataRanges(a);
     for (const auto& r : DataRanges(b)) ranges.push_back(r);
@@ -276,7 +281,7 @@ TEST(VsdmBenchSnapshot, ATebibyteDiskCostsItsDataNotItsSize) {
     vstest::TempHome scratch;
     const std::string home = scratch.sub("home"), job = scratch.sub("job.json"), image = scratch.sub("disk.img");
     RunResult r = Shell("'" MKSNAP_TOOL "' --home " + home + " --image " + image +
-                     " --make-image 1T --data 4M --runs 64 --job " + job);
+                        " --make-image 1T --data 4M --runs 64 --job " + job);
     ASSERT_EQ(r.status, 0) << r.output;
     constexpr uint64_t kExtent = 64 << 10;
     std::ofstream(home + "/settings.ini", std::ios::app) << "[VirtualServer]\nnVDiskExtentSizeKB=64\n";
@@ -294,11 +299,12 @@ TEST(VsdmBenchSnapshot, ATebibyteDiskCostsItsDataNotItsSize) {
     const std::string vmDisk = nlohmann::json::parse(ReadFile(job))["items"][0]["path"].get<std::string>();
     const std::string restored = scratch.sub("restore/" + vmDisk.substr(0, vmDisk.find('\\')) + "/img01.img");
     EXPECT_TRUE(SameSparseBytes(restored, image));
-    struct stat ri {}, si {};
+    struct stat ri {
+    }, si{};
     ASSERT_EQ(::stat(restored.c_str(), &ri), 0);
     ASSERT_EQ(::stat(image.c_str(), &si), 0);
     EXPECT_EQ(ri.st_size, off_t{1} << 40);
-    EXPECT_LE(ri.st_blocks, si.st_blocks + 64);   // zeros inside the extents stay holes
+    EXPECT_LE(ri.st_blocks, si.st_blocks + 64);  // zeros inside the extents stay holes
 }
 
 // What bench/peers runs: vsdm over a snapshot that mksnap makes around a raw image.

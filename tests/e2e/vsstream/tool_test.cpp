@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <sys/wait.h>
+#include <filesystem>
 
 using namespace vstest;
 
@@ -56,7 +56,7 @@ TEST(StreamTool, VerifyListAndRestoreFromStandardInput) {
     EXPECT_EQ(ReadFile(home.sub("out/vm1/vm1.vmx")), "x = 1\n");
     r = Tool(home, "restore - --to " + home.sub("out2") + " <" + home.sub("cut.stream"));
     EXPECT_EQ(r.code, 2);
-    EXPECT_TRUE(ReadFile(home.sub("out2/vm1/disk0")) == disk);   // all that was whole is restored
+    EXPECT_TRUE(ReadFile(home.sub("out2/vm1/disk0")) == disk);  // all that was whole is restored
 }
 
 // Every wrong command line ends with the one usage status; help is not an error.

@@ -10,9 +10,9 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <filesystem>
 #include <sstream>
-#include <sys/wait.h>
 
 using namespace vstest;
 namespace fs = std::filesystem;
@@ -37,7 +37,7 @@ void ReadDisk(const std::string& path, const std::string& base, const std::map<u
     namespace ct = vshost::changetrack;
     if (!base.empty()) {
         ct::Store(base, {3 * kExtent, kExtent, {}});
-        ASSERT_TRUE(ct::Load(base));   // as the disk reader does when it opens the disk
+        ASSERT_TRUE(ct::Load(base));  // as the disk reader does when it opens the disk
     }
     StreamFile s(path);
     SendVM(s.writer, "vm1");
@@ -74,8 +74,9 @@ TEST(StreamTrust, AWholeDiskReadThatLeftExtentsOutIsIncomplete) {
         ReadDisk(stream, c.base, c.before, c.pass, "cid-1");
         ToolRun r = Tool(home, "verify " + stream);
         EXPECT_EQ(r.code, c.incomplete ? 2 : 0) << c.name << r.err;
-        const bool said = r.out.find("disk \\vm1\\disk0: incomplete, marked read, but its read of the whole disk sent 1 "
-                                     "of its 3 extents") != std::string::npos;
+        const bool said = r.out.find(
+                              "disk \\vm1\\disk0: incomplete, marked read, but its read of the whole disk sent 1 "
+                              "of its 3 extents") != std::string::npos;
         EXPECT_EQ(said, c.incomplete) << c.name << "\n" << r.out;
         r = Tool(home, "list " + stream);
         EXPECT_EQ(r.out.find("INCOMPLETE") != std::string::npos, c.incomplete) << c.name << "\n" << r.out;
@@ -116,9 +117,9 @@ TEST(StreamTrust, AnIncrementalOntoTheWrongBaseIsRefused) {
     EXPECT_TRUE(ReadFile(image) == a + c + a);
     EXPECT_EQ(ReadFile(sidecar), "cid-10\n");
     // A new restore records no change id: an incremental alone is no disk.
-    EXPECT_EQ(Tool(home, "restore " + home.sub("incr-1.stream") + " --to " + home.sub("r2")).code, vsstream::kExitCorrupt);
+    EXPECT_EQ(Tool(home, "restore " + home.sub("incr-1.stream") + " --to " + home.sub("r2")).code,
+              vsstream::kExitCorrupt);
 }
-
 
 // Extents past a disk's end are corrupt and never grow the image; a target that fails a
 // write ends the restore with one line, without reading the rest of the stream.
@@ -133,7 +134,7 @@ TEST(StreamTrust, CraftedExtentsAndAFullTarget) {
         ASSERT_EQ(s.writer.sendEOF(true, 0), 0);
         SendExtents(s.writer, "vm1", "disk0",
                     {{0, disk.substr(0, kExtent)}, {2, Pattern(kExtent, 9)}, {7, Pattern(kExtent, 8)}});
-        SendExtents(s.writer, "vm1", "disk0", {{1, std::string(2 * kExtent, '\0')}});   // a hole too long
+        SendExtents(s.writer, "vm1", "disk0", {{1, std::string(2 * kExtent, '\0')}});  // a hole too long
         ASSERT_EQ(s.writer.close(true), 0);
     }
     ToolRun r = Tool(home, "verify " + home.sub("past.stream"));
@@ -154,12 +155,11 @@ TEST(StreamTrust, CraftedExtentsAndAFullTarget) {
         for (int i = 0; i < 20; ++i) SendConfig(s.writer, "vm1", "log" + std::to_string(i), Pattern(8192, 5));
         ASSERT_EQ(s.writer.close(true), 0);
     }
-    WriteFile(home.sub("big.stream"), ReadFile(home.sub("big.stream")) + "tail");   // read whole, it is corrupt
+    WriteFile(home.sub("big.stream"), ReadFile(home.sub("big.stream")) + "tail");  // read whole, it is corrupt
     r = Tool(home, "restore " + home.sub("big.stream") + " --to " + home.sub("r2"), "trap '' XFSZ; ulimit -f 64; ");
     EXPECT_EQ(r.code, vsstream::kExitCorrupt) << r.out << r.err;
     EXPECT_EQ(Lines(r.err), 1u) << r.err;
-    EXPECT_NE(r.err.find("cannot write \\vm1\\vm1.nvram: File too large; restore stopped"), std::string::npos)
-        << r.err;
+    EXPECT_NE(r.err.find("cannot write \\vm1\\vm1.nvram: File too large; restore stopped"), std::string::npos) << r.err;
     EXPECT_FALSE(fs::exists(home.sub("r2/vm1/log0")));
 }
 
@@ -180,7 +180,7 @@ TEST(StreamTrust, CompletedDisksAreRecordedOnlyOnceTheStreamIsDurable) {
         EXPECT_TRUE(log.Contains(line)) << line;
         EXPECT_EQ(vshost::changetrack::JobDisks(91).size(), 1u);
     }
-    {   // a pipe: nothing to sync, the job goes on as before
+    {  // a pipe: nothing to sync, the job goes on as before
         int fds[2];
         ASSERT_EQ(pipe(fds), 0);
         auto pipe = CPipelayer::OpenFd(fds[1]);
@@ -210,7 +210,7 @@ TEST(StreamTrust, ADiskAndAConfigFileOfTheSameNameAreBothRestored) {
     const std::string disk = Pattern(2 * kExtent, 7), config = "nvram bytes";
     struct Case {
         const char* name;
-        bool describedFirst;   // the extent reader describes its disks before any file
+        bool describedFirst;  // the extent reader describes its disks before any file
         const char *diskAt, *configAt;
     };
     for (const Case& c : {Case{"described", true, "vm.nvram", "vm.nvram.config"},

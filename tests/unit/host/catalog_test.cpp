@@ -1,8 +1,8 @@
 // Catalog and the managers that answer the plug-in from it.
+#include "vshost/catalog.h"
 #include "hostapi/appmgr.h"
 #include "hostapi/armgr.h"
 #include "temp_home.h"
-#include "vshost/catalog.h"
 
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ SHostCredentials Cred(const std::string& host, const std::string& server, const 
 }  // namespace
 
 TEST(CatalogTest, ClientsAndMissingHome) {
-    vshost::CloseHome();   // also rules out a $VSHOST_HOME of the caller
+    vshost::CloseHome();  // also rules out a $VSHOST_HOME of the caller
     unsigned long id = 55;
     std::vector<SHostCredentials> hosts;
     GetAfileInfoRetCC_t answer;
@@ -36,7 +36,7 @@ TEST(CatalogTest, ClientsAndMissingHome) {
 
     vstest::TempHome home;
     vshost::Catalog().AddClient(7, "VmProxy01");
-    vshost::Catalog cat;   // a second open finds schema and data in place
+    vshost::Catalog cat;  // a second open finds schema and data in place
     EXPECT_EQ(cat.ClientId("vmPROXY01"), 7ul);
     EXPECT_THROW(cat.AddClient(9, "VMPROXY01"), std::runtime_error);
     EXPECT_EQ(KTClient(0, "VMPROXY01", false, 0).getClientId(id), 0);
@@ -64,7 +64,7 @@ TEST(CatalogTest, CredentialsKeepOrderAndDecrypt) {
     cat.AddCredential(1, 2, Cred("h3", "esx03", ""));
     auto stored = cat.Credentials(1, 2);
     ASSERT_EQ(stored.size(), 3u);
-    EXPECT_NE(stored[0].sPassword, "pw-one");   // kept encrypted
+    EXPECT_NE(stored[0].sPassword, "pw-one");  // kept encrypted
     auto forServer = cat.CredentialsForServer("vc01");
     ASSERT_EQ(forServer.size(), 2u);
     EXPECT_EQ(forServer[1].sHost, "hx");
@@ -75,11 +75,11 @@ TEST(CatalogTest, CredentialsKeepOrderAndDecrypt) {
     vsAppMgrServerCredentials server;
     std::vector<SHostCredentials> hosts = {Cred("stale", "", "")};
     ASSERT_EQ(mgr.getCredentials(&server, hosts), 0);
-    EXPECT_EQ(hosts, (std::vector{Cred("h1", "vc01", "pw-one"), Cred("h2", "esx02", "pw-two", 2),
-                                  Cred("h3", "esx03", "")}));
+    EXPECT_EQ(hosts,
+              (std::vector{Cred("h1", "vc01", "pw-one"), Cred("h2", "esx02", "pw-two", 2), Cred("h3", "esx03", "")}));
     EXPECT_EQ(server.sServer + " " + server.sUser + " " + server.sPassword, "vc01 u-h1 pw-one");
 
-    mgr.setAppId(4, 4);   // an application without records is no error
+    mgr.setAppId(4, 4);  // an application without records is no error
     EXPECT_FALSE(mgr.isUseIndexingV2Enabled());
     EXPECT_EQ(mgr.getCredentials(&server, hosts), 0);
     EXPECT_TRUE(hosts.empty());
@@ -88,9 +88,9 @@ TEST(CatalogTest, CredentialsKeepOrderAndDecrypt) {
 TEST(CatalogTest, UndecryptablePasswordFailsWholeList) {
     vstest::TempHome first;
     vshost::Catalog().AddCredential(1, 2, Cred("h1", "vc01", "pw"));
-    vstest::TempHome second;   // another key
+    vstest::TempHome second;  // another key
     std::filesystem::copy_file(first.sub("catalog.db"), second.sub("catalog.db"),
-                                 std::filesystem::copy_options::overwrite_existing);
+                               std::filesystem::copy_options::overwrite_existing);
     vshost::LogCapture cap;
     vsAppMgr mgr;
     mgr.setAppId(1, 2);
@@ -103,7 +103,7 @@ TEST(CatalogTest, UndecryptablePasswordFailsWholeList) {
 TEST(CatalogTest, ArchiveFilesAndCopies) {
     vstest::TempHome home;
     vshost::Catalog cat;
-    const uint64_t bigId = 0xFFFFFFFF00000001ull;   // beyond SQLite's signed range
+    const uint64_t bigId = 0xFFFFFFFF00000001ull;  // beyond SQLite's signed range
     cat.AddArchiveFile({bigId, 2, 123456789012ll, "AF_1", "/vol/ds1", 54, 88, "ds1"});
     cat.AddCopy(10, 2, 3);
     GetAfileInfoReq req;
@@ -128,11 +128,12 @@ TEST(CatalogTest, ConcurrentWritersKeepEveryCredential) {
     for (int t = 0; t < 4; ++t)
         writers.emplace_back([t] {
             vshost::Catalog mine;
-            for (int i = 0; i < 10; ++i) mine.AddCredential(1, 2, Cred("t" + std::to_string(t), std::to_string(i), "p"));
+            for (int i = 0; i < 10; ++i)
+                mine.AddCredential(1, 2, Cred("t" + std::to_string(t), std::to_string(i), "p"));
         });
     for (auto& w : writers) w.join();
     auto all = vshost::Catalog().Credentials(1, 2);
     ASSERT_EQ(all.size(), 40u);
-    std::map<std::string, int> next;   // each writer's records in the order it added them
+    std::map<std::string, int> next;  // each writer's records in the order it added them
     for (const auto& c : all) EXPECT_EQ(c.sServer, std::to_string(next[c.sHost]++));
 }

@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <cerrno>
 #include <fstream>
-#include <unistd.h>
 
 namespace {
 using Parts = std::vector<std::string>;
@@ -23,7 +23,7 @@ TEST(StringTest, TokenizeAndFormat) {
     EXPECT_EQ(Split("12|"), (Parts{"12", ""}));
     EXPECT_EQ(Split("a||b"), (Parts{"a", "", "b"}));
     EXPECT_EQ(CQiString::Format("{1}/x/{1}", "ab"), "ab/x/ab");
-    EXPECT_EQ(CQiString::Format("<{1}>", "{1}{1}"), "<{1}{1}>");   // argument inserted as is
+    EXPECT_EQ(CQiString::Format("<{1}>", "{1}{1}"), "<{1}{1}>");  // argument inserted as is
     const std::string big(5000, 'q');
     EXPECT_EQ(FXString::Format("%s-%d", big.c_str(), 42), big + "-42");
 }
@@ -39,8 +39,8 @@ TEST(PathTest, DelimitersJoinAndBaseName) {
     EXPECT_EQ(FXPath::Join("/a/", "/b"), "/a/b");
     EXPECT_EQ(FXPath::Join("/", "b"), "/b");
     EXPECT_EQ(FXPath::Join("", "b"), "b");
-    for (auto [path, base] : {std::pair{"/jr/12345/", "12345"}, {"/jr/12345", "12345"}, {"name//", "name"},
-                              {"/", "/"}, {"", ""}})
+    for (auto [path, base] :
+         {std::pair{"/jr/12345/", "12345"}, {"/jr/12345", "12345"}, {"name//", "name"}, {"/", "/"}, {"", ""}})
         EXPECT_EQ(CQiPath::GetBaseName(path), base) << path;
 }
 
@@ -48,13 +48,13 @@ TEST(DirectoryTest, CreateClassifyDelete) {
     vstest::TempHome home;
     const std::string deep = home.sub("x/y/z");
     EXPECT_FALSE(FXFolder::Create(deep, 0750).IsError());
-    EXPECT_FALSE(FXFolder::Create(deep + "/", 0750).IsError());   // already there
+    EXPECT_FALSE(FXFolder::Create(deep + "/", 0750).IsError());  // already there
     EXPECT_TRUE(FXFolder::DoesFolderExist(deep));
     const std::string file = home.sub("x/file");
     std::ofstream(file) << "data";
     EXPECT_EQ(FXFolder::Create(file + "/sub").Errno(), ENOTDIR);
 
-    const std::string dangling = home.sub("x/dangling");   // occupies its name, is no file
+    const std::string dangling = home.sub("x/dangling");  // occupies its name, is no file
     ASSERT_EQ(symlink(home.sub("nowhere").c_str(), dangling.c_str()), 0);
     EXPECT_TRUE(CQiPath::Exists(dangling) && !CQiPath::IsFile(dangling));
     EXPECT_FALSE(CQiFile::Delete(file).IsError());
@@ -75,7 +75,7 @@ TEST(DirectoryTest, RecursiveRemoveStaysInsideTree) {
     ASSERT_EQ(symlink((outside + "/precious").c_str(), (tree + "/to_file").c_str()), 0);
 
     EXPECT_EQ(CQiDirectory::Remove(tree, false).Errno(), ENOTEMPTY);
-    const std::string link = home.sub("link_to_outside");   // a link named as the folder
+    const std::string link = home.sub("link_to_outside");  // a link named as the folder
     ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
     EXPECT_TRUE(CQiDirectory::Remove(link, true).IsError());
 

@@ -1,9 +1,9 @@
 // Index client over the remote cache, the backup XML file, VM clients of subclients, and
 // the folder and path helpers they use.
+#include "hostapi/indexclient.h"
 #include "hostapi/appclient.h"
 #include "hostapi/appmgr.h"
 #include "hostapi/fileutil.h"
-#include "hostapi/indexclient.h"
 #include "hostapi/xmlfile.h"
 #include "temp_home.h"
 #include "vshost/catalog.h"
@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
@@ -20,7 +21,6 @@
 #include <limits>
 #include <set>
 #include <string>
-#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
@@ -68,13 +68,13 @@ TEST_F(HostIndexTest, AppendAndCreateFolder) {
     FXPath::Append(out, "/jr", "backup_1.xml", 0);
     EXPECT_EQ(out, "/jr/backup_1.xml");
     std::string same = "/jr";
-    FXPath::Append(same, same, "f", 0);   // output may be the folder argument itself
+    FXPath::Append(same, same, "f", 0);  // output may be the folder argument itself
     EXPECT_EQ(same, "/jr/f");
 
     EXPECT_EQ(CQiDirectory::Create(home.sub("a/b/c").c_str(), false).Errno(), ENOENT);
     EXPECT_FALSE(CQiDirectory::Create(home.sub("a/b/c").c_str(), true).IsError());
     EXPECT_TRUE(fs::is_directory(home.sub("a/b/c")));
-    EXPECT_FALSE(CQiDirectory::Create(home.sub("a/b/c").c_str(), false).IsError());   // already there
+    EXPECT_FALSE(CQiDirectory::Create(home.sub("a/b/c").c_str(), false).IsError());  // already there
     EXPECT_FALSE(CQiDirectory::Create(home.sub("a/b/d").c_str(), false).IsError());
     EXPECT_TRUE(fs::is_directory(home.sub("a/b/d")));
     WriteFile(home.sub("a/file"), "x");
@@ -101,7 +101,7 @@ TEST_F(HostIndexTest, BackupXmlRoundTrip) {
 
     const std::string path = home.sub("JobResults/backup_4711.xml");
     ASSERT_TRUE(vsXMLFile(path).Save(out));
-    EXPECT_EQ(Names(home.sub("JobResults")), std::set<std::string>{"backup_4711.xml"});   // no temporary left
+    EXPECT_EQ(Names(home.sub("JobResults")), std::set<std::string>{"backup_4711.xml"});  // no temporary left
 
     // Loading replaces what the message held.
     CNMessageBase in(26, 13);
@@ -176,13 +176,14 @@ TEST_F(HostIndexTest, BackupXmlLoadFailures) {
     EXPECT_TRUE(log.Contains("[" + dir + "absent.xml]: open: No such file or directory"));
     EXPECT_FALSE(vsXMLFile(dir).Load(&msg));
     EXPECT_TRUE(log.Contains("[" + dir + "]: not a regular file"));
-    ASSERT_EQ(mkfifo((dir + "fifo.xml").c_str(), 0600), 0);   // must not block
+    ASSERT_EQ(mkfifo((dir + "fifo.xml").c_str(), 0600), 0);  // must not block
     EXPECT_FALSE(vsXMLFile(dir + "fifo.xml").Load(&msg));
     EXPECT_FALSE(vsXMLFile(dir + "absent.xml").Load(nullptr));
 
     // Absent numbers read as 0, unknown elements and attributes are skipped.
-    WriteFile(dir + "lean.xml", "<SnapBackupInfo><Note/><Backup><Datastore><VM guid=\"g\" extra=\"1\"/><Disk/>"
-                                "</Datastore></Backup></SnapBackupInfo>");
+    WriteFile(dir + "lean.xml",
+              "<SnapBackupInfo><Note/><Backup><Datastore><VM guid=\"g\" extra=\"1\"/><Disk/>"
+              "</Datastore></Backup></SnapBackupInfo>");
     ASSERT_TRUE(vsXMLFile(dir + "lean.xml").Load(&msg));
     ASSERT_EQ(msg.backupList.size(), 1u);
     const VirtualServer::VMInfo& vm = msg.backupList.front().datastoreList.front().vmInfoList.front();
@@ -236,13 +237,12 @@ TEST_F(HostIndexTest, VMClientOfSubclient) {
 
 TEST_F(HostIndexTest, DownloadNamedFilesFromRemoteCache) {
     WriteFile(Cache("SC-GUID/4711/backup_4711.xml"), "<xml/>");
-    WriteFile(Cache("SC-GUID/4711/second.dat"), std::string(200000, 'z'));   // more than one read buffer
+    WriteFile(Cache("SC-GUID/4711/second.dat"), std::string(200000, 'z'));  // more than one read buffer
     WriteFile(Cache("SC-GUID/4712/other.xml"), "other job");
     vsIndexClient client(nullptr, nullptr, "ma1");
     const std::string dest = home.sub("JobResults/4711/sub");
 
-    EXPECT_EQ(client.DownloadMetadataFilesFromRemoteCache({"backup_4711.xml", "second.dat"}, dest, 4711, "SC-GUID",
-                                                          ""),
+    EXPECT_EQ(client.DownloadMetadataFilesFromRemoteCache({"backup_4711.xml", "second.dat"}, dest, 4711, "SC-GUID", ""),
               1);
     EXPECT_EQ(ReadFile(dest + "/backup_4711.xml"), "<xml/>");
     EXPECT_EQ(ReadFile(dest + "/second.dat"), std::string(200000, 'z'));
@@ -256,8 +256,7 @@ TEST_F(HostIndexTest, DownloadNamedFilesFromRemoteCache) {
     // One missing file fails the whole download before anything is copied.
     const std::string fresh = home.sub("JobResults/fresh");
     log.Clear();
-    EXPECT_EQ(client.DownloadMetadataFilesFromRemoteCache({"second.dat", "absent.xml"}, fresh, 4711, "SC-GUID", ""),
-              0);
+    EXPECT_EQ(client.DownloadMetadataFilesFromRemoteCache({"second.dat", "absent.xml"}, fresh, 4711, "SC-GUID", ""), 0);
     EXPECT_FALSE(fs::exists(fresh + "/second.dat"));
     EXPECT_TRUE(log.Contains("file [absent.xml] is not in the remote cache [" + Cache("SC-GUID/4711") + "]"));
     // Files of another job or subclient are not found.
@@ -312,7 +311,7 @@ TEST_F(HostIndexTest, DownloadVMMetadataFiles) {
     ctx.nJobId = 700;
     const std::string dest = home.sub("JobResults/VM-A_SnapCache");
     ASSERT_TRUE(client.DownloadVMMetadataFiles(ctx, dest));
-    EXPECT_EQ(Names(dest), (std::set<std::string>{"disk0.meta", "vm.cfg"}));   // no dot files, no folders
+    EXPECT_EQ(Names(dest), (std::set<std::string>{"disk0.meta", "vm.cfg"}));  // no dot files, no folders
     EXPECT_EQ(ReadFile(dest + "/vm.cfg"), "config");
 
     // The backup job id falls back to the snapshot's job, then to the context's job.
@@ -343,7 +342,7 @@ TEST_F(HostIndexTest, DownloadVMMetadataFiles) {
 
     // The subclient GUID comes from the application manager.
     vsAppMgr otherApp;
-    otherApp.setAppId(1, 3);   // unknown application: no subclient GUID
+    otherApp.setAppId(1, 3);  // unknown application: no subclient GUID
     ctx.sVMName = "VM-A";
     EXPECT_FALSE(vsIndexClient(&jobMgr, &otherApp, "ma1").DownloadVMMetadataFiles(ctx, home.sub("JobResults/o")));
     EXPECT_FALSE(vsIndexClient(&jobMgr, nullptr, "ma1").DownloadVMMetadataFiles(ctx, home.sub("JobResults/o")));

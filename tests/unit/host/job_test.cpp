@@ -9,8 +9,8 @@
 
 #include <cstdio>
 #include <stdexcept>
-#include <utility>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -63,7 +63,8 @@ TEST(JobFile, NumbersOutOfRangeAreRefusedNotWrapped) {
         {R"({"jobId": 18446744073709551615})", "field \"jobId\""},
         {R"({"jobId": 1, "appId": [3, -9]})", "field \"appId[1]\""},
         {R"({"jobId": 1, "taskOptions": {"4294967373": "vc1"}})", "field \"taskOptions.4294967373\""},
-        {R"({"jobId": 1, "eventOptions": {"99999999999999999999": true}})", "field \"eventOptions.99999999999999999999\""},
+        {R"({"jobId": 1, "eventOptions": {"99999999999999999999": true}})",
+         "field \"eventOptions.99999999999999999999\""},
         {R"({"jobId": 1, "jobOptions": {"restoreOptions": {"lookupInstanceFromTask": 4294967297}}})",
          "field \"jobOptions.restoreOptions.lookupInstanceFromTask\""},
     };
@@ -81,7 +82,7 @@ TEST(JobFile, RegisteredJobAnswersTaskEventAndJobOptions) {
 
     char buffer[1024];
     ASSERT_NE(SchedularInterfaceNet::GetTaskOptionString(77001, KT_TASKOPT_RST_SERVER_NAME, buffer, sizeof buffer), 0);
-    EXPECT_EQ(std::string(buffer), std::string(1023, 'v'));   // cut to the buffer, terminated
+    EXPECT_EQ(std::string(buffer), std::string(1023, 'v'));  // cut to the buffer, terminated
     EXPECT_EQ(SchedularInterfaceNet::GetTaskOptionString(77001, KT_TASKOPT_RST_USER_NAME, buffer, sizeof buffer), 0);
     EXPECT_EQ(SchedularInterfaceNet::GetTaskOptionString(1, KT_TASKOPT_RST_SERVER_NAME, buffer, sizeof buffer), 0);
 
@@ -106,7 +107,8 @@ TEST(JobFile, RegisteredJobAnswersTaskEventAndJobOptions) {
 // The password tool reads standard input and prints a form this home decrypts.
 TEST(PasswordTool, StoredFormDecryptsUnderTheHomesKey) {
     vstest::TempHome home;
-    const std::string command = std::string("printf '%s' 'p@ss word' | ") + VS_PASSWD_TOOL + " --home '" + home.path() + "'";
+    const std::string command =
+        std::string("printf '%s' 'p@ss word' | ") + VS_PASSWD_TOOL + " --home '" + home.path() + "'";
     FILE* out = popen(command.c_str(), "r");
     ASSERT_NE(out, nullptr);
     char line[512] = {};

@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,7 +20,9 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-int Raise(KTJobClient& c, int causeId) { return c.setPendingCauseAndEvent(causeId, 3, 0, false, 300, false, 0, 0, 0, 0); }
+int Raise(KTJobClient& c, int causeId) {
+    return c.setPendingCauseAndEvent(causeId, 3, 0, false, 300, false, 0, 0, 0, 0);
+}
 
 TEST(JobClientTest, InitAcceptsOnlyTheCentralServer) {
     vstest::TempHome home;
@@ -47,7 +49,8 @@ TEST(JobClientTest, CausesCarryTheirArgumentsInOrderPerJob) {
 
     KTRstJobClient ready;
     ASSERT_TRUE(ready.init(hub, 100, 2, false, nullptr));
-    ready << "first" << "with \"quotes\", \\ and \xC3\xA9" << nullptr;
+    ready << "first"
+          << "with \"quotes\", \\ and \xC3\xA9" << nullptr;
     EXPECT_EQ(ready.setPendingCauseAndEvent(-7, 1, 2, true, 300, true, 4, 0xFFFFFFFFu, 6, 0xFFFFFFFEu), 0);
     // The arguments went with that cause only.
     EXPECT_EQ(Raise(ready, 0x5B000004), 0);
@@ -101,7 +104,7 @@ TEST(JobClientTest, CausesCarryTheirArgumentsInOrderPerJob) {
 
 TEST(JobClientTest, UnrecordableCauseIsLoggedNotThrown) {
     vshost::LogCapture log;
-    vshost::CloseHome();   // also rules out a $VSHOST_HOME of the caller
+    vshost::CloseHome();  // also rules out a $VSHOST_HOME of the caller
     KTRstJobClient c;
     c.init("anything", 42, 2, false, nullptr);
     c << "lost";
@@ -163,7 +166,7 @@ TEST(JobClientTest, ConcurrentProcessesRecordIntoOneJob) {
     vstest::TempHome home;
     constexpr int kProcesses = 3;
     constexpr int kEach = 25;
-    vshost::PendingCauses(8);   // the catalog exists before the race
+    vshost::PendingCauses(8);  // the catalog exists before the race
     std::vector<pid_t> pids;
     for (int p = 0; p < kProcesses; ++p) {
         const pid_t pid = fork();

@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <fstream>
 #include <regex>
-#include <unistd.h>
 
 namespace {
 std::vector<std::string> FileLines(const std::string& path) {
@@ -39,7 +39,7 @@ TEST(LogTest, LevelLimitComesFromDebugKey) {
 
     cap.Clear();
     vshost::settings::Set("Log", "nVSREADER", "2");
-    vshost::settings::Set("Log", "nOTHER", "3");   // another log's key does not count
+    vshost::settings::Set("Log", "nOTHER", "3");  // another log's key does not count
     KTlog(&h, 2, "level 2 now");
     KTlog(&h, 3, "level 3 still hidden");
     EXPECT_EQ(cap.Lines().size(), 1u);
@@ -64,7 +64,7 @@ TEST(LogTest, LinesReachLogFileWhole) {
     EXPECT_TRUE(lines[0].ends_with(" 0  big " + big + " end")) << lines[0].substr(0, 80);
     EXPECT_EQ(cap.Lines(), lines);
 
-    vshost::CloseHome();   // without a home, captures still get lines
+    vshost::CloseHome();  // without a home, captures still get lines
     KTlog(nullptr, 1, "no home");
     EXPECT_TRUE(cap.Contains("no home"));
     EXPECT_EQ(FileLines(home.sub("Log Files/vsreader.log")).size(), 1u);

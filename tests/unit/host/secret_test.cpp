@@ -5,16 +5,16 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <fstream>
 #include <random>
-#include <sys/stat.h>
 #include <thread>
 
 namespace {
 bool Decrypts(const std::string& stored) {
     std::string plain = "untouched";
     bool ok = vshost::DecryptSecret(stored, plain);
-    return ok || plain != "untouched";   // a failure must not write half a result
+    return ok || plain != "untouched";  // a failure must not write half a result
 }
 
 std::string KeyOf(const vstest::TempHome& home) {
@@ -27,7 +27,7 @@ TEST(SecretTest, RoundTripWithPrivateKeyFile) {
     vstest::TempHome home;
     std::vector<std::string> plains = {"p@ss w\xc3\xb6rd", "", std::string("a\0b", 3), std::string(3000, 'k')};
     std::vector<std::string> stored(plains.size());
-    std::vector<std::thread> threads;   // concurrent first use must agree on one key
+    std::vector<std::thread> threads;  // concurrent first use must agree on one key
     for (size_t i = 0; i < plains.size(); ++i)
         threads.emplace_back([&, i] { stored[i] = vshost::EncryptSecret(plains[i]); });
     for (auto& t : threads) t.join();
@@ -36,7 +36,7 @@ TEST(SecretTest, RoundTripWithPrivateKeyFile) {
         ASSERT_TRUE(vshost::DecryptSecret(stored[i], back)) << i;
         EXPECT_EQ(back, plains[i]);
     }
-    EXPECT_NE(vshost::EncryptSecret("same"), vshost::EncryptSecret("same"));   // fresh nonce
+    EXPECT_NE(vshost::EncryptSecret("same"), vshost::EncryptSecret("same"));  // fresh nonce
 
     struct stat sb {};
     ASSERT_EQ(stat(home.sub("keys/secret.key").c_str(), &sb), 0);
@@ -54,13 +54,13 @@ TEST(SecretTest, RejectsTamperedAndGarbageForms) {
     vstest::TempHome home;
     const std::string stored = vshost::EncryptSecret("secret");
     ASSERT_TRUE(Decrypts(stored));
-    for (size_t i = 0; i + 2 < stored.size(); i += 3) {   // base64 padding left alone
+    for (size_t i = 0; i + 2 < stored.size(); i += 3) {  // base64 padding left alone
         std::string bad = stored;
         bad[i] = bad[i] == 'A' ? 'B' : 'A';
         EXPECT_FALSE(Decrypts(bad)) << "changed at " << i;
     }
-    for (const std::string& bad : {stored.substr(0, stored.size() - 4), stored + "AAAA", stored + "!",
-                                   std::string(), std::string("AAAA"), std::string("not base64")})
+    for (const std::string& bad : {stored.substr(0, stored.size() - 4), stored + "AAAA", stored + "!", std::string(),
+                                   std::string("AAAA"), std::string("not base64")})
         EXPECT_FALSE(Decrypts(bad)) << bad;
     std::mt19937 rng(12345);
     for (int n = 0; n < 300; ++n) {
@@ -82,7 +82,7 @@ TEST(SecretTest, EachHomeHasItsOwnKey) {
     vshost::OpenHome(a.path());
     EXPECT_TRUE(Decrypts(fromA));
 
-    vshost::CloseHome();   // no home: nowhere to keep a key
+    vshost::CloseHome();  // no home: nowhere to keep a key
     EXPECT_THROW(vshost::EncryptSecret("pw"), std::runtime_error);
     EXPECT_FALSE(Decrypts(fromA));
     EXPECT_EQ(vsAppMgr::encryptPassword("pw"), "");

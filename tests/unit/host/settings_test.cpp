@@ -6,11 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
 #include <chrono>
 #include <fstream>
-#include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 std::string Get(const std::string& section, const std::string& key) {
@@ -31,7 +31,7 @@ TEST(HomeTest, LayoutSettingsFileAndSave) {
     EXPECT_EQ(sb.st_mode & 07777, 0700u);
     EXPECT_EQ(Get("Host", "sPhysicalMachine"), "ma01");
     EXPECT_EQ(Get("Host", "sEmpty"), "");
-    EXPECT_EQ(Get("host", "sPhysicalMachine"), "<absent>");   // case-sensitive
+    EXPECT_EQ(Get("host", "sPhysicalMachine"), "<absent>");  // case-sensitive
     EXPECT_EQ(Get("Host", "sphysicalmachine"), "<absent>");
 
     vshost::settings::Set("VirtualServer", "nEnable", "1");
@@ -60,7 +60,7 @@ TEST(HomeTest, MalformedSettingsNameFileAndLine) {
         } catch (const std::runtime_error& e) {
             EXPECT_NE(std::string(e.what()).find(bad.sub("settings.ini") + ":3"), std::string::npos) << e.what();
         }
-        EXPECT_EQ(vshost::HomeDir(), good.path());   // a failed open keeps the previous home
+        EXPECT_EQ(vshost::HomeDir(), good.path());  // a failed open keeps the previous home
     }
 }
 
@@ -79,8 +79,8 @@ TEST(HomeTest, FirstServiceUseOpensHomeFromEnvironment) {
     }
     EXPECT_EXIT(
         {
-            bool ok = KTPI_HubClient().getJobResultsDirectory("m") == dir + "/JobResults" &&
-                      vshost::HomeDir() == dir && CQiPath::IsDirectory(dir + "/Log Files");
+            bool ok = KTPI_HubClient().getJobResultsDirectory("m") == dir + "/JobResults" && vshost::HomeDir() == dir &&
+                      CQiPath::IsDirectory(dir + "/Log Files");
             std::_Exit(ok ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
@@ -127,7 +127,7 @@ TEST(PlatformTest, MachineNamesAndDirectories) {
     EXPECT_STREQ(hub.getHubServerHostName(), "ma01");
     vshost::settings::Set("Host", "sHubServerHostName", "hub01");
     EXPECT_STREQ(hub.getHubServerHostName(), "hub01");
-    vshost::settings::Set("Host", "sJobResultsDir", "");   // configured empty: none
+    vshost::settings::Set("Host", "sJobResultsDir", "");  // configured empty: none
     EXPECT_EQ(hub.getJobResultsDirectory("m"), "");
     vshost::settings::Set("Host", "sBaseDir", home.sub("missing"));
     EXPECT_EQ(base.getTesselDirectory(), nullptr);

@@ -23,10 +23,10 @@ TEST(SnapSrcOptions, DecodeRoundTripAndRejection) {
     EXPECT_EQ(decoded.diskInfo[1].startExtent, 42);
     EXPECT_EQ(decoded.mountDiskNames, options.mountDiskNames);
 
-    ASSERT_TRUE(decoded.Unserialize("<SnapSrcPathOptions><diskInfo diskName='a' startExtent='0x10'/></SnapSrcPathOptions>",
-                                    why));
+    ASSERT_TRUE(decoded.Unserialize(
+        "<SnapSrcPathOptions><diskInfo diskName='a' startExtent='0x10'/></SnapSrcPathOptions>", why));
     EXPECT_EQ(decoded.diskInfo.at(0).startExtent, 16);
-    EXPECT_EQ(decoded.useCBT, 0);   // nothing of the earlier decode is left
+    EXPECT_EQ(decoded.useCBT, 0);  // nothing of the earlier decode is left
 
     const char* bad[] = {
         "<SnapSrcPathOptions><diskInfo diskName='a' processed='1'/><diskInfo startExtent='x1'/></SnapSrcPathOptions>",
@@ -37,7 +37,7 @@ TEST(SnapSrcOptions, DecodeRoundTripAndRejection) {
     for (const char* xml : bad) {
         EXPECT_FALSE(decoded.Unserialize(xml, why)) << xml;
         EXPECT_FALSE(why.empty());
-        EXPECT_TRUE(decoded.diskInfo.empty()) << xml;   // read in full, never half-resumed
+        EXPECT_TRUE(decoded.diskInfo.empty()) << xml;  // read in full, never half-resumed
         EXPECT_EQ(decoded.useCBT, 0);
     }
 }

@@ -104,7 +104,7 @@ TEST_F(VDisk, SplitFlatDiskReadsAsOneDiskAndSkipsHoles) {
     std::vector<bool> bits;
     CAutoMemory<char> buffer;
     CArchiveVirtualDiskFile::Context_t ctx;
-    ASSERT_FALSE(disk.ReadBlock(buffer, 12, bits, ctx).IsError());   // the zero range
+    ASSERT_FALSE(disk.ReadBlock(buffer, 12, bits, ctx).IsError());  // the zero range
     EXPECT_EQ(buffer.Size(), kExtent);
     EXPECT_EQ(std::string(buffer.Ptr(), buffer.Size()), std::string(kExtent, '\0'));
     EXPECT_TRUE(CArchiveVirtualDiskFile::IsErrorEOF(disk.ReadBlock(buffer, 13, bits, ctx)));
@@ -121,7 +121,7 @@ TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
     for (uint64_t n : {1, 3, 4, 9}) Write(img, n * kExtent, kExtent, static_cast<uint32_t>(n));
     const std::string zeros(kExtent, '\0');
     {
-        const int fd = ::open(img.c_str(), O_RDWR);   // allocated, but all zeros
+        const int fd = ::open(img.c_str(), O_RDWR);  // allocated, but all zeros
         ASSERT_EQ(::pwrite(fd, zeros.data(), kExtent, 7 * kExtent), static_cast<ssize_t>(kExtent));
         ::close(fd);
     }
@@ -129,15 +129,15 @@ TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
     CArchiveVirtualDiskFile full(2);
     ASSERT_FALSE(full.Open(img, 2).IsError());
     const auto first = Pass(full);
-    EXPECT_EQ(first.size(), 5u);   // 1 3 4 7 9; 7 comes back as zeros
+    EXPECT_EQ(first.size(), 5u);  // 1 3 4 7 9; 7 comes back as zeros
     EXPECT_EQ(first.at(7), zeros);
     ASSERT_TRUE(ct::CommitCompletedPass("cid-1"));
-    EXPECT_FALSE(ct::CommitCompletedPass("cid-1"));   // taken once
+    EXPECT_FALSE(ct::CommitCompletedPass("cid-1"));  // taken once
     EXPECT_EQ(ct::Load("cid-1")->extents.size(), 4u);
 
-    Write(img, 3 * kExtent + 100, 10, 77);   // changed
-    Punch(img, 9 * kExtent, kExtent);         // data became a hole
-    Write(img, 12 * kExtent, 10, 78);         // new data
+    Write(img, 3 * kExtent + 100, 10, 77);  // changed
+    Punch(img, 9 * kExtent, kExtent);       // data became a hole
+    Write(img, 12 * kExtent, 10, 78);       // new data
     CArchiveVirtualDiskFile incr(2);
     incr.SetChangeId("cid-1");
     ASSERT_FALSE(incr.Open(img, 2).IsError());
@@ -176,10 +176,11 @@ TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
 // An image cut short after it was opened fails the pass, whether the cut falls among
 // its data or in its trailing hole and whichever call meets it first; later calls fail too.
 TEST_F(VDisk, AnImageCutShortWhileItIsReadFailsThePass) {
-    for (const bool flat : {false, true}) {   // raw image cut among its data; flat file cut in its trailing hole
+    for (const bool flat : {false, true}) {  // raw image cut among its data; flat file cut in its trailing hole
         const std::string image = File(flat ? "cut-flat.vmdk" : "cut.img", 16 * kExtent), path = home.sub("cut.vmdk");
         for (uint64_t n : {0, 1, 2, 10}) Write(image, n * kExtent, kExtent, 1);
-        if (flat) std::ofstream(path) << "# Disk DescriptorFile\nRW " << 16 * kExtent / 512 << " FLAT \"cut-flat.vmdk\"\n";
+        if (flat)
+            std::ofstream(path) << "# Disk DescriptorFile\nRW " << 16 * kExtent / 512 << " FLAT \"cut-flat.vmdk\"\n";
         CArchiveVirtualDiskFile disk(2);
         ASSERT_FALSE(disk.Open(flat ? path : image, 1).IsError());
         CArchiveVirtualDiskFile::Context_t ctx;
@@ -191,7 +192,8 @@ TEST_F(VDisk, AnImageCutShortWhileItIsReadFailsThePass) {
         ASSERT_EQ(::truncate(image.c_str(), static_cast<off_t>((flat ? 12 : 5) * kExtent)), 0);
         if (flat) disk.GetAllocatedExtentCount();
         CQiError err;
-        while (!(err = disk.GetNextBlock(buffer, n, bits, ctx)).IsError()) {}
+        while (!(err = disk.GetNextBlock(buffer, n, bits, ctx)).IsError()) {
+        }
         EXPECT_NE(err.AsString().find("cut short"), std::string::npos) << flat << " " << err.AsString();
         EXPECT_FALSE(CArchiveVirtualDiskFile::IsErrorEOF(disk.GetNextBlock(buffer, n, bits, ctx)));
     }
@@ -200,7 +202,7 @@ TEST_F(VDisk, AnImageCutShortWhileItIsReadFailsThePass) {
 // Under a VM mount every file of a disk is opened below its volume; a FIFO is refused
 // without waiting on it. A relative link that stays on the volume is followed.
 TEST_F(VDisk, DiskFilesAreOpenedBelowTheirVolumeOnly) {
-    alarm(120);   // a blocking open of a FIFO ends the test instead of hanging it
+    alarm(120);  // a blocking open of a FIFO ends the test instead of hanging it
     const std::string vol = home.sub("vol"), vm = vol + "/vm/", secret = File("secret-flat.vmdk", kExtent);
     std::filesystem::create_directories(vm);
     File("vol/vm/sound-flat.vmdk", kExtent);
@@ -214,20 +216,25 @@ TEST_F(VDisk, DiskFilesAreOpenedBelowTheirVolumeOnly) {
     ctx.volSnaps.resize(1);
     ctx.volSnaps[0].sMountPath = vol + "/";
     struct Case {
-        bool extent;   // `name` is the extent file of a descriptor, else the disk's path
+        bool extent;  // `name` is the extent file of a descriptor, else the disk's path
         std::string name;
-        const char* reason;   // none: opens
+        const char* reason;  // none: opens
     };
     const Case cases[] = {
-        {true, "sound-flat.vmdk", nullptr},        {false, vm + "inside.img", nullptr},
-        {true, secret, "absolute names and .."},   {true, "../../secret-flat.vmdk", "absolute names and .."},
-        {true, "link-flat.vmdk", "leads out of"},  {false, vol + "/out/secret-flat.vmdk", "leads out of"},
-        {false, vm + "absolute.img", "leads out of"}, {false, secret, "lies on none of the volumes"},
+        {true, "sound-flat.vmdk", nullptr},
+        {false, vm + "inside.img", nullptr},
+        {true, secret, "absolute names and .."},
+        {true, "../../secret-flat.vmdk", "absolute names and .."},
+        {true, "link-flat.vmdk", "leads out of"},
+        {false, vol + "/out/secret-flat.vmdk", "leads out of"},
+        {false, vm + "absolute.img", "leads out of"},
+        {false, secret, "lies on none of the volumes"},
         {true, "fifo-flat.vmdk", "not a regular file"},
     };
     for (const Case& c : cases) {
         const std::string path = c.extent ? vm + "d.vmdk" : c.name;
-        if (c.extent) std::ofstream(path) << "# Disk DescriptorFile\nRW " << kExtent / 512 << " FLAT \"" << c.name << "\"\n";
+        if (c.extent)
+            std::ofstream(path) << "# Disk DescriptorFile\nRW " << kExtent / 512 << " FLAT \"" << c.name << "\"\n";
         CArchiveVirtualDiskFile disk(2);
         disk.SetVMInfo(nullptr, "vm", "", &ctx, nullptr);
         const CQiError err = disk.Open(path, 1);
@@ -252,7 +259,7 @@ TEST_F(VDisk, LargeSparseDiskReadsInFlatMemory) {
             if (line.rfind(field, 0) == 0) return std::stoull(line.substr(std::string(field).size()));
         return 0ull;
     };
-    std::ofstream("/proc/self/clear_refs") << "5";   // restart the peak from here
+    std::ofstream("/proc/self/clear_refs") << "5";  // restart the peak from here
     const unsigned long long before = kb("VmRSS:");
     CArchiveVirtualDiskFile disk(2);
     ASSERT_FALSE(disk.Open(img, 2).IsError());
@@ -265,7 +272,7 @@ TEST_F(VDisk, LargeSparseDiskReadsInFlatMemory) {
         ++extents;
         bytes += buffer.Size();
     }
-    EXPECT_EQ(extents, 128u);   // each 1 MiB run straddles two extents
+    EXPECT_EQ(extents, 128u);  // each 1 MiB run straddles two extents
     EXPECT_EQ(disk.GetAllocatedExtentCount(), 128u);
     const unsigned long long peak = kb("VmHWM:");
     RecordProperty("peak_growth_kib", std::to_string(peak - std::min(peak, before)));

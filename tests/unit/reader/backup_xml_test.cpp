@@ -24,7 +24,7 @@ namespace {
 
 constexpr KTJobID kJobId = 123;
 constexpr int64_t kBackupJob = 4711;
-constexpr unsigned long kHubcell = 5;        // of the open; the application's own is 9
+constexpr unsigned long kHubcell = 5;  // of the open; the application's own is 9
 constexpr unsigned long kSubclient = 33;
 const char* const kSubclientGuid = "SC-GUID";
 const char* const kDownloadFn = "DataReaderVSBase::getSnapBackupXmlFromIndex";
@@ -267,7 +267,7 @@ TEST_F(BackupXmlTest, MissingOrMalformedBackupXml) {
     log.Clear();
     EXPECT_FALSE(r->GetVMClientInfo(ctx));
     EXPECT_EQ(log.Count("DataReaderVSBase::GetVMClientInfo:Failed to load file [" + path + "]"), 1u);
-    EXPECT_TRUE(log.Contains("cannot load [" + path + "]"));   // the host's reason
+    EXPECT_TRUE(log.Contains("cannot load [" + path + "]"));  // the host's reason
     EXPECT_EQ(ctx.nXmlVMValue, 11);
 
     std::ofstream(path, std::ios::trunc) << "<SnapBackupInfo><Backup><Datastore><VM guid=\"vm-a\" clientId=\"five\"/>"
@@ -301,7 +301,7 @@ TEST_F(BackupXmlTest, RemoteCacheFolder) {
     EXPECT_EQ(r->CreateTempMountPointDirectoryForRemoteCache("../victim"), "");
     EXPECT_EQ(r->CreateTempMountPointDirectoryForRemoteCache("../../elsewhere"), "");
     EXPECT_TRUE(log.Contains("Refusing remote cache folder"));
-    EXPECT_EQ(r->m_tempFolders.size(), 2u);   // web01 twice, nothing else
+    EXPECT_EQ(r->m_tempFolders.size(), 2u);  // web01 twice, nothing else
     r->m_tempFolders.push_back(home.sub("JobResults/JobID_1_Mount_x/../../victim_SnapCache"));
     fs::create_directories(home.sub("JobResults/JobID_1_Mount_x"));
 
@@ -338,8 +338,8 @@ TEST_F(BackupXmlTest, VMMountsUnderIndexingV2) {
         unsigned engine;
         const char* xml;
         int64_t backupJobId;
-    } cases[] = {{58, "backup_4711_vm-b.xml", kBackupJob}, {66, "backup_4711_vm-b.xml", kBackupJob},
-                 {0, "backup_4711.xml", 0}};
+    } cases[] = {
+        {58, "backup_4711_vm-b.xml", kBackupJob}, {66, "backup_4711_vm-b.xml", kBackupJob}, {0, "backup_4711.xml", 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.engine);
         fs::remove_all(home.sub("IndexCache"));
@@ -348,7 +348,7 @@ TEST_F(BackupXmlTest, VMMountsUnderIndexingV2) {
         ASSERT_EQ(r->Initialize(), 0);
         ASSERT_TRUE(r->PrepareVMInfoObject());
         MountCtx snap = SnapCtx();
-        snap.nSnapJobId = kBackupJob;   // where the cache keeps the VM of the other engines
+        snap.nSnapJobId = kBackupJob;  // where the cache keeps the VM of the other engines
         r->m_mountCtxs.push_back(snap);
         r->m_sJobResultsFolder = results;
         DataReaderVMCtx out;
@@ -364,7 +364,7 @@ TEST_F(BackupXmlTest, VMMountsUnderIndexingV2) {
 
         fs::create_directories(vmCache);
         std::ofstream(vmCache + "/vm-b.vmx") << "x";
-        EXPECT_EQ(r->MountVM("vm-b", out, {}), -1);   // the library has no snapshot mounted
+        EXPECT_EQ(r->MountVM("vm-b", out, {}), -1);  // the library has no snapshot mounted
         std::ifstream in(record);
         std::string line;
         ASSERT_TRUE(std::getline(in, line));

@@ -1,8 +1,8 @@
 // The extent reader end to end: items of a generated snapshot go through the real
 // reader, VM-info library, disk reader and archive writer; the stream is decoded and
 // the disks rebuilt from it.
-#include "probe.h"
 #include "open_sample.h"
+#include "probe.h"
 #include "temp_home.h"
 
 #include "vshost/home.h"
@@ -62,7 +62,7 @@ struct Stream {
     std::vector<vshost::DiskInfoRecord> infos;
     std::vector<vshost::DiskReadCompletedRecord> disksDone;
     std::vector<std::string> vmsDone;
-    std::vector<std::string> order;   // kinds, in stream order
+    std::vector<std::string> order;  // kinds, in stream order
     vshost::StreamReader::State state = vshost::StreamReader::State::Reading;
 
     const Entry* Find(const std::string& path) const {
@@ -205,7 +205,7 @@ TEST_F(Extents, WholeVMRoundTripsWithHolesAndChangeIds) {
     const auto firstConfig = std::find(s.order.begin(), s.order.end(), "data") - s.order.begin();
     size_t infosBefore = 0;
     for (long i = 0; i < firstConfig; ++i) infosBefore += s.order[static_cast<size_t>(i)] == "disk-info";
-    EXPECT_EQ(infosBefore, 3u);   // two disks, then the first configuration file's own
+    EXPECT_EQ(infosBefore, 3u);  // two disks, then the first configuration file's own
     ASSERT_EQ(s.disksDone.size(), 2u);
     for (const auto& done : s.disksDone) EXPECT_FALSE(done.changeId.empty());
     EXPECT_EQ(s.vmsDone, std::vector<std::string>{guid});
@@ -213,10 +213,17 @@ TEST_F(Extents, WholeVMRoundTripsWithHolesAndChangeIds) {
     // The whole record order of a VM read as a whole: its entry, every disk's
     // description, then per mount-info record a configuration file or a disk entry
     // with its extents and its completion, and the VM's completion.
-    const std::map<std::string, char> letter = {
-        {"stream-header", 'S'}, {"identity", 'I'}, {"file-header", 'F'}, {"data", 'D'}, {"hole", 'H'},
-        {"end-of-file", 'E'}, {"disk-info", 'N'}, {"volume-header", 'V'}, {"disk-read-completed", 'C'},
-        {"vm-read-completed", 'M'}, {"trailer", 'T'}};
+    const std::map<std::string, char> letter = {{"stream-header", 'S'},
+                                                {"identity", 'I'},
+                                                {"file-header", 'F'},
+                                                {"data", 'D'},
+                                                {"hole", 'H'},
+                                                {"end-of-file", 'E'},
+                                                {"disk-info", 'N'},
+                                                {"volume-header", 'V'},
+                                                {"disk-read-completed", 'C'},
+                                                {"vm-read-completed", 'M'},
+                                                {"trailer", 'T'}};
     std::string kinds;
     for (const std::string& k : s.order) kinds += letter.count(k) ? letter.at(k) : '?';
     EXPECT_TRUE(std::regex_match(kinds, std::regex("SFE(NV){2}(NFD*E|FE(F(D|H)E)*C)+MT"))) << kinds;
@@ -248,17 +255,21 @@ TEST_F(Extents, IncrementalCarriesOnlyChangesAndResumeCompletesAStoppedDisk) {
                   "incr.bin", &later),
               std::vector<int>{0});
     const Stream incr = Decode(home.sub("incr.bin"));
-    EXPECT_EQ(incr.Extents("\\" + guid + "\\web01.vmdk"), 2u);     // the changed one and the punched one
-    EXPECT_EQ(incr.Extents("\\" + guid + "\\web01_1.vmdk"), 0u);   // nothing changed
+    EXPECT_EQ(incr.Extents("\\" + guid + "\\web01.vmdk"), 2u);    // the changed one and the punched one
+    EXPECT_EQ(incr.Extents("\\" + guid + "\\web01_1.vmdk"), 0u);  // nothing changed
     // The same through vsstream: a fresh restore, then the incremental onto it.
     const std::string dir = home.sub("restored");
-    ASSERT_EQ(std::system(("'" VS_STREAM_TOOL "' restore " + home.sub("full.bin") + " --to " + dir + " >/dev/null").c_str()), 0);
-    struct stat st{};
+    ASSERT_EQ(
+        std::system(("'" VS_STREAM_TOOL "' restore " + home.sub("full.bin") + " --to " + dir + " >/dev/null").c_str()),
+        0);
+    struct stat st {};
     ASSERT_EQ(::stat((dir + "/" + guid + "/web01.vmdk").c_str(), &st), 0);
-    EXPECT_LT(static_cast<uint64_t>(st.st_blocks) * 512, static_cast<uint64_t>(st.st_size) / 2);   // holes stay holes
+    EXPECT_LT(static_cast<uint64_t>(st.st_blocks) * 512, static_cast<uint64_t>(st.st_size) / 2);  // holes stay holes
     EXPECT_EQ(ReadFile(dir + "/" + guid + "/web01.vmx"), ReadFile(web.folder + "/web01.vmx"));
     EXPECT_EQ(ReadFile(dir + "/" + guid + "/web01.vmdk.changeid"), ids["web01.vmdk"] + "\n");
-    ASSERT_EQ(std::system(("'" VS_STREAM_TOOL "' restore " + home.sub("incr.bin") + " --onto " + dir + " >/dev/null").c_str()), 0);
+    ASSERT_EQ(std::system(
+                  ("'" VS_STREAM_TOOL "' restore " + home.sub("incr.bin") + " --onto " + dir + " >/dev/null").c_str()),
+              0);
     for (const vssample::SampleDisk& d : later.vm("web01").disks)
         EXPECT_TRUE(ReadFile(dir + "/" + guid + "/" + d.name) == SourceDisk(d.path)) << d.name;
 
@@ -282,8 +293,7 @@ TEST_F(Extents, IncrementalCarriesOnlyChangesAndResumeCompletesAStoppedDisk) {
     ASSERT_EQ(Run({{guid, Options({{"web01.vmdk", "", "", 0, static_cast<int64_t>(last + 1)}})}}, "resumed.bin"),
               std::vector<int>{0});
     const Stream resumed = Decode(home.sub("resumed.bin"));
-    EXPECT_TRUE(resumed.Disk(guid, "web01.vmdk", stopped.Disk(guid, "web01.vmdk")) ==
-                SourceDisk(web.disks[0].path));
+    EXPECT_TRUE(resumed.Disk(guid, "web01.vmdk", stopped.Disk(guid, "web01.vmdk")) == SourceDisk(web.disks[0].path));
 }
 
 // A configuration file is copied as measured, in pieces of at most 32 KiB, under the
@@ -323,22 +333,24 @@ TEST_F(Extents, ItemForms) {
     const std::string guid = web.biosUuid;
     std::string third;
     ExtentNameConverter::GetFilePath(3 * (1 << 20) / kExtent, third);
-    const std::vector<int> results = Run({
-        {guid + "\\web01_1.vmdk", ""},                 // one disk
-        {guid + "\\web01.vmdk\\" + third, ""},         // one extent by its name
-        {guid + "\\web01.vmdk\\Extent0", ""},          // and by "Extent<N>"
-        {guid + "\\nosuch.vmdk", ""},                  // a disk the VM lacks
-        {guid + "\\web01_1.vmdk", ""},                 // the same path again
-        {guid + "\\a\\b\\c", ""},                      // four tokens
-        {guid, "<SnapSrcPathOptions><diskInfo"},       // undecodable options: read in full
-    }, "forms.bin");
+    const std::vector<int> results = Run(
+        {
+            {guid + "\\web01_1.vmdk", ""},            // one disk
+            {guid + "\\web01.vmdk\\" + third, ""},    // one extent by its name
+            {guid + "\\web01.vmdk\\Extent0", ""},     // and by "Extent<N>"
+            {guid + "\\nosuch.vmdk", ""},             // a disk the VM lacks
+            {guid + "\\web01_1.vmdk", ""},            // the same path again
+            {guid + "\\a\\b\\c", ""},                 // four tokens
+            {guid, "<SnapSrcPathOptions><diskInfo"},  // undecodable options: read in full
+        },
+        "forms.bin");
     EXPECT_EQ(results, (std::vector<int>{0, 0, 0, ~0, 0, ~0, 0}));
     const Stream s = Decode(home.sub("forms.bin"));
     EXPECT_TRUE(log.Contains("No items sent for [" + guid + "] [nosuch.vmdk]"));
     EXPECT_TRUE(log.Contains("Path:[" + guid + "\\web01_1.vmdk] already processed"));
     EXPECT_TRUE(log.Contains("Error parsing the VM Guid from the snap source path [" + guid + "\\a\\b\\c]"));
     EXPECT_TRUE(log.Contains("failed to decode VirtualServer::SnapSrcPathOptions"));
-    EXPECT_EQ(log.Count("Sending VM ["), 1u);   // one VM entry for all the items
+    EXPECT_EQ(log.Count("Sending VM ["), 1u);  // one VM entry for all the items
     ASSERT_TRUE(s.Find("\\" + guid + "\\web01.vmdk\\" + third));
     EXPECT_FALSE(s.Find("\\" + guid + "\\web01.vmdk\\" + third)->data.empty());
     ASSERT_TRUE(s.Find("\\" + guid + "\\web01.vmdk\\Extent0"));
@@ -347,9 +359,9 @@ TEST_F(Extents, ItemForms) {
 
     // Alternate names: disks under the names the options give, no configuration files;
     // a disk processed before is counted and not read.
-    const std::vector<int> alt = Run({{guid, Options({{"restored_a.vmdk", "web01.vmdk", "", 0, 0},
-                                                      {"restored_b.vmdk", "web01_1.vmdk", "", 1, 0}})}},
-                                     "alt.bin");
+    const std::vector<int> alt = Run(
+        {{guid, Options({{"restored_a.vmdk", "web01.vmdk", "", 0, 0}, {"restored_b.vmdk", "web01_1.vmdk", "", 1, 0}})}},
+        "alt.bin");
     EXPECT_EQ(alt, std::vector<int>{0});
     const Stream a = Decode(home.sub("alt.bin"));
     EXPECT_EQ(a.Disk(guid, "restored_a.vmdk"), SourceDisk(web.disks[0].path));
@@ -362,8 +374,8 @@ TEST_F(Extents, ItemForms) {
 TEST(ExtentNames, FixDiskNameCutsTheBackupMarkerUpToTheBracket) {
     const std::pair<std::string, std::string> cases[] = {
         {"[ds1_TL_BACKUP_77] vm/disk.vmdk", "[ds1] vm/disk.vmdk"},
-        {"[ds1_TL_BACKUP_] vm/a]b.vmdk", "[ds1] vm/a]b.vmdk"},      // the first bracket after it
-        {"[ds1_TL_BACKUP_77 vm/disk.vmdk", "[ds1_TL_BACKUP_77 vm/disk.vmdk"},   // no bracket after it
+        {"[ds1_TL_BACKUP_] vm/a]b.vmdk", "[ds1] vm/a]b.vmdk"},                 // the first bracket after it
+        {"[ds1_TL_BACKUP_77 vm/disk.vmdk", "[ds1_TL_BACKUP_77 vm/disk.vmdk"},  // no bracket after it
         {"a]_TL_BACKUP_x", "a]_TL_BACKUP_x"},
         {"[ds1] vm/disk.vmdk", "[ds1] vm/disk.vmdk"},
     };

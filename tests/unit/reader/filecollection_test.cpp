@@ -3,8 +3,8 @@
 // decoded and compared with the folder the disk is made of. Faults come from the host's
 // own fault settings or from changing the folder under the collection.
 #include "DataReaderVSFileCollection.h"
-#include "probe.h"
 #include "open_sample.h"
+#include "probe.h"
 #include "temp_home.h"
 
 #include "vshost/changetrack.h"
@@ -51,8 +51,10 @@ std::map<std::string, std::optional<std::string>> SourceTree(const std::string& 
     for (const auto& e : fs::recursive_directory_iterator(folder)) {
         std::string name = fs::relative(e.path(), folder).string();
         std::replace(name.begin(), name.end(), '/', '\\');
-        if (e.is_directory()) out[name] = std::nullopt;
-        else out[name] = ReadFile(e.path().string());
+        if (e.is_directory())
+            out[name] = std::nullopt;
+        else
+            out[name] = ReadFile(e.path().string());
     }
     return out;
 }
@@ -78,7 +80,7 @@ struct Node {
 
 struct Stream {
     std::vector<vshost::FileHeaderRecord> files;
-    std::vector<Node> nodes;   // collection headers, the disk's own included
+    std::vector<Node> nodes;  // collection headers, the disk's own included
     std::vector<vshost::DiskReadCompletedRecord> disksDone;
     vshost::StreamReader::State state = vshost::StreamReader::State::Reading;
 
@@ -93,8 +95,10 @@ struct Stream {
         for (const Node& n : nodes) {
             if (n.header.path.rfind(disk + "\\", 0) != 0) continue;
             const std::string name = n.header.path.substr(disk.size() + 1);
-            if (n.header.arg15 & FC_ATTRIBUTE_DIRECTORY) out[name] = std::nullopt;
-            else out[name] = n.data;
+            if (n.header.arg15 & FC_ATTRIBUTE_DIRECTORY)
+                out[name] = std::nullopt;
+            else
+                out[name] = n.data;
         }
         return out;
     }
@@ -234,8 +238,8 @@ TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
         std::replace(local.begin(), local.end(), '\\', '/');
         ASSERT_EQ(::lstat((folder + "/" + local).c_str(), &st), 0) << name;
         EXPECT_EQ(h.size, S_ISDIR(st.st_mode) ? 0u : static_cast<uint64_t>(st.st_size)) << name;
-        EXPECT_EQ(static_cast<uint64_t>(h.arg3), offset) << name;   // where its data lies in the disk
-        EXPECT_EQ(h.arg16, offset + h.size) << name;                 // the crossed pair: data end, then parent
+        EXPECT_EQ(static_cast<uint64_t>(h.arg3), offset) << name;  // where its data lies in the disk
+        EXPECT_EQ(h.arg16, offset + h.size) << name;               // the crossed pair: data end, then parent
         const size_t cut = name.rfind('\\');
         EXPECT_EQ(h.arg17, cut == std::string::npos ? 0u : numbers.at(name.substr(0, cut))) << name;
         const auto ns = [](const timespec& t) { return static_cast<uint64_t>(t.tv_sec) * 1000000000u + t.tv_nsec; };
@@ -254,27 +258,30 @@ TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
 }
 
 TEST_F(FileCollections, ItemForms) {
-    const std::vector<int> results = Run({
-        {guid + "\\fs01.vmdk", ""},        // one disk
-        {guid + "\\fs01.vmdk", ""},        // the same path again
-        {guid + "\\a\\b\\c", ""},          // four components
-        {guid + "\\nosuch.vmdk", ""},      // a disk the VM lacks
-        {guid + "\\fs01_data.img\\x", ""}, // a disk that is no collection: counted, nothing sent
-    }, "forms.bin");
+    const std::vector<int> results = Run(
+        {
+            {guid + "\\fs01.vmdk", ""},         // one disk
+            {guid + "\\fs01.vmdk", ""},         // the same path again
+            {guid + "\\a\\b\\c", ""},           // four components
+            {guid + "\\nosuch.vmdk", ""},       // a disk the VM lacks
+            {guid + "\\fs01_data.img\\x", ""},  // a disk that is no collection: counted, nothing sent
+        },
+        "forms.bin");
     EXPECT_EQ(results, (std::vector<int>{0, 0, ~0, ~0, 0}));
     EXPECT_TRUE(log.Contains("Path:[" + guid + "\\fs01.vmdk] already processed"));
     EXPECT_TRUE(log.Contains("Error parsing the VM Guid from the snap source path [" + guid + "\\a\\b\\c]"));
     EXPECT_TRUE(log.Contains("No items sent for [" + guid + "] [nosuch.vmdk]"));
     EXPECT_EQ(log.Count("Sending VM ["), 1u);
     const Stream s = Decode(home.sub("forms.bin"));
-    EXPECT_EQ(s.Tree("\\" + guid + "\\fs01.vmdk"), SourceTree(folder));   // sent once
-    EXPECT_TRUE(s.Tree("\\" + guid + "\\fs01_home").empty());             // and alone
+    EXPECT_EQ(s.Tree("\\" + guid + "\\fs01.vmdk"), SourceTree(folder));  // sent once
+    EXPECT_TRUE(s.Tree("\\" + guid + "\\fs01_home").empty());            // and alone
     EXPECT_EQ(s.disksDone.size(), 1u);
 
     // A disk processed in an earlier attempt is counted, not opened and not sent.
     log.Clear();
     EXPECT_EQ(Run({{guid, Options({{"fs01.vmdk", "", "", 1, 0}})}}, "processed.bin"), std::vector<int>{0});
-    EXPECT_TRUE(log.Contains("OnSnapSrcPath: Disk [fs01.vmdk]: Already processed in a previous attempt of the job? [Yes]"));
+    EXPECT_TRUE(
+        log.Contains("OnSnapSrcPath: Disk [fs01.vmdk]: Already processed in a previous attempt of the job? [Yes]"));
     const Stream p = Decode(home.sub("processed.bin"));
     EXPECT_FALSE(p.Find("\\" + guid + "\\fs01.vmdk"));
     EXPECT_EQ(p.Tree("\\" + guid + "\\fs01_home"), SourceTree(sample.vm("fs01").disks[2].path));
@@ -289,7 +296,8 @@ TEST_F(FileCollections, ItemForms) {
     EXPECT_EQ(incr.Tree("\\" + guid + "\\target.vmdk"), SourceTree(folder));
     EXPECT_TRUE(incr.Tree("\\" + guid + "\\fs01.vmdk").empty());
     // The options' first name is taken even when empty: never the source's own name.
-    EXPECT_EQ(Run({{guid + "\\fs01.vmdk", Options({{"", "fs01.vmdk", "", 0, 0}})}}, "unnamed.bin"), std::vector<int>{0});
+    EXPECT_EQ(Run({{guid + "\\fs01.vmdk", Options({{"", "fs01.vmdk", "", 0, 0}})}}, "unnamed.bin"),
+              std::vector<int>{0});
     const Stream unnamed = Decode(home.sub("unnamed.bin"));
     ASSERT_EQ(unnamed.disksDone.size(), 1u);
     EXPECT_EQ(unnamed.disksDone[0].diskName, "");
@@ -301,7 +309,7 @@ TEST_F(FileCollections, FailuresEndTheDisk) {
     EXPECT_EQ(Run({{guid, ""}}, "nobuffer.bin"), std::vector<int>{~0});
     EXPECT_TRUE(log.Contains("Failed to allocate pipeline buffer"));
     Stream s = Decode(home.sub("nobuffer.bin"));
-    ASSERT_EQ(s.nodes.size(), 3u);   // the disk, "etc", "etc\hostname"
+    ASSERT_EQ(s.nodes.size(), 3u);  // the disk, "etc", "etc\hostname"
     EXPECT_EQ(s.nodes.back().header.path, "\\" + guid + "\\fs01.vmdk\\etc\\hostname");
     EXPECT_TRUE(s.nodes.back().closed);
     EXPECT_FALSE(s.nodes.back().complete);
@@ -353,7 +361,7 @@ TEST_F(FileCollections, StopBetweenNodesEndsTheItemAndLeavesTheLastClose) {
     EXPECT_EQ(Item(*r, guid), 0);
     EXPECT_TRUE(log.Contains("Received job interruption flag..."));
     EXPECT_EQ(r->m_afileRefCount, 1);
-    EXPECT_EQ(r->Close(1), 0);   // the one close left unmounts
+    EXPECT_EQ(r->Close(1), 0);  // the one close left unmounts
     EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountAllMountedVMs: All VMs unmounted"));
     r.reset();
     // Two nodes of the first disk; the next disk stops before its first node.
@@ -367,7 +375,8 @@ TEST_F(FileCollections, StopBetweenNodesEndsTheItemAndLeavesTheLastClose) {
     EXPECT_TRUE(vshost::changetrack::JobDisks(kJob).empty());
     EXPECT_TRUE(log.Contains("is not marked read: its file collection was not read to its end"));
     const std::string out = home.sub("verify.out");
-    EXPECT_EQ(std::system(("'" VS_STREAM_TOOL "' verify " + home.sub("stopped.bin") + " >" + out).c_str()), 2 << 8);   // exit 2
+    EXPECT_EQ(std::system(("'" VS_STREAM_TOOL "' verify " + home.sub("stopped.bin") + " >" + out).c_str()),
+              2 << 8);  // exit 2
     EXPECT_NE(ReadFile(out).find(": incomplete, the reader did not finish it"), std::string::npos) << ReadFile(out);
 }
 
@@ -381,7 +390,7 @@ TEST_F(FileCollections, CollectionWalksWithoutFollowingLinksAndNoticesChanges) {
         } raw;
         static_assert(sizeof member == sizeof raw);
         std::memcpy(&raw, &member, sizeof raw);
-        return (raw.ptr - 1) / sizeof(void*) + 1;   // a virtual member holds 1 + its table offset
+        return (raw.ptr - 1) / sizeof(void*) + 1;  // a virtual member holds 1 + its table offset
     };
     EXPECT_EQ(slot(&CFileCollection::GetNextNode), 8u);
     EXPECT_EQ(slot(&CFileCollection::ReadNode), 10u);
@@ -408,7 +417,7 @@ TEST_F(FileCollections, CollectionWalksWithoutFollowingLinksAndNoticesChanges) {
     CQiError err;
     while (!(err = c->GetNextNode(node)).IsError()) names.push_back(node.sName);
     EXPECT_TRUE(FXErrorUtil::IsVS(err, 1));
-    EXPECT_TRUE(FXErrorUtil::IsVS(c->GetNextNode(node), 1));   // and stays at the end
+    EXPECT_TRUE(FXErrorUtil::IsVS(c->GetNextNode(node), 1));  // and stays at the end
     fs::remove(folder + "/etc/passwd-link");
     fs::remove(folder + "/etc-link");
     fs::remove(folder + "/etc/back\\slash");

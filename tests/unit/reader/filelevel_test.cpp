@@ -1,8 +1,8 @@
 // The file-level reader end to end: guest volumes of a generated snapshot mounted
 // through live browse, collect files, files sent through the file-backup writer, the
 // stream decoded and restored.
-#include "probe.h"
 #include "open_sample.h"
+#include "probe.h"
 #include "temp_home.h"
 
 #include "DataReaderVMware.h"
@@ -178,7 +178,8 @@ TEST_F(FileLevel, WholeVolumesRoundTripThroughVsstream) {
             const fs::path twin = restored / fs::relative(e.path(), source);
             ++count;
             ASSERT_TRUE(fs::exists(twin)) << twin;
-            struct stat a {}, b {};
+            struct stat a {
+            }, b{};
             ::stat(e.path().c_str(), &a);
             ::stat(twin.c_str(), &b);
             EXPECT_EQ(a.st_mode, b.st_mode) << twin;
@@ -205,7 +206,8 @@ TEST_F(FileLevel, CollectFileIsNamedRewrittenAndRemoved) {
         ASSERT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC + "/Windows", 0, &first), 0u);
         name = r.m_sCollectFileName;
         // Job results folder of this job; archive file, stream number and time in the name.
-        const std::string expected = home.sub("JobResults/4711/ColFile_JID4711_AF" + std::to_string(sample.afileIds[0]) + "_Str0_");
+        const std::string expected =
+            home.sub("JobResults/4711/ColFile_JID4711_AF" + std::to_string(sample.afileIds[0]) + "_Str0_");
         EXPECT_EQ(name.rfind(expected, 0), 0u) << name;
         EXPECT_EQ(name.substr(name.size() - 4), ".txt");
         EXPECT_EQ(first, vm + "\\" + volC + "/Windows/\n");
@@ -235,7 +237,7 @@ TEST_F(FileLevel, CollectFileIsNamedRewrittenAndRemoved) {
     FileLevelProbe r(&event);
     EXPECT_EQ(r.countLines(home.sub("missing.txt").c_str()), 1u);
     std::ofstream(home.sub("long.txt")) << std::string(2000, 'x') << "\nshort\n";
-    EXPECT_EQ(r.countLines(home.sub("long.txt").c_str()), 3u);   // a long line counts per 1 KiB read
+    EXPECT_EQ(r.countLines(home.sub("long.txt").c_str()), 3u);  // a long line counts per 1 KiB read
 }
 
 TEST_F(FileLevel, ItemsThatCannotBeReadFailWithTheirReason) {
@@ -293,8 +295,9 @@ TEST_F(FileLevel, ACollectFileThatCannotBeWrittenFailsTheItem) {
         EXPECT_EQ(log.Count("Failed to write the list of files to [" + full + "], errno [28]."), 1u);
     }
     // A walk longer than the list's buffer meets the full disk inside the walk.
-    for (int i = 0; i < 200; ++i) WriteFile(folderC / "many" / (std::string(40, 'f') + std::to_string(i) + ".doc"), "x");
-    fs::remove(full);   // the reader's end removed its collect file, the link
+    for (int i = 0; i < 200; ++i)
+        WriteFile(folderC / "many" / (std::string(40, 'f') + std::to_string(i) + ".doc"), "x");
+    fs::remove(full);  // the reader's end removed its collect file, the link
     fs::create_symlink("/dev/full", full);
     FileLevelProbe r(&event);
     r.m_snapSrc.m_bFilter = true;
@@ -304,7 +307,8 @@ TEST_F(FileLevel, ACollectFileThatCannotBeWrittenFailsTheItem) {
     r.m_sCollectFileName = full;
     r.m_pCollectFile = std::fopen(full.c_str(), "w");
     ASSERT_NE(r.m_pCollectFile, nullptr);
-    const CQiError err = CQiDirectory::Walk((folderC / "many").string(), &r, -1, false, &DataReaderVMware::PathWalkerStatic);
+    const CQiError err =
+        CQiDirectory::Walk((folderC / "many").string(), &r, -1, false, &DataReaderVMware::PathWalkerStatic);
     EXPECT_EQ(err.AsString().find("write " + full), 0u) << err.AsString();
 }
 
@@ -355,9 +359,9 @@ TEST_F(FileLevel, VolumeKeysFromTheMountInformation) {
         int instanceType, mountMode;
         std::string guidKey;
     } cases[] = {
-        {101, 0, "VM1\\AB-C1\\"},     // the device path, stripped
-        {101, 2, "VM1\\{AB-C1}\\"},   // mount method 2: the volume GUID
-        {102, 0, "VM1\\{AB-C1}\\"},   // instance type 102: the volume GUID
+        {101, 0, "VM1\\AB-C1\\"},    // the device path, stripped
+        {101, 2, "VM1\\{AB-C1}\\"},  // mount method 2: the volume GUID
+        {102, 0, "VM1\\{AB-C1}\\"},  // instance type 102: the volume GUID
     };
     for (const auto& c : cases) {
         FileLevelProbe r(&event);
@@ -443,7 +447,7 @@ TEST_F(FileLevel, NothingOutsideTheVolumeIsEverSent) {
     {
         FileLevelProbe r(&event, stream);
         Open(r);
-        EXPECT_EQ(Item(r, volPath, volPath), 0u);   // the whole volume, links included
+        EXPECT_EQ(Item(r, volPath, volPath), 0u);  // the whole volume, links included
         const std::string escapes[] = {
             volPath + "/../../../../outside/secret.txt",
             volPath + "/Windows/../../../outside/secret.txt",
@@ -522,7 +526,7 @@ TEST_F(FileLevel, FilteredWalkWritesClientFormLines) {
     EXPECT_TRUE(log.Contains("Failure to map to VMGuidVolGuidToVolumePathMap"));
     EXPECT_TRUE(log.Contains("CQiDirectory::Walk returned error [walk of an empty path"));
 
-    ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);   // the volume mounted for the walker
+    ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);  // the volume mounted for the walker
     r.m_snapSrc.m_bFilter = true;
     r.m_snapSrc.m_bRecurse = true;
     r.m_snapSrc.m_sFilePattern = "*.doc";
@@ -533,7 +537,8 @@ TEST_F(FileLevel, FilteredWalkWritesClientFormLines) {
     ASSERT_NE(r.m_pCollectFile, nullptr);
     // Folders pass the filter only when they match it too; "sub" does not, so its
     // content is reached but the folder itself is not listed.
-    ASSERT_FALSE(CQiDirectory::Walk((folderC / "docs").string(), &r, -1, false, &DataReaderVMware::PathWalkerStatic).IsError());
+    ASSERT_FALSE(
+        CQiDirectory::Walk((folderC / "docs").string(), &r, -1, false, &DataReaderVMware::PathWalkerStatic).IsError());
     std::fclose(r.m_pCollectFile);
     r.m_pCollectFile = nullptr;
     EXPECT_EQ(ReadFile(listPath), "VM1\\VOL1/docs/a.doc\nVM1\\VOL1/docs/sub/c.DOC\n");

@@ -23,7 +23,9 @@ std::vector<uint64_t> Ids(const Probe& r) {
     return ids;
 }
 
-char* Mutable(std::string& s) { return s.data(); }
+char* Mutable(std::string& s) {
+    return s.data();
+}
 
 // An application the catalog knows, so that the open can settle its restore options.
 void AddApp(unsigned long appId1, unsigned long appId2) {
@@ -94,7 +96,8 @@ TEST_F(ReaderLifecycle, CloseCountsDownAndUnmountsOnlyAtZero) {
     EXPECT_EQ(r.Close(1), 0);
     EXPECT_TRUE(log.Contains("DataReaderVSBase::Close AFileList Ref Count:[0]"));
     EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountAllMountedVMs: Unmounting VM [web01]"));
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountPath: UnMounting snapshot for archive file Id [7] cliendId [3]."));
+    EXPECT_TRUE(
+        log.Contains("DataReaderVSBase::UnMountPath: UnMounting snapshot for archive file Id [7] cliendId [3]."));
     EXPECT_TRUE(r.m_afileIds.empty());
     EXPECT_TRUE(r.m_vmMountCtxMap.empty());
     EXPECT_TRUE(r.m_processedSnapPaths.empty());
@@ -104,7 +107,7 @@ TEST_F(ReaderLifecycle, CloseCountsDownAndUnmountsOnlyAtZero) {
     EXPECT_EQ(r.Close(1), 0);
     EXPECT_EQ(r.m_afileRefCount, 0);
     EXPECT_FALSE(log.Contains("Ref Count"));
-    EXPECT_FALSE(log.Contains("Unmounting All VMs"));   // registry already empty: silent
+    EXPECT_FALSE(log.Contains("Unmounting All VMs"));  // registry already empty: silent
     EXPECT_TRUE(log.Contains("UnMounting snapshot for archive file Id [7]"));
 }
 
@@ -125,7 +128,8 @@ TEST_F(ReaderLifecycle, OpenWithoutListAddsTheOpenedArchiveFile) {
     EXPECT_EQ(Ids(r), (std::vector<uint64_t>{55}));
     EXPECT_EQ(r.m_afileRefCount, 1);
     EXPECT_TRUE(log.Contains("App ID String : [3:9]."));
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::OpenArchiveFile: ArchiveFileIDList found empty. Adding archFileId: [55]"));
+    EXPECT_TRUE(
+        log.Contains("DataReaderVSBase::OpenArchiveFile: ArchiveFileIDList found empty. Adding archFileId: [55]"));
     EXPECT_TRUE(log.Contains("Non-snap restore"));
     EXPECT_NE(r.m_pVMInfo, nullptr);
 
@@ -156,7 +160,8 @@ TEST_F(ReaderLifecycle, OpenFailuresReleaseTheVMInfoObjectOnlyOnMountFailure) {
     Probe unknown(&event);
     ASSERT_EQ(unknown.Initialize(), 0);
     EXPECT_EQ(unknown.OpenArchiveFile(init, open), -1);
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::OpenArchiveFile: Failed to get archive file info for Archive file: [55]"));
+    EXPECT_TRUE(
+        log.Contains("DataReaderVSBase::OpenArchiveFile: Failed to get archive file info for Archive file: [55]"));
     EXPECT_NE(unknown.m_pVMInfo, nullptr);
 
     // A failed snapshot mount releases it.
@@ -220,12 +225,13 @@ TEST_F(ReaderLifecycle, InitializeNeedsEventResultsAndBaseDirectories) {
 TEST_F(ReaderLifecycle, SnapEngineIsSetOnceAndPredicatesMatchTheirSets) {
     Probe r(&event);
     EXPECT_EQ(r.SetSnapEngineID(0), 0);
-    EXPECT_EQ(r.m_snapEngineId, 0u);   // 0 leaves it unset
+    EXPECT_EQ(r.m_snapEngineId, 0u);  // 0 leaves it unset
     EXPECT_EQ(r.SetSnapEngineID(5), 0);
     EXPECT_EQ(r.SetSnapEngineID(5), 0);
     EXPECT_EQ(r.SetSnapEngineID(6), -1);
     EXPECT_EQ(r.m_snapEngineId, 5u);
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::SetSnapEngineID:[ERROR] Reader doesn't support multiple snap-engines.[5] [6]"));
+    EXPECT_TRUE(
+        log.Contains("DataReaderVSBase::SetSnapEngineID:[ERROR] Reader doesn't support multiple snap-engines.[5] [6]"));
 
     for (unsigned id = 0; id < 200; ++id) {
         const bool vvol = id == 58 || id == 59;
@@ -314,7 +320,7 @@ TEST_F(ReaderLifecycle, TempMountPointNamesAndDiskFilters) {
     r.m_initParams.jobId = 88;
     const std::string name = r.CreateTempMountPointDirectory("web01");
     EXPECT_EQ(name, home.sub("JobResults/JobID_88_Mount_web01"));
-    EXPECT_FALSE(fs::exists(name));   // named, not made
+    EXPECT_FALSE(fs::exists(name));  // named, not made
     r.CreateTempMountPointDirectory("web01");
     EXPECT_EQ(r.m_tempFolders.size(), 2u);
 

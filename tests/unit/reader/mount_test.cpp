@@ -1,7 +1,7 @@
 // Snapshot and VM mounts of the readers against a generated datastore snapshot and the
 // reference VM-info library.
-#include "probe.h"
 #include "open_sample.h"
+#include "probe.h"
 #include "temp_home.h"
 
 #include "hostapi/xmlfile.h"
@@ -39,9 +39,7 @@ protected:
         std::string list = sample.afileList;
         ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
     }
-    int Open(Probe& r, uint64_t afileId) {
-        return vstest::OpenSampleArchiveFile(r, sample, kJob, afileId);
-    }
+    int Open(Probe& r, uint64_t afileId) { return vstest::OpenSampleArchiveFile(r, sample, kJob, afileId); }
     std::vector<VMInfoStructs::SDisk> Disks(Probe& r, DataReaderVMCtx& vm) {
         std::vector<VMInfoStructs::SMountInfoFull> infos;
         EXPECT_NE(r.m_pVMInfo->GetFullMountInfo(vm.mountCtx, infos), 0);
@@ -67,8 +65,8 @@ TEST_F(Mounts, OneMountServesTheListAndTheLastCloseUnmounts) {
     Probe r(&event, kJob);
     Ready(r);
     ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountSnap: Media Agent " + sample.mediaAgentName + " client id = " +
-                             std::to_string(sample.mediaAgentClientId) + "."));
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountSnap: Media Agent " + sample.mediaAgentName +
+                             " client id = " + std::to_string(sample.mediaAgentClientId) + "."));
     EXPECT_TRUE(log.Contains("Mounted Snapshot from Job Id [" + std::to_string(sample.snapJobId) + "]."));
     EXPECT_TRUE(log.Contains("Copy Precedence: [" + std::to_string(sample.copyPrecedence) + "]"));
     for (const AFileID& a : r.m_afileIds) EXPECT_TRUE(a.bMounted);
@@ -97,7 +95,8 @@ TEST_F(Mounts, OneMountServesTheListAndTheLastCloseUnmounts) {
     for (size_t i = 0; i < sample.afileIds.size() - 1; ++i) EXPECT_EQ(r.Close(1), 0);
     EXPECT_FALSE(log.Contains("Unmounting All VMs"));
     EXPECT_EQ(r.Close(1), 0);
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountAllMountedVMs: Unmounting VM [" + sample.vm("web01").biosUuid + "]"));
+    EXPECT_TRUE(
+        log.Contains("DataReaderVSBase::UnMountAllMountedVMs: Unmounting VM [" + sample.vm("web01").biosUuid + "]"));
     EXPECT_EQ(log.Count("UnMounting snapshot for archive file Id [" + std::to_string(sample.afileIds[0]) + "]"), 2u);
     EXPECT_EQ(r.m_pVMInfo, nullptr);
 }
@@ -138,23 +137,53 @@ TEST_F(Mounts, TheLibraryIsHandedTheContextsOfTheMounts) {
     // The ESX host is copied before the configured proxy replaces it for the path.
     EXPECT_EQ(r.m_sESXServerName, "esx-proxy");
     const std::vector<std::pair<const char*, nlohmann::json>> expectSnap = {
-        {"op", "MountSnap"}, {"nSnapEngineId", sample.snapEngineId}, {"bMountRequest", true},
-        {"nHubcellId", 77}, {"nClientId", sample.mediaAgentClientId}, {"nClientId2", sample.mediaAgentClientId},
-        {"nJobId", kJob}, {"sJobResultsDir", home.sub("JobResults/4711/")}, {"sHost", "esx-own"}, {"sServer", "esx-own"},
-        {"sUser", "admin"}, {"sPassword", "c3RvcmVkLWZvcm0="}, {"bMountFlag", true}, {"bOption1", false},
-        {"sSnapMountPath", path}, {"nCopyId", sample.copyId}, {"nCopyPrecedence", sample.copyPrecedence},
-        {"bPathMount", true}, {"bIndexingV2", false}, {"afileIds", sample.afileIds},
+        {"op", "MountSnap"},
+        {"nSnapEngineId", sample.snapEngineId},
+        {"bMountRequest", true},
+        {"nHubcellId", 77},
+        {"nClientId", sample.mediaAgentClientId},
+        {"nClientId2", sample.mediaAgentClientId},
+        {"nJobId", kJob},
+        {"sJobResultsDir", home.sub("JobResults/4711/")},
+        {"sHost", "esx-own"},
+        {"sServer", "esx-own"},
+        {"sUser", "admin"},
+        {"sPassword", "c3RvcmVkLWZvcm0="},
+        {"bMountFlag", true},
+        {"bOption1", false},
+        {"sSnapMountPath", path},
+        {"nCopyId", sample.copyId},
+        {"nCopyPrecedence", sample.copyPrecedence},
+        {"bPathMount", true},
+        {"bIndexingV2", false},
+        {"afileIds", sample.afileIds},
     };
     for (const auto& [key, value] : expectSnap) EXPECT_EQ(snap[key], value) << key;
     const std::vector<std::pair<const char*, nlohmann::json>> expectVM = {
-        {"op", "MountVM"}, {"bVMMountFlag", true}, {"nSnapJobId", sample.snapJobId}, {"nJobId", sample.snapJobId},
-        {"sJobResultsDir", home.sub("JobResults/4711/")}, {"sHost", "esx-proxy"}, {"sServer", "esx-proxy"},
-        {"sUser", "admin"}, {"sPassword", "c3RvcmVkLWZvcm0="}, {"bOption1", false},
-        {"nSnapEngineId", sample.snapEngineId}, {"diskFilters", nlohmann::json::array({{7, "web01.vmdk"}})},
-        {"bOptionType102", snap["bOptionType102"]}, {"nClientId", sample.mediaAgentClientId},
-        {"nClientId2", sample.mediaAgentClientId}, {"bMountFlag", true}, {"nHubcellId", 77},
-        {"nAppId2", sample.appId2}, {"nMountMode", 0}, {"bPathMount", true}, {"sSnapMountPath", path},
-        {"bUseCBT", true}, {"sMountPoint", home.sub("JobResults/4711/JobID_4711_Mount_web01")}, {"sVMName", "web01"},
+        {"op", "MountVM"},
+        {"bVMMountFlag", true},
+        {"nSnapJobId", sample.snapJobId},
+        {"nJobId", sample.snapJobId},
+        {"sJobResultsDir", home.sub("JobResults/4711/")},
+        {"sHost", "esx-proxy"},
+        {"sServer", "esx-proxy"},
+        {"sUser", "admin"},
+        {"sPassword", "c3RvcmVkLWZvcm0="},
+        {"bOption1", false},
+        {"nSnapEngineId", sample.snapEngineId},
+        {"diskFilters", nlohmann::json::array({{7, "web01.vmdk"}})},
+        {"bOptionType102", snap["bOptionType102"]},
+        {"nClientId", sample.mediaAgentClientId},
+        {"nClientId2", sample.mediaAgentClientId},
+        {"bMountFlag", true},
+        {"nHubcellId", 77},
+        {"nAppId2", sample.appId2},
+        {"nMountMode", 0},
+        {"bPathMount", true},
+        {"sSnapMountPath", path},
+        {"bUseCBT", true},
+        {"sMountPoint", home.sub("JobResults/4711/JobID_4711_Mount_web01")},
+        {"sVMName", "web01"},
     };
     for (const auto& [key, value] : expectVM) EXPECT_EQ(mount[key], value) << key;
 }
@@ -201,7 +230,7 @@ TEST_F(Mounts, BlockLevelBrowseSettingForFileMountsOfServerInstances) {
         ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
         ASSERT_FALSE(r.m_mountCtxs.empty());
         EXPECT_TRUE(r.m_mountCtxs[0].bBlockLevelBrowseApplies);
-        EXPECT_TRUE(r.m_mountCtxs[0].bBlockLevelBrowse);   // absent: enabled
+        EXPECT_TRUE(r.m_mountCtxs[0].bBlockLevelBrowse);  // absent: enabled
         EXPECT_EQ(r.m_sJobResultsFolder, home.sub("JobResults/"));
     }
     vshost::settings::Set("VirtualServer", "nEnableVMWareSnapBlocklevelBrowse", "0");
@@ -233,7 +262,8 @@ TEST_F(Mounts, FailedMountsRaiseTheirCauseAndMarkNothing) {
     // A VM cannot be mounted before the snapshot is.
     DataReaderVMCtx vm;
     EXPECT_EQ(r.MountVM("web01", vm, {}), -1);
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountVM: SnapMountCtx is empty. Mounting of Hardware snapshot may have failed."));
+    EXPECT_TRUE(log.Contains(
+        "DataReaderVSBase::MountVM: SnapMountCtx is empty. Mounting of Hardware snapshot may have failed."));
 
     // An unknown media agent fails before the library is asked.
     vshost::settings::Erase("VMInfoFaults", "MountSnap");
@@ -241,7 +271,8 @@ TEST_F(Mounts, FailedMountsRaiseTheirCauseAndMarkNothing) {
     Ready(stranger);
     stranger.setShortClientName("no-such-ma");
     EXPECT_EQ(Open(stranger, sample.afileIds[0]), -1);
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::MountSnap: Failed to lookup Media Agent no-such-ma client id.  Error="));
+    EXPECT_TRUE(
+        log.Contains("DataReaderVSBase::MountSnap: Failed to lookup Media Agent no-such-ma client id.  Error="));
 
     // A configuration naming a disk that is gone fails the VM mount with the disk cause.
     const vssample::SampleDisk& gone = sample.vm("web01").disks.back();
@@ -324,7 +355,7 @@ TEST_F(Mounts, TemporaryMountPointsAreRemovedWithTheReader) {
     {
         Probe r(&event, kJob);
         Ready(r, 101);
-        std::string four = sample.afileList + "|" + sample.afileList;   // more than the two closes of a deletion
+        std::string four = sample.afileList + "|" + sample.afileList;  // more than the two closes of a deletion
         ASSERT_EQ(r.PreOpenArchiveFile(four.data()), 0);
         ASSERT_EQ(Open(r, sample.afileIds[0]), 0);
         DataReaderVMCtx vm;
@@ -334,13 +365,14 @@ TEST_F(Mounts, TemporaryMountPointsAreRemovedWithTheReader) {
         kept = r.m_tempFolders[0];
         neverMade = r.m_tempFolders[1];
         EXPECT_EQ(kept, home.sub("JobResults/JobID_4711_Mount_web01"));
-        fs::create_directories(kept + "/mnt");   // what a mount leaves behind
+        fs::create_directories(kept + "/mnt");  // what a mount leaves behind
     }
     // Deleted with an archive file of its list still open: nothing else would unmount
     // the VMs and the snapshot or release the library's object, so the reader does.
     EXPECT_TRUE(log.Contains("Deleted with [2] archive file(s) still open: unmounting"));
     EXPECT_TRUE(log.Contains("DataReaderVSBase::UnMountAllMountedVMs: Unmounting VM [db01]"));
-    EXPECT_TRUE(log.Contains("VMInfo::UnMountSnap: snapshot of job [" + std::to_string(sample.snapJobId) + "] unmounted"));
+    EXPECT_TRUE(
+        log.Contains("VMInfo::UnMountSnap: snapshot of job [" + std::to_string(sample.snapJobId) + "] unmounted"));
     EXPECT_FALSE(fs::exists(kept));
     EXPECT_TRUE(log.Contains("Cleaning up temp folder [" + kept + "]"));
     EXPECT_FALSE(log.Contains("[" + neverMade + "]"));

@@ -94,7 +94,7 @@ TEST_F(RestoreOptions, NoServerInTheTaskTakesTheDefaultRecords) {
     {
         Probe r(&event, kJob);
         EXPECT_EQ(Settle(r), 1);
-        EXPECT_EQ(Of(r), (Values{"", "keep-esx", "keep-user", "keep-pw", "unset"}));   // the task's empty server
+        EXPECT_EQ(Of(r), (Values{"", "keep-esx", "keep-user", "keep-pw", "unset"}));  // the task's empty server
         EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions Default settings taken"));
     }
     // A virtual-center instance takes its first record.
@@ -151,7 +151,8 @@ TEST_F(RestoreOptions, OwnServerWithATaskPasswordDecryptsIt) {
     Probe r(&event, kJob);
     EXPECT_EQ(Settle(r), 1);
     EXPECT_EQ(Of(r), (Values{"VC1", "esx7", "admin", stored, "s3cret!"}));
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions:Pwd len:[" + std::to_string(stored.size()) + "]"));
+    EXPECT_TRUE(
+        log.Contains("DataReaderVSBase::getInPlaceRestoreOptions:Pwd len:[" + std::to_string(stored.size()) + "]"));
     EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions:Encrypted Password:[" + stored + "]"));
     EXPECT_FALSE(log.Contains("Receiving Job Options"));
     EXPECT_FALSE(log.Contains("s3cret!"));
@@ -186,7 +187,7 @@ TEST_F(RestoreOptions, EmptyTaskPasswordComesFromTheInstanceRecords) {
     {
         Probe r(&event, kJob);
         EXPECT_EQ(Settle(r), 1);
-        EXPECT_EQ(Of(r), (Values{"vc1", "esx7", "admin", own, "pw-own"}));   // the task's user stays
+        EXPECT_EQ(Of(r), (Values{"vc1", "esx7", "admin", own, "pw-own"}));  // the task's user stays
         EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Receiving Job Options"));
         EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Getting the pwd from instance level"));
         EXPECT_FALSE(log.Contains("Instance Id got from the task xml"));
@@ -207,7 +208,8 @@ TEST_F(RestoreOptions, EmptyTaskPasswordComesFromTheInstanceRecords) {
         Probe r(&event, kJob);
         EXPECT_EQ(Settle(r), 1);
         EXPECT_EQ(Of(r), (Values{"vc1", "esx7", "inst-user", instance, "pw-inst"}));
-        EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Instance Id got from the task xml : 12 "));
+        EXPECT_TRUE(
+            log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Instance Id got from the task xml : 12 "));
     }
     // Instance type 101 looks the instance up only when the restore options ask for it.
     catalog.AddApplication(App(9, 101, "vc1"));
@@ -227,13 +229,15 @@ TEST_F(RestoreOptions, EmptyTaskPasswordComesFromTheInstanceRecords) {
     {
         Probe r(&event, kJob);
         EXPECT_EQ(Settle(r), 0);
-        EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Failed to get Instance Id from the task xml"));
+        EXPECT_TRUE(
+            log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Failed to get Instance Id from the task xml"));
     }
     job.instanceId = 99;
     {
         Probe r(&event, kJob);
         EXPECT_EQ(Settle(r), 0);
-        EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Failed to credentials for Instance Id - 99."));
+        EXPECT_TRUE(
+            log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Failed to credentials for Instance Id - 99."));
     }
     job.hasJobOptions = false;
     {
@@ -277,8 +281,10 @@ TEST_F(RestoreOptions, CrossServerRestoresMountThroughTheSourceServer) {
         Probe r(&event, kJob);
         EXPECT_EQ(Settle(r), 1);
         EXPECT_EQ(Of(r), (Values{"vc-src", "esx-parent", "src-user", src, "pw-src"}));
-        EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions IndexingV2 enabled. Using parent instance."));
-        EXPECT_TRUE(log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Fetched parentAppId [5] for vmAppId:[9]"));
+        EXPECT_TRUE(
+            log.Contains("DataReaderVSBase::getInPlaceRestoreOptions IndexingV2 enabled. Using parent instance."));
+        EXPECT_TRUE(
+            log.Contains("DataReaderVSBase::getInPlaceRestoreOptions: Fetched parentAppId [5] for vmAppId:[9]"));
         EXPECT_TRUE(log.Contains("This is a cross-vc V2 snap restore - Source [vc-src] Dest [vc-dst]"));
     }
     job.eventOptions[120015] = true;

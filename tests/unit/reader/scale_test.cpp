@@ -1,8 +1,8 @@
 // A job of many VMs through one extent reader: what each VM costs must not pile up.
 // Descriptors and temporary folders are counted after every VM; a VM's disks, mount
 // folder and catalog connections must be gone by the time the next VM starts.
-#include "probe.h"
 #include "open_sample.h"
+#include "probe.h"
 #include "temp_home.h"
 
 #include "hostapi/snapsrc.h"
@@ -51,7 +51,7 @@ TEST(ExtentReaderScale, ManyVMsLeaveNoDescriptorsOrFoldersBehind) {
         ASSERT_EQ(vstest::OpenSampleArchiveFile(r, s, kJob), 0);
 
         VirtualServer::SnapSrcPathOptions options;
-        options.useCBT = 1;   // digests stored for every disk: the catalog is written per disk
+        options.useCBT = 1;  // digests stored for every disk: the catalog is written per disk
         const std::string xml = options.Serialize();
         size_t descriptorsAfterFirst = 0, entriesAfterFirst = 0;
         for (size_t i = 0; i < s.vms.size(); ++i) {

@@ -51,7 +51,7 @@ TEST_F(SnapMountPath, ConfiguredProxyEsxWinsForLaterCallersToo) {
     vshost::settings::Set("VirtualServer", "sProxyESX", "esx-proxy");
     Probe r(&event);
     r.m_sESXServerName = "esx-task";
-    const std::string before = r.m_sESXServerName;   // what a mount context copied earlier keeps
+    const std::string before = r.m_sESXServerName;  // what a mount context copied earlier keeps
     EXPECT_EQ(r.getSnapMountPath(), "{vcname:,esxname:esx-proxy,username:,password:}");
     EXPECT_EQ(before, "esx-task");
     EXPECT_EQ(r.m_sESXServerName, "esx-proxy");
@@ -88,7 +88,7 @@ TEST_F(SnapMountPath, ClearPasswordNeverReachesTheLog) {
     DMInitParams init;
     init.appId1 = 3;
     init.appId2 = 9;
-    ASSERT_EQ(r.OpenArchiveFile(init, DMOpenArchiveParams{}), 0);   // connects with the clear password
+    ASSERT_EQ(r.OpenArchiveFile(init, DMOpenArchiveParams{}), 0);  // connects with the clear password
     const std::string path = r.getSnapMountPath();
     r.PrintSnapMountPath(path);
     vshost::UnregisterJob(4711);

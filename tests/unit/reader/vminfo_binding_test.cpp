@@ -36,7 +36,8 @@ protected:
         catalog.AddApplication(app);
         vshost::JobDescription job;
         job.jobId = kJob;
-        job.taskOptions = {{77, server}, {82, "esx1"}, {75, user}, {76, vsAppMgr::encryptPassword(vstest::Secret(password))}};
+        job.taskOptions = {
+            {77, server}, {82, "esx1"}, {75, user}, {76, vsAppMgr::encryptPassword(vstest::Secret(password))}};
         vshost::RegisterJob(job);
     }
 
@@ -74,7 +75,7 @@ int Open(Probe& r) {
 }
 
 TEST_F(VMInfoBinding, ServerlessInstanceTypeConnectsWithoutCredentials) {
-    Task(102, "vc1", "admin", "secret");   // settled, but not used by this instance type
+    Task(102, "vc1", "admin", "secret");  // settled, but not used by this instance type
     Probe r(&event, kJob);
     Ready(r, 102);
     ASSERT_EQ(Open(r), 0);

@@ -19,9 +19,9 @@ const std::string kFn = "void DataReaderVSBase::CheckVMInfoError(IVMInfo*, Mount
 constexpr KTJobID kJob = 880011;
 
 struct Expected {
-    std::string line;                 // debug line for VM "vm01" on proxy host "esx7"
+    std::string line;  // debug line for VM "vm01" on proxy host "esx7"
     int causeId;
-    std::vector<std::string> args;    // event arguments of the cause
+    std::vector<std::string> args;  // event arguments of the cause
 };
 
 // Written out from the error table by hand, so a slip in the reader's table shows.
@@ -79,7 +79,7 @@ class VMInfoError : public ::testing::Test {
 protected:
     void SetUp() override {
         ctx.sMountedName = "vm01";
-        ctx.sVMName = "vm01-config-name";   // not the name the messages show
+        ctx.sVMName = "vm01-config-name";  // not the name the messages show
         ctx.hostCredentials.sHost = "esx7";
         ctx.hostCredentials.sServer = "vc9";
     }
@@ -122,14 +122,14 @@ TEST_F(VMInfoError, EveryCodeRaisesExactlyItsCauseAndUnknownCodesNone) {
         SCOPED_TRACE("code " + std::to_string(code));
         const MountCtx before = ctx;
         Report(code);
-        EXPECT_EQ(ctx, before);   // the report changes nothing of the mount
+        EXPECT_EQ(ctx, before);  // the report changes nothing of the mount
         EXPECT_FALSE(log.Contains("JobClient initialization failed"));
 
         const auto causes = vshost::PendingCauses(kJob);
         auto row = ErrorTable().find(code);
         if (row == ErrorTable().end()) {
             EXPECT_EQ(causes.size(), raised);
-            raised = causes.size();   // one slip should not fail every later code
+            raised = causes.size();  // one slip should not fail every later code
             EXPECT_EQ(log.Count(kFn + "Unknown VMInfo error [" + std::to_string(code) + "]"), 1u);
             continue;
         }

@@ -14,7 +14,7 @@ namespace {
 // A small stream of every kind the extent reader writes, and where its records start.
 struct Sample {
     std::string bytes;
-    std::vector<uint64_t> offsets;   // of each record, then the stream's length
+    std::vector<uint64_t> offsets;  // of each record, then the stream's length
 };
 
 Sample MakeSample(const TempHome& home) {
@@ -40,9 +40,9 @@ Sample MakeSample(const TempHome& home) {
 
 // Where a fault in byte `at` must be reported.
 uint64_t ExpectedOffset(const Sample& s, uint64_t at) {
-    if (at < 8) return 0;            // magic
-    if (at < 10) return 8;           // major version
-    if (at < 12) return 12;          // minor version: covered by the stream header's checksum
+    if (at < 8) return 0;    // magic
+    if (at < 10) return 8;   // major version
+    if (at < 12) return 12;  // minor version: covered by the stream header's checksum
     uint64_t found = 0;
     for (size_t k = 0; k + 1 < s.offsets.size(); ++k)
         if (s.offsets[k] <= at) found = s.offsets[k];
@@ -78,16 +78,16 @@ TEST(StreamDecoder, MissingMovedAndExtraRecordsAreCorrupt) {
     const std::string before = s.bytes.substr(0, s.offsets[k]);
     const std::string after = s.bytes.substr(s.offsets[k + 2]);
 
-    DecodeResult r = DecodeBytes(before + Record(s, k + 1) + after);   // record k dropped
+    DecodeResult r = DecodeBytes(before + Record(s, k + 1) + after);  // record k dropped
     EXPECT_EQ(r.state, State::Corrupt);
     EXPECT_EQ(r.errorOffset, s.offsets[k]);
     EXPECT_EQ(r.records.size(), k);
 
-    r = DecodeBytes(before + Record(s, k + 1) + Record(s, k) + after);   // two swapped
+    r = DecodeBytes(before + Record(s, k + 1) + Record(s, k) + after);  // two swapped
     EXPECT_EQ(r.state, State::Corrupt);
     EXPECT_EQ(r.errorOffset, s.offsets[k]);
 
-    r = DecodeBytes(before + Record(s, k) + Record(s, k) + Record(s, k + 1) + after);   // one repeated
+    r = DecodeBytes(before + Record(s, k) + Record(s, k) + Record(s, k + 1) + after);  // one repeated
     EXPECT_EQ(r.state, State::Corrupt);
     EXPECT_EQ(r.errorOffset, s.offsets[k + 1]);
 

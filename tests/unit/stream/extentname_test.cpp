@@ -7,14 +7,15 @@
 #include <climits>
 
 TEST(ExtentNames, RoundTripInFixedWidthAndStrictDecoding) {
-    std::vector<unsigned long long> numbers = {0, 1, 9, 10, 12, 99999, 1ULL << 32, 1ULL << 63, ULLONG_MAX - 1, ULLONG_MAX};
+    std::vector<unsigned long long> numbers = {0,         1, 9, 10, 12, 99999, 1ULL << 32, 1ULL << 63, ULLONG_MAX - 1,
+                                               ULLONG_MAX};
     std::string previous;
     for (unsigned long long n : numbers) {
         std::string name;
         ASSERT_TRUE(ExtentNameConverter::GetFilePath(n, name));
         EXPECT_EQ(name.size(), 26u) << name;
         EXPECT_EQ(name.rfind("Extent", 0), 0u);
-        EXPECT_LT(previous, name);   // names sort as their numbers
+        EXPECT_LT(previous, name);  // names sort as their numbers
         previous = name;
         unsigned long long back = 7;
         ASSERT_TRUE(ExtentNameConverter::GetExtentNumberFromFileName(name, back)) << name;
@@ -28,10 +29,27 @@ TEST(ExtentNames, RoundTripInFixedWidthAndStrictDecoding) {
         EXPECT_TRUE(ExtentNameConverter::GetExtentNumberFromFileName(name, back)) << name;
         EXPECT_EQ(back, n) << name;
     }
-    for (const std::string& bad : std::vector<std::string>{"", "Extent", "extent12", "EXTENT12", "Extent-1", "Extent+1", "Extent 12", " Extent12", "Extent12 ",
-          "Extent012", "Extent00", "Extent1a", "Extent0x10", "Extent18446744073709551616",
-          "Extent99999999999999999999", "Extent000000000000000000012", "disk0_Extent12", "\\vm\\d\\Extent1",
-          "Extent1/", std::string("Extent1\0", 8), "Extent\xef\xbc\x91"}) {
+    for (const std::string& bad : std::vector<std::string>{"",
+                                                           "Extent",
+                                                           "extent12",
+                                                           "EXTENT12",
+                                                           "Extent-1",
+                                                           "Extent+1",
+                                                           "Extent 12",
+                                                           " Extent12",
+                                                           "Extent12 ",
+                                                           "Extent012",
+                                                           "Extent00",
+                                                           "Extent1a",
+                                                           "Extent0x10",
+                                                           "Extent18446744073709551616",
+                                                           "Extent99999999999999999999",
+                                                           "Extent000000000000000000012",
+                                                           "disk0_Extent12",
+                                                           "\\vm\\d\\Extent1",
+                                                           "Extent1/",
+                                                           std::string("Extent1\0", 8),
+                                                           "Extent\xef\xbc\x91"}) {
         unsigned long long back = 7;
         EXPECT_FALSE(ExtentNameConverter::GetExtentNumberFromFileName(bad, back)) << bad;
         EXPECT_EQ(back, 7u) << bad;

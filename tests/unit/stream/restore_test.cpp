@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <filesystem>
 #include <sys/stat.h>
+#include <filesystem>
 
 using namespace vstest;
 namespace fs = std::filesystem;
@@ -32,9 +32,12 @@ std::map<std::string, std::string> Snapshot(const std::string& dir) {
     std::map<std::string, std::string> out;
     for (const auto& e : fs::recursive_directory_iterator(dir)) {
         const std::string rel = fs::relative(e.path(), dir);
-        if (e.is_symlink()) out[rel] = "-> " + fs::read_symlink(e.path()).string();
-        else if (e.is_regular_file()) out[rel] = ReadFile(e.path());
-        else out[rel] = "<dir>";
+        if (e.is_symlink())
+            out[rel] = "-> " + fs::read_symlink(e.path()).string();
+        else if (e.is_regular_file())
+            out[rel] = ReadFile(e.path());
+        else
+            out[rel] = "<dir>";
     }
     return out;
 }
@@ -71,8 +74,8 @@ TEST(StreamRestore, EveryEntryKindLandsInItsPlace) {
         SendDisk(w, "vm1", "disk0.vmdk", disk, kExtent);
         // A disk as a file collection: an empty disk entry, then its nodes below it.
         auto node = [&](const std::string& path, const std::string& data) {
-            ASSERT_EQ(w.sendFCFileHeader(path, data.size(), 0, false, false, 1, 0, 0, 0, false, true, 0, 0, 0, 0, 0,
-                                         0, 0, 0, 0, 0),
+            ASSERT_EQ(w.sendFCFileHeader(path, data.size(), 0, false, false, 1, 0, 0, 0, false, true, 0, 0, 0, 0, 0, 0,
+                                         0, 0, 0, 0),
                       0);
             if (!data.empty()) w.allocateAndSendDataBuffer(data.data(), data.size());
             ASSERT_EQ(w.sendEOF(true, 0), 0);
@@ -83,9 +86,9 @@ TEST(StreamRestore, EveryEntryKindLandsInItsPlace) {
         ASSERT_EQ(w.sendDirectoryEntry({"/etc", 0, 040750, 0, 0, 0, 1600000000000000000LL, 0}), 0);
         ASSERT_EQ(w.sendFileLevelHeader({"/etc/hosts", 9, 0100640, 0, 0, 0, 1500000000500000000LL, 0}), 0);
         w.allocateAndSendDataBuffer("127.0.0.1", 9);
-        w.sendHole(3);   // a file-level file may end in a hole
+        w.sendHole(3);  // a file-level file may end in a hole
         ASSERT_EQ(w.sendEOF(true, 0), 0);
-        ASSERT_EQ(w.sendFileLevelHeader({"/etc/su", 2, 0106755, 0, 0, 0, 0, 0}), 0);   // set-user-id and -group-id
+        ASSERT_EQ(w.sendFileLevelHeader({"/etc/su", 2, 0106755, 0, 0, 0, 0, 0}), 0);  // set-user-id and -group-id
         w.allocateAndSendDataBuffer("#!", 2);
         ASSERT_EQ(w.sendEOF(true, 0), 0);
         ASSERT_EQ(w.sendFileLevelHeader({"/etc/link", 5, 0120777, 0, 0, 0, 0, 0}), 0);
@@ -101,7 +104,7 @@ TEST(StreamRestore, EveryEntryKindLandsInItsPlace) {
     struct stat st {};
     ASSERT_EQ(stat((dir + "/vm1/disk0.vmdk").c_str(), &st), 0);
     EXPECT_EQ(static_cast<size_t>(st.st_size), disk.size());
-    EXPECT_LE(static_cast<size_t>(st.st_blocks) * 512, disk.size() - kExtent);   // the holes stayed holes
+    EXPECT_LE(static_cast<size_t>(st.st_blocks) * 512, disk.size() - kExtent);  // the holes stayed holes
     EXPECT_TRUE(fs::is_directory(dir + "/vm1/disk1"));
     EXPECT_EQ(ReadFile(dir + "/vm1/disk1/docs/a.txt"), "node data");
     EXPECT_TRUE(fs::is_regular_file(dir + "/vm1/disk1/empty"));
@@ -123,11 +126,11 @@ TEST(StreamRestore, EveryEntryKindLandsInItsPlace) {
 TEST(StreamRestore, IncrementalsOntoAnEarlierRestoreGiveTheNewDisk) {
     TempHome home;
     const std::string v1 = Disk("DZDDZDD", 10000, 1);
-    std::string v2 = v1.substr(0, 7 * kExtent) + Pattern(kExtent, 77) + Pattern(5000, 78);   // grown
-    std::copy_n(Pattern(kExtent, 55).begin(), kExtent, v2.begin() + 2 * kExtent);            // changed
-    std::fill_n(v2.begin() + 3 * kExtent, kExtent, '\0');                                    // became zero
-    std::copy_n(Pattern(kExtent, 44).begin(), kExtent, v2.begin() + 4 * kExtent);            // hole became data
-    std::string v3 = v2.substr(0, 5 * kExtent + 123);                                        // shrunk
+    std::string v2 = v1.substr(0, 7 * kExtent) + Pattern(kExtent, 77) + Pattern(5000, 78);  // grown
+    std::copy_n(Pattern(kExtent, 55).begin(), kExtent, v2.begin() + 2 * kExtent);           // changed
+    std::fill_n(v2.begin() + 3 * kExtent, kExtent, '\0');                                   // became zero
+    std::copy_n(Pattern(kExtent, 44).begin(), kExtent, v2.begin() + 4 * kExtent);           // hole became data
+    std::string v3 = v2.substr(0, 5 * kExtent + 123);                                       // shrunk
     std::fill_n(v3.begin(), kExtent, '\0');
 
     auto stream = [&](const std::string& name, const std::string& before, const std::string& now,
@@ -204,7 +207,7 @@ TEST(StreamRestore, NothingIsWrittenOutsideTheRestoreFolder) {
         file("\\vm\\a/../../../outside/y");
         file("\\vm\\link\\z.vmx");
         file("\\vm\\link/victim.txt");
-        file("\\vm\\filelink");   // replaced by a file of its own, never written through
+        file("\\vm\\filelink");  // replaced by a file of its own, never written through
         file("\\vm\\.\\dot");
         file("\\vm\\\\double");
         file("vm\\noslash");
@@ -237,6 +240,5 @@ TEST(StreamRestore, NothingIsWrittenOutsideTheRestoreFolder) {
     EXPECT_NE(r.err.find("does not begin with a backslash"), std::string::npos) << r.err;
     // Every refusal names the offset of its record.
     std::istringstream lines(r.err);
-    for (std::string line; std::getline(lines, line);)
-        EXPECT_EQ(line.rfind("offset ", 0), 0u) << line;
+    for (std::string line; std::getline(lines, line);) EXPECT_EQ(line.rfind("offset ", 0), 0u) << line;
 }

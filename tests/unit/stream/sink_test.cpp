@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/time.h>
 #include <atomic>
 #include <csignal>
-#include <sys/time.h>
 #include <thread>
 
 using namespace vstest;
@@ -15,7 +15,7 @@ using namespace vstest;
 TEST(StreamSink, AFullDeviceFailsEveryCallFromTheFirstFailedWrite) {
     TempHome home;
     vshost::LogCapture log;
-    {   // data beyond one batch reaches the device at once
+    {  // data beyond one batch reaches the device at once
         StreamFile s("/dev/full");
         SendVM(s.writer, "vm1");
         const std::string extent = Pattern(3u << 20, 1);
@@ -35,9 +35,9 @@ TEST(StreamSink, AFullDeviceFailsEveryCallFromTheFirstFailedWrite) {
         EXPECT_TRUE(s.writer.isError(s.writer.close(true)));
         EXPECT_FALSE(s.pipe->Finished());
         EXPECT_FALSE(s.pipe->Close());
-        EXPECT_EQ(log.Count("No space left on device"), 1u);   // reported once, refused always
+        EXPECT_EQ(log.Count("No space left on device"), 1u);  // reported once, refused always
     }
-    {   // records that fit in one batch: the failure shows at the close that flushes them
+    {  // records that fit in one batch: the failure shows at the close that flushes them
         StreamFile s("/dev/full");
         SendVM(s.writer, "vm1");
         EXPECT_TRUE(s.writer.isError(s.writer.close(true)));
@@ -64,10 +64,10 @@ TEST(StreamSink, AReaderThatGoesAwayIsAnErrorNotASignal) {
     sigset_t pending;
     sigemptyset(&pending);
     sigpending(&pending);
-    EXPECT_FALSE(sigismember(&pending, SIGPIPE));   // the write's signal was taken back
+    EXPECT_FALSE(sigismember(&pending, SIGPIPE));  // the write's signal was taken back
     struct sigaction after {};
     sigaction(SIGPIPE, nullptr, &after);
-    EXPECT_EQ(after.sa_handler, before.sa_handler);   // and the process's disposition left alone
+    EXPECT_EQ(after.sa_handler, before.sa_handler);  // and the process's disposition left alone
     close(fds[1]);
 }
 
@@ -81,7 +81,8 @@ TEST(StreamSink, InterruptedAndPartialWritesThroughAPipeLoseNothing) {
     ASSERT_EQ(pipe(fds), 0);
     // Timer signals without SA_RESTART make write and read return early or fail with
     // EINTR, in whichever thread they land.
-    struct sigaction sa {}, old {};
+    struct sigaction sa {
+    }, old{};
     sa.sa_handler = NoOp;
     sigaction(SIGALRM, &sa, &old);
     itimerval every{{0, 200}, {0, 200}};
@@ -98,7 +99,7 @@ TEST(StreamSink, InterruptedAndPartialWritesThroughAPipeLoseNothing) {
         auto pipe = CPipelayer::OpenFd(fds[1]);
         vsSim sim;
         vsArchive w(nullptr, nullptr, &sim, "hub");
-        EXPECT_EQ(w.init(pipe.get(), nullptr, "c"), 0);   // no ASSERT: the reader thread must be joined
+        EXPECT_EQ(w.init(pipe.get(), nullptr, "c"), 0);  // no ASSERT: the reader thread must be joined
         SendVM(w, "vm1");
         SendConfig(w, "vm1", "vm1.nvram", config);
         SendDisk(w, "vm1", "disk0", disk, 1u << 20);

@@ -27,7 +27,8 @@ std::vector<std::pair<std::string, std::string>> Contents(const DecodeResult& r)
         if (auto* l = std::get_if<vshost::FileLevelRecord>(&d.record.body); l && d.record.kind == Kind::FileLevelHeader)
             out.push_back({l->info.clientPath, ""});
         if (d.record.kind == Kind::Data) out.back().second += d.bytes;
-        if (auto* h = std::get_if<vshost::HoleRecord>(&d.record.body)) out.back().second += std::string(h->length, '\0');
+        if (auto* h = std::get_if<vshost::HoleRecord>(&d.record.body))
+            out.back().second += std::string(h->length, '\0');
     }
     return out;
 }
@@ -42,9 +43,9 @@ TEST(StreamWriter, RoundTripOfAVmWithEveryRecordKind) {
     w.SetJobId(4711);
     w.SetJobToken("token-1");
 
-    const unsigned extentSize = 1536 * 1024;   // an extent is more than one record's worth
+    const unsigned extentSize = 1536 * 1024;  // an extent is more than one record's worth
     std::string disk = Pattern(3 * extentSize + 1000, 1);
-    std::fill(disk.begin() + extentSize, disk.begin() + 2 * extentSize, '\0');   // extent 1 is a hole
+    std::fill(disk.begin() + extentSize, disk.begin() + 2 * extentSize, '\0');  // extent 1 is a hole
     const std::string vmx = Pattern(70000, 2);
     const long long before = static_cast<long long>(time(nullptr));
 
@@ -54,8 +55,8 @@ TEST(StreamWriter, RoundTripOfAVmWithEveryRecordKind) {
     SendDisk(w, "vm1", "disk0.vmdk", disk, extentSize);
     ASSERT_EQ(w.sendVMReadCompleted("vm1"), 0);
     // A file-collection node, every argument distinct so that none can be swapped unseen.
-    ASSERT_EQ(w.sendFCFileHeader("\\vm1\\disk1\\docs\\a.txt", 5, -3, false, true, -6, 7, -8, 9, true, false, 12, 13,
-                                 14, 15, 16, 17, 18, 19, 20, 21),
+    ASSERT_EQ(w.sendFCFileHeader("\\vm1\\disk1\\docs\\a.txt", 5, -3, false, true, -6, 7, -8, 9, true, false, 12, 13, 14,
+                                 15, 16, 17, 18, 19, 20, 21),
               0);
     ASSERT_EQ(w.allocateAndSendDataBuffer("hello", 5), 0);
     ASSERT_EQ(w.sendEOF(true, 0), 0);
@@ -69,18 +70,46 @@ TEST(StreamWriter, RoundTripOfAVmWithEveryRecordKind) {
 
     const DecodeResult r = DecodeBytes(s.Bytes());
     ASSERT_EQ(r.state, vshost::StreamReader::State::Complete) << r.error;
-    const std::vector<Kind> expected = {
-        Kind::StreamHeader, Kind::FileHeader, Kind::EndOfFile,                               // VM
-        Kind::DiskInfo, Kind::FileHeader, Kind::Data, Kind::Data, Kind::Data, Kind::EndOfFile,   // vmx, 3 buffers
-        Kind::DiskInfo, Kind::FileHeader, Kind::EndOfFile,                                    // empty file
-        Kind::DiskInfo, Kind::VolumeHeader, Kind::FileHeader, Kind::EndOfFile,                // disk
-        Kind::FileHeader, Kind::Data, Kind::Data, Kind::EndOfFile,                            // extent 0
-        Kind::FileHeader, Kind::Hole, Kind::EndOfFile,                                        // extent 1
-        Kind::FileHeader, Kind::Data, Kind::Data, Kind::EndOfFile,                            // extent 2
-        Kind::FileHeader, Kind::Data, Kind::EndOfFile,                                        // extent 3
-        Kind::DiskReadCompleted, Kind::VMReadCompleted,
-        Kind::CollectionHeader, Kind::Data, Kind::EndOfFile,
-        Kind::FileLevelHeader, Kind::Data, Kind::EndOfFile, Kind::DirectoryEntry, Kind::Trailer};
+    const std::vector<Kind> expected = {Kind::StreamHeader,
+                                        Kind::FileHeader,
+                                        Kind::EndOfFile,  // VM
+                                        Kind::DiskInfo,
+                                        Kind::FileHeader,
+                                        Kind::Data,
+                                        Kind::Data,
+                                        Kind::Data,
+                                        Kind::EndOfFile,  // vmx, 3 buffers
+                                        Kind::DiskInfo,
+                                        Kind::FileHeader,
+                                        Kind::EndOfFile,  // empty file
+                                        Kind::DiskInfo,
+                                        Kind::VolumeHeader,
+                                        Kind::FileHeader,
+                                        Kind::EndOfFile,  // disk
+                                        Kind::FileHeader,
+                                        Kind::Data,
+                                        Kind::Data,
+                                        Kind::EndOfFile,  // extent 0
+                                        Kind::FileHeader,
+                                        Kind::Hole,
+                                        Kind::EndOfFile,  // extent 1
+                                        Kind::FileHeader,
+                                        Kind::Data,
+                                        Kind::Data,
+                                        Kind::EndOfFile,  // extent 2
+                                        Kind::FileHeader,
+                                        Kind::Data,
+                                        Kind::EndOfFile,  // extent 3
+                                        Kind::DiskReadCompleted,
+                                        Kind::VMReadCompleted,
+                                        Kind::CollectionHeader,
+                                        Kind::Data,
+                                        Kind::EndOfFile,
+                                        Kind::FileLevelHeader,
+                                        Kind::Data,
+                                        Kind::EndOfFile,
+                                        Kind::DirectoryEntry,
+                                        Kind::Trailer};
     ASSERT_EQ(Kinds(r), expected);
 
     const auto& h = std::get<vshost::StreamHeaderRecord>(r.records[0].record.body);
@@ -106,13 +135,33 @@ TEST(StreamWriter, RoundTripOfAVmWithEveryRecordKind) {
     EXPECT_EQ(diskHeader.extentSize, extentSize);
     EXPECT_EQ(diskHeader.size, disk.size());
     const auto& info = std::get<vshost::DiskInfoRecord>(r.records[12].record.body);
-    EXPECT_EQ(info, (vshost::DiskInfoRecord{"vm1", "disk0.vmdk", "extra", 3, 1, 2, disk.size(), extentSize, 4, true, ""}));
+    EXPECT_EQ(info,
+              (vshost::DiskInfoRecord{"vm1", "disk0.vmdk", "extra", 3, 1, 2, disk.size(), extentSize, 4, true, ""}));
     EXPECT_EQ(r.records[13].bytes, disk.substr(0, 65536));
     const auto& done = std::get<vshost::DiskReadCompletedRecord>(r.records[30].record.body);
     EXPECT_EQ(done.changeId, "change-1");
 
-    vshost::CollectionHeaderRecord fc{"\\vm1\\disk1\\docs\\a.txt", 5, -3, false, true, -6, 7, -8, 9, true, false,
-                                      12, 13, 14, 15, 16, 17, 18, 19, 20, 21};
+    vshost::CollectionHeaderRecord fc{"\\vm1\\disk1\\docs\\a.txt",
+                                      5,
+                                      -3,
+                                      false,
+                                      true,
+                                      -6,
+                                      7,
+                                      -8,
+                                      9,
+                                      true,
+                                      false,
+                                      12,
+                                      13,
+                                      14,
+                                      15,
+                                      16,
+                                      17,
+                                      18,
+                                      19,
+                                      20,
+                                      21};
     EXPECT_EQ(std::get<vshost::CollectionHeaderRecord>(r.records[32].record.body), fc);
     EXPECT_EQ(std::get<vshost::FileLevelRecord>(r.records[35].record.body).info, file);
     const auto& eof = std::get<vshost::EndOfFileRecord>(r.records[37].record.body);
@@ -144,7 +193,7 @@ TEST(StreamWriter, RefusesCallsOutOfOrderAndKeepsTheStreamSound) {
     EXPECT_EQ(w.sendEOF(true, 0), vsArchive::kErrOrder);
     SendVM(w, "vm1");
     ASSERT_EQ(Header(w, "\\vm1\\disk", 100, true, 10), 0);
-    EXPECT_EQ(w.sendHole(10), vsArchive::kErrOrder);   // a container holds no data
+    EXPECT_EQ(w.sendHole(10), vsArchive::kErrOrder);  // a container holds no data
     EXPECT_TRUE(w.isError(w.allocateAndSendDataBuffer("x", 1)));
     EXPECT_NE(w.lastError().find("container entry [\\vm1\\disk]"), std::string::npos) << w.lastError();
     ASSERT_EQ(w.sendEOF(true, 0), 0);
@@ -154,25 +203,25 @@ TEST(StreamWriter, RefusesCallsOutOfOrderAndKeepsTheStreamSound) {
     // as incomplete, and the job goes on.
     ASSERT_EQ(Header(w, "\\vm1\\b.vmx", 4, false), 0);
     EXPECT_EQ(w.sendVMReadCompleted("vm1"), vsArchive::kErrOrder);
-    EXPECT_EQ(w.writeDataBuffer("abcd", 4), vsArchive::kErrOrder);   // nothing lent
+    EXPECT_EQ(w.writeDataBuffer("abcd", 4), vsArchive::kErrOrder);  // nothing lent
     unsigned long got = 0;
     void* buf = nullptr;
     ASSERT_EQ(w.allocateBuffer(1u << 30, &got, &buf), 0);
-    EXPECT_EQ(got, 1ul << 20);   // one record's worth at most
+    EXPECT_EQ(got, 1ul << 20);  // one record's worth at most
     unsigned long got2 = 0;
     void* buf2 = nullptr;
     EXPECT_EQ(w.allocateBuffer(4, &got2, &buf2), vsArchive::kErrOrder);
     w.freeBuffer();
     ASSERT_EQ(w.allocateBuffer(4, &got, &buf), 0);
     std::memcpy(buf, "abcd", 4);
-    EXPECT_EQ(w.writeDataBuffer(static_cast<const char*>(buf), 5), vsArchive::kErrArgument);   // beyond the loan
+    EXPECT_EQ(w.writeDataBuffer(static_cast<const char*>(buf), 5), vsArchive::kErrArgument);  // beyond the loan
     ASSERT_EQ(w.allocateBuffer(4, &got, &buf), 0);
     std::memcpy(buf, "abcd", 4);
     ASSERT_EQ(w.writeDataBuffer(static_cast<const char*>(buf), 4), 0);
     ASSERT_EQ(w.sendEOF(true, 0), 0);
     EXPECT_EQ(w.sendFileHeader(std::string(2u << 20, 'p'), 0, 0, false, false, false, 0, 0, 0, 0, false, true, false),
               vsArchive::kErrArgument);
-    EXPECT_EQ(w.sendEOF(true, 0), vsArchive::kErrOrder);   // the refused header opened nothing
+    EXPECT_EQ(w.sendEOF(true, 0), vsArchive::kErrOrder);  // the refused header opened nothing
     ASSERT_EQ(w.close(true), 0);
     EXPECT_EQ(w.sendVMReadCompleted("vm1"), vsArchive::kErrNotAttached);
     EXPECT_TRUE(log.Contains("vsArchive: data with no entry open"));
@@ -188,13 +237,13 @@ TEST(StreamWriter, RefusesCallsOutOfOrderAndKeepsTheStreamSound) {
 
 TEST(StreamWriter, OnlyACleanCloseByTheLastWriterEndsTheStream) {
     TempHome home;
-    {   // two writers on one pipeline, as the file-level reader has them
+    {  // two writers on one pipeline, as the file-level reader has them
         StreamFile s(home.sub("shared.stream"));
         vsSim sim;
         vsArchive second(nullptr, nullptr, &sim, "other-hub");
         ASSERT_EQ(second.init(s.pipe.get(), nullptr, "other-client"), 0);
         SendVM(s.writer, "vm1");
-        s.pipe->SetJobId(99);   // an identity change once the header is out
+        s.pipe->SetJobId(99);  // an identity change once the header is out
         s.pipe->SetArchiveFileId(7);
         SendVM(second, "vm2");
         ASSERT_EQ(s.writer.close(true), 0);
@@ -202,7 +251,7 @@ TEST(StreamWriter, OnlyACleanCloseByTheLastWriterEndsTheStream) {
         SendVM(second, "vm3");
         ASSERT_EQ(second.close(true), 0);
         EXPECT_TRUE(s.pipe->Finished());
-        EXPECT_EQ(second.close(true), 0);   // a second close does nothing
+        EXPECT_EQ(second.close(true), 0);  // a second close does nothing
 
         const DecodeResult r = DecodeBytes(s.Bytes());
         ASSERT_EQ(r.state, vshost::StreamReader::State::Complete) << r.error;
@@ -213,7 +262,7 @@ TEST(StreamWriter, OnlyACleanCloseByTheLastWriterEndsTheStream) {
         EXPECT_EQ(std::get<vshost::StreamHeaderRecord>(r.records[0].record.body).clientName, "client1");
         EXPECT_EQ(r.counted.entries, 3u);
     }
-    {   // an entry left open by the last item: ended as incomplete, and the stream is whole
+    {  // an entry left open by the last item: ended as incomplete, and the stream is whole
         StreamFile s(home.sub("open.stream"));
         ASSERT_EQ(Header(s.writer, "\\vm1\\a.vmx", 4, false), 0);
         EXPECT_EQ(s.writer.close(true), 0);
@@ -221,7 +270,7 @@ TEST(StreamWriter, OnlyACleanCloseByTheLastWriterEndsTheStream) {
         EXPECT_EQ(r.state, vshost::StreamReader::State::Complete);
         EXPECT_EQ(r.counted.badEntries, 1u);
     }
-    {   // abandoned by the pipeline's owner, or by one of two writers
+    {  // abandoned by the pipeline's owner, or by one of two writers
         StreamFile s(home.sub("stopped.stream"));
         SendVM(s.writer, "vm1");
         s.pipe->Abandon();
@@ -233,11 +282,11 @@ TEST(StreamWriter, OnlyACleanCloseByTheLastWriterEndsTheStream) {
         auto second = std::make_unique<vsArchive>(nullptr, nullptr, &sim, "hub");
         ASSERT_EQ(second->init(t.pipe.get(), nullptr, "c"), 0);
         SendVM(t.writer, "vm1");
-        second.reset();   // destroyed without close: abandons
+        second.reset();  // destroyed without close: abandons
         EXPECT_TRUE(t.writer.isError(t.writer.close(true)));
         EXPECT_EQ(DecodeBytes(t.Bytes()).state, vshost::StreamReader::State::Incomplete);
     }
-    {   // nothing written but a clean close: a valid empty stream
+    {  // nothing written but a clean close: a valid empty stream
         StreamFile s(home.sub("empty.stream"));
         ASSERT_EQ(s.writer.close(true), 0);
         const DecodeResult r = DecodeBytes(s.Bytes());
@@ -256,7 +305,7 @@ TEST(StreamWriter, ADiskIsRecordedAsReadOnlyOnceItsMarkerIsWritten) {
         s.writer.SetJobId(77);
         SendVM(s.writer, "vm1");
         SendDisk(s.writer, "vm1", "disk0.vmdk", Pattern(4096, 3), 1024);
-        const DecodeResult onDisk = DecodeBytes(s.Bytes());   // the writer is still open
+        const DecodeResult onDisk = DecodeBytes(s.Bytes());  // the writer is still open
         ASSERT_FALSE(onDisk.records.empty());
         EXPECT_EQ(onDisk.records.back().record.kind, Kind::DiskReadCompleted);
         // Completed disks reach the catalog in batches, at the latest when the writer closes.
@@ -288,7 +337,7 @@ TEST(StreamWriter, ADiskIsRecordedAsReadOnlyOnceItsMarkerIsWritten) {
 TEST(StreamWriter, NoRecordOverThePayloadLimitIsEverWritten) {
     TempHome home;
     const std::string huge(5u << 20, 'm');
-    {   // a host name too long for the stream header: nothing at all goes out
+    {  // a host name too long for the stream header: nothing at all goes out
         CQiError err;
         auto pipe = CPipelayer::OpenFile(home.sub("header.stream"), err);
         vsSim sim;
@@ -300,7 +349,7 @@ TEST(StreamWriter, NoRecordOverThePayloadLimitIsEverWritten) {
         pipe.reset();
         EXPECT_EQ(ReadFile(home.sub("header.stream")).size(), 0u);
     }
-    {   // a job token too long for an identity record: refused, the stream stays sound
+    {  // a job token too long for an identity record: refused, the stream stays sound
         StreamFile s(home.sub("identity.stream"));
         SendVM(s.writer, "vm1");
         s.writer.SetJobToken(huge.c_str());

@@ -16,12 +16,13 @@ TEST(Descriptors, FlatKindsAsDiskToolsWriteThem) {
     Descriptor d;
     std::string why;
     // Split flat with a quoted name holding blanks, a zero extent, comments and odd case.
-    ASSERT_TRUE(Parse("# Disk DescriptorFile\ncreateType=\"twoGbMaxExtentFlat\"\n"
-                      "RW 4096 FLAT \"disk one-f001.vmdk\" 0\n"
-                      "rw 2048 flat \"disk one-f002.vmdk\" 16   # tail comment\n"
-                      "RW 1024 ZERO\n"
-                      "ddb.geometry.cylinders = \"16\"\n",
-                      "/ds/vm", d, why))
+    ASSERT_TRUE(
+        Parse("# Disk DescriptorFile\ncreateType=\"twoGbMaxExtentFlat\"\n"
+              "RW 4096 FLAT \"disk one-f001.vmdk\" 0\n"
+              "rw 2048 flat \"disk one-f002.vmdk\" 16   # tail comment\n"
+              "RW 1024 ZERO\n"
+              "ddb.geometry.cylinders = \"16\"\n",
+              "/ds/vm", d, why))
         << why;
     EXPECT_EQ(d.createType, "twoGbMaxExtentFlat");
     ASSERT_EQ(d.extents.size(), 3u);
@@ -66,7 +67,7 @@ TEST(Descriptors, FilesAreClassifiedByContent) {
     const std::string good = write("good.vmdk", "# Disk DescriptorFile\nRW 64 FLAT \"good-flat.vmdk\" 0\n");
     EXPECT_EQ(Inspect(good, d, why), Kind::Descriptor) << why;
     ASSERT_TRUE(DiskSize(good, size, why));
-    EXPECT_EQ(size, 64u * 512u);   // from the descriptor, not the (empty) extent file
+    EXPECT_EQ(size, 64u * 512u);  // from the descriptor, not the (empty) extent file
 
     const std::string orphan = write("orphan.vmdk", "# Disk DescriptorFile\nRW 64 FLAT \"gone-flat.vmdk\" 0\n");
     EXPECT_EQ(Inspect(orphan, d, why), Kind::Unreadable);

@@ -74,7 +74,7 @@ TEST_F(SnapshotLibrary, MountsReportEveryItemOfTheSample) {
     EXPECT_EQ(snap.nSnapJobId, sample.snapJobId);
     ASSERT_EQ(snap.volSnaps.size(), 2u);
     EXPECT_EQ(snap.volSnaps[0].sVolume, "ds1");
-    EXPECT_EQ(snap.volSnaps[0].vmGuids.size(), 2u);   // web01 and db01 live on ds1
+    EXPECT_EQ(snap.volSnaps[0].vmGuids.size(), 2u);  // web01 and db01 live on ds1
 
     for (const vssample::SampleVM& vm : sample.vms) {
         // Upper-case vCenter UUID finds the VM as its name does.
@@ -195,7 +195,8 @@ TEST_F(SnapshotLibrary, BrokenVMsFailWithTheirCode) {
 
     // A sparse disk is refused by name of its kind; a filter that leaves it out mounts.
     const vssample::SampleVM& web = sample.vm("web01");
-    std::ofstream(web.disks[1].path) << "# Disk DescriptorFile\ncreateType=\"monolithicSparse\"\nRW 64 SPARSE \"s.vmdk\"\n";
+    std::ofstream(web.disks[1].path)
+        << "# Disk DescriptorFile\ncreateType=\"monolithicSparse\"\nRW 64 SPARSE \"s.vmdk\"\n";
     ExpectVMFailure("web01", 23, "extent kind SPARSE (sparse) is not supported");
     {
         vminfo::VMInfo info(102, 1);
@@ -224,7 +225,7 @@ TEST_F(SnapshotLibrary, BrokenVMsFailWithTheirCode) {
 // it) fail the VM with 23; a relative link that stays on the volume is followed. A FIFO
 // in place of snapshot.json fails the mount (28) without waiting on it.
 TEST_F(SnapshotLibrary, FilesThatLeaveTheirVolumeOrAreNoFilesAreRefused) {
-    alarm(120);   // a blocking open of a FIFO ends the test instead of hanging it
+    alarm(120);  // a blocking open of a FIFO ends the test instead of hanging it
     const std::string web = sample.vm("web01").folder + "/", ds1 = Root() + "/ds1/", secret = home.sub("secret");
     std::ofstream(secret) << "secret";
     fs::create_directories(home.sub("out"));
@@ -252,7 +253,7 @@ TEST_F(SnapshotLibrary, FilesThatLeaveTheirVolumeOrAreNoFilesAreRefused) {
     fs::rename(web + "saved.vmdk", web + "web01.vmdk");
     link(secret, web + "web01-flat.vmdk");
     ExpectVMFailure("web01", 23, "web01-flat.vmdk: leads out of");
-    link(secret, web + "web01.nvram");   // configuration files are looked at first
+    link(secret, web + "web01.nvram");  // configuration files are looked at first
     ExpectVMFailure("web01", 23, "web01.nvram: leads out of");
 
     fs::remove(Root() + "/snapshot.json");
@@ -264,13 +265,14 @@ TEST_F(SnapshotLibrary, FilesThatLeaveTheirVolumeOrAreNoFilesAreRefused) {
 // Text files larger than a snapshot's text may be are refused before they are read: the
 // VM, or for snapshot.json the snapshot, fails with its code and the reason.
 TEST_F(SnapshotLibrary, OversizedTextFilesAreRefusedUnread) {
-    const std::pair<std::string, std::string> files[] = {   // VM (none: the snapshot), file
+    const std::pair<std::string, std::string> files[] = {
+        // VM (none: the snapshot), file
         {"web01", sample.vm("web01").folder + "/web01.vmsd"},
         {"fs01", sample.vm("fs01").folder + "/vmguest.json"},
         {"", Root() + "/snapshot.json"},
     };
     for (const auto& [vm, path] : files) {
-        fs::resize_file(path, 64ull << 20);   // sparse
+        fs::resize_file(path, 64ull << 20);  // sparse
         const std::string reason = fs::path(path).filename().string() + ": holds 67108864 bytes, more than the";
         if (vm.empty())
             ExpectSnapFailure(28, reason);
