@@ -49,6 +49,84 @@ enum : int {
     kCauseDiskOpenDetailed = 0x4800006A,
 };
 
+// What the debug line of a failure is formatted with.
+enum class DebugArgs { kNone, kVM, kVMAndHost };
+
+// One row per VM-info error code: the debug line, the cause raised and its event
+// argument (the VM name, or none), or a cause text with the VM name as "{1}".
+struct ErrorRow {
+    unsigned code;
+    const char* debug;
+    DebugArgs args;
+    int causeId;
+    bool vmArgument;
+    const char* causeText;  // when set, the event argument is this text formatted
+};
+
+constexpr ErrorRow kErrors[] = {
+    {1, "VM [%s] was not found.", DebugArgs::kVM, kCauseVMNotFound, true, nullptr},
+    {2, "VM [%s] is Non Windows machine.  Volume/File Mount is not supported.", DebugArgs::kVM, kCauseNonWindowsVM,
+     true, nullptr},
+    {3, "Don't have Enough space for Job Completion.", DebugArgs::kNone, kCauseLowDiskSpace, true, nullptr},
+    {4, "VSS Failed.", DebugArgs::kNone, kCauseVSSFailed, true, nullptr},
+    {5, "VCBMounter Failed", DebugArgs::kNone, kCauseVCBMounterFailed, true, nullptr},
+    {9, "Files with same names are present to be backed-up", DebugArgs::kNone, kCauseDuplicateFileNames, true, nullptr},
+    {11, "Failed to create the shadow.  Backup is failing.", DebugArgs::kNone, kCauseShadowCreation, false, nullptr},
+    {12, "VCBMounter Not present..Failing the backup.", DebugArgs::kNone, kCauseVCBMounterMissing, false, nullptr},
+    {13, "Proxy mount path error", DebugArgs::kNone, kCauseProxyMountPath, false, nullptr},
+    {15, "VM Version is too low", DebugArgs::kNone, kCauseVMVersionTooLow, true, nullptr},
+    {16, "VM [%s] config file path is invalid on [%s]", DebugArgs::kVMAndHost, kCauseConfigPathInvalid, true, nullptr},
+    {17, "Error creating VM [%s] snapshot.", DebugArgs::kVM, kCauseVMSnapshot, true, nullptr},
+    {18, "Error with VM [%s] change tracking.", DebugArgs::kVM, kCauseChangeTracking, true, nullptr},
+    {19, "Error connecting to VM [%s]", DebugArgs::kVM, kCauseVMConnect, true, nullptr},
+    {21, "Error downloading VM [%s] config file.", DebugArgs::kVM, kCauseConfigDownload, true, nullptr},
+    {23, "Error opening VM [%s] disk", DebugArgs::kVM, kCauseDiskOpen, true, nullptr},
+    {27, "Error registering VM [%s]", DebugArgs::kVM, kCauseVMRegister, true, nullptr},
+    {28, "Error reading SNAP metadata", DebugArgs::kNone, kCauseSnapMetadata, false, nullptr},
+    {29, "Error with vol snap info", DebugArgs::kNone, kCauseVolSnapInfo, false, nullptr},
+    {30, "Error mounting snap volumes", DebugArgs::kNone, kCauseSnapVolumeMount, false, nullptr},
+    {31, "Failed to get VM list from snapshot.", DebugArgs::kNone, kCauseSnapVMList, false, nullptr},
+    {32, "Failed to get Datastore list for snapshot.", DebugArgs::kNone, kCauseSnapDatastoreList, false, nullptr},
+    {33, "Failed to create hardware snapshot.", DebugArgs::kNone, kCauseHardwareSnapshot, false, nullptr},
+    {169, "Error opening VM [%s] disk for SAN access.  It may be necessary to restart services on the MediaAgent.",
+     DebugArgs::kVM, kCauseDiskOpenDetailed, true,
+     "Unable to open the disk(s) for virtual machine [{1}] for SAN access.  It may be necessary to restart services on the MediaAgent."},
+    // The operator's remedy is the plain disk-open one, hence its cause.
+    {170, "Error opening VM [%s] disk for SAN access.  SAN is only supported for physical machines.", DebugArgs::kVM,
+     kCauseDiskOpen, true, nullptr},
+    {213, "Error opening VM [%s] disk.  The VDDK version is too high for the host version.", DebugArgs::kVM,
+     kCauseDiskOpenDetailed, true,
+     "Unable to open the disk(s) for virtual machine [{1}].  VDDK version 6.5 or higher cannot be used to access virtual machines on hosts running ESX 5.1 or lower."},
+    {214, "Error opening VM [%s] disk.  The VDDK version is too low for the host version.", DebugArgs::kVM,
+     kCauseDiskOpenDetailed, true,
+     "Unable to open the disk(s) for virtual machine [{1}].  VDDK version 6.5 is required to access virtual machines on host version 6.5.  The VDDK will be auto updated.  It may be necessary to restart services on the MediaAgent."},
+};
+
+const ErrorRow* RowOf(int code) {
+    // Negative codes are no known error; as unsigned they match no row.
+    for (const ErrorRow& row : kErrors)
+        if (row.code == static_cast<unsigned>(code)) return &row;
+    return nullptr;
+}
+
+// The debug formats come from the table above, each checked against its DebugArgs.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+void LogDebug(EvEvent& event, const ErrorRow& row, const char* vm, const char* host) {
+    switch (row.args) {
+        case DebugArgs::kNone:
+            event.Debug(kFunction, "%s", row.debug);
+            break;
+        case DebugArgs::kVM:
+            event.Debug(kFunction, row.debug, vm);
+            break;
+        case DebugArgs::kVMAndHost:
+            event.Debug(kFunction, row.debug, vm, host);
+            break;
+    }
+}
+#pragma GCC diagnostic pop
+
 }  // namespace
 
 void DataReaderVSBase::CheckVMInfoError(IVMInfo* vmInfo, MountCtx& ctx) {
@@ -58,7 +136,6 @@ void DataReaderVSBase::CheckVMInfoError(IVMInfo* vmInfo, MountCtx& ctx) {
     KTRstJobClient client;
     const std::string vmName = ctx.sMountedName;
     const std::string esxHost = ctx.hostCredentials.sHost;
-    CQiString formatted;
     KTPI_PlatformBase platform(kPlatformMediaAgent);
 
     // A client that failed to initialise still gets the cause: the host keeps it, and
@@ -66,141 +143,17 @@ void DataReaderVSBase::CheckVMInfoError(IVMInfo* vmInfo, MountCtx& ctx) {
     if (!client.init(platform.getHubServerHostName(), m_jobId, kPlatformMediaAgent, false, nullptr))
         KTlog(m_hLog, KTLOG_ALWAYS, "JobClient initialization failed");
 
+    const ErrorRow* row = RowOf(code);
+    if (!row) {
+        event.Debug(kFunction, "Unknown VMInfo error [%d]", code);
+        return;
+    }
     const char* vm = vmName.c_str();
-    auto raiseFormatted = [&](int causeId, const char* message) {
-        formatted = CQiString::Format(CQiString(message), CQiString(vm));
-        RaiseCause(client, causeId, formatted.c_str());
-    };
-
-    // Negative codes are no known error; as unsigned they fall to the default.
-    switch (static_cast<unsigned>(code)) {
-        case 1:
-            event.Debug(kFunction, "VM [%s] was not found.", vm);
-            RaiseCause(client, kCauseVMNotFound, vm);
-            break;
-        case 2:
-            event.Debug(kFunction, "VM [%s] is Non Windows machine.  Volume/File Mount is not supported.", vm);
-            RaiseCause(client, kCauseNonWindowsVM, vm);
-            break;
-        case 3:
-            event.Debug(kFunction, "Don't have Enough space for Job Completion.");
-            RaiseCause(client, kCauseLowDiskSpace, vm);
-            break;
-        case 4:
-            event.Debug(kFunction, "VSS Failed.");
-            RaiseCause(client, kCauseVSSFailed, vm);
-            break;
-        case 5:
-            event.Debug(kFunction, "VCBMounter Failed");
-            RaiseCause(client, kCauseVCBMounterFailed, vm);
-            break;
-        case 9:
-            event.Debug(kFunction, "Files with same names are present to be backed-up");
-            RaiseCause(client, kCauseDuplicateFileNames, vm);
-            break;
-        case 11:
-            event.Debug(kFunction, "Failed to create the shadow.  Backup is failing.");
-            RaiseCause(client, kCauseShadowCreation, nullptr);
-            break;
-        case 12:
-            event.Debug(kFunction, "VCBMounter Not present..Failing the backup.");
-            RaiseCause(client, kCauseVCBMounterMissing, nullptr);
-            break;
-        case 13:
-            event.Debug(kFunction, "Proxy mount path error");
-            RaiseCause(client, kCauseProxyMountPath, nullptr);
-            break;
-        case 15:
-            event.Debug(kFunction, "VM Version is too low");
-            RaiseCause(client, kCauseVMVersionTooLow, vm);
-            break;
-        case 16:
-            event.Debug(kFunction, "VM [%s] config file path is invalid on [%s]", vm, esxHost.c_str());
-            RaiseCause(client, kCauseConfigPathInvalid, vm);
-            break;
-        case 17:
-            event.Debug(kFunction, "Error creating VM [%s] snapshot.", vm);
-            RaiseCause(client, kCauseVMSnapshot, vm);
-            break;
-        case 18:
-            event.Debug(kFunction, "Error with VM [%s] change tracking.", vm);
-            RaiseCause(client, kCauseChangeTracking, vm);
-            break;
-        case 19:
-            event.Debug(kFunction, "Error connecting to VM [%s]", vm);
-            RaiseCause(client, kCauseVMConnect, vm);
-            break;
-        case 21:
-            event.Debug(kFunction, "Error downloading VM [%s] config file.", vm);
-            RaiseCause(client, kCauseConfigDownload, vm);
-            break;
-        case 23:
-            event.Debug(kFunction, "Error opening VM [%s] disk", vm);
-            RaiseCause(client, kCauseDiskOpen, vm);
-            break;
-        case 27:
-            event.Debug(kFunction, "Error registering VM [%s]", vm);
-            RaiseCause(client, kCauseVMRegister, vm);
-            break;
-        case 28:
-            event.Debug(kFunction, "Error reading SNAP metadata");
-            RaiseCause(client, kCauseSnapMetadata, nullptr);
-            break;
-        case 29:
-            event.Debug(kFunction, "Error with vol snap info");
-            RaiseCause(client, kCauseVolSnapInfo, nullptr);
-            break;
-        case 30:
-            event.Debug(kFunction, "Error mounting snap volumes");
-            RaiseCause(client, kCauseSnapVolumeMount, nullptr);
-            break;
-        case 31:
-            event.Debug(kFunction, "Failed to get VM list from snapshot.");
-            RaiseCause(client, kCauseSnapVMList, nullptr);
-            break;
-        case 32:
-            event.Debug(kFunction, "Failed to get Datastore list for snapshot.");
-            RaiseCause(client, kCauseSnapDatastoreList, nullptr);
-            break;
-        case 33:
-            event.Debug(kFunction, "Failed to create hardware snapshot.");
-            RaiseCause(client, kCauseHardwareSnapshot, nullptr);
-            break;
-        case 169:
-            event.Debug(kFunction,
-                        "Error opening VM [%s] disk for SAN access.  It may be necessary to restart services on the "
-                        "MediaAgent.",
-                        vm);
-            raiseFormatted(
-                kCauseDiskOpenDetailed,
-                "Unable to open the disk(s) for virtual machine [{1}] for SAN access.  It may be necessary to "
-                "restart services on the MediaAgent.");
-            break;
-        case 170:
-            // The operator's remedy is the plain disk-open one, hence its cause.
-            event.Debug(kFunction,
-                        "Error opening VM [%s] disk for SAN access.  SAN is only supported for physical machines.", vm);
-            RaiseCause(client, kCauseDiskOpen, vm);
-            break;
-        case 213:
-            event.Debug(kFunction, "Error opening VM [%s] disk.  The VDDK version is too high for the host version.",
-                        vm);
-            raiseFormatted(
-                kCauseDiskOpenDetailed,
-                "Unable to open the disk(s) for virtual machine [{1}].  VDDK version 6.5 or higher cannot be "
-                "used to access virtual machines on hosts running ESX 5.1 or lower.");
-            break;
-        case 214:
-            event.Debug(kFunction, "Error opening VM [%s] disk.  The VDDK version is too low for the host version.",
-                        vm);
-            raiseFormatted(
-                kCauseDiskOpenDetailed,
-                "Unable to open the disk(s) for virtual machine [{1}].  VDDK version 6.5 is required to access "
-                "virtual machines on host version 6.5.  The VDDK will be auto updated.  It may be necessary "
-                "to restart services on the MediaAgent.");
-            break;
-        default:
-            event.Debug(kFunction, "Unknown VMInfo error [%d]", code);
-            break;
+    LogDebug(event, *row, vm, esxHost.c_str());
+    if (row->causeText) {
+        const CQiString formatted = CQiString::Format(CQiString(row->causeText), CQiString(vm));
+        RaiseCause(client, row->causeId, formatted.c_str());
+    } else {
+        RaiseCause(client, row->causeId, row->vmArgument ? vm : nullptr);
     }
 }
