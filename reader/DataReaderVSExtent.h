@@ -45,6 +45,19 @@ protected:
     DiskOptionIt GetDiskRestoreOptions(const std::string& diskName, VirtualServer::SnapSrcPathOptions& options,
                                        bool alternate);
 
+    // The steps of one item (OnSnapSrcPath), over what they share.
+    struct ItemScope {
+        std::string path, vmGuid, diskToken, extentToken;
+        VirtualServer::SnapSrcPathOptions options;
+        bool alternate = false;  // disks named by their second name (an incremental item)
+        DataReaderVMCtx vmCtx;
+        std::vector<DataReaderVSExent_VMMountInfo> items;
+        CArchiveVirtualDiskFile* disk = nullptr;
+    };
+    int SendDiskHeaders(ItemScope& s);
+    int SendItems(ItemScope& s, unsigned& itemsSent);
+    int CheckNothingSent(ItemScope& s);
+
     // Mount information and disk handles.
     int GetFullMountInfo(std::string& vmGuid, MountCtx& ctx, std::vector<DataReaderVSExent_VMMountInfo>& out);
     int GetFileMountInfo(std::string& vmGuid, MountCtx& ctx, std::vector<DataReaderVSExent_VMMountInfo>& out);
