@@ -76,7 +76,7 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
     }
 
     // A list left open by an earlier failed call is replaced, not leaked.
-    if (m_pCollectFile) std::fclose(m_pCollectFile);
+    if (m_pCollectFile) (void)std::fclose(m_pCollectFile);
     m_pCollectFile = std::fopen(m_sCollectFileName.c_str(), "w+");
     if (!m_pCollectFile) {
         KTlog(m_hLog, 1, "%s: Failed to get Open file [%s] to create list of files, errno [%d].", kFn,
@@ -129,7 +129,7 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
     } else if (std::fputs((m_snapSrc.m_SnapSrcPath + "\n").c_str(), m_pCollectFile) < 0) {
         KTlog(m_hLog, 1, "%s: Failed to write the list of files to [%s], errno [%d].", kFn, m_sCollectFileName.c_str(),
               errno);
-        std::fclose(m_pCollectFile);
+        (void)std::fclose(m_pCollectFile);
         m_pCollectFile = nullptr;
         return ~0u;
     }
@@ -175,6 +175,6 @@ unsigned DataReaderVMware::countLines(const char* path) {
     char buf[1024];
     unsigned count = 0;
     while (std::fgets(buf, sizeof buf, f)) ++count;
-    std::fclose(f);
+    (void)std::fclose(f);
     return count == 0 ? 1 : count;
 }

@@ -29,7 +29,7 @@ DataReaderVMware::DataReaderVMware(CPipelayer* pipelayer, KtEvent* event, long l
 }
 
 DataReaderVMware::~DataReaderVMware() {
-    if (m_pCollectFile) std::fclose(m_pCollectFile);  // left open by a failed listing
+    if (m_pCollectFile) (void)std::fclose(m_pCollectFile);  // left open by a failed listing
     m_pCollectFile = nullptr;
     cleanUp();
     m_pPipe = nullptr;
@@ -133,6 +133,8 @@ unsigned DataReaderVMware::cleanUp() {
     return Close();
 }
 
+// Takes the name by value: the caller may pass the member it clears afterwards.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool DataReaderVMware::deleteFileWithListOfFile(std::string name) {
     static const char* const kFn = "DataReaderVMware::deleteTmpCollectFile";
     if (name.empty()) return true;

@@ -10,7 +10,7 @@ unsigned DataReaderVMware::SendFiles(const char* name) {
         return ~0u;
     }
     subclientFiles files;
-    std::snprintf(files.sCollectFile, sizeof files.sCollectFile, "%s", name);
+    (void)std::snprintf(files.sCollectFile, sizeof files.sCollectFile, "%s", name);
     KTlog(m_hLog, 3, "%s: collect File: [%s]. Total number of files to be sent: [%d].", kFn, name,
           static_cast<int>(countLines(name)));
 

@@ -76,7 +76,7 @@ private:
 // The same layout on every disk: a boot block, a data run, an allocated run of zeros,
 // a small run near the end; everything else is a hole.
 void FillDisk(SparseFile& file, uint64_t base, uint64_t size, uint32_t seed) {
-    file.WriteRange(base, 64 * 1024, seed);
+    file.WriteRange(base, uint64_t{64} * 1024, seed);
     if (size >= 8 * kMiB) {
         file.WriteRange(base + 3 * kMiB, kMiB + 4096, seed + 1);
         file.WriteRange(base + 6 * kMiB, kMiB, 0, true);
@@ -241,10 +241,10 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
                                                     "RW " + Sectors(size - half) + " FLAT \"web01_1-f002.vmdk\" 0"}));
         SparseFile f1(ds2 / "web01/web01_1-f001.vmdk", half);
         SparseFile f2(ds2 / "web01/web01_1-f002.vmdk", size - half);
-        f1.WriteRange(0, 64 * 1024, 201);
+        f1.WriteRange(0, uint64_t{64} * 1024, 201);
         // Data across the boundary between the two extent files.
-        f1.WriteRange(half - 256 * 1024, 256 * 1024, 202);
-        f2.WriteRange(0, 256 * 1024, 203);
+        f1.WriteRange(half - uint64_t{256} * 1024, uint64_t{256} * 1024, 202);
+        f2.WriteRange(0, uint64_t{256} * 1024, 203);
         f2.WriteRange(size - half - kMiB, 4096, 204);
 
         vm.disks = {Disk("web01.vmdk", "ds1", "web01", ds1 / "web01/web01.vmdk", size),
@@ -362,7 +362,7 @@ SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, co
     const fs::path root = fs::path(home) / "Snapshots" / std::to_string(s.snapJobId);
     for (size_t i = 0; i < images.size(); ++i) {
         char number[8];
-        std::snprintf(number, sizeof number, "%02zu", (i + 1) % 100);
+        (void)std::snprintf(number, sizeof number, "%02zu", (i + 1) % 100);
         SampleVM vm;
         vm.name = std::string("img") + number;
         // The first VM keeps the identity it had when snapshots held one image.
@@ -402,9 +402,9 @@ SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options) {
     s.vms.reserve(count);
     for (unsigned i = 1; i <= count; ++i) {
         char name[16], bios[40], vc[40];
-        std::snprintf(name, sizeof name, "vm%04u", i);
-        std::snprintf(bios, sizeof bios, "564d%04x-0000-4000-8000-%012x", i & 0xffff, i);
-        std::snprintf(vc, sizeof vc, "5003%04x-0000-4000-8000-%012x", i & 0xffff, i);
+        (void)std::snprintf(name, sizeof name, "vm%04u", i);
+        (void)std::snprintf(bios, sizeof bios, "564d%04x-0000-4000-8000-%012x", i & 0xffff, i);
+        (void)std::snprintf(vc, sizeof vc, "5003%04x-0000-4000-8000-%012x", i & 0xffff, i);
         const std::string own = i % 2 ? "ds1" : "ds2";
         const std::string other = i % 2 ? "ds2" : "ds1";
         SampleVM vm;
@@ -425,7 +425,7 @@ SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options) {
         for (const fs::path& file : {fs::path(vm.folder) / (vm.name + "-flat.vmdk"), raw}) {
             SparseFile disk(file, size);
             const uint32_t seed = i * 4 + (file == raw ? 2 : 0);
-            disk.WriteRange(0, 16 * 1024, seed);
+            disk.WriteRange(0, uint64_t{16} * 1024, seed);
             disk.WriteRange(size / 2, 4096, seed + 1);
             disk.WriteRange(size - 8192, 8192, seed + 2);
         }

@@ -13,7 +13,7 @@ constexpr size_t kDigits = 20;  // the digits of the largest 64-bit number
 
 bool ExtentNameConverter::GetFilePath(unsigned long long extentNumber, std::string& name) {
     char buf[kPrefix.size() + kDigits + 1];
-    std::snprintf(buf, sizeof buf, "Extent%020llu", extentNumber);
+    (void)std::snprintf(buf, sizeof buf, "Extent%020llu", extentNumber);
     name = buf;
     return true;
 }

@@ -78,6 +78,7 @@ void Spawn(Child& c, const std::string& self, const StreamsOptions& o) {
         args.push_back(std::to_string(o.incrementalFrom));
     }
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
 
@@ -268,7 +269,7 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
         }
         for (Child& c : children) TakeReport(c);
         if (std::none_of(children.begin(), children.end(), [](const Child& c) { return c.running; })) break;
-        const timespec tick{0, 50 * 1000 * 1000};
+        const timespec tick{0, 50L * 1000 * 1000};
         const int sig = sigtimedwait(&handled, nullptr, &tick);
         if (sig == SIGINT || sig == SIGTERM) {
             stopped = true;

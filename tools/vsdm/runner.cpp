@@ -89,7 +89,7 @@ std::string Human(double bytes) {
         ++u;
     }
     char buf[32];
-    std::snprintf(buf, sizeof buf, u ? "%.1f %s" : "%.0f %s", bytes, units[u]);
+    (void)std::snprintf(buf, sizeof buf, u ? "%.1f %s" : "%.0f %s", bytes, units[u]);
     return buf;
 }
 
@@ -165,7 +165,7 @@ int RunFileLevelItem(DataReaderVMware& reader, const JobItem& item) {
 
 std::string CauseText(const vshost::PendingCause& c) {
     char id[16];
-    std::snprintf(id, sizeof id, "0x%X", static_cast<unsigned>(c.causeId));
+    (void)std::snprintf(id, sizeof id, "0x%X", static_cast<unsigned>(c.causeId));
     std::string text = std::string("pending cause ") + id;
     for (const auto& a : c.eventArgs) text += " [" + a + "]";
     return text;
@@ -351,7 +351,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     init.appId2 = job.host.appId2;
     init.jobId = job.host.jobId;
     init.mediaAgentName = job.mediaAgent;
-    std::snprintf(init.jobToken, sizeof init.jobToken, "%s", job.jobToken.c_str());
+    (void)std::snprintf(init.jobToken, sizeof init.jobToken, "%s", job.jobToken.c_str());
     size_t openCount = 0;
     for (uint64_t id : job.archiveFiles) {
         if (!opened) break;

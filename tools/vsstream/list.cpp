@@ -16,14 +16,14 @@ std::string Utc(int64_t ns) {
     tm t{};
     gmtime_r(&sec, &t);
     char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &t);
+    (void)std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &t);
     return buf;
 }
 
 // kind, size as the header states it, data bytes, hole bytes, name
 std::string Row(const char* kind, uint64_t size, uint64_t data, uint64_t holes, const std::string& name) {
     char buf[96];
-    std::snprintf(buf, sizeof buf, "%-12s %16" PRIu64 " %16" PRIu64 " %16" PRIu64 "  ", kind, size, data, holes);
+    (void)std::snprintf(buf, sizeof buf, "%-12s %16" PRIu64 " %16" PRIu64 " %16" PRIu64 "  ", kind, size, data, holes);
     return buf + name;
 }
 
@@ -47,7 +47,7 @@ void OtherLine(const vshost::StreamRecord& r, std::ostream& out) {
             << h->archiveFileIds[2] << "  client [" << h->clientName << "]  hub [" << h->hubServer << "]  created "
             << Utc(h->createdNs) << "\n";
         char head[96];
-        std::snprintf(head, sizeof head, "%-12s %16s %16s %16s  %s\n", "KIND", "SIZE", "DATA", "HOLES", "NAME");
+        (void)std::snprintf(head, sizeof head, "%-12s %16s %16s %16s  %s\n", "KIND", "SIZE", "DATA", "HOLES", "NAME");
         out << head;
     } else if (auto* i = std::get_if<vshost::IdentityRecord>(&r.body)) {
         out << "identity     job " << i->jobId << "  token [" << i->jobToken << "]  archive files "
@@ -65,7 +65,7 @@ void OtherLine(const vshost::StreamRecord& r, std::ostream& out) {
     } else if (r.kind == Kind::DirectoryEntry) {
         const auto& f = std::get<vshost::FileLevelRecord>(r.body).info;
         char mode[16];
-        std::snprintf(mode, sizeof mode, "%06o", f.mode);
+        (void)std::snprintf(mode, sizeof mode, "%06o", f.mode);
         out << Row("folder", f.size, 0, 0, f.clientPath) << "  mode " << mode << "\n";
     } else if (auto* t = std::get_if<vshost::TrailerRecord>(&r.body)) {
         out << "trailer      " << t->totals.records << " records, " << t->totals.entries << " entries ("
