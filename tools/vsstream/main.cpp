@@ -101,9 +101,19 @@ bool Open(const std::vector<std::string>& names, Inputs& in) {
     return true;
 }
 
-}  // namespace
+// The command line, once parsed.
+struct Command {
+    enum Kind { kList, kVerify, kRestore } kind = kList;
+    std::vector<std::string> names;
+    std::string folder;  // --to or --onto
+    bool fresh = false;  // --to: a new restore folder
+    bool force = false;
+};
 
-int main(int argc, char** argv) {
+constexpr int kGoOn = -1;
+
+// Parses the command line into `cmd`; kGoOn, or the status to exit with.
+int Parse(int argc, char** argv, Command& cmd) {
     CLI::App app{
         "Lists, verifies and restores backup streams (\"-\" reads standard input). A stream set that a "
         "parallel vsdm run leaves stands for all of its streams; several streams are taken in turn.\n"
@@ -111,21 +121,19 @@ int main(int argc, char** argv) {
         "missing, or for verify a disk not held whole), 3 a stream or the restore folder cannot be read, "
         "64 bad command line."};
     app.require_subcommand(1);
-    std::vector<std::string> names;
     std::string to, onto;
     const char* what = "stream files or stream sets, or - for standard input";
     CLI::App* list = app.add_subcommand("list", "one line per entry: kind, size, data and hole bytes, name");
-    list->add_option("STREAM", names, what)->required();
+    list->add_option("STREAM", cmd.names, what)->required();
     CLI::App* verify = app.add_subcommand("verify", "check every record, the entry structure and the trailer");
-    verify->add_option("STREAM", names, what)->required();
+    verify->add_option("STREAM", cmd.names, what)->required();
     CLI::App* restore = app.add_subcommand("restore", "rebuild files and sparse disk images below a folder");
-    restore->add_option("STREAM", names, what)->required();
+    restore->add_option("STREAM", cmd.names, what)->required();
     CLI::Option* toOpt = restore->add_option("--to", to, "a new restore folder (missing or empty)");
     CLI::Option* ontoOpt =
         restore->add_option("--onto", onto, "an earlier restore to update (an incremental or resumed stream)");
     toOpt->excludes(ontoOpt);
-    bool force = false;
-    restore->add_flag("--force", force,
+    restore->add_flag("--force", cmd.force,
                       "apply an incremental disk even when its base change id is not the one the restore folder "
                       "records for its image");
     try {
@@ -139,42 +147,54 @@ int main(int argc, char** argv) {
         app.exit(e);
         return vsstream::kExitUsage;
     }
-
-    if (restore->parsed()) {
-        if (!toOpt->count() && !ontoOpt->count()) {
-            std::cerr << "vsstream: restore needs --to DIR (a new restore) or --onto DIR (update an earlier one)\n";
-            return vsstream::kExitUsage;
-        }
-        std::string why;
-        if (!vsstream::CheckRestoreFolder(toOpt->count() ? to : onto, toOpt->count() > 0, why)) {
-            std::cerr << "vsstream: " << why << "\n";
-            // A --to folder that holds something asks for --onto: the command line is wrong.
-            return toOpt->count() ? vsstream::kExitUsage : vsstream::kExitUnreadable;
-        }
+    cmd.kind = restore->parsed() ? Command::kRestore : verify->parsed() ? Command::kVerify : Command::kList;
+    if (cmd.kind != Command::kRestore) return kGoOn;
+    if (!toOpt->count() && !ontoOpt->count()) {
+        std::cerr << "vsstream: restore needs --to DIR (a new restore) or --onto DIR (update an earlier one)\n";
+        return vsstream::kExitUsage;
     }
+    cmd.fresh = toOpt->count() > 0;
+    cmd.folder = cmd.fresh ? to : onto;
+    std::string why;
+    if (!vsstream::CheckRestoreFolder(cmd.folder, cmd.fresh, why)) {
+        std::cerr << "vsstream: " << why << "\n";
+        // A --to folder that holds something asks for --onto: the command line is wrong.
+        return cmd.fresh ? vsstream::kExitUsage : vsstream::kExitUnreadable;
+    }
+    return kGoOn;
+}
+
+// list or verify over every stream, each one's lines named when there are several.
+int ListOrVerify(const Command& cmd, const Inputs& in, bool several) {
+    int code = in.code;
+    vsstream::LinePrefix outPrefix(std::cout), errPrefix(std::cerr);
+    std::ostream out(&outPrefix), err(&errPrefix);
+    const bool list = cmd.kind == Command::kList;
+    for (const StreamInput& s : in.streams) {
+        // A listing is long: its stream gets a heading; a verdict is one line, named.
+        if (several && list) out << "== " << s.name << "\n";
+        outPrefix.SetPrefix(several && !list ? s.name + ": " : "");
+        errPrefix.SetPrefix(several ? s.name + ": " : "");
+        const int one = list ? vsstream::RunList(s.fd, out, err) : vsstream::RunVerify(s.fd, out, err);
+        code = vsstream::WorseCode(code, one);
+    }
+    out.flush();
+    err.flush();
+    return code;
+}
+
+int Run(int argc, char** argv) {
+    Command cmd;
+    if (const int status = Parse(argc, argv, cmd); status != kGoOn) return status;
     Inputs in;
-    if (!Open(names, in)) return vsstream::kExitUnreadable;
-    const bool several = in.streams.size() > 1 || !in.notes.empty() || names.size() > 1;
+    if (!Open(cmd.names, in)) return vsstream::kExitUnreadable;
+    const bool several = in.streams.size() > 1 || !in.notes.empty() || cmd.names.size() > 1;
     for (const std::string& note : in.notes) std::cerr << "vsstream: " << note << "\n";
 
-    int code = in.code;
-    if (restore->parsed()) {
-        code = vsstream::WorseCode(
-            code, vsstream::RunRestoreAll(in.streams, toOpt->count() ? to : onto, std::cout, std::cerr, force));
-    } else {
-        vsstream::LinePrefix outPrefix(std::cout), errPrefix(std::cerr);
-        std::ostream out(&outPrefix), err(&errPrefix);
-        for (const StreamInput& s : in.streams) {
-            // A listing is long: its stream gets a heading; a verdict is one line, named.
-            if (several && list->parsed()) out << "== " << s.name << "\n";
-            outPrefix.SetPrefix(several && verify->parsed() ? s.name + ": " : "");
-            errPrefix.SetPrefix(several ? s.name + ": " : "");
-            const int one = list->parsed() ? vsstream::RunList(s.fd, out, err) : vsstream::RunVerify(s.fd, out, err);
-            code = vsstream::WorseCode(code, one);
-        }
-        out.flush();
-        err.flush();
-    }
+    const int code = cmd.kind == Command::kRestore
+                         ? vsstream::WorseCode(in.code, vsstream::RunRestoreAll(in.streams, cmd.folder, std::cout,
+                                                                                std::cerr, cmd.force))
+                         : ListOrVerify(cmd, in, several);
     if (several) {
         const char* verdict = code == vsstream::kExitOk           ? "complete"
                               : code == vsstream::kExitIncomplete ? "INCOMPLETE"
@@ -184,4 +204,16 @@ int main(int argc, char** argv) {
     }
     std::cout.flush();
     return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& e) {
+        // Out of memory or a fault of this program: no verdict on the stream is given.
+        std::cerr << "vsstream: " << e.what() << "\n";
+        return vsstream::kExitUnreadable;
+    }
 }
