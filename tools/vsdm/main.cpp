@@ -51,9 +51,18 @@ bool ParseStreams(const std::string& text, unsigned& n) {
     return n >= 1 && n <= vsdm::kMaxStreams;
 }
 
-}  // namespace
+// The command line, once parsed.
+struct Args {
+    bool demo = false;
+    std::string keep;  // demo --keep
+    std::string jobFile, out, home, streamsText = "1", shareText, resume;
+    long long incrementalFrom = 0;
+};
 
-int main(int argc, char** argv) {
+constexpr int kGoOn = -1;
+
+// Parses the command line into `a`; kGoOn, or the status to exit with.
+int Parse(int argc, char** argv, Args& a) {
     CLI::App app{
         "vsdm: the data mover. Exit status of run: 0 all items succeeded, 1 some items failed, "
         "2 the job could not start, 3 the stream could not be written, 4 stopped by a signal, "
@@ -62,28 +71,23 @@ int main(int argc, char** argv) {
         "--incremental-from job that is not this job's to build on); nothing is read or written then."};
     app.require_subcommand(1);
 
-    std::string jobFile, out, home, streamsText = "1", shareText;
-    long long incrementalFrom = 0;
     CLI::App* run = app.add_subcommand("run", "run the job that JOB.json describes");
-    run->add_option("JOB", jobFile, "job file (docs/job-file.md)")->required();
-    run->add_option("--out", out, "stream file, or - for standard output (overrides the job's \"out\")");
-    run->add_option("--home", home, "host home (overrides the job's \"home\" and $VSHOST_HOME)");
-    run->add_option("--incremental-from", incrementalFrom,
+    run->add_option("JOB", a.jobFile, "job file (docs/job-file.md)")->required();
+    run->add_option("--out", a.out, "stream file, or - for standard output (overrides the job's \"out\")");
+    run->add_option("--home", a.home, "host home (overrides the job's \"home\" and $VSHOST_HOME)");
+    run->add_option("--incremental-from", a.incrementalFrom,
                     "read each disk against the change id that job JOBID recorded for it");
-    run->add_option("--streams", streamsText,
+    run->add_option("--streams", a.streamsText,
                     "share the items among N processes, each writing its own stream; the output is then a "
                     "stream set (docs/parallel-streams.md)");
     // One process of a parallel run: "K:I,J,..." runs items I, J, ... as stream K.
-    run->add_option("--share", shareText)->group("");
-
-    std::string resume;
-    run->add_option("--resume", resume,
+    run->add_option("--share", a.shareText)->group("");
+    run->add_option("--resume", a.resume,
                     "STREAM of a stopped attempt of this job: skip the disks it holds whole, go on inside the one it "
                     "was reading");
 
-    std::string keep;
     CLI::App* demo = app.add_subcommand("demo", "back up a generated sample snapshot, restore it, compare");
-    demo->add_option("--keep", keep, "build in this (new or empty) folder and leave it there");
+    demo->add_option("--keep", a.keep, "build in this (new or empty) folder and leave it there");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -91,89 +95,67 @@ int main(int argc, char** argv) {
         const int rc = app.exit(e);
         return rc == 0 ? 0 : vsdm::kExitUsage;
     }
+    a.demo = demo->parsed();
+    return kGoOn;
+}
 
-    if (demo->parsed()) {
-        try {
-            return vsdm::RunDemo(keep, std::cout);
-        } catch (const std::exception& e) {
-            std::cerr << "vsdm demo: " << e.what() << "\n";
-            return 1;
-        }
+// Loads the job and checks what the command line asks of it; throws what is wrong.
+void Prepare(const Args& a, unsigned streams, vsdm::DataMoverJob& job, vsdm::RunOptions& options) {
+    job = vsdm::LoadJob(a.jobFile);
+    if (!a.home.empty()) job.home = a.home;
+    // A run uses a home; making one is for the tools that set homes up (vshost-passwd,
+    // mksnap). A misspelt name must not become a new, empty home.
+    const char* env = std::getenv("VSHOST_HOME");
+    const std::string chosen = !job.home.empty() ? job.home : env ? env : "";
+    std::error_code ec;
+    if (!chosen.empty() && !std::filesystem::is_directory(chosen, ec))
+        throw std::runtime_error("the host home " + chosen + " does not exist" +
+                                 (job.home.empty() ? " (from $VSHOST_HOME)" : "") +
+                                 ": give the folder of an existing home");
+    if (!job.home.empty()) vshost::OpenHome(job.home);
+    if (vshost::HomeDir().empty()) throw std::runtime_error("no host home: give --home, \"home\" or $VSHOST_HOME");
+    if (!a.out.empty()) job.out = a.out;
+    if (streams > 1 && job.out == "-")
+        throw std::runtime_error("--streams " + a.streamsText +
+                                 " writes one stream per process into files: it cannot go to standard output");
+    if (streams > 1 && !a.resume.empty())
+        throw std::runtime_error("--resume goes on from one stream: it cannot be combined with --streams " +
+                                 a.streamsText);
+    if (streams > 1 && job.out.empty())
+        throw std::runtime_error("no stream target: give --out FILE (the stream set's name)");
+    if (!a.shareText.empty()) {
+        const size_t colon = a.shareText.find(':');
+        if (colon == std::string::npos) throw std::runtime_error("--share must be K:ITEMS");
+        options.share = vsdm::ParseShare(a.shareText.substr(colon + 1), job.items.size());
     }
+}
 
-    unsigned streams = 1;
-    if (!ParseStreams(streamsText, streams)) {
-        std::cerr << "vsdm: --streams must be a whole number from 1 to " << vsdm::kMaxStreams << ", not \""
-                  << streamsText << "\"\n";
-        return vsdm::kExitUsage;
-    }
-    const bool child = !shareText.empty();
-    std::unique_ptr<PrefixedLines> prefixed;
-    std::unique_ptr<std::ostream> childErr;
-    if (child) {
-        prefixed = std::make_unique<PrefixedLines>("vsdm [stream " + shareText.substr(0, shareText.find(':')) + "]: ");
-        childErr = std::make_unique<std::ostream>(prefixed.get());
-    }
-    std::ostream& err = child ? *childErr : std::cerr;
-
-    vsdm::DataMoverJob job;
-    vsdm::RunOptions options;
+int RunParallel(const Args& a, const vsdm::DataMoverJob& job, unsigned streams) {
     try {
-        job = vsdm::LoadJob(jobFile);
-        if (!home.empty()) job.home = home;
-        // A run uses a home; making one is for the tools that set homes up (vshost-passwd,
-        // mksnap). A misspelt name must not become a new, empty home.
-        const char* env = std::getenv("VSHOST_HOME");
-        const std::string chosen = !job.home.empty() ? job.home : env ? env : "";
-        std::error_code ec;
-        if (!chosen.empty() && !std::filesystem::is_directory(chosen, ec))
-            throw std::runtime_error("the host home " + chosen + " does not exist" +
-                                     (job.home.empty() ? " (from $VSHOST_HOME)" : "") +
-                                     ": give the folder of an existing home");
-        if (!job.home.empty()) vshost::OpenHome(job.home);
-        if (vshost::HomeDir().empty()) throw std::runtime_error("no host home: give --home, \"home\" or $VSHOST_HOME");
-        if (!out.empty()) job.out = out;
-        if (streams > 1 && job.out == "-")
-            throw std::runtime_error("--streams " + streamsText +
-                                     " writes one stream per process into files: it cannot go to standard output");
-        if (streams > 1 && !resume.empty())
-            throw std::runtime_error("--resume goes on from one stream: it cannot be combined with --streams " +
-                                     streamsText);
-        if (streams > 1 && job.out.empty())
-            throw std::runtime_error("no stream target: give --out FILE (the stream set's name)");
-        if (child) {
-            const size_t colon = shareText.find(':');
-            if (colon == std::string::npos) throw std::runtime_error("--share must be K:ITEMS");
-            options.share = vsdm::ParseShare(shareText.substr(colon + 1), job.items.size());
-        }
-    } catch (const std::exception& e) {
-        err << "vsdm: " << e.what() << "\n";
+        vsdm::StreamsOptions parallel;
+        parallel.jobFile = a.jobFile;
+        parallel.home = vshost::HomeDir();
+        parallel.streams = streams;
+        parallel.incrementalFrom = a.incrementalFrom;
+        const vsdm::RunSummary summary = vsdm::RunStreams(job, parallel, std::cerr);
+        vsdm::PrintSummary(job, summary, std::cerr);
+        return summary.status;
+    } catch (const vsdm::UsageError& e) {
+        std::cerr << "vsdm: " << e.what() << "\n";
         return vsdm::kExitUsage;
+    } catch (const std::exception& e) {
+        std::cerr << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitJobFailed;
     }
+}
 
-    if (streams > 1) {
-        try {
-            vsdm::StreamsOptions parallel;
-            parallel.jobFile = jobFile;
-            parallel.home = vshost::HomeDir();
-            parallel.streams = streams;
-            parallel.incrementalFrom = incrementalFrom;
-            const vsdm::RunSummary summary = vsdm::RunStreams(job, parallel, std::cerr);
-            vsdm::PrintSummary(job, summary, std::cerr);
-            return summary.status;
-        } catch (const vsdm::UsageError& e) {
-            std::cerr << "vsdm: " << e.what() << "\n";
-            return vsdm::kExitUsage;
-        } catch (const std::exception& e) {
-            std::cerr << "vsdm: " << e.what() << "\n";
-            return vsdm::kExitJobFailed;
-        }
-    }
-
-    options.out = out;
-    options.jobFile = jobFile;
-    options.incrementalFrom = incrementalFrom;
-    options.resumeFrom = resume;
+// One stream: the whole job, or a child's share of a parallel run.
+int RunOne(const Args& a, const vsdm::DataMoverJob& job, vsdm::RunOptions& options, std::ostream& err) {
+    const bool child = !a.shareText.empty();
+    options.out = a.out;
+    options.jobFile = a.jobFile;
+    options.incrementalFrom = a.incrementalFrom;
+    options.resumeFrom = a.resume;
     options.progress = !child && isatty(STDERR_FILENO) != 0;
     try {
         const vsdm::RunSummary summary = vsdm::RunJob(job, options, err);
@@ -190,6 +172,58 @@ int main(int argc, char** argv) {
         return vsdm::kExitUsage;
     } catch (const std::exception& e) {
         err << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitJobFailed;
+    }
+}
+
+int Run(int argc, char** argv) {
+    Args a;
+    if (const int status = Parse(argc, argv, a); status != kGoOn) return status;
+    if (a.demo) {
+        try {
+            return vsdm::RunDemo(a.keep, std::cout);
+        } catch (const std::exception& e) {
+            std::cerr << "vsdm demo: " << e.what() << "\n";
+            return 1;
+        }
+    }
+
+    unsigned streams = 1;
+    if (!ParseStreams(a.streamsText, streams)) {
+        std::cerr << "vsdm: --streams must be a whole number from 1 to " << vsdm::kMaxStreams << ", not \""
+                  << a.streamsText << "\"\n";
+        return vsdm::kExitUsage;
+    }
+    // A child of a parallel run names its stream on every line it writes.
+    const bool child = !a.shareText.empty();
+    std::unique_ptr<PrefixedLines> prefixed;
+    std::unique_ptr<std::ostream> childErr;
+    if (child) {
+        prefixed =
+            std::make_unique<PrefixedLines>("vsdm [stream " + a.shareText.substr(0, a.shareText.find(':')) + "]: ");
+        childErr = std::make_unique<std::ostream>(prefixed.get());
+    }
+    std::ostream& err = child ? *childErr : std::cerr;
+
+    vsdm::DataMoverJob job;
+    vsdm::RunOptions options;
+    try {
+        Prepare(a, streams, job, options);
+    } catch (const std::exception& e) {
+        err << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitUsage;
+    }
+    return streams > 1 ? RunParallel(a, job, streams) : RunOne(a, job, options, err);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& e) {
+        // Out of memory or a fault of this program, outside any job step.
+        std::cerr << "vsdm: " << e.what() << "\n";
         return vsdm::kExitJobFailed;
     }
 }
