@@ -74,12 +74,14 @@ protected:
 
     // Snapshot mount.
     int MountSnap();
+    void FillSnapMountCtx(MountCtx& ctx, unsigned long clientId);
     unsigned long GetCopyPrecedence();
     int UnMountSnap();
 
     // VM mount registry and temporary folders.
     bool GetVMMountContext(const std::string& vmName, DataReaderVMCtx& out);
     int MountVM(const std::string& vmName, DataReaderVMCtx& out, const std::vector<std::string>& diskNames);
+    bool FetchVMFromIndex(MountCtx& ctx, const std::string& vmName);
     bool GetDiskFiltersForRestore(std::vector<SDiskFilter>& filters, const std::vector<std::string>& diskNames);
     int UnMountAllMountedVMs();
     int UnRegisterAllRegisteredVMs();

@@ -8,33 +8,10 @@
 #include <filesystem>
 #include <string>
 
-int DataReaderVSBase::MountSnap() {
+// The mount request of the snapshot: the job, its client, the ESX credentials, the
+// archive files of the list.
+void DataReaderVSBase::FillSnapMountCtx(MountCtx& ctx, unsigned long clientId) {
     static const char* const kFn = "DataReaderVSBase::MountSnap";
-
-    // Every archive file of the list is marked at once, so later opens of the same list
-    // find theirs mounted.
-    for (const AFileID& afile : m_afileIds)
-        if (afile.afileId == m_openArchiveParams.archiveFileId && afile.bMounted) return 0;
-
-    unsigned long clientId = 0;
-    KTClient client(m_initParams.appId1, m_sShortClientName, false, 0);
-    const int lookup = client.getClientId(clientId);
-    if (lookup != 0) {
-        KTlog(m_hLog, 1, "%s: Failed to lookup Media Agent %s client id.  Error=%d", kFn, m_sShortClientName.c_str(),
-              lookup);
-        return -1;
-    }
-    KTlog(m_hLog, 1, "%s: Media Agent %s client id = %d.", kFn, m_initParams.mediaAgentName.c_str(),
-          static_cast<int>(clientId));
-    // Each job keeps its results in a folder of its own, removed again by the destructor.
-    // Every attempt that gets this far extends the path again; the folder itself is made
-    // only once a mount has succeeded.
-    if (static_cast<int>(m_vsInstanceType) == 102 && m_initParams.jobId != 0)
-        m_sJobResultsDir += FXString::Format("%lld", m_initParams.jobId) + "/";
-
-    if (m_afileIds.empty()) return 0;
-
-    MountCtx ctx;
     ctx.nSnapEngineId = static_cast<int32_t>(m_snapEngineId);
     ctx.bMountRequest = true;
     ctx.nHubcellId = static_cast<int32_t>(m_openArchiveParams.hubcellId);
@@ -64,6 +41,36 @@ int DataReaderVSBase::MountSnap() {
         afileText += std::to_string(afile.afileId);
     }
     KTlog(m_hLog, 1, "%s:VMInfo::MountSnap( Afiles [%s] Engine [%u]).", kFn, afileText.c_str(), m_snapEngineId);
+}
+
+int DataReaderVSBase::MountSnap() {
+    static const char* const kFn = "DataReaderVSBase::MountSnap";
+
+    // Every archive file of the list is marked at once, so later opens of the same list
+    // find theirs mounted.
+    for (const AFileID& afile : m_afileIds)
+        if (afile.afileId == m_openArchiveParams.archiveFileId && afile.bMounted) return 0;
+
+    unsigned long clientId = 0;
+    KTClient client(m_initParams.appId1, m_sShortClientName, false, 0);
+    const int lookup = client.getClientId(clientId);
+    if (lookup != 0) {
+        KTlog(m_hLog, 1, "%s: Failed to lookup Media Agent %s client id.  Error=%d", kFn, m_sShortClientName.c_str(),
+              lookup);
+        return -1;
+    }
+    KTlog(m_hLog, 1, "%s: Media Agent %s client id = %d.", kFn, m_initParams.mediaAgentName.c_str(),
+          static_cast<int>(clientId));
+    // Each job keeps its results in a folder of its own, removed again by the destructor.
+    // Every attempt that gets this far extends the path again; the folder itself is made
+    // only once a mount has succeeded.
+    if (static_cast<int>(m_vsInstanceType) == 102 && m_initParams.jobId != 0)
+        m_sJobResultsDir += FXString::Format("%lld", m_initParams.jobId) + "/";
+
+    if (m_afileIds.empty()) return 0;
+
+    MountCtx ctx;
+    FillSnapMountCtx(ctx, clientId);
 
     const int instanceType = static_cast<int>(getVSInstanceType());
     if (static_cast<int>(getMountType()) == 1 && (instanceType == 101 || instanceType == 100)) {

@@ -14,6 +14,26 @@ bool DataReaderVSBase::GetVMMountContext(const std::string& vmName, DataReaderVM
     return true;
 }
 
+// Under indexing v2 the VM's metadata comes from the index: its client and its files,
+// into a remote-cache folder of the job.
+bool DataReaderVSBase::FetchVMFromIndex(MountCtx& ctx, const std::string& vmName) {
+    static const char* const kFn = "DataReaderVSBase::MountVM";
+    ctx.sRemoteCacheDir = CreateTempMountPointDirectoryForRemoteCache(vmName);
+    ctx.bIndexingV2 = true;
+    if (IsVVOLEngine(m_snapEngineId) || IsVMCentricSnapEngine(m_snapEngineId))
+        ctx.vmInfo.llBackupJobId = m_afileBackupJobId;
+    vsIndexClient indexClient(&m_jobMgr, &m_appMgr, m_sShortClientName);
+    if (!GetVMClientInfo(ctx)) {
+        KTlog(m_hLog, 1, "%s: Failed to get VM Client Info from backup file", kFn);
+        return false;
+    }
+    if (!indexClient.DownloadVMMetadataFiles(ctx, ctx.sRemoteCacheDir)) {
+        KTlog(m_hLog, 1, "%s: Failed to download the file from location:[%s]", kFn, ctx.sRemoteCacheDir.c_str());
+        return false;
+    }
+    return true;
+}
+
 int DataReaderVSBase::MountVM(const std::string& vmName, DataReaderVMCtx& out,
                               const std::vector<std::string>& diskNames) {
     static const char* const kFn = "DataReaderVSBase::MountVM";
@@ -65,21 +85,7 @@ int DataReaderVSBase::MountVM(const std::string& vmName, DataReaderVMCtx& out,
     ctx.sMountPoint = CreateTempMountPointDirectory(vmName);
     ctx.sVMName = vmName;
 
-    if (m_appMgr.isUseIndexingV2Enabled()) {
-        ctx.sRemoteCacheDir = CreateTempMountPointDirectoryForRemoteCache(vmName);
-        ctx.bIndexingV2 = true;
-        if (IsVVOLEngine(m_snapEngineId) || IsVMCentricSnapEngine(m_snapEngineId))
-            ctx.vmInfo.llBackupJobId = m_afileBackupJobId;
-        vsIndexClient indexClient(&m_jobMgr, &m_appMgr, m_sShortClientName);
-        if (!GetVMClientInfo(ctx)) {
-            KTlog(m_hLog, 1, "%s: Failed to get VM Client Info from backup file", kFn);
-            return -1;
-        }
-        if (!indexClient.DownloadVMMetadataFiles(ctx, ctx.sRemoteCacheDir)) {
-            KTlog(m_hLog, 1, "%s: Failed to download the file from location:[%s]", kFn, ctx.sRemoteCacheDir.c_str());
-            return -1;
-        }
-    }
+    if (m_appMgr.isUseIndexingV2Enabled() && !FetchVMFromIndex(ctx, vmName)) return -1;
 
     KTlog(m_hLog, 1, "%s: Mounting VM [%s] on [%s] for hubcell id:[%d]", kFn, vmName.c_str(), m_sESXServerName.c_str(),
           static_cast<int>(ctx.nHubcellId));
