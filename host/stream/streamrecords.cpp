@@ -28,6 +28,80 @@ vsFileLevelInfo FileLevel(PayloadParser& p) {
     return f;
 }
 
+FileHeaderRecord FileHeaderOf(PayloadParser& p) {
+    FileHeaderRecord r;
+    r.path = p.Text();
+    r.size = p.U64();
+    r.arg3 = p.I64();
+    r.container = p.Bool();
+    r.arg5 = p.Bool();
+    r.arg6 = p.Bool();
+    r.arg7 = p.I32();
+    r.extentSize = static_cast<uint32_t>(p.U32());
+    r.arg9 = p.I32();
+    r.arg10 = p.U64();
+    r.arg11 = p.Bool();
+    r.arg12 = p.Bool();
+    r.arg13 = p.Bool();
+    return r;
+}
+
+CollectionHeaderRecord CollectionHeaderOf(PayloadParser& p) {
+    CollectionHeaderRecord r;
+    r.path = p.Text();
+    r.size = p.U64();
+    r.arg3 = p.I64();
+    r.container = p.Bool();
+    r.arg5 = p.Bool();
+    r.arg6 = p.I32();
+    r.arg7 = static_cast<uint32_t>(p.U32());
+    r.arg8 = p.I32();
+    r.arg9 = p.U64();
+    r.arg10 = p.Bool();
+    r.arg11 = p.Bool();
+    r.arg12 = p.U64();
+    r.arg13 = p.U64();
+    r.arg14 = p.U64();
+    r.arg15 = static_cast<uint32_t>(p.U32());
+    r.arg16 = p.U64();
+    r.arg17 = p.U64();
+    r.arg18 = static_cast<uint32_t>(p.U32());
+    r.arg19 = static_cast<uint32_t>(p.U32());
+    r.arg20 = static_cast<uint32_t>(p.U32());
+    r.arg21 = static_cast<uint32_t>(p.U32());
+    return r;
+}
+
+DiskInfoRecord DiskInfoOf(PayloadParser& p, uint16_t minor) {
+    DiskInfoRecord r;
+    r.vmGuid = p.Text();
+    r.name = p.Text();
+    r.extra = p.Text();
+    r.itemType = p.U64();
+    r.productType = p.U64();
+    r.diskType = p.U64();
+    r.size = p.U64();
+    r.extentSize = p.U64();
+    r.extentCount = p.U64();
+    if (minor >= 1) {
+        r.hasBase = true;
+        r.baseChangeId = p.Text();
+    }
+    return r;
+}
+
+TrailerRecord TrailerOf(PayloadParser& p) {
+    TrailerRecord r;
+    r.totals.records = p.U64();
+    r.totals.entries = p.U64();
+    r.totals.badEntries = p.U64();
+    r.totals.directories = p.U64();
+    r.totals.dataBytes = p.U64();
+    r.totals.holeBytes = p.U64();
+    r.offset = p.U64();
+    return r;
+}
+
 RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload, uint16_t minor) {
     switch (kind) {
         case Kind::StreamHeader: {
@@ -45,48 +119,10 @@ RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload, uint16_t
             r.jobToken = p.Text();
             return r;
         }
-        case Kind::FileHeader: {
-            FileHeaderRecord r;
-            r.path = p.Text();
-            r.size = p.U64();
-            r.arg3 = p.I64();
-            r.container = p.Bool();
-            r.arg5 = p.Bool();
-            r.arg6 = p.Bool();
-            r.arg7 = p.I32();
-            r.extentSize = static_cast<uint32_t>(p.U32());
-            r.arg9 = p.I32();
-            r.arg10 = p.U64();
-            r.arg11 = p.Bool();
-            r.arg12 = p.Bool();
-            r.arg13 = p.Bool();
-            return r;
-        }
-        case Kind::CollectionHeader: {
-            CollectionHeaderRecord r;
-            r.path = p.Text();
-            r.size = p.U64();
-            r.arg3 = p.I64();
-            r.container = p.Bool();
-            r.arg5 = p.Bool();
-            r.arg6 = p.I32();
-            r.arg7 = static_cast<uint32_t>(p.U32());
-            r.arg8 = p.I32();
-            r.arg9 = p.U64();
-            r.arg10 = p.Bool();
-            r.arg11 = p.Bool();
-            r.arg12 = p.U64();
-            r.arg13 = p.U64();
-            r.arg14 = p.U64();
-            r.arg15 = static_cast<uint32_t>(p.U32());
-            r.arg16 = p.U64();
-            r.arg17 = p.U64();
-            r.arg18 = static_cast<uint32_t>(p.U32());
-            r.arg19 = static_cast<uint32_t>(p.U32());
-            r.arg20 = static_cast<uint32_t>(p.U32());
-            r.arg21 = static_cast<uint32_t>(p.U32());
-            return r;
-        }
+        case Kind::FileHeader:
+            return FileHeaderOf(p);
+        case Kind::CollectionHeader:
+            return CollectionHeaderOf(p);
         case Kind::FileLevelHeader:
         case Kind::DirectoryEntry:
             return FileLevelRecord{FileLevel(p)};
@@ -103,23 +139,8 @@ RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload, uint16_t
             r.arg = static_cast<uint32_t>(p.U32());
             return r;
         }
-        case Kind::DiskInfo: {
-            DiskInfoRecord r;
-            r.vmGuid = p.Text();
-            r.name = p.Text();
-            r.extra = p.Text();
-            r.itemType = p.U64();
-            r.productType = p.U64();
-            r.diskType = p.U64();
-            r.size = p.U64();
-            r.extentSize = p.U64();
-            r.extentCount = p.U64();
-            if (minor >= 1) {
-                r.hasBase = true;
-                r.baseChangeId = p.Text();
-            }
-            return r;
-        }
+        case Kind::DiskInfo:
+            return DiskInfoOf(p, minor);
         case Kind::VolumeHeader: {
             VolumeHeaderRecord r;
             r.vmGuid = p.Text();
@@ -136,17 +157,8 @@ RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload, uint16_t
         }
         case Kind::VMReadCompleted:
             return VMReadCompletedRecord{p.Text()};
-        case Kind::Trailer: {
-            TrailerRecord r;
-            r.totals.records = p.U64();
-            r.totals.entries = p.U64();
-            r.totals.badEntries = p.U64();
-            r.totals.directories = p.U64();
-            r.totals.dataBytes = p.U64();
-            r.totals.holeBytes = p.U64();
-            r.offset = p.U64();
-            return r;
-        }
+        case Kind::Trailer:
+            return TrailerOf(p);
     }
     return SkippedRecord{};
 }
