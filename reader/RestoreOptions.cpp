@@ -40,6 +40,8 @@ bool IsVirtualCenterInstance(int instanceType) {
 
 }  // namespace
 
+// Still longer than the house limit: to be split into named steps.
+// NOLINTNEXTLINE(readability-function-size)
 int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2) {
     vsAppMgr parentMgr;  // the parent instance stands in for a VM under indexing V2
 

@@ -280,9 +280,9 @@ std::string PluginPath() {
     return (bin.parent_path() / "lib" / "libvsdatareader.so").string();
 }
 
-RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& report) {
-    RunSummary s;
-    const auto started = std::chrono::steady_clock::now();
+// The job as this run takes it: its stream target checked, its share, its incremental
+// base and what a resumed attempt already holds.
+void PrepareJob(DataMoverJob& job, const RunOptions& options, std::ostream& report) {
     if (!options.out.empty()) job.out = options.out;
     if (job.out.empty()) throw UsageError("no stream target: give --out FILE (or - for standard output)");
     CheckNotAnInput(job, options.jobFile, job.out);
@@ -299,6 +299,105 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
                              options.resumeFrom);
         ApplyResume(job, options.resumeFrom, report);
     }
+}
+
+DataReaderVSBase* MakeReader(Plugin& plugin, const DataMoverJob& job, CPipelayer* pipe, KtEvent* stop) {
+    switch (job.reader) {
+        case ReaderKind::Extent:
+            if (auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent"))
+                return make(pipe, stop, job.host.jobId);
+            break;
+        case ReaderKind::FileCollection:
+            if (auto make = plugin.Resolve<CreateDataReaderVSFileCollectionFn>("CreateDataReaderVSFileCollection"))
+                return make(pipe, stop, job.host.jobId);
+            break;
+        case ReaderKind::FileLevel:
+            if (auto make = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware"))
+                return make(pipe, stop, job.host.jobId);
+            break;
+    }
+    return nullptr;
+}
+
+// Initialises the reader and opens each archive file of the job; false when the job
+// cannot start. `openCount` is how many were opened (each is closed again).
+bool OpenArchiveFiles(DataReaderVSBase& reader, DataReaderVMware* fileLevel, const DataMoverJob& job,
+                      std::ostream& report, size_t& openCount) {
+    bool opened = reader.Initialize() == 0;
+    if (!opened) report << "vsdm: the reader could not be initialised (see the log)\n";
+    std::string list;
+    for (uint64_t id : job.archiveFiles) list += (list.empty() ? "" : "|") + std::to_string(id);
+    if (opened)
+        opened =
+            (fileLevel ? fileLevel->PreOpenArchiveFile(list.data(), 0) : reader.PreOpenArchiveFile(list.data())) == 0;
+
+    DMInitParams init;
+    init.appId1 = job.host.appId1;
+    init.appId2 = job.host.appId2;
+    init.jobId = job.host.jobId;
+    init.mediaAgentName = job.mediaAgent;
+    (void)std::snprintf(init.jobToken, sizeof init.jobToken, "%s", job.jobToken.c_str());
+    for (uint64_t id : job.archiveFiles) {
+        if (!opened) break;
+        DMOpenArchiveParams open;
+        open.archiveFileId = static_cast<uint32_t>(id);
+        open.archGroupId = static_cast<uint32_t>(job.archGroupId);
+        open.copyId = static_cast<uint32_t>(job.copyId);
+        open.hubcellId = job.hubcellId;
+        if (reader.OpenArchiveFile(init, open) != 0) {
+            report << "vsdm: archive file " << id << " could not be opened (see the log and the pending causes)\n";
+            opened = false;
+        } else {
+            ++openCount;
+        }
+    }
+    return opened;
+}
+
+// Every item of the job in turn, until the end or a stop; a failed item is named with why.
+void RunItems(DataReaderVSBase& reader, DataReaderVMware* fileLevel, const DataMoverJob& job, const RunOptions& options,
+              CPipelayer& pipe, KtEvent& stop, std::ostream& report, RunSummary& s) {
+    std::unique_ptr<ProgressLine> progress;
+    if (options.progress) progress = std::make_unique<ProgressLine>(pipe, std::cerr, 0);
+    // What an item raised and the first lines it logged of an error are kept until it
+    // ends, to tell why it failed; a few lines, however many files or extents it logs.
+    vshost::LogCapture itemLog(TellsOfError, 4);
+    size_t causesSeen = vshost::PendingCauses(job.host.jobId).size();
+    for (const JobItem& item : job.items) {
+        if (stop.wait(0)) break;
+        itemLog.Clear();
+        FSRSnapSrcPath path;
+        path.sSnapSrcPath = item.path;
+        path.sOptionsXml = item.optionsXml;
+        ++s.items;
+        const int rc = fileLevel ? RunFileLevelItem(*fileLevel, item) : reader.OnSnapSrcPath(&path);
+        if (rc != 0) {
+            ++s.itemsFailed;
+            report << "item " << item.path << ": failed (" << rc
+                   << "): " << FailureReason(itemLog, job.host.jobId, causesSeen) << "\n";
+        }
+    }
+}
+
+int ExitStatusOf(bool written, bool stopped, bool opened, const RunSummary& s, const std::string& writeError,
+                 std::ostream& report) {
+    if (!written) {
+        report << "vsdm: the stream could not be written: " << writeError << "\n";
+        return kExitStreamFailed;
+    } else if (stopped) {
+        return kExitStopped;
+    } else if (!opened) {
+        return kExitJobFailed;
+    } else if (s.itemsFailed > 0) {
+        return kExitItemsFailed;
+    }
+    return kExitOk;
+}
+
+RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& report) {
+    RunSummary s;
+    const auto started = std::chrono::steady_clock::now();
+    PrepareJob(job, options, report);
     vshost::RegisterJob(job.host);
 
     Plugin plugin(PluginPath());
@@ -309,21 +408,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
 
     KtEvent stop;
     StopSignals signals(stop);
-    DataReaderVSBase* reader = nullptr;
-    switch (job.reader) {
-        case ReaderKind::Extent:
-            if (auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent"))
-                reader = make(pipe.get(), &stop, job.host.jobId);
-            break;
-        case ReaderKind::FileCollection:
-            if (auto make = plugin.Resolve<CreateDataReaderVSFileCollectionFn>("CreateDataReaderVSFileCollection"))
-                reader = make(pipe.get(), &stop, job.host.jobId);
-            break;
-        case ReaderKind::FileLevel:
-            if (auto make = plugin.Resolve<CreateDataReaderVMwareFn>("CreateDataReaderVMware"))
-                reader = make(pipe.get(), &stop, job.host.jobId);
-            break;
-    }
+    DataReaderVSBase* reader = MakeReader(plugin, job, pipe.get(), &stop);
     if (!reader) throw std::runtime_error(std::string("the plug-in made no ") + ReaderName(job.reader) + " reader");
     std::unique_ptr<DataReaderVSBase> owned(reader);
 
@@ -338,58 +423,10 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
         job.reader == ReaderKind::FileLevel ? static_cast<DataReaderVMware*>(reader) : nullptr;
     if (fileLevel && !fileLevel->isValid()) throw std::runtime_error("the plug-in made an invalid file-level reader");
 
-    bool opened = reader->Initialize() == 0;
-    if (!opened) report << "vsdm: the reader could not be initialised (see the log)\n";
-    std::string list;
-    for (uint64_t id : job.archiveFiles) list += (list.empty() ? "" : "|") + std::to_string(id);
-    if (opened)
-        opened =
-            (fileLevel ? fileLevel->PreOpenArchiveFile(list.data(), 0) : reader->PreOpenArchiveFile(list.data())) == 0;
-
-    DMInitParams init;
-    init.appId1 = job.host.appId1;
-    init.appId2 = job.host.appId2;
-    init.jobId = job.host.jobId;
-    init.mediaAgentName = job.mediaAgent;
-    (void)std::snprintf(init.jobToken, sizeof init.jobToken, "%s", job.jobToken.c_str());
     size_t openCount = 0;
-    for (uint64_t id : job.archiveFiles) {
-        if (!opened) break;
-        DMOpenArchiveParams open;
-        open.archiveFileId = static_cast<uint32_t>(id);
-        open.archGroupId = static_cast<uint32_t>(job.archGroupId);
-        open.copyId = static_cast<uint32_t>(job.copyId);
-        open.hubcellId = job.hubcellId;
-        if (reader->OpenArchiveFile(init, open) != 0) {
-            report << "vsdm: archive file " << id << " could not be opened (see the log and the pending causes)\n";
-            opened = false;
-        } else {
-            ++openCount;
-        }
-    }
+    const bool opened = OpenArchiveFiles(*reader, fileLevel, job, report, openCount);
 
-    if (opened) {
-        std::unique_ptr<ProgressLine> progress;
-        if (options.progress) progress = std::make_unique<ProgressLine>(*pipe, std::cerr, 0);
-        // What an item raised and the first lines it logged of an error are kept until it
-        // ends, to tell why it failed; a few lines, however many files or extents it logs.
-        vshost::LogCapture itemLog(TellsOfError, 4);
-        size_t causesSeen = vshost::PendingCauses(job.host.jobId).size();
-        for (const JobItem& item : job.items) {
-            if (stop.wait(0)) break;
-            itemLog.Clear();
-            FSRSnapSrcPath path;
-            path.sSnapSrcPath = item.path;
-            path.sOptionsXml = item.optionsXml;
-            ++s.items;
-            const int rc = fileLevel ? RunFileLevelItem(*fileLevel, item) : reader->OnSnapSrcPath(&path);
-            if (rc != 0) {
-                ++s.itemsFailed;
-                report << "item " << item.path << ": failed (" << rc
-                       << "): " << FailureReason(itemLog, job.host.jobId, causesSeen) << "\n";
-            }
-        }
-    }
+    if (opened) RunItems(*reader, fileLevel, job, options, *pipe, stop, report, s);
     for (size_t i = 0; i < openCount; ++i) {
         if (fileLevel)
             fileLevel->Close();
@@ -416,16 +453,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     if (opened && job.out != "-") CountStream(job.out, s);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
-    if (!written) {
-        report << "vsdm: the stream could not be written: " << writeError << "\n";
-        s.status = kExitStreamFailed;
-    } else if (stopped) {
-        s.status = kExitStopped;
-    } else if (!opened) {
-        s.status = kExitJobFailed;
-    } else if (s.itemsFailed > 0) {
-        s.status = kExitItemsFailed;
-    }
+    s.status = ExitStatusOf(written, stopped, opened, s, writeError, report);
     return s;
 }
 
