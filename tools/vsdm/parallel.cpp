@@ -210,43 +210,9 @@ bool DecodeSummary(const std::string& text, RunSummary& s) {
     }
 }
 
-// Still longer than the house limit: to be split into named steps.
-// NOLINTNEXTLINE(readability-function-size)
-RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ostream& report) {
-    const auto started = std::chrono::steady_clock::now();
-    RunSummary total;
-    const std::vector<std::vector<size_t>> shares = SplitItems(job.items, o.streams);
-    total.streams = static_cast<unsigned>(shares.size());
-
-    CheckNotAnInput(job, o.jobFile, job.out);
-    for (size_t k = 0; k < shares.size(); ++k)
-        CheckNotAnInput(job, o.jobFile, vshost::StreamSetMemberPath(job.out, static_cast<unsigned>(k + 1)));
-
-    std::vector<Child> children(shares.size());
-    vshost::StreamSet set;
-    set.jobId = job.host.jobId;
-    for (size_t k = 0; k < shares.size(); ++k) {
-        Child& c = children[k];
-        c.number = static_cast<unsigned>(k + 1);
-        c.path = vshost::StreamSetMemberPath(job.out, c.number);
-        c.share = shares[k];
-        set.members.push_back(std::filesystem::path(c.path).filename().string());
-        // A stream file left by an earlier run must not pass for this run's; anything
-        // else there (a FIFO a consumer reads) is written to as a single run would.
-        std::error_code ec;
-        if (std::filesystem::is_regular_file(std::filesystem::symlink_status(c.path, ec)))
-            std::filesystem::remove(c.path, ec);
-    }
-    // The manifest goes first: whatever happens to the children, the set names every
-    // stream it should hold, and a missing or unfinished one shows.
-    std::string why;
-    if (!vshost::WriteStreamSet(job.out, set, why) || !SyncFolderOf(job.out, why)) {
-        report << "vsdm: " << why << "\n";
-        total.status = kExitStreamFailed;
-        return total;
-    }
-
-    const std::string self = SelfPath();
+// Starts every child and waits for all of them; a SIGINT or SIGTERM is passed on to the
+// children still running. True when the run was stopped.
+bool SpawnAndWait(std::vector<Child>& children, const std::string& self, const StreamsOptions& o) {
     // The signals are taken synchronously below; a child is reaped only there, so a pid
     // that a signal is forwarded to is always still this run's child.
     sigset_t handled, old;
@@ -287,47 +253,89 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
         if (sig == SIGINT || sig == SIGTERM) stopped = true;
     }
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return stopped;
+}
+
+// One child's outcome into the run's summary: its report, or what its stream holds when
+// it left none; returns the child's status.
+int MergeChild(Child& c, bool stopped, RunSummary& total, bool& complete, std::ostream& report) {
+    RunSummary s;
+    const std::string name = "stream " + std::to_string(c.number) + " (" + c.path + ")";
+    bool reported = false;
+    TakeReport(c);
+    if (c.reportFd >= 0) ::close(c.reportFd);
+    reported = !c.report.empty() && DecodeSummary(c.report, s);
+    int childStatus = kExitJobFailed;
+    if (!c.why.empty()) {
+        report << "vsdm: " << name << " " << c.why << "\n";
+    } else if (WIFSIGNALED(c.waitStatus) && stopped &&
+               (WTERMSIG(c.waitStatus) == SIGINT || WTERMSIG(c.waitStatus) == SIGTERM)) {
+        // The stop reached it before it could take the signal itself.
+        report << "vsdm: " << name << " was stopped before it began\n";
+        childStatus = kExitStopped;
+    } else if (WIFSIGNALED(c.waitStatus)) {
+        const int sig = WTERMSIG(c.waitStatus);
+        report << "vsdm: " << name << " is incomplete: its process was killed by signal " << sig << " ("
+               << strsignal(sig) << ")\n";
+        childStatus = kExitStreamFailed;
+    } else {
+        childStatus = WEXITSTATUS(c.waitStatus);
+    }
+    if (!reported) {
+        // What the stream holds is all there is to go by; its items are not known
+        // to have succeeded.
+        CountStream(c.path, s);
+        s.items = static_cast<unsigned>(c.share.size());
+        s.itemsFailed = s.items;
+    }
+    if (!s.streamComplete) {
+        complete = false;
+        std::error_code ec;
+        total.incompleteStreams.push_back(name + (std::filesystem::exists(c.path, ec) ? "" : ": missing"));
+    }
+    Add(total, s);
+    return childStatus;
+}
+
+RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ostream& report) {
+    const auto started = std::chrono::steady_clock::now();
+    RunSummary total;
+    const std::vector<std::vector<size_t>> shares = SplitItems(job.items, o.streams);
+    total.streams = static_cast<unsigned>(shares.size());
+
+    CheckNotAnInput(job, o.jobFile, job.out);
+    for (size_t k = 0; k < shares.size(); ++k)
+        CheckNotAnInput(job, o.jobFile, vshost::StreamSetMemberPath(job.out, static_cast<unsigned>(k + 1)));
+
+    std::vector<Child> children(shares.size());
+    vshost::StreamSet set;
+    set.jobId = job.host.jobId;
+    for (size_t k = 0; k < shares.size(); ++k) {
+        Child& c = children[k];
+        c.number = static_cast<unsigned>(k + 1);
+        c.path = vshost::StreamSetMemberPath(job.out, c.number);
+        c.share = shares[k];
+        set.members.push_back(std::filesystem::path(c.path).filename().string());
+        // A stream file left by an earlier run must not pass for this run's; anything
+        // else there (a FIFO a consumer reads) is written to as a single run would.
+        std::error_code ec;
+        if (std::filesystem::is_regular_file(std::filesystem::symlink_status(c.path, ec)))
+            std::filesystem::remove(c.path, ec);
+    }
+    // The manifest goes first: whatever happens to the children, the set names every
+    // stream it should hold, and a missing or unfinished one shows.
+    std::string why;
+    if (!vshost::WriteStreamSet(job.out, set, why) || !SyncFolderOf(job.out, why)) {
+        report << "vsdm: " << why << "\n";
+        total.status = kExitStreamFailed;
+        return total;
+    }
+
+    const bool stopped = SpawnAndWait(children, SelfPath(), o);
 
     int status = kExitOk;
     bool complete = true;
-    for (Child& c : children) {
-        RunSummary s;
-        const std::string name = "stream " + std::to_string(c.number) + " (" + c.path + ")";
-        bool reported = false;
-        TakeReport(c);
-        if (c.reportFd >= 0) ::close(c.reportFd);
-        reported = !c.report.empty() && DecodeSummary(c.report, s);
-        int childStatus = kExitJobFailed;
-        if (!c.why.empty()) {
-            report << "vsdm: " << name << " " << c.why << "\n";
-        } else if (WIFSIGNALED(c.waitStatus) && stopped &&
-                   (WTERMSIG(c.waitStatus) == SIGINT || WTERMSIG(c.waitStatus) == SIGTERM)) {
-            // The stop reached it before it could take the signal itself.
-            report << "vsdm: " << name << " was stopped before it began\n";
-            childStatus = kExitStopped;
-        } else if (WIFSIGNALED(c.waitStatus)) {
-            const int sig = WTERMSIG(c.waitStatus);
-            report << "vsdm: " << name << " is incomplete: its process was killed by signal " << sig << " ("
-                   << strsignal(sig) << ")\n";
-            childStatus = kExitStreamFailed;
-        } else {
-            childStatus = WEXITSTATUS(c.waitStatus);
-        }
-        if (!reported) {
-            // What the stream holds is all there is to go by; its items are not known
-            // to have succeeded.
-            CountStream(c.path, s);
-            s.items = static_cast<unsigned>(c.share.size());
-            s.itemsFailed = s.items;
-        }
-        status = WorseStatus(status, childStatus);
-        if (!s.streamComplete) {
-            complete = false;
-            std::error_code ec;
-            total.incompleteStreams.push_back(name + (std::filesystem::exists(c.path, ec) ? "" : ": missing"));
-        }
-        Add(total, s);
-    }
+    for (Child& c : children) status = WorseStatus(status, MergeChild(c, stopped, total, complete, report));
     std::sort(total.vmPaths.begin(), total.vmPaths.end());
     total.vmPaths.erase(std::unique(total.vmPaths.begin(), total.vmPaths.end()), total.vmPaths.end());
     total.vms = static_cast<unsigned>(total.vmPaths.size());
