@@ -138,59 +138,95 @@ bool EntryModel::CheckExtentEnd(std::string& why) {
     return false;
 }
 
-// Still longer than the house limit: to be split into named steps.
-// NOLINTNEXTLINE(readability-function-size)
+bool EntryModel::OpenFileEntry(const vshost::StreamRecord& record, std::string& why) {
+    const auto& h = std::get<vshost::FileHeaderRecord>(record.body);
+    m_entry = Entry{};
+    m_entry.path = h.path;
+    m_entry.target = h.path;
+    m_entry.offset = record.offset;
+    m_entry.size = h.size;
+    m_entry.container = h.container;
+    m_open = true;
+    const bool ok = Classify(why);
+    if (m_entry.kind == EntryKind::Disk) {
+        DiskGeometry& g = DiskAt(h.path);
+        m_entry.target = g.target;
+        g.size = h.size;
+        g.extentSize = h.extentSize;
+        g.hasEntry = true;
+        g.inPass = true;
+        g.passExtents = 0;
+        g.shortRead = false;
+    }
+    return ok;
+}
+
+bool EntryModel::OpenCollectionEntry(const vshost::StreamRecord& record) {
+    const auto& h = std::get<vshost::CollectionHeaderRecord>(record.body);
+    m_entry = Entry{};
+    m_entry.kind = EntryKind::CollectionNode;
+    m_entry.path = h.path;
+    m_entry.target = h.path;
+    m_entry.offset = record.offset;
+    m_entry.size = h.size;
+    m_entry.container = h.container;
+    m_entry.node = h;
+    m_open = true;
+    // A node lies where its disk is restored.
+    const size_t second = h.path.find('\\', 1);
+    const size_t third = second == std::string::npos ? second : h.path.find('\\', second + 1);
+    if (third != std::string::npos)
+        if (auto d = m_disks.find(h.path.substr(0, third)); d != m_disks.end())
+            m_entry.target = d->second.target + h.path.substr(third);
+    if (h.container && std::count(h.path.begin(), h.path.end(), '\\') == 2) {
+        // A file-collection disk: done only when its reader marks it so.
+        DiskGeometry& g = DiskAt(h.path);
+        m_entry.target = g.target;
+        g.size = h.size;
+        g.hasEntry = true;
+        g.collection = true;
+    }
+    return true;
+}
+
+bool EntryModel::CloseEntry(const vshost::StreamRecord& record) {
+    m_open = false;
+    m_entry.closed = true;
+    m_entry.complete = std::get<vshost::EndOfFileRecord>(record.body).complete;
+    if (m_entry.kind == EntryKind::Extent) {
+        DiskGeometry& g = m_disks[m_entry.diskKey];
+        ++g.extents;
+        if (m_entry.dataBytes == 0) ++g.holeExtents;
+        if (m_entry.complete) g.nextExtent = std::max(g.nextExtent, m_entry.extentNumber + 1);
+        if (m_entry.complete && g.inPass && (g.passExtents == 0 || m_entry.extentNumber > g.passLast)) {
+            ++g.passExtents;
+            g.passLast = m_entry.extentNumber;
+        }
+    }
+    return true;
+}
+
+bool EntryModel::Describe(const vshost::StreamRecord& record) {
+    // Geometry for disks whose entry may never come (a stream of single extents).
+    const auto& d = std::get<vshost::DiskInfoRecord>(record.body);
+    if (d.itemType != vshost::stream::kItemDiskExtents) return true;
+    DiskGeometry& g = DiskAt("\\" + d.vmGuid + "\\" + d.name);
+    if (!g.hasEntry) {
+        g.size = d.size;
+        g.extentSize = d.extentSize;
+    }
+    g.hasBase = d.hasBase;
+    g.base = d.baseChangeId;
+    g.described = d.extentCount;
+    return true;
+}
+
 bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
     switch (record.kind) {
-        case Kind::FileHeader: {
-            const auto& h = std::get<vshost::FileHeaderRecord>(record.body);
-            m_entry = Entry{};
-            m_entry.path = h.path;
-            m_entry.target = h.path;
-            m_entry.offset = record.offset;
-            m_entry.size = h.size;
-            m_entry.container = h.container;
-            m_open = true;
-            const bool ok = Classify(why);
-            if (m_entry.kind == EntryKind::Disk) {
-                DiskGeometry& g = DiskAt(h.path);
-                m_entry.target = g.target;
-                g.size = h.size;
-                g.extentSize = h.extentSize;
-                g.hasEntry = true;
-                g.inPass = true;
-                g.passExtents = 0;
-                g.shortRead = false;
-            }
-            return ok;
-        }
-        case Kind::CollectionHeader: {
-            const auto& h = std::get<vshost::CollectionHeaderRecord>(record.body);
-            m_entry = Entry{};
-            m_entry.kind = EntryKind::CollectionNode;
-            m_entry.path = h.path;
-            m_entry.target = h.path;
-            m_entry.offset = record.offset;
-            m_entry.size = h.size;
-            m_entry.container = h.container;
-            m_entry.node = h;
-            m_open = true;
-            // A node lies where its disk is restored.
-            const size_t second = h.path.find('\\', 1);
-            const size_t third = second == std::string::npos ? second : h.path.find('\\', second + 1);
-            if (third != std::string::npos)
-                if (auto d = m_disks.find(h.path.substr(0, third)); d != m_disks.end())
-                    m_entry.target = d->second.target + h.path.substr(third);
-            if (h.container && std::count(h.path.begin(), h.path.end(), '\\') == 2) {
-                // A file-collection disk: done only when its reader marks it so.
-                DiskGeometry& g = DiskAt(h.path);
-                m_entry.target = g.target;
-                g.size = h.size;
-                g.hasEntry = true;
-                g.collection = true;
-            }
-            return true;
-        }
+        case Kind::FileHeader:
+            return OpenFileEntry(record, why);
+        case Kind::CollectionHeader:
+            return OpenCollectionEntry(record);
         case Kind::FileLevelHeader: {
             const auto& h = std::get<vshost::FileLevelRecord>(record.body);
             m_entry = Entry{};
@@ -212,34 +248,9 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
             return CheckExtentEnd(why);
         }
         case Kind::EndOfFile:
-            m_open = false;
-            m_entry.closed = true;
-            m_entry.complete = std::get<vshost::EndOfFileRecord>(record.body).complete;
-            if (m_entry.kind == EntryKind::Extent) {
-                DiskGeometry& g = m_disks[m_entry.diskKey];
-                ++g.extents;
-                if (m_entry.dataBytes == 0) ++g.holeExtents;
-                if (m_entry.complete) g.nextExtent = std::max(g.nextExtent, m_entry.extentNumber + 1);
-                if (m_entry.complete && g.inPass && (g.passExtents == 0 || m_entry.extentNumber > g.passLast)) {
-                    ++g.passExtents;
-                    g.passLast = m_entry.extentNumber;
-                }
-            }
-            return true;
-        case Kind::DiskInfo: {
-            // Geometry for disks whose entry may never come (a stream of single extents).
-            const auto& d = std::get<vshost::DiskInfoRecord>(record.body);
-            if (d.itemType != vshost::stream::kItemDiskExtents) return true;
-            DiskGeometry& g = DiskAt("\\" + d.vmGuid + "\\" + d.name);
-            if (!g.hasEntry) {
-                g.size = d.size;
-                g.extentSize = d.extentSize;
-            }
-            g.hasBase = d.hasBase;
-            g.base = d.baseChangeId;
-            g.described = d.extentCount;
-            return true;
-        }
+            return CloseEntry(record);
+        case Kind::DiskInfo:
+            return Describe(record);
         case Kind::DiskReadCompleted: {
             const auto& d = std::get<vshost::DiskReadCompletedRecord>(record.body);
             DiskGeometry& g = m_disks["\\" + d.vmGuid + "\\" + d.diskName];

@@ -94,6 +94,11 @@ public:
     static std::string IncompleteWhy(const DiskGeometry& g);
 
 private:
+    // The records that open, close and describe entries.
+    bool OpenFileEntry(const vshost::StreamRecord& record, std::string& why);
+    bool OpenCollectionEntry(const vshost::StreamRecord& record);
+    bool CloseEntry(const vshost::StreamRecord& record);
+    bool Describe(const vshost::StreamRecord& record);
     bool Classify(std::string& why);
     // The geometry of the disk at `key`, made (and its restore name chosen) on first use.
     DiskGeometry& DiskAt(const std::string& key);
