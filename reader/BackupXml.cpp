@@ -71,7 +71,7 @@ bool DataReaderVSBase::DownloadSnapXMLFromIndex(const MountCtx& ctx) {
 
 std::string DataReaderVSBase::CreateTempMountPointDirectoryForRemoteCache(const std::string& name) {
     // m_sJobResultsDir ends in a delimiter after Initialize; nothing is inserted here.
-    const std::string folder = m_sJobResultsDir + name + "_SnapCache";
+    std::string folder = m_sJobResultsDir + name + "_SnapCache";
     if (!InsideJobResults(folder)) {
         KTlog(m_hLog, 1, "Refusing remote cache folder [%s]: the VM name leads out of the job results folder",
               folder.c_str());
