@@ -4,6 +4,7 @@
 #include "runner.h"
 
 #include "hostapi/snapsrc.h"
+#include "vshost/fd.h"
 #include "vshost/home.h"
 #include "vshost/vmdk.h"
 #include "vssample/sample.h"
@@ -108,20 +109,67 @@ int CompareTree(const fs::path& source, const fs::path& restored, const std::str
     return bad;
 }
 
-}  // namespace
-
-// Still longer than the house limit: to be split into named steps.
-// NOLINTNEXTLINE(readability-function-size)
-int RunDemo(const std::string& keep, std::ostream& out) {
-    std::string root = keep;
-    if (root.empty()) {
+// The demo's folder: the one asked for (new or empty), or a temporary one.
+std::string DemoRoot(const std::string& keep) {
+    if (keep.empty()) {
         const char* tmp = std::getenv("TMPDIR");
         std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/vsdm-demo-XXXXXX";
         if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary folder");
-        root = pattern;
-    } else if (fs::exists(root) && !fs::is_empty(root)) {
-        throw std::runtime_error(root + " is not empty; give an empty or new folder to --keep");
+        return pattern;
     }
+    if (fs::exists(keep) && !fs::is_empty(keep))
+        throw std::runtime_error(keep + " is not empty; give an empty or new folder to --keep");
+    return keep;
+}
+
+// Writes the job file, runs it as `vsdm run` would and prints its summary; 1 when it
+// did not fully succeed.
+int RunDemoJob(const std::string& jobFile, const nlohmann::json& job, const RunOptions& options,
+               const std::string& heading, std::ostream& out) {
+    std::ofstream(jobFile) << job.dump(2);
+    out << "\n== " << heading << ": vsdm run " << jobFile
+        << (options.incrementalFrom ? " --incremental-from " + std::to_string(options.incrementalFrom) : "") << "\n";
+    const RunSummary sum = RunJob(LoadJob(jobFile), options, out);
+    PrintSummary(LoadJob(jobFile), sum, out);
+    return sum.status != kExitOk;
+}
+
+int Restore(const std::string& stream, const char* how, const std::string& folder, std::ostream& out) {
+    return Shell("'" + Tool("vsstream") + "' restore '" + stream + "' " + how + " '" + folder + "'", out) != 0;
+}
+
+// Changes a few bytes of web01, so that the incremental has something to carry.
+void ChangeSource(const vssample::SampleSnapshot& s) {
+    const std::string flat = s.vm("web01").folder + "/web01-flat.vmdk";
+    const vshost::Fd fd(::open(flat.c_str(), O_RDWR | O_CLOEXEC));
+    const std::string text = "changed after the full backup";
+    if (!fd.valid() || ::pwrite(fd.get(), text.data(), text.size(), 5 << 20) != static_cast<ssize_t>(text.size()))
+        throw std::runtime_error("cannot change " + flat);
+}
+
+// Guest volumes file by file: the file-level reader over db01's two volumes, one named
+// by its GUID, the other by its name.
+int GuestFiles(const vssample::SampleSnapshot& s, const std::string& root, std::ostream& out) {
+    const vssample::SampleVM& db = s.vm("db01");
+    const std::string c = db.biosUuid + "\\" + db.guestVolumeGuids.at(0), d = db.biosUuid + "\\D:";
+    nlohmann::json job = JobJson(s, 103, {c, d});
+    job["reader"] = "fileLevel";
+    job["out"] = "files.stream";
+    for (auto& item : job["items"]) item.erase("options");
+    int failures = RunDemoJob(root + "/files.job.json", job, RunOptions{}, "guest files", out);
+    failures += Restore(root + "/files.stream", "--to", root + "/files", out);
+    out << "comparing the restored guest files with the source:\n";
+    failures += CompareTree(fs::path(db.folder) / "guest/C",
+                            fs::path(root) / "files" / db.biosUuid / db.guestVolumeGuids.at(0), "db01 C:", out);
+    failures +=
+        CompareTree(fs::path(db.folder) / "guest/D", fs::path(root) / "files" / db.biosUuid / "D:", "db01 D:", out);
+    return failures;
+}
+
+}  // namespace
+
+int RunDemo(const std::string& keep, std::ostream& out) {
+    const std::string root = DemoRoot(keep);
     fs::create_directories(root + "/home/JobResults");
     vshost::OpenHome(root + "/home");
     const vssample::SampleSnapshot s = vssample::GenerateSample();
@@ -133,71 +181,27 @@ int RunDemo(const std::string& keep, std::ostream& out) {
     // file-collection reader, so only its image goes here.
     std::vector<std::string> items = {s.vm("web01").biosUuid, s.vm("db01").biosUuid,
                                       s.vm("fs01").biosUuid + "\\fs01_data.img"};
-    int failures = 0;
-    {
-        const std::string jobFile = root + "/full.job.json";
-        nlohmann::json job = JobJson(s, 101, items);
-        job["out"] = "full.stream";
-        std::ofstream(jobFile) << job.dump(2);
-        out << "\n== full backup: vsdm run " << jobFile << "\n";
-        const RunSummary sum = RunJob(LoadJob(jobFile), RunOptions{}, out);
-        PrintSummary(LoadJob(jobFile), sum, out);
-        failures += sum.status != kExitOk;
-    }
+    nlohmann::json full = JobJson(s, 101, items);
+    full["out"] = "full.stream";
+    int failures = RunDemoJob(root + "/full.job.json", full, RunOptions{}, "full backup", out);
     failures += Shell("'" + Tool("vsstream") + "' verify '" + root + "/full.stream'", out) != 0;
-    failures +=
-        Shell("'" + Tool("vsstream") + "' restore '" + root + "/full.stream' --to '" + root + "/restore'", out) != 0;
+    failures += Restore(root + "/full.stream", "--to", root + "/restore", out);
     out << "comparing the restore with the source:\n";
     failures += Compare(s, root + "/restore", out, true);
 
     // Change the source a little and take an incremental from what the full recorded.
-    {
-        const std::string flat = s.vm("web01").folder + "/web01-flat.vmdk";
-        const int fd = ::open(flat.c_str(), O_RDWR);
-        const std::string text = "changed after the full backup";
-        if (fd < 0 || ::pwrite(fd, text.data(), text.size(), 5 << 20) != static_cast<ssize_t>(text.size()))
-            throw std::runtime_error("cannot change " + flat);
-        ::close(fd);
-        const std::string jobFile = root + "/incr.job.json";
-        nlohmann::json job = JobJson(s, 102, items);
-        job["out"] = "incr.stream";
-        for (auto& item : job["items"]) item.erase("options");
-        std::ofstream(jobFile) << job.dump(2);
-        out << "\n== incremental: vsdm run " << jobFile << " --incremental-from 101\n";
-        RunOptions incr;
-        incr.incrementalFrom = 101;
-        const RunSummary sum = RunJob(LoadJob(jobFile), incr, out);
-        PrintSummary(LoadJob(jobFile), sum, out);
-        failures += sum.status != kExitOk;
-    }
-    failures +=
-        Shell("'" + Tool("vsstream") + "' restore '" + root + "/incr.stream' --onto '" + root + "/restore'", out) != 0;
+    ChangeSource(s);
+    nlohmann::json incr = JobJson(s, 102, items);
+    incr["out"] = "incr.stream";
+    for (auto& item : incr["items"]) item.erase("options");
+    RunOptions fromFull;
+    fromFull.incrementalFrom = 101;
+    failures += RunDemoJob(root + "/incr.job.json", incr, fromFull, "incremental", out);
+    failures += Restore(root + "/incr.stream", "--onto", root + "/restore", out);
     out << "comparing the updated restore with the changed source:\n";
     failures += Compare(s, root + "/restore", out, false);
 
-    // Guest volumes file by file: the file-level reader over db01's two volumes, one
-    // named by its GUID, the other by its name.
-    {
-        const vssample::SampleVM& db = s.vm("db01");
-        const std::string c = db.biosUuid + "\\" + db.guestVolumeGuids.at(0), d = db.biosUuid + "\\D:";
-        nlohmann::json job = JobJson(s, 103, {c, d});
-        job["reader"] = "fileLevel";
-        job["out"] = "files.stream";
-        for (auto& item : job["items"]) item.erase("options");
-        const std::string jobFile = root + "/files.job.json";
-        std::ofstream(jobFile) << job.dump(2);
-        out << "\n== guest files: vsdm run " << jobFile << "\n";
-        const RunSummary sum = RunJob(LoadJob(jobFile), RunOptions{}, out);
-        PrintSummary(LoadJob(jobFile), sum, out);
-        failures += sum.status != kExitOk;
-        failures +=
-            Shell("'" + Tool("vsstream") + "' restore '" + root + "/files.stream' --to '" + root + "/files'", out) != 0;
-        out << "comparing the restored guest files with the source:\n";
-        failures += CompareTree(fs::path(db.folder) / "guest/C",
-                                fs::path(root) / "files" / db.biosUuid / db.guestVolumeGuids.at(0), "db01 C:", out);
-        failures +=
-            CompareTree(fs::path(db.folder) / "guest/D", fs::path(root) / "files" / db.biosUuid / "D:", "db01 D:", out);
-    }
+    failures += GuestFiles(s, root, out);
 
     vshost::CloseHome();
     if (keep.empty()) fs::remove_all(root);
