@@ -205,8 +205,133 @@ const SampleVM& SampleSnapshot::vm(const std::string& name) const {
     throw std::out_of_range("no sample VM " + name);
 }
 
-// Still longer than the house limit: to be split into named steps.
-// NOLINTNEXTLINE(readability-function-size)
+namespace {
+
+// web01: a monolithic flat disk on ds1 and a split flat disk on ds2.
+SampleVM Web01(const fs::path& ds1, const fs::path& ds2, uint64_t size) {
+    SampleVM vm;
+    vm.name = "web01";
+    vm.biosUuid = "564d1a2b-3c4d-5e6f-7081-92a3b4c5d6e7";
+    vm.vcUuid = "5003e1f2-a3b4-c5d6-e7f8-091a2b3c4d5e";
+    vm.folder = (ds1 / "web01").string();
+    ConfigFiles(vm, ds1 / "web01",
+                Vmx(vm, {{"scsi0.present", "TRUE"},
+                         {"scsi0:0.present", "TRUE"},
+                         {"scsi0:0.fileName", "web01.vmdk"},
+                         {"scsi0:1.present", "TRUE"},
+                         {"scsi0:1.fileName", "[ds2] web01/web01_1.vmdk"}}));
+    WriteText(ds1 / "web01/web01.vmdk",
+              Descriptor("monolithicFlat", {"RW " + Sectors(size) + " FLAT \"web01-flat.vmdk\" 0"}));
+    SparseFile flat(ds1 / "web01/web01-flat.vmdk", size);
+    FillDisk(flat, 0, size, 101);
+
+    const uint64_t half = size / 2;
+    WriteText(ds2 / "web01/web01_1.vmdk",
+              Descriptor("twoGbMaxExtentFlat", {"RW " + Sectors(half) + " FLAT \"web01_1-f001.vmdk\" 0",
+                                                "RW " + Sectors(size - half) + " FLAT \"web01_1-f002.vmdk\" 0"}));
+    SparseFile f1(ds2 / "web01/web01_1-f001.vmdk", half);
+    SparseFile f2(ds2 / "web01/web01_1-f002.vmdk", size - half);
+    f1.WriteRange(0, uint64_t{64} * 1024, 201);
+    // Data across the boundary between the two extent files.
+    f1.WriteRange(half - uint64_t{256} * 1024, uint64_t{256} * 1024, 202);
+    f2.WriteRange(0, uint64_t{256} * 1024, 203);
+    f2.WriteRange(size - half - kMiB, 4096, 204);
+
+    vm.disks = {Disk("web01.vmdk", "ds1", "web01", ds1 / "web01/web01.vmdk", size),
+                Disk("web01_1.vmdk", "ds2", "web01", ds2 / "web01/web01_1.vmdk", size)};
+    return vm;
+}
+
+// db01: a VMFS flat disk with blanks in its extent name, and two guest volumes.
+SampleVM Db01(const fs::path& ds1, uint64_t size) {
+    SampleVM vm;
+    vm.name = "db01";
+    vm.biosUuid = "564d9f8e-7d6c-5b4a-3928-17f6e5d4c3b2";
+    vm.vcUuid = "50037a6b-5c4d-3e2f-1a0b-9c8d7e6f5a4b";
+    vm.folder = (ds1 / "db01").string();
+    ConfigFiles(vm, ds1 / "db01",
+                Vmx(vm, {{"sata0.present", "TRUE"},
+                         {"sata0:0.present", "TRUE"},
+                         {"sata0:0.fileName", "db01.vmdk"},
+                         {"ide1:0.present", "TRUE"},
+                         {"ide1:0.deviceType", "cdrom-image"},
+                         {"ide1:0.fileName", "/iso/install.iso"}}));
+    WriteText(ds1 / "db01/db01.vmdk", Descriptor("vmfs", {"RW " + Sectors(size) + " VMFS \"db01 system-flat.vmdk\""}));
+    SparseFile flat(ds1 / "db01/db01 system-flat.vmdk", size);
+    FillDisk(flat, 0, size, 301);
+    vm.disks = {Disk("db01.vmdk", "ds1", "db01", ds1 / "db01/db01.vmdk", size)};
+
+    const fs::path guest = ds1 / "db01/guest";
+    WriteText(guest / "C/Windows/win.ini", "[fonts]\n[extensions]\n");
+    WriteText(guest / "C/Users/admin/report.txt", std::string(100000, 'r'));
+    WriteText(guest / "D/data/table.db", std::string(300000, 'd'));
+    WriteText(guest / "D/data/empty.log", "");
+    vm.guestVolumeGuids = {"{6f1c2d3e-4a5b-11ee-9c8d-0a1b2c3d4e5f}", "{7a2b3c4d-5e6f-11ee-8d9c-1b2c3d4e5f60}"};
+    nlohmann::json sidecar = {{"guestVolumes",
+                               {{{"guid", vm.guestVolumeGuids[0]},
+                                 {"name", "C:"},
+                                 {"folder", "guest/C"},
+                                 {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[0] + "\\"}},
+                                {{"guid", vm.guestVolumeGuids[1]},
+                                 {"name", "D:"},
+                                 {"folder", "guest/D"},
+                                 {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[1] + "\\"}}}}};
+    WriteText(ds1 / "db01/vmguest.json", sidecar.dump(2));
+    return vm;
+}
+
+// fs01: a disk read as a file collection, and a raw image on an NVMe controller.
+SampleVM Fs01(const fs::path& ds2, uint64_t size) {
+    SampleVM vm;
+    vm.name = "fs01";
+    vm.biosUuid = "564d0011-2233-4455-6677-8899aabbccdd";
+    vm.vcUuid = "5003ffee-ddcc-bbaa-9988-776655443322";
+    vm.folder = (ds2 / "fs01").string();
+    ConfigFiles(vm, ds2 / "fs01",
+                Vmx(vm, {{"scsi0:0.present", "TRUE"},
+                         {"scsi0:0.fileName", "fs01.vmdk"},
+                         {"nvme0:0.present", "TRUE"},
+                         {"nvme0:0.fileName", "fs01_data.img"}}));
+    const fs::path files = ds2 / "fs01/fs01.files";
+    WriteText(files / "etc/hostname", "fs01\n");
+    WriteText(files / "srv/share/big.bin", std::string(40000, 'b'));
+    WriteText(files / "srv/share/notes.txt", "file collection sample\n");
+    fs::create_directories(files / "srv/empty");
+    // Nested folders, names with blanks, an empty file, and a file larger than the
+    // collection's read-ahead.
+    WriteText(files / "srv/share/My Documents/budget 2024.txt", "rent 1200\nfood 400\n");
+    WriteText(files / "srv/share/My Documents/2024/Q1/plan.txt", std::string(5000, 'p'));
+    WriteText(files / "var/log/empty.log", "");
+    {
+        const uint64_t archiveBytes = 2 * kMiB + 12345;
+        SparseFile archive(files / "srv/media/archive.bin", archiveBytes);
+        archive.WriteRange(0, archiveBytes, 501);
+    }
+    // A second collection that the configuration does not name: a disk of its own.
+    const fs::path homeFiles = ds2 / "fs01/home.files";
+    WriteText(homeFiles / "alice/.profile", "export EDITOR=vi\n");
+    WriteText(homeFiles / "alice/notes 1.txt", std::string(9000, 'a'));
+    fs::create_directories(homeFiles / "bob");
+    nlohmann::json sidecar = {
+        {"fileCollectionDisks",
+         {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}}, {{"name", "fs01_home"}, {"folder", "home.files"}}}}};
+    WriteText(ds2 / "fs01/vmguest.json", sidecar.dump(2));
+    auto bytes = [](const fs::path& folder) {
+        uint64_t n = 0;
+        for (const auto& e : fs::recursive_directory_iterator(folder))
+            if (e.is_regular_file()) n += e.file_size();
+        return n;
+    };
+    SparseFile raw(ds2 / "fs01/fs01_data.img", size);
+    FillDisk(raw, 0, size, 401);
+    vm.disks = {Disk("fs01.vmdk", "ds2", "fs01", files, bytes(files), 2),
+                Disk("fs01_data.img", "ds2", "fs01", ds2 / "fs01/fs01_data.img", size),
+                Disk("fs01_home", "ds2", "fs01", homeFiles, bytes(homeFiles), 2)};
+    return vm;
+}
+
+}  // namespace
+
 SampleSnapshot GenerateSample(const SampleOptions& options) {
     const std::string home = vshost::HomeDir();
     if (home.empty()) throw std::runtime_error("no host home is open");
@@ -219,129 +344,11 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
     const fs::path ds2 = root / "ds2";
     const uint64_t size = options.diskSize;
 
-    // web01: a monolithic flat disk on ds1 and a split flat disk on ds2.
-    {
-        SampleVM vm;
-        vm.name = "web01";
-        vm.biosUuid = "564d1a2b-3c4d-5e6f-7081-92a3b4c5d6e7";
-        vm.vcUuid = "5003e1f2-a3b4-c5d6-e7f8-091a2b3c4d5e";
-        vm.folder = (ds1 / "web01").string();
-        ConfigFiles(vm, ds1 / "web01",
-                    Vmx(vm, {{"scsi0.present", "TRUE"},
-                             {"scsi0:0.present", "TRUE"},
-                             {"scsi0:0.fileName", "web01.vmdk"},
-                             {"scsi0:1.present", "TRUE"},
-                             {"scsi0:1.fileName", "[ds2] web01/web01_1.vmdk"}}));
-        WriteText(ds1 / "web01/web01.vmdk",
-                  Descriptor("monolithicFlat", {"RW " + Sectors(size) + " FLAT \"web01-flat.vmdk\" 0"}));
-        SparseFile flat(ds1 / "web01/web01-flat.vmdk", size);
-        FillDisk(flat, 0, size, 101);
+    s.vms.push_back(Web01(ds1, ds2, size));
 
-        const uint64_t half = size / 2;
-        WriteText(ds2 / "web01/web01_1.vmdk",
-                  Descriptor("twoGbMaxExtentFlat", {"RW " + Sectors(half) + " FLAT \"web01_1-f001.vmdk\" 0",
-                                                    "RW " + Sectors(size - half) + " FLAT \"web01_1-f002.vmdk\" 0"}));
-        SparseFile f1(ds2 / "web01/web01_1-f001.vmdk", half);
-        SparseFile f2(ds2 / "web01/web01_1-f002.vmdk", size - half);
-        f1.WriteRange(0, uint64_t{64} * 1024, 201);
-        // Data across the boundary between the two extent files.
-        f1.WriteRange(half - uint64_t{256} * 1024, uint64_t{256} * 1024, 202);
-        f2.WriteRange(0, uint64_t{256} * 1024, 203);
-        f2.WriteRange(size - half - kMiB, 4096, 204);
+    s.vms.push_back(Db01(ds1, size));
 
-        vm.disks = {Disk("web01.vmdk", "ds1", "web01", ds1 / "web01/web01.vmdk", size),
-                    Disk("web01_1.vmdk", "ds2", "web01", ds2 / "web01/web01_1.vmdk", size)};
-        s.vms.push_back(vm);
-    }
-
-    // db01: a VMFS flat disk with blanks in its extent name, and two guest volumes.
-    {
-        SampleVM vm;
-        vm.name = "db01";
-        vm.biosUuid = "564d9f8e-7d6c-5b4a-3928-17f6e5d4c3b2";
-        vm.vcUuid = "50037a6b-5c4d-3e2f-1a0b-9c8d7e6f5a4b";
-        vm.folder = (ds1 / "db01").string();
-        ConfigFiles(vm, ds1 / "db01",
-                    Vmx(vm, {{"sata0.present", "TRUE"},
-                             {"sata0:0.present", "TRUE"},
-                             {"sata0:0.fileName", "db01.vmdk"},
-                             {"ide1:0.present", "TRUE"},
-                             {"ide1:0.deviceType", "cdrom-image"},
-                             {"ide1:0.fileName", "/iso/install.iso"}}));
-        WriteText(ds1 / "db01/db01.vmdk",
-                  Descriptor("vmfs", {"RW " + Sectors(size) + " VMFS \"db01 system-flat.vmdk\""}));
-        SparseFile flat(ds1 / "db01/db01 system-flat.vmdk", size);
-        FillDisk(flat, 0, size, 301);
-        vm.disks = {Disk("db01.vmdk", "ds1", "db01", ds1 / "db01/db01.vmdk", size)};
-
-        const fs::path guest = ds1 / "db01/guest";
-        WriteText(guest / "C/Windows/win.ini", "[fonts]\n[extensions]\n");
-        WriteText(guest / "C/Users/admin/report.txt", std::string(100000, 'r'));
-        WriteText(guest / "D/data/table.db", std::string(300000, 'd'));
-        WriteText(guest / "D/data/empty.log", "");
-        vm.guestVolumeGuids = {"{6f1c2d3e-4a5b-11ee-9c8d-0a1b2c3d4e5f}", "{7a2b3c4d-5e6f-11ee-8d9c-1b2c3d4e5f60}"};
-        nlohmann::json sidecar = {{"guestVolumes",
-                                   {{{"guid", vm.guestVolumeGuids[0]},
-                                     {"name", "C:"},
-                                     {"folder", "guest/C"},
-                                     {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[0] + "\\"}},
-                                    {{"guid", vm.guestVolumeGuids[1]},
-                                     {"name", "D:"},
-                                     {"folder", "guest/D"},
-                                     {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[1] + "\\"}}}}};
-        WriteText(ds1 / "db01/vmguest.json", sidecar.dump(2));
-        s.vms.push_back(vm);
-    }
-
-    // fs01: a disk read as a file collection, and a raw image on an NVMe controller.
-    {
-        SampleVM vm;
-        vm.name = "fs01";
-        vm.biosUuid = "564d0011-2233-4455-6677-8899aabbccdd";
-        vm.vcUuid = "5003ffee-ddcc-bbaa-9988-776655443322";
-        vm.folder = (ds2 / "fs01").string();
-        ConfigFiles(vm, ds2 / "fs01",
-                    Vmx(vm, {{"scsi0:0.present", "TRUE"},
-                             {"scsi0:0.fileName", "fs01.vmdk"},
-                             {"nvme0:0.present", "TRUE"},
-                             {"nvme0:0.fileName", "fs01_data.img"}}));
-        const fs::path files = ds2 / "fs01/fs01.files";
-        WriteText(files / "etc/hostname", "fs01\n");
-        WriteText(files / "srv/share/big.bin", std::string(40000, 'b'));
-        WriteText(files / "srv/share/notes.txt", "file collection sample\n");
-        fs::create_directories(files / "srv/empty");
-        // Nested folders, names with blanks, an empty file, and a file larger than the
-        // collection's read-ahead.
-        WriteText(files / "srv/share/My Documents/budget 2024.txt", "rent 1200\nfood 400\n");
-        WriteText(files / "srv/share/My Documents/2024/Q1/plan.txt", std::string(5000, 'p'));
-        WriteText(files / "var/log/empty.log", "");
-        {
-            const uint64_t archiveBytes = 2 * kMiB + 12345;
-            SparseFile archive(files / "srv/media/archive.bin", archiveBytes);
-            archive.WriteRange(0, archiveBytes, 501);
-        }
-        // A second collection that the configuration does not name: a disk of its own.
-        const fs::path homeFiles = ds2 / "fs01/home.files";
-        WriteText(homeFiles / "alice/.profile", "export EDITOR=vi\n");
-        WriteText(homeFiles / "alice/notes 1.txt", std::string(9000, 'a'));
-        fs::create_directories(homeFiles / "bob");
-        nlohmann::json sidecar = {
-            {"fileCollectionDisks",
-             {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}}, {{"name", "fs01_home"}, {"folder", "home.files"}}}}};
-        WriteText(ds2 / "fs01/vmguest.json", sidecar.dump(2));
-        auto bytes = [](const fs::path& folder) {
-            uint64_t n = 0;
-            for (const auto& e : fs::recursive_directory_iterator(folder))
-                if (e.is_regular_file()) n += e.file_size();
-            return n;
-        };
-        SparseFile raw(ds2 / "fs01/fs01_data.img", size);
-        FillDisk(raw, 0, size, 401);
-        vm.disks = {Disk("fs01.vmdk", "ds2", "fs01", files, bytes(files), 2),
-                    Disk("fs01_data.img", "ds2", "fs01", ds2 / "fs01/fs01_data.img", size),
-                    Disk("fs01_home", "ds2", "fs01", homeFiles, bytes(homeFiles), 2)};
-        s.vms.push_back(vm);
-    }
+    s.vms.push_back(Fs01(ds2, size));
 
     WriteSnapshotJson(root, s);
     AddCatalogRows(s, options);
