@@ -96,6 +96,8 @@ protected:
 
     // Restore options and credentials; 1 on success, 0 on failure.
     int getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2);
+    bool QuerySettingsOrParent(unsigned long appId1, unsigned long appId2, vsAppMgr& parentMgr);
+    int CredentialsFromTask();
     int PasswordFromInstance();
     int DefaultRestoreSettings();
     // The snap mount path handed to the VM-info library; may replace m_sESXServerName

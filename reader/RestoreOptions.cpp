@@ -40,18 +40,15 @@ bool IsVirtualCenterInstance(int instanceType) {
 
 }  // namespace
 
-// Still longer than the house limit: to be split into named steps.
-// NOLINTNEXTLINE(readability-function-size)
-int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2) {
-    vsAppMgr parentMgr;  // the parent instance stands in for a VM under indexing V2
-
-    // 1. Indexing version and parent instance, only when the instance settings fail.
+// The instance's settings; when they fail, the indexing version, and under indexing v2
+// the parent instance's settings into `parentMgr`. False when none can be had.
+bool DataReaderVSBase::QuerySettingsOrParent(unsigned long appId1, unsigned long appId2, vsAppMgr& parentMgr) {
     int settingsCode = m_appMgr.querySettings();
     if (m_appMgr.isRetCodeError(settingsCode)) {
         const unsigned long afileId = m_afileIds.empty() ? 0UL : static_cast<unsigned long>(m_afileIds.front().afileId);
         if (!m_appMgr.QueryUseIndexingVersion(0, appId2, afileId, 0, 0)) {
             KTlog(m_hLog, -1, "%s Failed to query indexing version.", kFn);
-            return 0;
+            return false;
         }
         if (m_appMgr.isUseIndexingV2Enabled()) {
             KTlog(m_hLog, -1, "%s IndexingV2 enabled. Using parent instance.", kFn);
@@ -66,9 +63,42 @@ int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned lo
         }
         if (m_appMgr.isRetCodeError(settingsCode)) {
             KTlog(m_hLog, -1, "%s App Mgr initialization phase failed", kFn);
-            return 0;
+            return false;
         }
     }
+    return true;
+}
+
+// 8. User and password of the task; the instance's password when the task has none.
+int DataReaderVSBase::CredentialsFromTask() {
+    if (!TaskOption(m_jobId, KT_TASKOPT_RST_USER_NAME, m_sUserName)) {
+        KTlog(m_hLog, -1, "%sFailed to check the user id for this type of restore. Failing the restore", kFn);
+        return 0;
+    }
+    KTlog(m_hLog, 1, "%s:user name:[%s]", kFn, m_sUserName.c_str());
+    std::string taskPassword;
+    if (!TaskOption(m_jobId, KT_TASKOPT_RST_USER_PASSWORD, taskPassword)) {
+        KTlog(m_hLog, -1, "%sFailed to check the user password for this type of restore. Failing the restore", kFn);
+        return 0;
+    }
+    KTlog(m_hLog, 1, "%s:Pwd len:[%d]", kFn, static_cast<int>(taskPassword.size()));
+    if (!taskPassword.empty()) {
+        m_sPassword = taskPassword;
+        KTlog(m_hLog, 1, "%s:Encrypted Password:[%s]", kFn, m_sPassword.c_str());
+        if (m_appMgr.decryptPassword(m_sPassword, &m_ProxyDecryptedPassword) != 0) {
+            KTlog(m_hLog, -1, "%sFailed to get the decrypted password", kFn);
+            return 0;
+        }
+        return 1;
+    }
+    return PasswordFromInstance();
+}
+
+int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned long appId2) {
+    vsAppMgr parentMgr;  // the parent instance stands in for a VM under indexing V2
+
+    // 1. Indexing version and parent instance, only when the instance settings fail.
+    if (!QuerySettingsOrParent(appId1, appId2, parentMgr)) return 0;
     const bool indexingV2 = m_appMgr.isUseIndexingV2Enabled();
 
     // 2. Destination server of the task (an unread option leaves it empty); 3. failback.
@@ -138,30 +168,7 @@ int DataReaderVSBase::getInPlaceRestoreOptions(unsigned long appId1, unsigned lo
         }
     }
 
-    if (userFromTask) {
-        // 8. User and password of the task.
-        if (!TaskOption(m_jobId, KT_TASKOPT_RST_USER_NAME, m_sUserName)) {
-            KTlog(m_hLog, -1, "%sFailed to check the user id for this type of restore. Failing the restore", kFn);
-            return 0;
-        }
-        KTlog(m_hLog, 1, "%s:user name:[%s]", kFn, m_sUserName.c_str());
-        std::string taskPassword;
-        if (!TaskOption(m_jobId, KT_TASKOPT_RST_USER_PASSWORD, taskPassword)) {
-            KTlog(m_hLog, -1, "%sFailed to check the user password for this type of restore. Failing the restore", kFn);
-            return 0;
-        }
-        KTlog(m_hLog, 1, "%s:Pwd len:[%d]", kFn, static_cast<int>(taskPassword.size()));
-        if (!taskPassword.empty()) {
-            m_sPassword = taskPassword;
-            KTlog(m_hLog, 1, "%s:Encrypted Password:[%s]", kFn, m_sPassword.c_str());
-            if (m_appMgr.decryptPassword(m_sPassword, &m_ProxyDecryptedPassword) != 0) {
-                KTlog(m_hLog, -1, "%sFailed to get the decrypted password", kFn);
-                return 0;
-            }
-            return 1;
-        }
-        return PasswordFromInstance();
-    }
+    if (userFromTask) return CredentialsFromTask();
     return DefaultRestoreSettings();
 }
 
