@@ -47,6 +47,11 @@ protected:
 
     // Item handling.
     bool ProcessSnapSrcPathOptions(const char* xml, VirtualServer::SnapSrcPathOptions& options);
+    // The steps of one item (OnSnapSrcPath).
+    int OpenCollections(const std::string& diskToken, std::vector<DataReaderVSFileCollection_VMMountInfo>& disks,
+                        VirtualServer::SnapSrcPathOptions& options, bool incremental, DataReaderVMCtx& vmCtx);
+    int SendCollectionDisk(std::string& vm, std::string& name, DataReaderVSFileCollection_VMMountInfo& rec,
+                           const std::string& diskToken);
     // The options of `disk`: found by the entry's first name, or by its second name for
     // an incremental item.
     DiskOptionIt GetDiskRestoreOptions(const std::string& disk, VirtualServer::SnapSrcPathOptions& options,

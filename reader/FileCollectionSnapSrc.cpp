@@ -31,8 +31,49 @@ DataReaderVSFileCollection::DiskOptionIt DataReaderVSFileCollection::GetDiskRest
     return options.diskInfo.end();
 }
 
-// Still longer than the house limit: to be split into named steps.
-// NOLINTNEXTLINE(readability-function-size)
+int DataReaderVSFileCollection::OpenCollections(const std::string& diskToken,
+                                                std::vector<DataReaderVSFileCollection_VMMountInfo>& disks,
+                                                VirtualServer::SnapSrcPathOptions& options, bool incremental,
+                                                DataReaderVMCtx& vmCtx) {
+    boost::shared_ptr<CFileCollection> handle;
+    std::string diskKey = diskToken;
+    if (diskToken.empty() || !GetDiskHandle(diskKey, handle)) {
+        for (DataReaderVSFileCollection_VMMountInfo& rec : disks) {
+            if (rec.backupType != VMInfoStructs::kBackupTypeFileCollection) continue;
+            bool processed = false;
+            auto opt = GetDiskRestoreOptions(rec.name, options, incremental);
+            if (opt != options.diskInfo.end()) {
+                processed = opt->processed != 0;
+                KTlog(m_hLog, 1, "%s: Disk [%s]: Already processed in a previous attempt of the job? [%s]", kFn,
+                      rec.name.c_str(), processed ? "Yes" : "No");
+            }
+            if (processed) continue;
+            boost::shared_ptr<CFileCollection> opened;
+            const unsigned rc = OpenDiskHandle(vmCtx.mountCtx, rec.name, rec.diskType, opened);
+            if (rc != 0) return static_cast<int>(rc);
+        }
+    }
+    return 0;
+}
+
+// One collection disk: its metadata, its nodes, and the mark that it was read.
+int DataReaderVSFileCollection::SendCollectionDisk(std::string& vm, std::string& name,
+                                                   DataReaderVSFileCollection_VMMountInfo& rec,
+                                                   const std::string& diskToken) {
+    boost::shared_ptr<CFileCollection> collection;
+    if (!GetDiskHandle(rec.name, collection)) {
+        KTlog(m_hLog, 1, "No valid Disk Handle for Disk:[%s]", diskToken.c_str());
+        return ~0;
+    }
+    unsigned rc = SendDiskMetadata(vm, name, rec.path, rec.productType, rec.diskType, rec.size, collection.get());
+    if (rc != 0) return static_cast<int>(rc);
+    rc = SendFiles(vm, name, false, 0, collection.get());
+    if (rc != 0) return static_cast<int>(rc);
+    // A collection has no change id: the next backup of it reads every node again.
+    if (m_pArchive) m_pArchive->sendDiskReadCompleted(vm, name, rec.extra);
+    return 0;
+}
+
 int DataReaderVSFileCollection::OnSnapSrcPath(FSRSnapSrcPath* item) {
     if (!item) return ~0;
     const std::string path = item->sSnapSrcPath;
@@ -73,24 +114,7 @@ int DataReaderVSFileCollection::OnSnapSrcPath(FSRSnapSrcPath* item) {
     if (GetFullMountInfo(vm, vmCtx.mountCtx, disks) != 0) return ~0;
 
     // Open the VM's collections, unless the named disk has one open already.
-    boost::shared_ptr<CFileCollection> handle;
-    std::string diskKey = diskToken;
-    if (diskToken.empty() || !GetDiskHandle(diskKey, handle)) {
-        for (DataReaderVSFileCollection_VMMountInfo& rec : disks) {
-            if (rec.backupType != VMInfoStructs::kBackupTypeFileCollection) continue;
-            bool processed = false;
-            auto opt = GetDiskRestoreOptions(rec.name, options, incremental);
-            if (opt != options.diskInfo.end()) {
-                processed = opt->processed != 0;
-                KTlog(m_hLog, 1, "%s: Disk [%s]: Already processed in a previous attempt of the job? [%s]", kFn,
-                      rec.name.c_str(), processed ? "Yes" : "No");
-            }
-            if (processed) continue;
-            boost::shared_ptr<CFileCollection> opened;
-            const unsigned rc = OpenDiskHandle(vmCtx.mountCtx, rec.name, rec.diskType, opened);
-            if (rc != 0) return static_cast<int>(rc);
-        }
-    }
+    if (const int rc = OpenCollections(diskToken, disks, options, incremental, vmCtx); rc != 0) return rc;
 
     unsigned counted = 0;
     for (DataReaderVSFileCollection_VMMountInfo& rec : disks) {
@@ -107,21 +131,10 @@ int DataReaderVSFileCollection::OnSnapSrcPath(FSRSnapSrcPath* item) {
                 ++counted;
                 continue;
             }
-            boost::shared_ptr<CFileCollection> collection;
-            if (!GetDiskHandle(rec.name, collection)) {
-                KTlog(m_hLog, 1, "No valid Disk Handle for Disk:[%s]", diskToken.c_str());
-                return ~0;
-            }
             // An incremental item writes every disk under the name its options give,
             // as the extent reader does: the VM-info name is the source's, not the target's.
             std::string name = incremental ? firstName : rec.name;
-            unsigned rc =
-                SendDiskMetadata(vm, name, rec.path, rec.productType, rec.diskType, rec.size, collection.get());
-            if (rc != 0) return static_cast<int>(rc);
-            rc = SendFiles(vm, name, false, 0, collection.get());
-            if (rc != 0) return static_cast<int>(rc);
-            // A collection has no change id: the next backup of it reads every node again.
-            if (m_pArchive) m_pArchive->sendDiskReadCompleted(vm, name, rec.extra);
+            if (const int rc = SendCollectionDisk(vm, name, rec, diskToken); rc != 0) return rc;
         }
         m_processedSnapPaths[path] = true;
         ++counted;
