@@ -44,6 +44,9 @@ public:
     virtual unsigned SendFiles(const char* name);
     virtual bool SendComponentRestoreMsgHdr(const FSRSnapSrcPath& item);
     virtual unsigned CreateListOfFilesToRead(const FSRSnapSrcPath& item, std::string& out);
+    bool ParseClientPath(const FSRSnapSrcPath& item);
+    std::string LocalPathOfVolume();
+    bool WriteList(const FSRSnapSrcPath& item, const std::string& completeLocalPath);
     virtual unsigned Close();
     virtual bool isValid() { return m_bValid; }
     virtual bool EnableReadSecurityOnly(bool enable) { return enable; }

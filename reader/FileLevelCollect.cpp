@@ -5,22 +5,18 @@
 #include <cerrno>
 #include <ctime>
 
-// Still longer than the house limit: to be split into named steps.
-// NOLINTNEXTLINE(readability-function-size)
-unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, std::string& out) {
-    static const char* const kFn = "DataReaderVMware::CreateListOfFilesToRead";
-    if (m_sCollectFileName.empty()) {
-        m_sCollectFileName = m_sJobResultsDir + "ColFile_JID" +
-                             FXString::Format("%lld", static_cast<long long>(m_jobId)) + "_" +
-                             FXString::Format("AF%d", static_cast<int>(m_fileOpenParams.archiveFileId)) + "_" +
-                             FXString::Format("Str%d", m_fileInitParams.streamNumber) +
-                             FXString::Format("_%lld", static_cast<long long>(std::time(nullptr))) + ".txt";
-    }
-    KTlog(m_hLog, 2, "%s: Collect File Name: [%s]", kFn, m_sCollectFileName.c_str());
+namespace {
 
+constexpr const char* kFn = "DataReaderVMware::CreateListOfFilesToRead";
+
+}  // namespace
+
+// The item's client path: stripped of trailing data, split into the client mount path
+// and the path to restore (and, when filtered, the file pattern). False when malformed.
+bool DataReaderVMware::ParseClientPath(const FSRSnapSrcPath& item) {
     if (item.sClientPath.empty()) {
         KTlog(m_hLog, 1, "%s: Path sent by client side in empty or NULL", kFn);
-        return ~0u;
+        return false;
     }
     m_snapSrc.m_bRecurse = true;
     // Character 18 separates the path from trailing data that is not ours.
@@ -37,7 +33,7 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
     FXString::Split(copy, "\\", parts);
     if (parts.empty()) {
         KTlog(m_hLog, 1, "%s: Invalid format for snap src path [%s]", kFn, copy.c_str());
-        return ~0u;
+        return false;
     }
     if (parts.size() < 3 && (copy.empty() || copy.back() != '/')) {
         copy += "/";
@@ -53,13 +49,13 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
     if (found == std::string::npos) {
         KTlog(m_hLog, 1, "%s: Failed to scan for srcMountPath [%s] in source path. Src Path sent by client is [%s]",
               kFn, m_sOrigClientMountPath.c_str(), m_snapSrc.m_SnapSrcPath.c_str());
-        return ~0u;
+        return false;
     }
     if (found != 0) {
         KTlog(m_hLog, 1,
               "%s: Path Mismatch: srcMountPath where orig snap was taken = [%s] . Path that needs to be read = [%s]",
               kFn, m_sOrigClientMountPath.c_str(), m_snapSrc.m_SnapSrcPath.c_str());
-        return ~0u;
+        return false;
     }
     m_sPathToRestore = m_snapSrc.m_SnapSrcPath.substr(m_sOrigClientMountPath.size());
     KTlog(m_hLog, 3, "%s: OrigClientMountPath = [%s], PathToRestore = [%s].", kFn, m_sOrigClientMountPath.c_str(),
@@ -76,16 +72,11 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
         }
         m_snapSrc.m_sFilePattern = m_sFileName;
     }
+    return true;
+}
 
-    // A list left open by an earlier failed call is replaced, not leaked.
-    if (m_pCollectFile) (void)std::fclose(m_pCollectFile);
-    m_pCollectFile = std::fopen(m_sCollectFileName.c_str(), "w+");
-    if (!m_pCollectFile) {
-        KTlog(m_hLog, 1, "%s: Failed to get Open file [%s] to create list of files, errno [%d].", kFn,
-              m_sCollectFileName.c_str(), errno);
-        return ~0u;
-    }
-
+// Where the client mount path lies on this host, joined with the path to restore.
+std::string DataReaderVMware::LocalPathOfVolume() {
     // The map's keys are "<VM>\<volume>\" in upper case while the client mount path ends
     // in "/" and keeps the client's case: this lookup misses and the name mapper then
     // resolves the volume through the live-browse mounts.
@@ -109,7 +100,11 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
               m_sPathToRestore.c_str());
         KTlog(m_hLog, 3, "m_sSnapMountPath = [%s]", m_sSnapMountPath.c_str());
     }
+    return completeLocalPath;
+}
 
+// Writes the collect file: the walked folder's files, or the path itself, then flushed.
+bool DataReaderVMware::WriteList(const FSRSnapSrcPath& item, const std::string& completeLocalPath) {
     std::string linkCheck = completeLocalPath;
     if (!linkCheck.empty() && linkCheck.back() == '/') linkCheck.pop_back();
     bool isLink = false;
@@ -117,7 +112,7 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
     if (err.IsError()) {
         KTlog(m_hLog, 1, "%s: Error while checking if Path [%s] is link or not, error=%s", kFn, linkCheck.c_str(),
               err.AsString().c_str());
-        return ~0u;
+        return false;
     }
     if (item.walkFlag == 0 && m_snapSrc.m_bFilter && !isLink) {
         const int level = m_snapSrc.m_bRecurse ? -1 : 0;
@@ -126,14 +121,14 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
             KTlog(m_hLog, 1,
                   "%s: CQiDirectory::Walk returned error [%s]. sCompleteLocalPath = [%s], subDirLevel = [%d]", kFn,
                   err.AsString().c_str(), completeLocalPath.c_str(), level);
-            return ~0u;
+            return false;
         }
     } else if (std::fputs((m_snapSrc.m_SnapSrcPath + "\n").c_str(), m_pCollectFile) < 0) {
         KTlog(m_hLog, 1, "%s: Failed to write the list of files to [%s], errno [%d].", kFn, m_sCollectFileName.c_str(),
               errno);
         (void)std::fclose(m_pCollectFile);
         m_pCollectFile = nullptr;
-        return ~0u;
+        return false;
     }
     // The list is only whole once it is flushed: a full disk shows here, and a short
     // list would leave files out of the backup without a word.
@@ -142,8 +137,35 @@ unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, s
     if (closed != 0) {
         KTlog(m_hLog, 1, "%s: Failed to write the list of files to [%s], errno [%d].", kFn, m_sCollectFileName.c_str(),
               errno);
+        return false;
+    }
+    return true;
+}
+
+unsigned DataReaderVMware::CreateListOfFilesToRead(const FSRSnapSrcPath& item, std::string& out) {
+    if (m_sCollectFileName.empty()) {
+        m_sCollectFileName = m_sJobResultsDir + "ColFile_JID" +
+                             FXString::Format("%lld", static_cast<long long>(m_jobId)) + "_" +
+                             FXString::Format("AF%d", static_cast<int>(m_fileOpenParams.archiveFileId)) + "_" +
+                             FXString::Format("Str%d", m_fileInitParams.streamNumber) +
+                             FXString::Format("_%lld", static_cast<long long>(std::time(nullptr))) + ".txt";
+    }
+    KTlog(m_hLog, 2, "%s: Collect File Name: [%s]", kFn, m_sCollectFileName.c_str());
+
+    if (!ParseClientPath(item)) return ~0u;
+
+    // A list left open by an earlier failed call is replaced, not leaked.
+    if (m_pCollectFile) (void)std::fclose(m_pCollectFile);
+    m_pCollectFile = std::fopen(m_sCollectFileName.c_str(), "w+");
+    if (!m_pCollectFile) {
+        KTlog(m_hLog, 1, "%s: Failed to get Open file [%s] to create list of files, errno [%d].", kFn,
+              m_sCollectFileName.c_str(), errno);
         return ~0u;
     }
+
+    const std::string completeLocalPath = LocalPathOfVolume();
+
+    if (!WriteList(item, completeLocalPath)) return ~0u;
     out = m_sCollectFileName;
 
     m_pNameMapper->ResetMappings();
