@@ -44,7 +44,7 @@ std::string SourceDisk(const std::string& path) {
 }
 
 std::string Tool(const std::string& name) {
-    return (fs::path(PluginPath()).parent_path().parent_path() / "bin" / name).string();
+    return (fs::path(SelfPath()).parent_path() / name).string();
 }
 
 int Shell(const std::string& command, std::ostream& out) {

@@ -42,11 +42,9 @@ int Rank(int status) {
     }
 }
 
-std::string SelfPath() {
-    char self[4096];
-    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) throw std::runtime_error("cannot find this program's own file to start the streams");
-    self[n] = '\0';
+std::string ProgramToSpawn() {
+    const std::string self = SelfPath();
+    if (self.empty()) throw std::runtime_error("cannot find this program's own file to start the streams");
     return self;
 }
 
@@ -331,7 +329,7 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
         return total;
     }
 
-    const bool stopped = SpawnAndWait(children, SelfPath(), o);
+    const bool stopped = SpawnAndWait(children, ProgramToSpawn(), o);
 
     int status = kExitOk;
     bool complete = true;

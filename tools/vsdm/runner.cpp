@@ -271,11 +271,16 @@ void CountStream(const std::string& path, RunSummary& s) {
     }
 }
 
-std::string PluginPath() {
+std::string SelfPath() {
     char self[4096];
     const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return "libvsdatareader.so";
-    self[n] = '\0';
+    if (n <= 0) return std::string();
+    return std::string(self, static_cast<size_t>(n));
+}
+
+std::string PluginPath() {
+    const std::string self = SelfPath();
+    if (self.empty()) return "libvsdatareader.so";
     const std::filesystem::path bin = std::filesystem::path(self).parent_path();
     return (bin.parent_path() / "lib" / "libvsdatareader.so").string();
 }

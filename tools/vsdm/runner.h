@@ -55,6 +55,9 @@ struct RunSummary {
     std::vector<std::string> incompleteDisks;
 };
 
+// This program's own file; empty when it cannot be found.
+std::string SelfPath();
+
 // The plug-in file next to this program ("../lib/libvsdatareader.so").
 std::string PluginPath();
 
