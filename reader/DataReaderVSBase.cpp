@@ -92,6 +92,33 @@ void DataReaderVSBase::StartSpeedCounter(CMediaSpeedCounter& counter, const char
     counter.EnableLogging();
 }
 
+int DataReaderVSBase::InitializeWithWriter(vsSim* sim, CMediaSpeedCounter& readSpeed, CMediaSpeedCounter& writeSpeed,
+                                           vsArchive*& archive) {
+    const int rc = DataReaderVSBase::Initialize();
+    if (rc != 0) return rc;
+    StartSpeedCounter(readSpeed, "Virtual Disk Read Speed");
+    StartSpeedCounter(writeSpeed, "Pipeline Write Speed");
+    return CreateArchiveWriter(m_pPipelayer, sim, m_sShortClientName, archive);
+}
+
+int DataReaderVSBase::OpenArchiveFileWithWriter(vsArchive* archive, const DMInitParams& initParams,
+                                                const DMOpenArchiveParams& openParams) {
+    if (!archive) return ~0;
+    archive->SetArchiveFileId(static_cast<unsigned>(openParams.hubcellId),
+                              static_cast<unsigned>(openParams.archGroupId),
+                              static_cast<unsigned>(openParams.archiveFileId));
+    archive->SetJobId(initParams.jobId);
+    archive->SetJobToken(initParams.jobToken);
+    return DataReaderVSBase::OpenArchiveFile(initParams, openParams);
+}
+
+void DataReaderVSBase::ReleaseWriter(vsArchive*& archive) {
+    if (!archive) return;
+    archive->close(true);
+    delete archive;
+    archive = nullptr;
+}
+
 void DataReaderVSBase::InitKTLog(const char* tag, const char* debugKey, KTJobID jobId) {
     m_hLog = new (std::nothrow) KTLogObject;
     if (!m_hLog) return;

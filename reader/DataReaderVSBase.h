@@ -117,6 +117,15 @@ protected:
     int CreateArchiveWriter(CPipelayer* pipe, vsSim* sim, const std::string& clientName, vsArchive*& out);
     // Names, zeroes and starts logging one of a reader's speed counters.
     static void StartSpeedCounter(CMediaSpeedCounter& counter, const char* name);
+    // The steps the extent and file-collection readers share around their writer: the
+    // base's initialisation, then the speed counters and the writer; the writer told the
+    // archive file, job and token before the base opens the archive file; the writer
+    // closed and freed.
+    int InitializeWithWriter(vsSim* sim, CMediaSpeedCounter& readSpeed, CMediaSpeedCounter& writeSpeed,
+                             vsArchive*& archive);
+    int OpenArchiveFileWithWriter(vsArchive* archive, const DMInitParams& initParams,
+                                  const DMOpenArchiveParams& openParams);
+    static void ReleaseWriter(vsArchive*& archive);
 
     // Reports the VM-info library's last error for `ctx` to the job.
     void CheckVMInfoError(IVMInfo* vmInfo, MountCtx& ctx);

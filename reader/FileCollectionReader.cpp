@@ -17,31 +17,16 @@ std::string DiskPath(const std::string& vm, const std::string& disk) {
 
 DataReaderVSFileCollection::~DataReaderVSFileCollection() {
     Close(1);
-    if (m_pArchive) {
-        m_pArchive->close(true);
-        delete m_pArchive;
-        m_pArchive = nullptr;
-    }
+    ReleaseWriter(m_pArchive);
     KTlog(m_hLog, 1, "DataReaderVSFileCollection deleted successfully.");
 }
 
 int DataReaderVSFileCollection::Initialize() {
-    const int rc = DataReaderVSBase::Initialize();
-    if (rc != 0) return rc;
-
-    StartSpeedCounter(m_readSpeed, "Virtual Disk Read Speed");
-    StartSpeedCounter(m_writeSpeed, "Pipeline Write Speed");
-    return CreateArchiveWriter(m_pPipelayer, &m_vsSim, m_sShortClientName, m_pArchive);
+    return InitializeWithWriter(&m_vsSim, m_readSpeed, m_writeSpeed, m_pArchive);
 }
 
 int DataReaderVSFileCollection::OpenArchiveFile(const DMInitParams& initParams, const DMOpenArchiveParams& openParams) {
-    if (!m_pArchive) return ~0;
-    m_pArchive->SetArchiveFileId(static_cast<unsigned>(openParams.hubcellId),
-                                 static_cast<unsigned>(openParams.archGroupId),
-                                 static_cast<unsigned>(openParams.archiveFileId));
-    m_pArchive->SetJobId(initParams.jobId);
-    m_pArchive->SetJobToken(initParams.jobToken);
-    return DataReaderVSBase::OpenArchiveFile(initParams, openParams);
+    return OpenArchiveFileWithWriter(m_pArchive, initParams, openParams);
 }
 
 int DataReaderVSFileCollection::Close(int) {
