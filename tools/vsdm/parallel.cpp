@@ -43,7 +43,7 @@ int Rank(int status) {
 }
 
 std::string ProgramToSpawn() {
-    const std::string self = SelfPath();
+    std::string self = SelfPath();
     if (self.empty()) throw std::runtime_error("cannot find this program's own file to start the streams");
     return self;
 }
