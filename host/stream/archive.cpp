@@ -2,8 +2,8 @@
 // the stream held by the attached pipeline.
 #include "hostapi/archive.h"
 
+#include "stream/pipelinestate.h"
 #include "stream/streambytes.h"
-#include "stream/streamencoder.h"
 #include "vshost/changetrack.h"
 
 #include <algorithm>
@@ -11,43 +11,74 @@
 using vshost::detail::PayloadBuilder;
 using vshost::stream::Kind;
 
-vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer)
-    : m_hubServer(hubServer), m_completed(std::make_unique<vshost::changetrack::CompletedDisks>()) {}
+struct vsArchive::State {
+    CPipelayer* pipe = nullptr;
+    KTLogObject* log = nullptr;
+    std::string hubServer;
+    std::vector<char> lent;
+    bool lentOut = false;
+    bool pipelineReported = false;
+    std::string lastError;
+    // Identity values set on this writer, pushed to the stream when attached.
+    bool hasIds = false, hasJobId = false, hasToken = false;
+    unsigned ids[3] = {0, 0, 0};
+    long long jobId = 0;
+    std::string token;
+    // Disks completed and not yet recorded in the catalog; written at close.
+    std::unique_ptr<vshost::changetrack::CompletedDisks> completed =
+        std::make_unique<vshost::changetrack::CompletedDisks>();
+    // The file-collection disk whose header came last, and whether its collection
+    // reached its end since.
+    std::string collectionDisk;
+    bool collectionAtEnd = false;
+};
+
+namespace {
+
+vshost::detail::StreamEncoder& Encoder(CPipelayer* pipe) {
+    return pipe->Internal().encoder;
+}
+
+}  // namespace
+
+vsArchive::vsArchive(vsJobMgr*, vsAppMgr*, vsSim*, const std::string& hubServer) : m_state(std::make_unique<State>()) {
+    m_state->hubServer = hubServer;
+}
 
 vsArchive::~vsArchive() {
-    if (m_pipe) close(false);
+    if (m_state->pipe) close(false);
     RecordCompleted(true, nullptr);
 }
 
 void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
-    if (!m_completed || !(all ? m_completed->Waiting() > 0 : m_completed->Due())) return;
-    const size_t waiting = m_completed->Waiting();
+    if (!m_state->completed || !(all ? m_state->completed->Waiting() > 0 : m_state->completed->Due())) return;
+    const size_t waiting = m_state->completed->Waiting();
     // The catalog (durable once SQLite commits) may name a disk only once the stream's
     // bytes that hold its marker are durable too: after a power loss it must never
     // name a disk that the stream lacks.
     if (!pipe) {
-        KTlog(m_log, 1, "Cannot record [%zu] completed disk(s): the stream holding them is gone", waiting);
-        m_completed->Drop();
+        KTlog(m_state->log, 1, "Cannot record [%zu] completed disk(s): the stream holding them is gone", waiting);
+        m_state->completed->Drop();
         return;
     }
     if (!pipe->Sync()) {
-        KTlog(m_log, 1,
+        KTlog(m_state->log, 1,
               "Cannot make the stream durable (%s): [%zu] completed disk(s) not recorded; an incremental "
               "from this job reads them whole",
               pipe->ErrorText().c_str(), waiting);
-        m_completed->Drop();
+        m_state->completed->Drop();
         return;
     }
     if (pipe->Syncable())
-        KTlog(m_log, 1, "vsArchive: stream synced through byte [%llu]; recording [%zu] completed disk(s)",
+        KTlog(m_state->log, 1, "vsArchive: stream synced through byte [%llu]; recording [%zu] completed disk(s)",
               pipe->SyncedBytes(), waiting);
     else
-        KTlog(m_log, 1, "vsArchive: the stream cannot be synced (not a file); recording [%zu] completed disk(s)",
+        KTlog(m_state->log, 1, "vsArchive: the stream cannot be synced (not a file); recording [%zu] completed disk(s)",
               waiting);
     try {
-        m_completed->Flush();
+        m_state->completed->Flush();
     } catch (const std::exception& e) {
-        KTlog(m_log, 1,
+        KTlog(m_state->log, 1,
               "Cannot record [%zu] completed disk(s) and their digests: %s; an incremental from this job "
               "reads them whole",
               waiting, e.what());
@@ -56,65 +87,65 @@ void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
 
 int vsArchive::Result(int status) {
     if (status == kOk) return kOk;
-    if (m_pipe) m_lastError = m_pipe->Encoder().Error();
+    if (m_state->pipe) m_state->lastError = Encoder(m_state->pipe).Error();
     // A failed pipeline fails every later call; one line about it is enough.
     if (status == kErrPipeline) {
-        if (m_pipelineReported) return status;
-        m_pipelineReported = true;
+        if (m_state->pipelineReported) return status;
+        m_state->pipelineReported = true;
     }
-    KTlog(m_log, 1, "vsArchive: %s", m_lastError.c_str());
+    KTlog(m_state->log, 1, "vsArchive: %s", m_state->lastError.c_str());
     return status;
 }
 
 int vsArchive::Refuse(int status, std::string why) {
-    m_lastError = std::move(why);
-    KTlog(m_log, 1, "vsArchive: %s", m_lastError.c_str());
+    m_state->lastError = std::move(why);
+    KTlog(m_state->log, 1, "vsArchive: %s", m_state->lastError.c_str());
     return status;
 }
 
 int vsArchive::Attached() {
-    if (m_pipe) return kOk;
+    if (m_state->pipe) return kOk;
     return Refuse(kErrNotAttached, "the writer is not attached to a pipeline");
 }
 
 int vsArchive::init(CPipelayer* pipe, KTLogObject* log, const std::string& name) {
-    if (m_pipe) return Refuse(kErrOrder, "init on a writer that is already attached");
-    m_log = log;
+    if (m_state->pipe) return Refuse(kErrOrder, "init on a writer that is already attached");
+    m_state->log = log;
     if (!pipe) return Attached();
-    m_pipe = pipe;
-    m_pipelineReported = false;
-    auto& encoder = pipe->Encoder();
+    m_state->pipe = pipe;
+    m_state->pipelineReported = false;
+    auto& encoder = Encoder(pipe);
     encoder.Attach();
-    encoder.SetOrigin(m_hubServer, name);
+    encoder.SetOrigin(m_state->hubServer, name);
     PushIdentity();
     return Result(encoder.Ready());
 }
 
 void vsArchive::PushIdentity() {
-    if (!m_pipe) return;
-    auto& id = m_pipe->Encoder().identity();
-    if (m_hasIds) std::copy(std::begin(m_ids), std::end(m_ids), std::begin(id.archiveFileIds));
-    if (m_hasJobId) id.jobId = m_jobId;
-    if (m_hasToken) id.jobToken = m_token;
+    if (!m_state->pipe) return;
+    auto& id = Encoder(m_state->pipe).identity();
+    if (m_state->hasIds) std::copy(std::begin(m_state->ids), std::end(m_state->ids), std::begin(id.archiveFileIds));
+    if (m_state->hasJobId) id.jobId = m_state->jobId;
+    if (m_state->hasToken) id.jobToken = m_state->token;
 }
 
 void vsArchive::SetArchiveFileId(unsigned id1, unsigned id2, unsigned archiveFileId) {
-    m_ids[0] = id1;
-    m_ids[1] = id2;
-    m_ids[2] = archiveFileId;
-    m_hasIds = true;
+    m_state->ids[0] = id1;
+    m_state->ids[1] = id2;
+    m_state->ids[2] = archiveFileId;
+    m_state->hasIds = true;
     PushIdentity();
 }
 
 void vsArchive::SetJobId(long long jobId) {
-    m_jobId = jobId;
-    m_hasJobId = true;
+    m_state->jobId = jobId;
+    m_state->hasJobId = true;
     PushIdentity();
 }
 
 void vsArchive::SetJobToken(const char* token) {
-    m_token = token ? token : "";
-    m_hasToken = true;
+    m_state->token = token ? token : "";
+    m_state->hasToken = true;
     PushIdentity();
 }
 
@@ -122,26 +153,26 @@ void vsArchive::SetJobToken(const char* token) {
 // header, or the last writer's final close, ends it as incomplete, so that the rest of
 // the job still goes into a sound stream and the entry is counted as bad.
 int vsArchive::EndDanglingEntry() {
-    vshost::detail::StreamEncoder& encoder = m_pipe->Encoder();
+    vshost::detail::StreamEncoder& encoder = Encoder(m_state->pipe);
     if (!encoder.EntryOpen()) return kOk;
-    KTlog(m_log, 1, "vsArchive: entry [%s] was left open; ended as incomplete", encoder.OpenPath().c_str());
-    m_lentOut = false;
+    KTlog(m_state->log, 1, "vsArchive: entry [%s] was left open; ended as incomplete", encoder.OpenPath().c_str());
+    m_state->lentOut = false;
     return Result(encoder.EndEntry(false, 0));
 }
 
 int vsArchive::close(bool finish) {
-    if (!m_pipe) return kOk;
-    m_lentOut = false;
-    if (finish && m_pipe->Encoder().Writers() == 1) EndDanglingEntry();
-    const int rc = Result(m_pipe->Encoder().Detach(finish));
-    CPipelayer* pipe = m_pipe;
-    m_pipe = nullptr;
+    if (!m_state->pipe) return kOk;
+    m_state->lentOut = false;
+    if (finish && Encoder(m_state->pipe).Writers() == 1) EndDanglingEntry();
+    const int rc = Result(Encoder(m_state->pipe).Detach(finish));
+    CPipelayer* pipe = m_state->pipe;
+    m_state->pipe = nullptr;
     RecordCompleted(true, pipe);
     return rc;
 }
 
 vsStreamTotals vsArchive::totals() const {
-    return m_pipe ? m_pipe->Totals() : vsStreamTotals{};
+    return m_state->pipe ? m_state->pipe->Totals() : vsStreamTotals{};
 }
 
 int vsArchive::sendFileHeader(const std::string& path, unsigned long long size, long arg3, bool container, bool arg5,
@@ -152,7 +183,7 @@ int vsArchive::sendFileHeader(const std::string& path, unsigned long long size, 
     p.Bytes(path).U64(size).I64(arg3).Bool(container).Bool(arg5).Bool(arg6).I32(arg7).U32(extentSize).I32(arg9);
     p.U64(arg10).Bool(arg11).Bool(arg12).Bool(arg13);
     if (int rc = EndDanglingEntry(); rc != kOk) return rc;
-    return Result(m_pipe->Encoder().BeginEntry(Kind::FileHeader, p.str(), container, path));
+    return Result(Encoder(m_state->pipe).BeginEntry(Kind::FileHeader, p.str(), container, path));
 }
 
 int vsArchive::sendFCFileHeader(const std::string& path, unsigned long long size, long arg3, bool container, bool arg5,
@@ -167,10 +198,10 @@ int vsArchive::sendFCFileHeader(const std::string& path, unsigned long long size
     p.U32(arg18).U32(arg19).U32(arg20).U32(arg21);
     if (int rc = EndDanglingEntry(); rc != kOk) return rc;
     if (container && std::count(path.begin(), path.end(), '\\') == 2) {
-        m_collectionDisk = path;
-        m_collectionAtEnd = false;
+        m_state->collectionDisk = path;
+        m_state->collectionAtEnd = false;
     }
-    return Result(m_pipe->Encoder().BeginEntry(Kind::CollectionHeader, p.str(), container, path));
+    return Result(Encoder(m_state->pipe).BeginEntry(Kind::CollectionHeader, p.str(), container, path));
 }
 
 int vsArchive::sendDiskInfo(const std::string& vmGuid, const std::string& name, const std::string& extra,
@@ -188,7 +219,7 @@ int vsArchive::sendDiskInfo(const std::string& vmGuid, const std::string& name, 
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(name).Bytes(extra).U64(itemType).U64(productType).U64(diskType);
     p.U64(size).U64(extentSize).U64(extentCount).Bytes(base);
-    return Result(m_pipe->Encoder().Between(Kind::DiskInfo, p.str()));
+    return Result(Encoder(m_state->pipe).Between(Kind::DiskInfo, p.str()));
 }
 
 int vsArchive::sendVolHeaderInfo(const std::string& vmGuid, const std::string& diskName, const char* data,
@@ -199,15 +230,15 @@ int vsArchive::sendVolHeaderInfo(const std::string& vmGuid, const std::string& d
     }
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(diskName).Bytes(std::string_view(data ? data : "", size));
-    return Result(m_pipe->Encoder().Between(Kind::VolumeHeader, p.str()));
+    return Result(Encoder(m_state->pipe).Between(Kind::VolumeHeader, p.str()));
 }
 
 int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::string& diskName,
                                      const std::string& changeId) {
     if (int rc = Attached(); rc != kOk) return rc;
-    if (!m_collectionDisk.empty() && m_collectionDisk == "\\" + vmGuid + "\\" + diskName) {
-        const bool atEnd = m_collectionAtEnd;
-        m_collectionDisk.clear();
+    if (!m_state->collectionDisk.empty() && m_state->collectionDisk == "\\" + vmGuid + "\\" + diskName) {
+        const bool atEnd = m_state->collectionAtEnd;
+        m_state->collectionDisk.clear();
         // Without its marker the stream shows the disk as incomplete, and the catalog
         // never counts on it.
         if (!atEnd)
@@ -216,20 +247,20 @@ int vsArchive::sendDiskReadCompleted(const std::string& vmGuid, const std::strin
     }
     PayloadBuilder p;
     p.Bytes(vmGuid).Bytes(diskName).Bytes(changeId);
-    int rc = Result(m_pipe->Encoder().Between(Kind::DiskReadCompleted, p.str()));
+    int rc = Result(Encoder(m_state->pipe).Between(Kind::DiskReadCompleted, p.str()));
     // The catalog may only say a disk was read once its marker has left the batch: a
     // job killed after that leaves a stream that holds the disk whole, one killed
     // before it leaves a catalog that does not count on it.
-    if (rc == kOk) rc = Result(m_pipe->Encoder().Flush());
+    if (rc == kOk) rc = Result(Encoder(m_state->pipe).Flush());
     // The disk reader's digests of the pass that just ended become the state a later
     // read under `changeId` compares with.
     if (rc == kOk) {
-        if (!m_completed->Add(m_jobId, {vmGuid, diskName, changeId}) && !changeId.empty())
-            KTlog(m_log, 1,
+        if (!m_state->completed->Add(m_state->jobId, {vmGuid, diskName, changeId}) && !changeId.empty())
+            KTlog(m_state->log, 1,
                   "No whole-disk digests for change id [%s] of disk [%s]: the next incremental "
                   "from it reads the whole disk",
                   changeId.c_str(), diskName.c_str());
-        RecordCompleted(false, m_pipe);
+        RecordCompleted(false, m_state->pipe);
     } else {
         vshost::changetrack::ClearCompletedPass();
     }
@@ -240,7 +271,7 @@ int vsArchive::sendVMReadCompleted(const std::string& vmGuid) {
     if (int rc = Attached(); rc != kOk) return rc;
     PayloadBuilder p;
     p.Bytes(vmGuid);
-    return Result(m_pipe->Encoder().Between(Kind::VMReadCompleted, p.str()));
+    return Result(Encoder(m_state->pipe).Between(Kind::VMReadCompleted, p.str()));
 }
 
 int vsArchive::allocateBuffer(unsigned long wanted, unsigned long* got, void** buffer) {
@@ -248,34 +279,34 @@ int vsArchive::allocateBuffer(unsigned long wanted, unsigned long* got, void** b
     if (!got || !buffer) {
         return Refuse(kErrArgument, "allocateBuffer without places for the buffer and its size");
     }
-    if (int rc = Result(m_pipe->Encoder().CheckContent("buffer")); rc != kOk) return rc;
-    if (m_lentOut) {
+    if (int rc = Result(Encoder(m_state->pipe).CheckContent("buffer")); rc != kOk) return rc;
+    if (m_state->lentOut) {
         return Refuse(kErrOrder, "allocateBuffer while a buffer is still lent");
     }
     const unsigned long granted = std::min<unsigned long>(wanted, vshost::stream::kMaxPayload);
-    m_lent.resize(std::max<unsigned long>(granted, 1));  // never a null buffer, even for 0 bytes
+    m_state->lent.resize(std::max<unsigned long>(granted, 1));  // never a null buffer, even for 0 bytes
     *got = granted;
-    *buffer = m_lent.data();
-    m_lentOut = true;
+    *buffer = m_state->lent.data();
+    m_state->lentOut = true;
     return kOk;
 }
 
 int vsArchive::writeDataBuffer(const char* data, unsigned long length) {
     if (int rc = Attached(); rc != kOk) return rc;
-    const bool lent = m_lentOut;
-    m_lentOut = false;  // the buffer comes back whatever happens next
-    if (int rc = Result(m_pipe->Encoder().CheckContent("data")); rc != kOk) return rc;
-    if (!lent || !data || length > m_lent.size()) {
+    const bool lent = m_state->lentOut;
+    m_state->lentOut = false;  // the buffer comes back whatever happens next
+    if (int rc = Result(Encoder(m_state->pipe).CheckContent("data")); rc != kOk) return rc;
+    if (!lent || !data || length > m_state->lent.size()) {
         return Refuse(!lent ? kErrOrder : kErrArgument, !lent ? "writeDataBuffer with no buffer lent"
                                                               : "writeDataBuffer of " + std::to_string(length) +
                                                                     " bytes from a buffer of " +
-                                                                    std::to_string(m_lent.size()));
+                                                                    std::to_string(m_state->lent.size()));
     }
-    return Result(m_pipe->Encoder().Data(data, length));
+    return Result(Encoder(m_state->pipe).Data(data, length));
 }
 
 void vsArchive::freeBuffer() {
-    m_lentOut = false;
+    m_state->lentOut = false;
 }
 
 int vsArchive::allocateAndSendDataBuffer(const char* data, unsigned long length) {
@@ -283,18 +314,18 @@ int vsArchive::allocateAndSendDataBuffer(const char* data, unsigned long length)
     if (!data && length > 0) {
         return Refuse(kErrArgument, "data of " + std::to_string(length) + " bytes without a buffer");
     }
-    return Result(m_pipe->Encoder().Data(data, length));
+    return Result(Encoder(m_state->pipe).Data(data, length));
 }
 
 int vsArchive::sendHole(unsigned long length) {
     if (int rc = Attached(); rc != kOk) return rc;
-    return Result(m_pipe->Encoder().Hole(length));
+    return Result(Encoder(m_state->pipe).Hole(length));
 }
 
 int vsArchive::sendEOF(bool complete, unsigned int arg) {
     if (int rc = Attached(); rc != kOk) return rc;
-    m_lentOut = false;
-    return Result(m_pipe->Encoder().EndEntry(complete, arg));
+    m_state->lentOut = false;
+    return Result(Encoder(m_state->pipe).EndEntry(complete, arg));
 }
 
 namespace {
@@ -308,10 +339,19 @@ std::string FileLevelPayload(const vsFileLevelInfo& f) {
 int vsArchive::sendFileLevelHeader(const vsFileLevelInfo& file) {
     if (int rc = Attached(); rc != kOk) return rc;
     if (int rc = EndDanglingEntry(); rc != kOk) return rc;
-    return Result(m_pipe->Encoder().BeginEntry(Kind::FileLevelHeader, FileLevelPayload(file), false, file.clientPath));
+    return Result(
+        Encoder(m_state->pipe).BeginEntry(Kind::FileLevelHeader, FileLevelPayload(file), false, file.clientPath));
 }
 
 int vsArchive::sendDirectoryEntry(const vsFileLevelInfo& folder) {
     if (int rc = Attached(); rc != kOk) return rc;
-    return Result(m_pipe->Encoder().Between(Kind::DirectoryEntry, FileLevelPayload(folder)));
+    return Result(Encoder(m_state->pipe).Between(Kind::DirectoryEntry, FileLevelPayload(folder)));
+}
+
+const std::string& vsArchive::lastError() const {
+    return m_state->lastError;
+}
+
+void vsArchive::noteCollectionEnd() {
+    m_state->collectionAtEnd = true;
 }

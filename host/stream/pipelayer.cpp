@@ -1,6 +1,6 @@
 // The pipeline sink: batches of stream bytes written to a file or a descriptor.
 #include "hostapi/archive.h"
-#include "stream/streamencoder.h"
+#include "stream/pipelinestate.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -50,11 +50,7 @@ private:
 }  // namespace
 
 CPipelayer::CPipelayer(int fd, bool owned, std::string target)
-    : m_fd(fd),
-      m_owned(owned),
-      m_target(std::move(target)),
-      m_batch(kBatchBytes),
-      m_encoder(std::make_unique<vshost::detail::StreamEncoder>(*this)) {}
+    : m_state(std::make_unique<State>(fd, owned, std::move(target))) {}
 
 std::unique_ptr<CPipelayer> CPipelayer::OpenFile(const std::string& path, CQiError& error) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -75,90 +71,124 @@ CPipelayer::~CPipelayer() {
     Close();
 }
 
-vshost::detail::StreamEncoder& CPipelayer::Encoder() {
-    return *m_encoder;
-}
-
 void CPipelayer::SetArchiveFileId(unsigned long long archiveFileId) {
-    m_encoder->identity().archiveFileIds[2] = static_cast<uint32_t>(archiveFileId);
+    m_state->encoder.identity().archiveFileIds[2] = static_cast<uint32_t>(archiveFileId);
 }
 
 void CPipelayer::SetJobId(long long jobId) {
-    m_encoder->identity().jobId = jobId;
+    m_state->encoder.identity().jobId = jobId;
 }
 
 void CPipelayer::SetJobToken(const char* token) {
-    m_encoder->identity().jobToken = token ? token : "";
+    m_state->encoder.identity().jobToken = token ? token : "";
+}
+
+bool CPipelayer::Flush() {
+    return m_state->Flush();
+}
+
+bool CPipelayer::Sync() {
+    return m_state->Sync();
+}
+
+unsigned long long CPipelayer::SyncedBytes() const {
+    return m_state->synced;
+}
+
+bool CPipelayer::Syncable() const {
+    return m_state->syncable;
+}
+
+bool CPipelayer::Close() {
+    return m_state->Close();
 }
 
 void CPipelayer::Abandon() {
-    m_encoder->Abandon();
+    m_state->encoder.Abandon();
+}
+
+bool CPipelayer::Failed() const {
+    return m_state->Failed();
+}
+
+const std::string& CPipelayer::ErrorText() const {
+    return m_state->error;
+}
+
+unsigned long long CPipelayer::BytesWritten() const {
+    return m_state->accepted;
 }
 
 vsStreamTotals CPipelayer::Totals() const {
-    return m_encoder->Totals();
+    return m_state->encoder.Totals();
 }
 
 bool CPipelayer::Finished() const {
-    return m_encoder->Finished();
+    return m_state->encoder.Finished();
 }
 
-bool CPipelayer::Write(const void* data, std::size_t length) {
+vsStreamProgress CPipelayer::Progress() const {
+    std::lock_guard<std::mutex> lock(m_state->progressMutex);
+    return m_state->progress;
+}
+
+bool CPipelayer::State::Write(const void* data, std::size_t length) {
     if (Failed()) return false;
-    if (m_fd < 0) {
-        m_error = "write to " + m_target + ": the pipeline is closed";
+    if (fd < 0) {
+        error = "write to " + target + ": the pipeline is closed";
         return false;
     }
     const char* p = static_cast<const char*>(data);
-    m_accepted += length;
+    accepted += length;
     {
-        std::lock_guard<std::mutex> lock(m_progressMutex);
-        m_progress.bytesWritten = m_accepted;
+        std::lock_guard<std::mutex> lock(progressMutex);
+        progress.bytesWritten = accepted;
     }
     // A large piece (a data record's payload) is not copied: it goes out right behind
     // the batch gathered so far, in the same system call.
     if (length >= kDirectBytes) {
-        const std::size_t n = m_used;
-        m_used = 0;
-        return WriteOut(m_batch.data(), n, p, length);
+        const std::size_t n = used;
+        used = 0;
+        return WriteOut(batch.data(), n, p, length);
     }
     while (length > 0) {
-        const std::size_t n = std::min(length, m_batch.size() - m_used);
-        std::memcpy(m_batch.data() + m_used, p, n);
-        m_used += n;
+        const std::size_t n = std::min(length, batch.size() - used);
+        std::memcpy(batch.data() + used, p, n);
+        used += n;
         p += n;
         length -= n;
-        if (m_used == m_batch.size() && !Flush()) return false;
+        if (used == batch.size() && !Flush()) return false;
     }
     return true;
 }
 
-bool CPipelayer::Flush() {
+bool CPipelayer::State::Flush() {
     if (Failed()) return false;
-    if (m_used == 0) return true;
-    const std::size_t n = m_used;
-    m_used = 0;
-    return WriteOut(m_batch.data(), n);
+    if (used == 0) return true;
+    const std::size_t n = used;
+    used = 0;
+    return WriteOut(batch.data(), n);
 }
 
-bool CPipelayer::Sync() {
+bool CPipelayer::State::Sync() {
     if (!Flush()) return false;
-    if (m_fd < 0 || !m_syncable) return true;
-    if (::fdatasync(m_fd) == 0) {
-        m_synced = m_accepted;
+    if (fd < 0 || !syncable) return true;
+    if (::fdatasync(fd) == 0) {
+        synced = accepted;
         return true;
     }
     const int err = errno;
     if (err == EINVAL || err == EROFS || err == ENOTSUP) {
         // Nothing there to make durable: a pipe, a socket or a device.
-        m_syncable = false;
+        syncable = false;
         return true;
     }
-    m_error = CQiError(err, "sync " + m_target).AsString();
+    error = CQiError(err, "sync " + target).AsString();
     return false;
 }
 
-bool CPipelayer::WriteOut(const char* first, std::size_t firstLength, const char* second, std::size_t secondLength) {
+bool CPipelayer::State::WriteOut(const char* first, std::size_t firstLength, const char* second,
+                                 std::size_t secondLength) {
     if (Failed()) return false;
     SigpipeGuard guard;
     iovec pieces[2] = {{const_cast<char*>(first), firstLength}, {const_cast<char*>(second), secondLength}};
@@ -170,16 +200,16 @@ bool CPipelayer::WriteOut(const char* first, std::size_t firstLength, const char
             --count;
             continue;
         }
-        const ssize_t n = ::writev(m_fd, next, count);
+        const ssize_t n = ::writev(fd, next, count);
         if (n < 0) {
             const int err = errno;
             if (err == EINTR) continue;
             if (err == EPIPE) guard.Raised();
-            m_error = CQiError(err, "write to " + m_target).AsString();
+            error = CQiError(err, "write to " + target).AsString();
             return false;
         }
         if (n == 0) {
-            m_error = "write to " + m_target + ": no progress";
+            error = "write to " + target + ": no progress";
             return false;
         }
         // A partial write: resume where it stopped.
@@ -197,25 +227,20 @@ bool CPipelayer::WriteOut(const char* first, std::size_t firstLength, const char
     return true;
 }
 
-bool CPipelayer::Close() {
+bool CPipelayer::State::Close() {
     // A finished stream is durable before its owner reports it written.
-    bool ok = m_fd < 0 ? !Failed() : Sync();
-    if (m_fd >= 0 && m_owned && ::close(m_fd) != 0 && ok) {
+    bool ok = fd < 0 ? !Failed() : Sync();
+    if (fd >= 0 && owned && ::close(fd) != 0 && ok) {
         const int err = errno;
-        m_error = CQiError(err, "close " + m_target).AsString();
+        error = CQiError(err, "close " + target).AsString();
         ok = false;
     }
-    m_fd = -1;
+    fd = -1;
     return ok;
 }
 
-void CPipelayer::NoteProgress(const vsStreamTotals& totals, const std::string* entry) {
-    std::lock_guard<std::mutex> lock(m_progressMutex);
-    m_progress.totals = totals;
-    if (entry) m_progress.entry = *entry;
-}
-
-vsStreamProgress CPipelayer::Progress() const {
-    std::lock_guard<std::mutex> lock(m_progressMutex);
-    return m_progress;
+void CPipelayer::State::NoteProgress(const vsStreamTotals& totals, const std::string* entry) {
+    std::lock_guard<std::mutex> lock(progressMutex);
+    progress.totals = totals;
+    if (entry) progress.entry = *entry;
 }

@@ -26,7 +26,7 @@ struct StreamIdentity {
 
 class StreamEncoder {
 public:
-    explicit StreamEncoder(CPipelayer& sink) : m_sink(sink) {}
+    explicit StreamEncoder(CPipelayer::State& sink) : m_sink(sink) {}
 
     // Identity; a change after the stream header went out is written as an identity
     // record before the next record.
@@ -69,7 +69,7 @@ private:
     int Prepare();
     int Frame(stream::Kind kind, const char* payload, size_t length);
 
-    CPipelayer& m_sink;
+    CPipelayer::State& m_sink;
     StreamIdentity m_identity;
     StreamIdentity m_written;  // as the stream last stated it
     std::string m_hubServer, m_clientName;

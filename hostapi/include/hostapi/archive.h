@@ -9,21 +9,12 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 class vsJobMgr;
 class vsAppMgr;
 class vsArchive;
-namespace vshost::changetrack {
-class CompletedDisks;
-}
-
-namespace vshost::detail {
-class StreamEncoder;
-}
-
 // Host record that the readers hold and hand to the archive writer.
 class vsSim {};
 
@@ -101,8 +92,8 @@ public:
     // sync fails the pipeline.
     bool Sync();
     // Bytes made durable by the last Sync that synced; 0 for a target that cannot be.
-    unsigned long long SyncedBytes() const { return m_synced; }
-    bool Syncable() const { return m_syncable; }
+    unsigned long long SyncedBytes() const;
+    bool Syncable() const;
     // Flushes, syncs (see Sync) and closes the target; false when that or any earlier
     // write failed.
     bool Close();
@@ -110,10 +101,10 @@ public:
     // written, so decoders see the stream as incomplete.
     void Abandon();
 
-    bool Failed() const { return !m_error.empty(); }
-    const std::string& ErrorText() const { return m_error; }
+    bool Failed() const;
+    const std::string& ErrorText() const;
     // Bytes accepted so far, the unflushed batch included.
-    unsigned long long BytesWritten() const { return m_accepted; }
+    unsigned long long BytesWritten() const;
     // Totals of the records written so far.
     vsStreamTotals Totals() const;
     // True once the trailer is written.
@@ -121,30 +112,14 @@ public:
     // Safe to call from any thread while the stream is written.
     vsStreamProgress Progress() const;
 
+    // The sink and its stream's state: defined by the host, for the host's own use.
+    struct State;
+    State& Internal() { return *m_state; }
+
 private:
-    friend class vsArchive;
-    friend class vshost::detail::StreamEncoder;
-
     CPipelayer(int fd, bool owned, std::string target);
-    bool Write(const void* data, std::size_t length);
-    // Writes both pieces in order, resuming after EINTR and partial writes.
-    bool WriteOut(const char* first, std::size_t firstLength, const char* second = nullptr,
-                  std::size_t secondLength = 0);
-    void NoteProgress(const vsStreamTotals& totals, const std::string* entry);
-    vshost::detail::StreamEncoder& Encoder();
 
-    int m_fd;
-    bool m_owned;
-    std::string m_target;  // for messages: the path, or "descriptor N"
-    std::vector<char> m_batch;
-    std::size_t m_used = 0;
-    unsigned long long m_accepted = 0;
-    unsigned long long m_synced = 0;
-    bool m_syncable = true;
-    std::string m_error;
-    std::unique_ptr<vshost::detail::StreamEncoder> m_encoder;
-    mutable std::mutex m_progressMutex;
-    vsStreamProgress m_progress;
+    std::unique_ptr<State> m_state;
 };
 
 // The archive writer: turns calls into the records of the backup stream in a
@@ -222,42 +197,29 @@ public:
     int sendDirectoryEntry(const vsFileLevelInfo& folder);
 
     // Why the last failed call failed.
-    const std::string& lastError() const { return m_lastError; }
+    const std::string& lastError() const;
 
     // The host's file collection: the collection being read gave its last node. A
     // file-collection disk (a container collection header two levels deep) is marked
     // read only when this came after its header; a reader stopped before the end still
     // calls sendDiskReadCompleted, which then writes nothing, records nothing and fails.
-    void noteCollectionEnd() { m_collectionAtEnd = true; }
+    void noteCollectionEnd();
     // Totals of the attached stream so far (zero when not attached).
     vsStreamTotals totals() const;
 
 private:
+    // The writer's state: the pipeline it is attached to, its identity values, the
+    // lent buffer and the disks completed but not yet recorded. Defined by the host.
+    struct State;
+
     int Attached();
     int Result(int status);
     int Refuse(int status, std::string why);
     int EndDanglingEntry();
     void PushIdentity();
-
-    CPipelayer* m_pipe = nullptr;
-    KTLogObject* m_log = nullptr;
-    std::string m_hubServer;
-    std::vector<char> m_lent;
-    bool m_lentOut = false;
-    bool m_pipelineReported = false;
-    std::string m_lastError;
-    // Identity values set on this writer, pushed to the stream when attached.
-    bool m_hasIds = false, m_hasJobId = false, m_hasToken = false;
-    unsigned m_ids[3] = {0, 0, 0};
-    long long m_jobId = 0;
-    std::string m_token;
-    // Disks completed and not yet recorded in the catalog; written at close.
-    std::unique_ptr<vshost::changetrack::CompletedDisks> m_completed;
     void RecordCompleted(bool all, CPipelayer* pipe);
-    // The file-collection disk whose header came last, and whether its collection
-    // reached its end since.
-    std::string m_collectionDisk;
-    bool m_collectionAtEnd = false;
+
+    std::unique_ptr<State> m_state;
 };
 
 // Names of disk extents: "Extent" followed by the extent number in 20 decimal digits
