@@ -11,8 +11,8 @@
 #include <vector>
 
 struct CPipelayer::State {
-    State(int fd, bool owned, std::string target)
-        : fd(fd), owned(owned), target(std::move(target)), batch(kBatchBytes), encoder(*this) {}
+    State(int targetFd, bool ownsFd, std::string targetName)
+        : fd(targetFd), owned(ownsFd), target(std::move(targetName)), batch(kBatchBytes), encoder(*this) {}
 
     bool Failed() const { return !error.empty(); }
     // Accepts bytes into the batch; large pieces go out behind it without a copy.
