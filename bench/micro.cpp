@@ -4,7 +4,7 @@
 #include "hostapi/archive.h"
 #include "hostapi/vdisk.h"
 #include "hostapi/zeroscan.h"
-#include "stream/streamcheck.h"
+#include "vscodec/streamcheck.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
 #include "xxh_plain.h"

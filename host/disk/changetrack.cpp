@@ -1,7 +1,7 @@
 #include "vshost/changetrack.h"
 
 #include "catalog/sqlite.h"
-#include "stream/xxh3.h"
+#include "vscodec/xxh3.h"
 #include "vshost/catalog.h"
 
 #include <sqlite3.h>

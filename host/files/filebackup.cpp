@@ -2,8 +2,8 @@
 // mapper, opened below its volume's root only, and sent as a file-level entry.
 #include "hostapi/filebackup.h"
 
+#include "hostapi/fd.h"
 #include "vshost/beneath.h"
-#include "vshost/fd.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -6,7 +6,7 @@
 // pieces.
 #include "hostapi/filecollection.h"
 
-#include "vshost/fd.h"
+#include "hostapi/fd.h"
 
 #include "hostapi/archive.h"
 #include "hostapi/log.h"

@@ -3,7 +3,7 @@
 #include "hostapi/archive.h"
 
 #include "stream/pipelinestate.h"
-#include "stream/streambytes.h"
+#include "vscodec/streambytes.h"
 #include "vshost/changetrack.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // Fuzz target: the backup stream decoder on arbitrary bytes. Every input must end in a
 // clear state (complete, incomplete, corrupt) with an error naming an offset inside the
 // input, never a crash, a hang or unbounded memory.
-#include "vshost/streamreader.h"
+#include "vscodec/streamreader.h"
 
 #include <unistd.h>
 #include <cstdint>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "DataReaderVSBase.h"
-#include "vshost/streamreader.h"
+#include "vscodec/streamreader.h"
 #include "vssample/sample.h"
 
 #include <gtest/gtest.h>

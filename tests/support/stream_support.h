@@ -3,7 +3,7 @@
 
 #include "hostapi/archive.h"
 #include "temp_home.h"
-#include "vshost/streamreader.h"
+#include "vscodec/streamreader.h"
 
 #include <gtest/gtest.h>
 

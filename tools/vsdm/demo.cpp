@@ -3,8 +3,8 @@
 #include "jobspec.h"
 #include "runner.h"
 
+#include "hostapi/fd.h"
 #include "hostapi/snapsrc.h"
-#include "vshost/fd.h"
 #include "vshost/home.h"
 #include "vshost/vmdk.h"
 #include "vssample/sample.h"

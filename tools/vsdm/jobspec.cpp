@@ -1,7 +1,7 @@
 #include "jobspec.h"
 
+#include "vscodec/streamformat.h"
 #include "vshost/jobfield.h"
-#include "vshost/streamformat.h"
 
 #include <nlohmann/json.hpp>
 

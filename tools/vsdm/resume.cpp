@@ -2,11 +2,11 @@
 
 #include "entrymodel.h"
 
+#include "hostapi/fd.h"
 #include "hostapi/snapsrc.h"
+#include "vscodec/streamreader.h"
 #include "vshost/catalog.h"
 #include "vshost/changetrack.h"
-#include "vshost/fd.h"
-#include "vshost/streamreader.h"
 
 #include <fcntl.h>
 #include <cerrno>

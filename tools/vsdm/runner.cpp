@@ -12,10 +12,10 @@
 #include "hostapi/filebackup.h"
 #include "hostapi/filecollection.h"
 #include "hostapi/snapsrc.h"
+#include "vscodec/streamreader.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
 #include "vshost/pending.h"
-#include "vshost/streamreader.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>

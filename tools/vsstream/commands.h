@@ -1,7 +1,7 @@
 // The vsstream commands, callable without the command line.
 #pragma once
 
-#include "vshost/streamreader.h"
+#include "vscodec/streamreader.h"
 
 #include <ostream>
 #include <string>

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "hostapi/filecollection.h"
-#include "vshost/streamreader.h"
+#include "vscodec/streamreader.h"
 
 #include <cstdint>
 #include <map>

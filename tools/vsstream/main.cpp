@@ -2,7 +2,7 @@
 #include "commands.h"
 #include "lineprefix.h"
 
-#include "vshost/streamset.h"
+#include "vscodec/streamset.h"
 
 #include <CLI/CLI.hpp>
 

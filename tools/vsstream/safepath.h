@@ -5,7 +5,7 @@
 // an earlier run or another user left there) stops the walk instead of leading out.
 #pragma once
 
-#include "vshost/fd.h"
+#include "hostapi/fd.h"
 
 #include <sys/types.h>
 #include <cstdint>

@@ -2,8 +2,8 @@
 // VM-info library reach files that come from a snapshot or a guest volume.
 #pragma once
 
+#include "hostapi/fd.h"
 #include "hostapi/types.h"
-#include "vshost/fd.h"
 
 #include <cstdint>
 #include <string>

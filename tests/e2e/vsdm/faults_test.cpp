@@ -4,9 +4,9 @@
 // leaves its temporary folders behind.
 #include "run_support.h"
 
+#include "vscodec/streamreader.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
-#include "vshost/streamreader.h"
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,8 @@
 #include "run_support.h"
 
 #include "hostapi/snapsrc.h"
+#include "vscodec/streamreader.h"
 #include "vshost/catalog.h"
-#include "vshost/streamreader.h"
 #include "vssample/sample.h"
 
 #include <nlohmann/json.hpp>

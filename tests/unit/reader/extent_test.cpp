@@ -5,8 +5,8 @@
 #include "probe.h"
 #include "temp_home.h"
 
+#include "vscodec/streamreader.h"
 #include "vshost/home.h"
-#include "vshost/streamreader.h"
 #include "vshost/vmdk.h"
 #include "vssample/sample.h"
 

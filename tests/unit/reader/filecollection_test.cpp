@@ -7,9 +7,9 @@
 #include "probe.h"
 #include "temp_home.h"
 
+#include "vscodec/streamreader.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
-#include "vshost/streamreader.h"
 #include "vssample/sample.h"
 
 #include <gtest/gtest.h>

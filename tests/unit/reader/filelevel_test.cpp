@@ -6,8 +6,8 @@
 #include "temp_home.h"
 
 #include "DataReaderVMware.h"
+#include "vscodec/streamreader.h"
 #include "vshost/home.h"
-#include "vshost/streamreader.h"
 #include "vssample/sample.h"
 
 #include <gtest/gtest.h>

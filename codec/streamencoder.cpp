@@ -1,9 +1,8 @@
 // Framing and structure of the backup stream as it is written.
-#include "stream/streamencoder.h"
-#include "stream/pipelinestate.h"
+#include "vscodec/streamencoder.h"
 
-#include "stream/streambytes.h"
-#include "stream/streamcheck.h"
+#include "vscodec/streambytes.h"
+#include "vscodec/streamcheck.h"
 
 #include <ctime>
 
@@ -39,13 +38,13 @@ int StreamEncoder::Fail(int status, std::string why) {
 }
 
 int StreamEncoder::Flush() {
-    if (!m_sink.Flush()) return Fail(vsArchive::kErrPipeline, "the pipeline failed: " + m_sink.error);
+    if (!m_sink.Flush()) return Fail(vsArchive::kErrPipeline, "the pipeline failed: " + m_sink.Error());
     return vsArchive::kOk;
 }
 
 // The checks every call makes first: a failed pipeline outranks any other complaint.
 int StreamEncoder::Ready() {
-    if (m_sink.Failed()) return Fail(vsArchive::kErrPipeline, "the pipeline failed: " + m_sink.error);
+    if (m_sink.Failed()) return Fail(vsArchive::kErrPipeline, "the pipeline failed: " + m_sink.Error());
     if (m_finished) return Fail(vsArchive::kErrFinished, "the stream is finished; its trailer is written");
     return vsArchive::kOk;
 }
@@ -80,7 +79,7 @@ int StreamEncoder::Prepare() {
         std::memcpy(m_prologue, stream::kMagic, sizeof stream::kMagic);
         PutLE(m_prologue + 8, stream::kMajorVersion, 2);
         PutLE(m_prologue + 10, stream::kMinorVersion, 2);
-        if (!m_sink.Write(m_prologue, sizeof m_prologue)) return Fail(vsArchive::kErrPipeline, m_sink.error);
+        if (!m_sink.Write(m_prologue, sizeof m_prologue)) return Fail(vsArchive::kErrPipeline, m_sink.Error());
         m_written = m_identity;
         return Frame(Kind::StreamHeader, h.str().data(), h.str().size());
     }
@@ -107,7 +106,7 @@ int StreamEncoder::Frame(Kind kind, const char* payload, size_t length) {
     const char* prologue = m_index == 0 ? m_prologue : nullptr;
     PutLE(sum, RecordChecksum(prologue, sizeof m_prologue, frame, sizeof frame, payload, length, m_index), 8);
     if (!m_sink.Write(frame, sizeof frame) || !m_sink.Write(payload, length) || !m_sink.Write(sum, sizeof sum))
-        return Fail(vsArchive::kErrPipeline, m_sink.error);
+        return Fail(vsArchive::kErrPipeline, m_sink.Error());
     ++m_index;
     if (kind != Kind::Trailer) ++m_totals.records;
     return vsArchive::kOk;
@@ -194,14 +193,14 @@ int StreamEncoder::Detach(bool finish) {
             // before it cannot match.
             PayloadBuilder t;
             t.U64(m_totals.records).U64(m_totals.entries).U64(m_totals.badEntries).U64(m_totals.directories);
-            t.U64(m_totals.dataBytes).U64(m_totals.holeBytes).U64(m_sink.accepted);
+            t.U64(m_totals.dataBytes).U64(m_totals.holeBytes).U64(m_sink.Accepted());
             rc = Frame(Kind::Trailer, t.str().data(), t.str().size());
             trailer = rc == vsArchive::kOk;
         }
     }
     // A failed pipeline outranks every other complaint, and a trailer only counts once
     // it has left the batch.
-    if (!m_sink.Flush()) return Fail(vsArchive::kErrPipeline, m_sink.error);
+    if (!m_sink.Flush()) return Fail(vsArchive::kErrPipeline, m_sink.Error());
     if (trailer) m_finished = true;
     return rc;
 }

@@ -5,7 +5,8 @@
 
 #include "hostapi/archive.h"
 #include "hostapi/types.h"
-#include "vshost/streamformat.h"
+#include "vscodec/api.h"
+#include "vscodec/streamformat.h"
 
 #include <cstdint>
 #include <string>
@@ -124,7 +125,7 @@ struct StreamRecord {
     RecordBody body;
 };
 
-class VS_HOST_API StreamReader {
+class VS_CODEC_API StreamReader {
 public:
     enum class State {
         Reading,     // no fault so far, trailer not yet read
@@ -187,6 +188,6 @@ private:
 };
 
 // "complete", "incomplete", ...
-VS_HOST_API const char* StateName(StreamReader::State state);
+VS_CODEC_API const char* StateName(StreamReader::State state);
 
 }  // namespace vshost

@@ -1,7 +1,7 @@
 // Payload layouts of the record kinds, in the order the writer puts the fields.
-#include "stream/streamrecords.h"
+#include "streamrecords.h"
 
-#include "stream/streambytes.h"
+#include "vscodec/streambytes.h"
 
 namespace vshost::detail {
 

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "stream/xxh3.h"
+#include "vscodec/xxh3.h"
 
 namespace vshost::detail {
 

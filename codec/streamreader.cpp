@@ -1,10 +1,10 @@
 // Decoding the backup stream: prologue, record frames, check values, structure and
 // the trailer's totals.
-#include "vshost/streamreader.h"
+#include "vscodec/streamreader.h"
 
-#include "stream/streambytes.h"
-#include "stream/streamcheck.h"
-#include "stream/streamrecords.h"
+#include "streamrecords.h"
+#include "vscodec/streambytes.h"
+#include "vscodec/streamcheck.h"
 
 #include <unistd.h>
 #include <algorithm>

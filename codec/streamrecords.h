@@ -1,7 +1,7 @@
 // Payloads of stream records, field by field. Internal to the host.
 #pragma once
 
-#include "vshost/streamreader.h"
+#include "vscodec/streamreader.h"
 
 #include <string>
 #include <string_view>

@@ -1,11 +1,12 @@
 // The state of one backup stream and the framing of its records: prologue and stream
 // header before the first record, identity changes, the open entry, totals and the
-// trailer. One per pipeline, shared by every archive writer attached to it. Internal
-// to the host.
+// trailer. One per pipeline, shared by every archive writer attached to it; the
+// host's pipeline is its sink.
 #pragma once
 
 #include "hostapi/archive.h"
-#include "vshost/streamformat.h"
+#include "vscodec/api.h"
+#include "vscodec/streamformat.h"
 
 #include <cstdint>
 #include <string>
@@ -24,9 +25,27 @@ struct StreamIdentity {
     }
 };
 
-class StreamEncoder {
+// Where the encoder's bytes go. The first failed write fails the sink for good.
+class StreamSink {
 public:
-    explicit StreamEncoder(CPipelayer::State& sink) : m_sink(sink) {}
+    virtual bool Write(const void* data, size_t length) = 0;
+    // Hands every batched byte to the target.
+    virtual bool Flush() = 0;
+    virtual bool Failed() const = 0;
+    // Why the sink failed.
+    virtual const std::string& Error() const = 0;
+    // Bytes accepted so far.
+    virtual unsigned long long Accepted() const = 0;
+    // Totals and the entry opened last (null: unchanged), for a progress display.
+    virtual void NoteProgress(const vsStreamTotals& totals, const std::string* entry) = 0;
+
+protected:
+    ~StreamSink() = default;
+};
+
+class VS_CODEC_API StreamEncoder {
+public:
+    explicit StreamEncoder(StreamSink& sink) : m_sink(sink) {}
 
     // Identity; a change after the stream header went out is written as an identity
     // record before the next record.
@@ -69,7 +88,7 @@ private:
     int Prepare();
     int Frame(stream::Kind kind, const char* payload, size_t length);
 
-    CPipelayer::State& m_sink;
+    StreamSink& m_sink;
     StreamIdentity m_identity;
     StreamIdentity m_written;  // as the stream last stated it
     std::string m_hubServer, m_clientName;
