@@ -125,22 +125,7 @@ void TakeReport(Child& c) {
 }
 
 void Add(RunSummary& total, const RunSummary& s) {
-    total.items += s.items;
-    total.itemsFailed += s.itemsFailed;
-    total.disks += s.disks;
-    total.configFiles += s.configFiles;
-    total.extentsSent += s.extentsSent;
-    total.extentsUnchanged += s.extentsUnchanged;
-    total.extentsNotRead += s.extentsNotRead;
-    total.holeExtents += s.holeExtents;
-    total.files += s.files;
-    total.folders += s.folders;
-    total.filesFailed += s.filesFailed;
-    total.nodes += s.nodes;
-    total.nodeFolders += s.nodeFolders;
-    total.dataBytes += s.dataBytes;
-    total.holeBytes += s.holeBytes;
-    total.streamBytes += s.streamBytes;
+    for (const SummaryCount& c : kSummaryCounts) total.*c.field += s.*c.field;
     total.vmPaths.insert(total.vmPaths.end(), s.vmPaths.begin(), s.vmPaths.end());
     total.incompleteDisks.insert(total.incompleteDisks.end(), s.incompleteDisks.begin(), s.incompleteDisks.end());
 }
@@ -153,26 +138,11 @@ int WorseStatus(int a, int b) {
 }
 
 std::string EncodeSummary(const RunSummary& s) {
-    const nlohmann::json doc = {{"items", s.items},
-                                {"itemsFailed", s.itemsFailed},
-                                {"disks", s.disks},
-                                {"configFiles", s.configFiles},
-                                {"extentsSent", s.extentsSent},
-                                {"extentsUnchanged", s.extentsUnchanged},
-                                {"extentsNotRead", s.extentsNotRead},
-                                {"holeExtents", s.holeExtents},
-                                {"files", s.files},
-                                {"folders", s.folders},
-                                {"filesFailed", s.filesFailed},
-                                {"nodes", s.nodes},
-                                {"nodeFolders", s.nodeFolders},
-                                {"dataBytes", s.dataBytes},
-                                {"holeBytes", s.holeBytes},
-                                {"streamBytes", s.streamBytes},
-                                {"streamComplete", s.streamComplete},
-                                {"status", s.status},
-                                {"vms", s.vmPaths},
-                                {"incompleteDisks", s.incompleteDisks}};
+    nlohmann::json doc = {{"streamComplete", s.streamComplete},
+                          {"status", s.status},
+                          {"vms", s.vmPaths},
+                          {"incompleteDisks", s.incompleteDisks}};
+    for (const SummaryCount& c : kSummaryCounts) doc[c.name] = s.*c.field;
     return doc.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
@@ -181,22 +151,7 @@ bool DecodeSummary(const std::string& text, RunSummary& s) {
     if (doc.is_discarded() || !doc.is_object()) return false;
     try {
         RunSummary r;
-        r.items = doc.at("items").get<unsigned>();
-        r.itemsFailed = doc.at("itemsFailed").get<unsigned>();
-        r.disks = doc.at("disks").get<unsigned>();
-        r.configFiles = doc.at("configFiles").get<unsigned>();
-        r.extentsSent = doc.at("extentsSent").get<uint64_t>();
-        r.extentsUnchanged = doc.at("extentsUnchanged").get<uint64_t>();
-        r.extentsNotRead = doc.at("extentsNotRead").get<uint64_t>();
-        r.holeExtents = doc.at("holeExtents").get<uint64_t>();
-        r.files = doc.at("files").get<uint64_t>();
-        r.folders = doc.at("folders").get<uint64_t>();
-        r.filesFailed = doc.at("filesFailed").get<uint64_t>();
-        r.nodes = doc.at("nodes").get<uint64_t>();
-        r.nodeFolders = doc.at("nodeFolders").get<uint64_t>();
-        r.dataBytes = doc.at("dataBytes").get<uint64_t>();
-        r.holeBytes = doc.at("holeBytes").get<uint64_t>();
-        r.streamBytes = doc.at("streamBytes").get<uint64_t>();
+        for (const SummaryCount& c : kSummaryCounts) r.*c.field = doc.at(c.name).get<uint64_t>();
         r.streamComplete = doc.at("streamComplete").get<bool>();
         r.status = doc.at("status").get<int>();
         r.vmPaths = doc.at("vms").get<std::vector<std::string>>();
@@ -283,7 +238,7 @@ int MergeChild(Child& c, bool stopped, RunSummary& total, bool& complete, std::o
         // What the stream holds is all there is to go by; its items are not known
         // to have succeeded.
         CountStream(c.path, s);
-        s.items = static_cast<unsigned>(c.share.size());
+        s.items = c.share.size();
         s.itemsFailed = s.items;
     }
     if (!s.streamComplete) {
@@ -336,7 +291,7 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
     for (Child& c : children) status = WorseStatus(status, MergeChild(c, stopped, total, complete, report));
     std::sort(total.vmPaths.begin(), total.vmPaths.end());
     total.vmPaths.erase(std::unique(total.vmPaths.begin(), total.vmPaths.end()), total.vmPaths.end());
-    total.vms = static_cast<unsigned>(total.vmPaths.size());
+    total.vms = total.vmPaths.size();
     total.streamComplete = complete;
     // Every child was told of a stop; one that had finished already is no less stopped.
     if (stopped) status = WorseStatus(status, kExitStopped);

@@ -252,7 +252,7 @@ void CountStream(const std::string& path, RunSummary& s) {
         }
     }
     ::close(fd);
-    s.vms = static_cast<unsigned>(vms.size());
+    s.vms = vms.size();
     s.vmPaths.assign(vms.begin(), vms.end());
     // Of a disk read to its end, the extents not sent are those its reader found unchanged;
     // of any other disk they were never read.

@@ -34,8 +34,8 @@ struct RunOptions {
 };
 
 struct RunSummary {
-    unsigned items = 0, itemsFailed = 0;
-    unsigned vms = 0, disks = 0, configFiles = 0;
+    uint64_t items = 0, itemsFailed = 0;
+    uint64_t vms = 0, disks = 0, configFiles = 0;
     uint64_t extentsSent = 0, holeExtents = 0;
     uint64_t extentsUnchanged = 0;                     // of disks read to their end: found unchanged, so not sent
     uint64_t extentsNotRead = 0;                       // of disks not read to their end (failed, stopped, one extent)
@@ -53,6 +53,32 @@ struct RunSummary {
     // Disks a sound stream holds but not whole (a failed or stopped read, a whole-disk
     // read that left extents out), each with why.
     std::vector<std::string> incompleteDisks;
+};
+
+// The counts a parallel run adds up over its streams and a child hands its parent, by
+// name: merging, encoding and decoding a summary all go by this one list. (`vms` is not
+// among them: a merge counts the distinct VM paths.)
+struct SummaryCount {
+    const char* name;
+    uint64_t RunSummary::*field;
+};
+inline constexpr SummaryCount kSummaryCounts[] = {
+    {"items", &RunSummary::items},
+    {"itemsFailed", &RunSummary::itemsFailed},
+    {"disks", &RunSummary::disks},
+    {"configFiles", &RunSummary::configFiles},
+    {"extentsSent", &RunSummary::extentsSent},
+    {"extentsUnchanged", &RunSummary::extentsUnchanged},
+    {"extentsNotRead", &RunSummary::extentsNotRead},
+    {"holeExtents", &RunSummary::holeExtents},
+    {"files", &RunSummary::files},
+    {"folders", &RunSummary::folders},
+    {"filesFailed", &RunSummary::filesFailed},
+    {"nodes", &RunSummary::nodes},
+    {"nodeFolders", &RunSummary::nodeFolders},
+    {"dataBytes", &RunSummary::dataBytes},
+    {"holeBytes", &RunSummary::holeBytes},
+    {"streamBytes", &RunSummary::streamBytes},
 };
 
 // This program's own file; empty when it cannot be found.
