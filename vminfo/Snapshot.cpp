@@ -1,9 +1,8 @@
 #include "Snapshot.h"
 
 #include "vshost/beneath.h"
-#include "vshost/catalog.h"
-#include "vshost/home.h"
 #include "vshost/vmdk.h"
+#include "vshost/vminfohost.h"
 
 #include <nlohmann/json.hpp>
 
@@ -31,11 +30,6 @@ bool Fail(Failure& f, int code, std::string reason) {
 std::string Lower(std::string s) {
     for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return s;
-}
-
-std::string VolumePath(const std::string& volume) {
-    if (!volume.empty() && volume.front() == '/') return fs::path(volume).lexically_normal().string();
-    return (fs::path(vshost::HomeDir()) / "Snapshots" / volume).lexically_normal().string();
 }
 
 // The snapshot's own description, beside its volumes: which job made it and which
@@ -163,11 +157,10 @@ bool Snapshot::Mount(const std::vector<uint64_t>& afileIds, unsigned snapEngineI
     out = Snapshot{};
     if (afileIds.empty()) return Fail(f, kErrVolSnapInfo, "no archive files to mount");
     try {
-        vshost::Catalog catalog;
         for (uint64_t id : afileIds) {
-            const auto rec = catalog.ArchiveFile(id);
+            const auto rec = vshost::vminfohost::VolumeOfArchiveFile(id);
             if (!rec) return Fail(f, kErrVolSnapInfo, "archive file " + std::to_string(id) + " is not in the catalog");
-            if (rec->volume.empty() || rec->snapJobId == 0)
+            if (rec->folder.empty() || rec->snapJobId == 0)
                 return Fail(f, kErrVolSnapInfo, "archive file " + std::to_string(id) + " holds no datastore snapshot");
             if (out.jobId != 0 && rec->snapJobId != out.jobId)
                 return Fail(f, kErrVolSnapInfo,
@@ -178,7 +171,7 @@ bool Snapshot::Mount(const std::vector<uint64_t>& afileIds, unsigned snapEngineI
                             "archive file " + std::to_string(id) + " was made by snap engine " +
                                 std::to_string(rec->snapEngineId) + ", not " + std::to_string(snapEngineId));
             out.jobId = rec->snapJobId;
-            Volume volume{id, rec->name, rec->datastore, VolumePath(rec->volume)};
+            Volume volume{id, rec->name, rec->datastore, rec->folder};
             std::error_code ec;
             if (!fs::is_directory(volume.path, ec) || ::access(volume.path.c_str(), R_OK | X_OK) != 0)
                 return Fail(

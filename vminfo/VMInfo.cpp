@@ -1,8 +1,7 @@
 #include "VMInfo.h"
 
 #include "hostapi/appmgr.h"
-#include "vshost/catalog.h"
-#include "vshost/home.h"
+#include "vshost/vminfohost.h"
 
 #include <nlohmann/json.hpp>
 
@@ -27,7 +26,7 @@ VMInfo::~VMInfo() {
 
 bool VMInfo::Faulted(const char* operation) {
     std::string value;
-    if (!vshost::settings::Get("VMInfoFaults", operation, value)) return false;
+    if (!vshost::vminfohost::Setting("VMInfoFaults", operation, value)) return false;
     char* end = nullptr;
     const long code = std::strtol(value.c_str(), &end, 0);
     if (end == value.c_str()) return false;
@@ -38,7 +37,7 @@ bool VMInfo::Faulted(const char* operation) {
 
 void VMInfo::Record(const char* operation, const MountCtx& ctx) {
     std::string file;
-    if (!vshost::settings::Get("VMInfoRecord", "sFile", file) || file.empty()) return;
+    if (!vshost::vminfohost::Setting("VMInfoRecord", "sFile", file) || file.empty()) return;
     nlohmann::json filters = nlohmann::json::array();
     for (const SDiskFilter& f : ctx.diskFilters) filters.push_back({f.nFilterType, f.sDiskName});
     // The password is the stored (encrypted) form the readers put in a mount context.
@@ -103,7 +102,7 @@ int VMInfo::Uninit(int) {
 bool VMInfo::CredentialsMatch(const std::string& server, const std::string& user, const std::string& password) {
     try {
         vsAppMgr appMgr;
-        for (const SHostCredentials& stored : vshost::Catalog().CredentialsForServer(server)) {
+        for (const SHostCredentials& stored : vshost::vminfohost::StoredCredentials(server)) {
             if (stored.sUser != user) continue;
             std::string plain;
             if (appMgr.decryptPassword(stored.sPassword, &plain) == 0 && plain == password) return true;
