@@ -132,17 +132,9 @@ int main(int argc, char** argv) {
                              {"options", options.Serialize()},
                              {"bytes", bytes}});
         }
-        const nlohmann::json job = {{"jobId", jobId},
-                                    {"appId", {s.appId1, s.appId2}},
-                                    {"jobOptions", nlohmann::json::object()},
-                                    {"reader", "extent"},
-                                    {"instanceType", s.instanceType},
-                                    {"snapEngineId", s.snapEngineId},
-                                    {"mediaAgent", s.mediaAgentName},
-                                    {"archiveFiles", s.afileIds},
-                                    {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
-                                    {"home", home},
-                                    {"items", items}};
+        nlohmann::json job = vssample::JobFor(s, jobId);
+        job["home"] = home;
+        job["items"] = items;
         std::ofstream out(jobFile, std::ios::trunc);
         out << job.dump(2) << "\n";
         if (!out.flush()) throw std::runtime_error("cannot write " + jobFile);

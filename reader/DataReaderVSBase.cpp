@@ -8,6 +8,7 @@
 #include "hostapi/fileutil.h"
 #include "hostapi/platform.h"
 
+#include <strings.h>
 #include <unistd.h>
 #include <cstdlib>
 #include <new>
@@ -117,6 +118,15 @@ void DataReaderVSBase::ReleaseWriter(vsArchive*& archive) {
     archive->close(true);
     delete archive;
     archive = nullptr;
+}
+
+std::vector<VirtualServer::SnapSrcPathDiskInfo>::iterator DataReaderVSBase::FindDiskOptions(
+    const std::string& diskName, VirtualServer::SnapSrcPathOptions& options, bool byAlternateName) {
+    for (auto it = options.diskInfo.begin(); it != options.diskInfo.end(); ++it) {
+        const std::string& key = byAlternateName ? it->alternateDiskName : it->diskName;
+        if (strcasecmp(key.c_str(), diskName.c_str()) == 0) return it;
+    }
+    return options.diskInfo.end();
 }
 
 void DataReaderVSBase::InitKTLog(const char* tag, const char* debugKey, KTJobID jobId) {

@@ -9,6 +9,7 @@
 #include "hostapi/event.h"
 #include "hostapi/log.h"
 #include "hostapi/records.h"
+#include "hostapi/snapsrc.h"
 #include "hostapi/types.h"
 
 #include <cstdint>
@@ -126,6 +127,23 @@ protected:
     int OpenArchiveFileWithWriter(vsArchive* archive, const DMInitParams& initParams,
                                   const DMOpenArchiveParams& openParams);
     static void ReleaseWriter(vsArchive*& archive);
+    // The "Mount Info" line both of those readers log for each disk they will read.
+    template <class MountInfo>
+    void LogMountInfoLine(const MountInfo& item) {
+        KTlog(m_hLog, 1, "Mount Info: Name[%s] Path[%s] BackupType[%d] DiskType[%d] ProductType[%d] Size[%llu]",
+              item.name.c_str(), item.path.c_str(), static_cast<int>(item.backupType), static_cast<int>(item.diskType),
+              static_cast<int>(item.productType), static_cast<unsigned long long>(item.size));
+    }
+    // The options' entry of disk `diskName`, matched in any case against the disk names, or
+    // against the alternate names; end() when none matches.
+    static std::vector<VirtualServer::SnapSrcPathDiskInfo>::iterator FindDiskOptions(
+        const std::string& diskName, VirtualServer::SnapSrcPathOptions& options, bool byAlternateName);
+
+    // Instance types of a vCenter (101, 301, 601, 402, 403).
+    static bool IsVirtualCenterInstance(int instanceType) {
+        return instanceType == 101 || instanceType == 301 || instanceType == 601 || instanceType == 402 ||
+               instanceType == 403;
+    }
 
     // Reports the VM-info library's last error for `ctx` to the job.
     void CheckVMInfoError(IVMInfo* vmInfo, MountCtx& ctx);

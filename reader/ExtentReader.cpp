@@ -101,9 +101,7 @@ int DataReaderVSExtent::GetFileMountInfo(std::string& vmGuid, MountCtx& ctx,
 }
 
 void DataReaderVSExtent::LogMountInfoItem(DataReaderVSExent_VMMountInfo& item) {
-    KTlog(m_hLog, 1, "Mount Info: Name[%s] Path[%s] BackupType[%d] DiskType[%d] ProductType[%d] Size[%llu]",
-          item.name.c_str(), item.path.c_str(), item.backupType, item.diskType, item.productType,
-          static_cast<unsigned long long>(item.size));
+    LogMountInfoLine(item);
 }
 
 int DataReaderVSExtent::OpenDiskHandle(MountCtx& ctx, std::string& path, std::string& name, ProductType_t productType,

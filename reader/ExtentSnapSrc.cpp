@@ -2,8 +2,6 @@
 // snap source path and options.
 #include "DataReaderVSExtent.h"
 
-#include <strings.h>
-
 namespace {
 
 constexpr const char* kFn = "OnSnapSrcPath";
@@ -24,11 +22,7 @@ int DataReaderVSExtent::ProcessSnapSrcPathOptions(const char* xml, VirtualServer
 DataReaderVSExtent::DiskOptionIt DataReaderVSExtent::GetDiskRestoreOptions(const std::string& diskName,
                                                                            VirtualServer::SnapSrcPathOptions& options,
                                                                            bool alternate) {
-    for (auto it = options.diskInfo.begin(); it != options.diskInfo.end(); ++it) {
-        const std::string& key = alternate ? it->alternateDiskName : it->diskName;
-        if (strcasecmp(key.c_str(), diskName.c_str()) == 0) return it;
-    }
-    return options.diskInfo.end();
+    return FindDiskOptions(diskName, options, alternate);
 }
 
 int DataReaderVSExtent::OnSnapSrcPath(FSRSnapSrcPath* item) {

@@ -62,9 +62,7 @@ unsigned DataReaderVSFileCollection::GetFullMountInfo(std::string& vm, MountCtx&
 }
 
 void DataReaderVSFileCollection::LogMountInfoItem(DataReaderVSFileCollection_VMMountInfo& item) {
-    KTlog(m_hLog, 1, "Mount Info: Name[%s] Path[%s] BackupType[%d] DiskType[%d] ProductType[%d] Size[%llu]",
-          item.name.c_str(), item.path.c_str(), item.backupType, item.diskType, item.productType,
-          static_cast<unsigned long long>(item.size));
+    LogMountInfoLine(item);
 }
 
 unsigned DataReaderVSFileCollection::OpenDiskHandle(MountCtx& ctx, std::string& disk, DiskType_t diskType,

@@ -2,8 +2,6 @@
 // and options.
 #include "DataReaderVSFileCollection.h"
 
-#include <strings.h>
-
 namespace {
 
 constexpr const char* kFn = "OnSnapSrcPath";
@@ -24,11 +22,7 @@ bool DataReaderVSFileCollection::ProcessSnapSrcPathOptions(const char* xml,
 
 DataReaderVSFileCollection::DiskOptionIt DataReaderVSFileCollection::GetDiskRestoreOptions(
     const std::string& disk, VirtualServer::SnapSrcPathOptions& options, bool incremental) {
-    for (auto it = options.diskInfo.begin(); it != options.diskInfo.end(); ++it) {
-        const std::string& key = incremental ? it->alternateDiskName : it->diskName;
-        if (strcasecmp(key.c_str(), disk.c_str()) == 0) return it;
-    }
-    return options.diskInfo.end();
+    return FindDiskOptions(disk, options, incremental);
 }
 
 int DataReaderVSFileCollection::OpenCollections(const std::string& diskToken,

@@ -25,19 +25,6 @@ bool TaskOption(KTJobID jobId, ktTaskOptions option, std::string& value) {
     return true;
 }
 
-bool IsVirtualCenterInstance(int instanceType) {
-    switch (instanceType) {
-        case 101:
-        case 301:
-        case 601:
-        case 402:
-        case 403:
-            return true;
-        default:
-            return false;
-    }
-}
-
 }  // namespace
 
 // The instance's settings; when they fail, the indexing version, and under indexing v2
@@ -232,7 +219,7 @@ int DataReaderVSBase::DefaultRestoreSettings() {
         } else {
             KTlog(m_hLog, 1, "%s:esx name:[%s]", kFn, m_sESXServerName.c_str());
         }
-        const bool virtualCenter = IsVirtualCenterInstance(instanceType);
+        const bool virtualCenter = DataReaderVSBase::IsVirtualCenterInstance(instanceType);
         if (virtualCenter || (instanceType == 100 && SameServer(m_sESXServerName, record.sServer))) {
             m_sVCName = record.sServer;
             m_sUserName = record.sUser;

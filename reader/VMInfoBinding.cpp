@@ -4,25 +4,6 @@
 #include <dlfcn.h>
 #include <cerrno>
 
-namespace {
-
-// Instance types that connect with the reader's own server, user and proxy password.
-bool ConnectsWithReaderCredentials(int instanceType) {
-    switch (instanceType) {
-        case 100:
-        case 101:
-        case 301:
-        case 601:
-        case 402:
-        case 403:
-            return true;
-        default:
-            return false;
-    }
-}
-
-}  // namespace
-
 bool DataReaderVSBase::LoadVMInfoDLL() {
     if (m_hVMInfoLib) return true;
     errno = 0;
@@ -90,7 +71,9 @@ bool DataReaderVSBase::PrepareVMInfoObject() {
     std::string server;
     std::string user;
     std::string password;
-    if (ConnectsWithReaderCredentials(instanceType)) {
+    // Besides a vCenter, the plain VMware instance connects with the reader's own server,
+    // user and proxy password.
+    if (instanceType == 100 || IsVirtualCenterInstance(instanceType)) {
         server = m_sVCName;
         user = m_sUserName;
         password = m_ProxyDecryptedPassword;

@@ -446,4 +446,16 @@ SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options) {
     return s;
 }
 
+nlohmann::json JobFor(const SampleSnapshot& s, int64_t jobId) {
+    return {{"jobId", jobId},
+            {"appId", {s.appId1, s.appId2}},
+            {"jobOptions", nlohmann::json::object()},
+            {"reader", "extent"},
+            {"instanceType", s.instanceType},
+            {"snapEngineId", s.snapEngineId},
+            {"mediaAgent", s.mediaAgentName},
+            {"archiveFiles", s.afileIds},
+            {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}}};
+}
+
 }  // namespace vssample

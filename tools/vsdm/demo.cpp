@@ -54,15 +54,7 @@ int Shell(const std::string& command, std::ostream& out) {
 }
 
 nlohmann::json JobJson(const vssample::SampleSnapshot& s, int64_t jobId, const std::vector<std::string>& items) {
-    nlohmann::json job = {{"jobId", jobId},
-                          {"appId", {s.appId1, s.appId2}},
-                          {"jobOptions", nlohmann::json::object()},
-                          {"reader", "extent"},
-                          {"instanceType", s.instanceType},
-                          {"snapEngineId", s.snapEngineId},
-                          {"mediaAgent", s.mediaAgentName},
-                          {"archiveFiles", s.afileIds},
-                          {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}}};
+    nlohmann::json job = vssample::JobFor(s, jobId);
     VirtualServer::SnapSrcPathOptions cbt;
     cbt.useCBT = 1;
     for (const std::string& item : items) job["items"].push_back({{"path", item}, {"options", cbt.Serialize()}});

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -110,5 +111,23 @@ private:
     std::map<std::string, DiskGeometry> m_disks;  // by the disk entry's path
     std::map<std::string, EntryKind> m_claimed;   // restore names of disks and configuration files
 };
+
+// Reads the stream to its end or its first fault, each record into `model`; a record the
+// model refuses is reported on `err` with its offset. `each` sees every record once the
+// model has taken it. True when the model refused none.
+template <class Each>
+bool ApplyAll(vshost::StreamReader& reader, EntryModel& model, std::ostream& err, Each&& each) {
+    vshost::StreamRecord record;
+    bool sound = true;
+    while (reader.Next(record)) {
+        std::string why;
+        if (!model.Apply(record, why)) {
+            err << "offset " << record.offset << ": " << why << "\n";
+            sound = false;
+        }
+        each(record);
+    }
+    return sound;
+}
 
 }  // namespace vsstream

@@ -79,19 +79,12 @@ void OtherLine(const vshost::StreamRecord& r, std::ostream& out) {
 int RunList(int fd, std::ostream& out, std::ostream& err) {
     vshost::StreamReader reader(fd);
     EntryModel model;
-    vshost::StreamRecord record;
-    bool problems = false;
-    while (reader.Next(record)) {
-        std::string why;
-        if (!model.Apply(record, why)) {
-            err << "offset " << record.offset << ": " << why << "\n";
-            problems = true;
-        }
+    const bool problems = !ApplyAll(reader, model, err, [&](const vshost::StreamRecord& record) {
         if (record.kind == Kind::EndOfFile)
             EntryLine(model.entry(), out);
         else if (!vshost::stream::OpensEntry(record.kind))
             OtherLine(record, out);
-    }
+    });
     if (model.entryOpen()) EntryLine(model.entry(), out);
     for (const auto& [key, g] : model.disks()) {
         if (!g.hasEntry && g.extents == 0) continue;

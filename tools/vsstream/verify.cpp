@@ -8,15 +8,7 @@ namespace vsstream {
 int RunVerify(int fd, std::ostream& out, std::ostream& err) {
     vshost::StreamReader reader(fd);
     EntryModel model;
-    vshost::StreamRecord record;
-    bool problems = false;
-    while (reader.Next(record)) {
-        std::string why;
-        if (!model.Apply(record, why)) {
-            err << "offset " << record.offset << ": " << why << "\n";
-            problems = true;
-        }
-    }
+    const bool problems = !ApplyAll(reader, model, err, [](const vshost::StreamRecord&) {});
     int code = Conclude(reader, problems, err);
     // A stream that ended cleanly but holds a disk its reader did not finish is not a
     // whole backup of that disk: it verifies as incomplete, never as complete.

@@ -2,6 +2,8 @@
 // runs on and what the integration tests mount.
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -72,5 +74,9 @@ SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, co
 // options.diskSize (1 MiB or more) with a little data at the start, the middle and the end. For
 // exercising jobs of many VMs; the data is kept small so that making hundreds is quick.
 SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options = {});
+
+// The fields of a job file for an extent job of `jobId` over every archive file of `s`,
+// without items: what the demo, the benchmarks and the tests start their jobs from.
+nlohmann::json JobFor(const SampleSnapshot& s, int64_t jobId);
 
 }  // namespace vssample

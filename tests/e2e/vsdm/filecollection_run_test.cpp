@@ -51,16 +51,11 @@ TEST(VsdmFileCollection, JobRestoresEveryCollectionDiskOfTheVM) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     const vssample::SampleVM& vm = s.vm("fs01");
-    const nlohmann::json job = {{"jobId", 41},
-                                {"appId", {s.appId1, s.appId2}},
-                                {"jobOptions", nlohmann::json::object()},
-                                {"reader", "fileCollection"},
-                                {"mediaAgent", s.mediaAgentName},
-                                {"archiveFiles", s.afileIds},
-                                {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
-                                {"home", home.path()},
-                                {"items", {{{"path", vm.biosUuid}}}},
-                                {"out", "fc.stream"}};
+    nlohmann::json job = vssample::JobFor(s, 41);
+    job["reader"] = "fileCollection";
+    job["home"] = home.path();
+    job["items"] = {{{"path", vm.biosUuid}}};
+    job["out"] = "fc.stream";
     std::ofstream(home.sub("fc.json")) << job.dump();
 
     int status = -1;

@@ -63,14 +63,10 @@ inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnap
         items.push_back({{"path", p}});
         if (cbt) items.back()["options"] = options.Serialize();
     }
-    return {{"jobId", jobId},
-            {"appId", {s.appId1, s.appId2}},
-            {"jobOptions", nlohmann::json::object()},
-            {"mediaAgent", s.mediaAgentName},
-            {"archiveFiles", s.afileIds},
-            {"open", {{"archGroupId", s.archGroupId}, {"copyId", s.copyId}}},
-            {"home", home.path()},
-            {"items", items}};
+    nlohmann::json job = vssample::JobFor(s, jobId);
+    job["home"] = home.path();
+    job["items"] = items;
+    return job;
 }
 
 // Every entry under `folder` by relative path: a file's content, or "<folder>".
