@@ -1,7 +1,9 @@
 // Creating and removing folders and files.
 #include "hostapi/fileutil.h"
 
-#include <dirent.h>
+#include "files/foldernames.h"
+#include "hostapi/fd.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,22 +21,11 @@ void MakeOwnerAccessible(int parentFd, const char* name, const struct stat& sb) 
 // Works relative to descriptors opened with O_NOFOLLOW, so a link swapped in for a
 // folder during the walk is removed as a link, never entered.
 CQiError EmptyFolder(int dirFd, const std::string& path, bool force) {
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(dirFd), closedir);
-    if (!dir) {
-        CQiError err = CQiError::FromErrno("opendir " + path);
-        close(dirFd);
-        return err;
-    }
-    // Names are read first: removing entries while readdir runs may skip others.
+    const vshost::Fd owned(dirFd);
+    const int fd = dirFd;
+    // Names are read first: removing entries while the folder is read may skip others.
     std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* entry = readdir(dir.get())) {
-        std::string name = entry->d_name;
-        if (name != "." && name != "..") names.push_back(std::move(name));
-    }
-    if (errno != 0) return CQiError::FromErrno("readdir " + path);
-
-    const int fd = dirfd(dir.get());
+    if (const int err = vshost::FolderNames(fd, names); err != 0) return CQiError(err, "cannot list folder " + path);
     for (const std::string& name : names) {
         const std::string child = path + "/" + name;
         struct stat sb {};

@@ -2,10 +2,10 @@
 // mapper, opened below its volume's root only, and sent as a file-level entry.
 #include "hostapi/filebackup.h"
 
+#include "files/foldernames.h"
 #include "hostapi/fd.h"
 #include "vshost/beneath.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -202,26 +202,11 @@ int ClBackupFile::SendHeader(int) {
 // Queues the folder's content, names in byte order, ahead of the collect file's next line.
 bool ClBackupFile::Expand() {
     Entry& e = *m_entry;
-    const int fd = ::dup(e.fd.get());
-    DIR* dir = fd >= 0 ? ::fdopendir(fd) : nullptr;
-    if (!dir) {
-        e.why = Errno(errno);
-        if (fd >= 0) ::close(fd);
-        return false;
-    }
     std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* d = ::readdir(dir)) {
-        const std::string name = d->d_name;
-        if (name != "." && name != "..") names.push_back(name);
-    }
-    const int err = errno;
-    ::closedir(dir);
-    if (err != 0) {
+    if (const int err = vshost::FolderNames(e.fd.get(), names); err != 0) {
         e.why = Errno(err);
         return false;
     }
-    std::sort(names.begin(), names.end());
     std::string base = e.clientPath;
     while (!base.empty() && base.back() == '/') base.pop_back();
     for (auto it = names.rbegin(); it != names.rend(); ++it) {

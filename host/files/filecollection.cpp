@@ -6,13 +6,13 @@
 // pieces.
 #include "hostapi/filecollection.h"
 
+#include "files/foldernames.h"
 #include "hostapi/fd.h"
 
 #include "hostapi/archive.h"
 #include "hostapi/log.h"
 #include "vshost/home.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -66,28 +66,8 @@ struct Level {
 
 // The entries of an open folder, sorted by name; "." and ".." left out.
 CQiError ListFolder(int fd, const std::string& shown, std::vector<std::string>& names) {
-    names.clear();
-    const int copy = ::dup(fd);
-    if (copy < 0) return CQiError::FromErrno("cannot list folder " + shown);
-    DIR* dir = ::fdopendir(copy);
-    if (!dir) {
-        CQiError err = CQiError::FromErrno("cannot list folder " + shown);
-        ::close(copy);
-        return err;
-    }
-    ::rewinddir(dir);  // the duplicate shares its position with the original
-    for (;;) {
-        errno = 0;
-        const dirent* e = ::readdir(dir);
-        if (!e) break;
-        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-        names.emplace_back(e->d_name);
-    }
-    const int err = errno;
-    ::closedir(dir);
-    if (err != 0) return CQiError(err, "cannot list folder " + shown);
-    std::sort(names.begin(), names.end());
-    return {};
+    const int err = vshost::FolderNames(fd, names);
+    return err != 0 ? CQiError(err, "cannot list folder " + shown) : CQiError{};
 }
 
 class FolderCollection final : public CFileCollection {

@@ -2,10 +2,10 @@
 // file-level reader builds its collect file with.
 #include "hostapi/fileutil.h"
 
+#include "files/foldernames.h"
 #include "hostapi/filebackup.h"
 #include "vshost/beneath.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -88,31 +88,16 @@ char Fold(char c, bool ignoreCase) {
     return ignoreCase && c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
-struct DirCloser {
-    void operator()(DIR* d) const { closedir(d); }
-};
-
 // Walks the folder open at `fd` (consumed); `path` is its name for the callback. A
 // subfolder that cannot be read is an error only with `stopOnError`; the top folder
 // always is.
 CQiError WalkFolder(int fd, const std::string& path, int levelsLeft, bool stopOnError, bool top, void* ctx,
                     CQiDirectory::WalkCallback callback) {
-    std::unique_ptr<DIR, DirCloser> dir(fdopendir(fd));
-    if (!dir) {
-        CQiError err = CQiError::FromErrno("opendir " + path);
-        close(fd);
-        return stopOnError || top ? err : CQiError{};
-    }
+    const vshost::Fd owned(fd);
+    const int dfd = fd;
     std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* entry = readdir(dir.get())) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..") names.push_back(name);
-    }
-    if (errno != 0) return stopOnError || top ? CQiError::FromErrno("readdir " + path) : CQiError{};
-    std::sort(names.begin(), names.end());
-
-    const int dfd = dirfd(dir.get());
+    if (const int err = vshost::FolderNames(dfd, names); err != 0)
+        return stopOnError || top ? CQiError(err, "cannot list folder " + path) : CQiError{};
     for (const std::string& name : names) {
         struct stat sb {};
         if (fstatat(dfd, name.c_str(), &sb, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -4,10 +4,12 @@
 
 #include "detail.h"
 #include "files/atomicfile.h"
+#include "files/foldernames.h"
+#include "hostapi/fd.h"
 #include "hostapi/fileutil.h"
 #include "hostapi/log.h"
 
-#include <dirent.h>
+#include <fcntl.h>
 #include <algorithm>
 #include <memory>
 #include <vector>
@@ -72,18 +74,16 @@ bool CopyFromCache(const char* fn, const std::string& sourceDir, const std::vect
 // Regular files of `dir` (links to them included), sorted; names starting with a dot
 // are skipped, as they are temporary files of a writer still at work.
 bool ListFiles(const char* fn, const std::string& dir, std::vector<std::string>& names) {
-    std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
-    if (!d) {
+    const vshost::Fd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::vector<std::string> all;
+    const int err = fd.valid() ? vshost::FolderNames(fd.get(), all) : errno;
+    if (err != 0) {
         KTlog(nullptr, 1, "%s: cannot read folder [%s]: %s", fn, dir.c_str(),
-              CQiError::FromErrno("opendir").AsString().c_str());
+              CQiError(err, "opendir").AsString().c_str());
         return false;
     }
-    while (const dirent* entry = readdir(d.get())) {
-        const std::string name = entry->d_name;
-        if (name.empty() || name[0] == '.') continue;
-        if (CQiPath::IsFile(FXPath::Join(dir, name))) names.push_back(name);
-    }
-    std::sort(names.begin(), names.end());
+    for (const std::string& name : all)
+        if (name[0] != '.' && CQiPath::IsFile(FXPath::Join(dir, name))) names.push_back(name);
     return true;
 }
 
