@@ -18,10 +18,6 @@ namespace {
 
 using nlohmann::json;
 
-[[noreturn]] void Bad(const std::string& origin, const std::string& field, const std::string& what) {
-    throw std::runtime_error(origin + ": field \"" + field + "\" " + what);
-}
-
 template <typename T>
 T Number(const json& doc, const char* field, const std::string& origin, T fallback,
          T min = std::numeric_limits<T>::min(), T max = std::numeric_limits<T>::max()) {
@@ -31,10 +27,10 @@ T Number(const json& doc, const char* field, const std::string& origin, T fallba
 
 std::string Text(const json& doc, const char* field, const std::string& origin, bool required = false) {
     if (!doc.contains(field)) {
-        if (required) Bad(origin, field, "is missing");
+        if (required) vshost::BadJobField(origin, field, "is missing");
         return {};
     }
-    if (!doc[field].is_string()) Bad(origin, field, "must be a text");
+    if (!doc[field].is_string()) vshost::BadJobField(origin, field, "must be a text");
     return doc[field].get<std::string>();
 }
 
@@ -46,9 +42,10 @@ constexpr size_t kMaxRecordText = vshost::stream::kMaxPayload / 4;
 std::string RecordText(const json& doc, const char* field, const std::string& origin, bool required = false) {
     std::string text = Text(doc, field, origin, required);
     if (text.size() > kMaxRecordText)
-        Bad(origin, field,
-            "is " + std::to_string(text.size()) + " bytes long; it goes into one stream record, which holds at most " +
-                std::to_string(kMaxRecordText) + " bytes of it");
+        vshost::BadJobField(origin, field,
+                            "is " + std::to_string(text.size()) +
+                                " bytes long; it goes into one stream record, which holds at most " +
+                                std::to_string(kMaxRecordText) + " bytes of it");
     return text;
 }
 
@@ -107,26 +104,27 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
     else if (reader == "fileLevel")
         job.reader = ReaderKind::FileLevel;
     else
-        Bad(origin, "reader", "must be \"extent\", \"fileCollection\" or \"fileLevel\", not \"" + reader + "\"");
+        vshost::BadJobField(origin, "reader",
+                            "must be \"extent\", \"fileCollection\" or \"fileLevel\", not \"" + reader + "\"");
 
     job.instanceType = Number<int>(doc, "instanceType", origin, 102, 0);
     job.mountType = Number<int>(doc, "mountType", origin, 0, 0);
     if (doc.contains("blockLevel")) {
-        if (!doc["blockLevel"].is_boolean()) Bad(origin, "blockLevel", "must be true or false");
+        if (!doc["blockLevel"].is_boolean()) vshost::BadJobField(origin, "blockLevel", "must be true or false");
         job.blockLevel = doc["blockLevel"].get<bool>();
     }
     job.snapEngineId = Number<unsigned>(doc, "snapEngineId", origin, 0);
     job.mediaAgent = RecordText(doc, "mediaAgent", origin, true);
     job.jobToken = Text(doc, "jobToken", origin);
-    if (job.jobToken.size() >= 64) Bad(origin, "jobToken", "must be shorter than 64 characters");
+    if (job.jobToken.size() >= 64) vshost::BadJobField(origin, "jobToken", "must be shorter than 64 characters");
 
     if (!doc.contains("archiveFiles") || !doc["archiveFiles"].is_array() || doc["archiveFiles"].empty())
-        Bad(origin, "archiveFiles", "must be a list of one or more archive file ids");
+        vshost::BadJobField(origin, "archiveFiles", "must be a list of one or more archive file ids");
     for (const json& id : doc["archiveFiles"])
         job.archiveFiles.push_back(vshost::JobNumber<uint32_t>(id, origin, "archiveFiles", 1));
     if (doc.contains("open")) {
         const json& open = doc["open"];
-        if (!open.is_object()) Bad(origin, "open", "must be an object");
+        if (!open.is_object()) vshost::BadJobField(origin, "open", "must be an object");
         // Each archive-file open and the stream carry these as 32-bit ids.
         job.archGroupId = Number<uint32_t>(open, "archGroupId", origin + " (open)", 0);
         job.copyId = Number<uint32_t>(open, "copyId", origin + " (open)", 0);
@@ -134,14 +132,14 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
     }
 
     if (!doc.contains("items") || !doc["items"].is_array() || doc["items"].empty())
-        Bad(origin, "items", "must be a list of one or more items");
+        vshost::BadJobField(origin, "items", "must be a list of one or more items");
     size_t n = 0;
     for (const json& item : doc["items"]) {
         const std::string where = origin + " (items[" + std::to_string(n++) + "])";
-        if (!item.is_object()) Bad(where, "items", "must hold objects");
+        if (!item.is_object()) vshost::BadJobField(where, "items", "must hold objects");
         JobItem it;
         it.path = RecordText(item, "path", where, true);
-        if (it.path.empty()) Bad(where, "path", "must not be empty");
+        if (it.path.empty()) vshost::BadJobField(where, "path", "must not be empty");
         it.optionsXml = Text(item, "options", where);
         it.clientPath = RecordText(item, "clientPath", where);
         if (it.clientPath.empty()) it.clientPath = it.path;

@@ -49,7 +49,7 @@ TEST(VsdmInputs, FieldsAJobCannotHoldAreRefusedAtLoad) {
         {json(R"({"archiveFiles": [4294967297]})"), "\"archiveFiles\""},
         {json(R"({"items": [{"path": "vm", "filter": 2147483648}]})"), "\"filter\""},
         {json(R"({"items": [{"path": "vm", "bytes": -1}]})"), "\"bytes\""},
-        {{{"mediaAgent", huge}}, "field \"mediaAgent\" is 5242880 bytes long"},
+        {{{"mediaAgent", huge}}, "field \"mediaAgent\": is 5242880 bytes long"},
         {{{"items", {{{"path", "vm\\" + huge}}}}}, "(items[0]): field \"path\""},
         {{{"items", {{{"path", "vm"}, {"clientPath", huge}}}}}, "(items[0]): field \"clientPath\""},
     };
