@@ -1,5 +1,6 @@
 // Stored form of passwords: secretbox under a per-home key, base64 of nonce||ciphertext.
 #include "detail.h"
+#include "hostapi/fd.h"
 #include "hostapi/fileutil.h"
 #include "vshost/catalog.h"
 #include "vshost/durable.h"
@@ -39,21 +40,20 @@ std::string KeyPath() {
 
 // Reads the key file; false when it does not exist.
 bool ReadKey(const std::string& path, Key& key) {
-    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
+    const vshost::Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid()) {
         if (errno == ENOENT) return false;
         throw std::runtime_error(CQiError::FromErrno("open " + path).AsString());
     }
     size_t got = 0;
     unsigned char extra;
     while (got < kKeySize) {
-        ssize_t n = read(fd, key.bytes + got, kKeySize - got);
+        ssize_t n = read(fd.get(), key.bytes + got, kKeySize - got);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         got += static_cast<size_t>(n);
     }
-    ssize_t more = read(fd, &extra, 1);
-    close(fd);
+    const ssize_t more = read(fd.get(), &extra, 1);
     if (got != kKeySize || more != 0) throw std::runtime_error("key file " + path + " is damaged");
     return true;
 }

@@ -1,5 +1,6 @@
 // Files written under a temporary name and renamed into place when complete.
 #include "files/atomicfile.h"
+#include "hostapi/fd.h"
 #include "vshost/durable.h"
 
 #include <fcntl.h>
@@ -37,16 +38,9 @@ std::atomic<unsigned long long> g_folderSyncs{0};
 bool SyncFolderOf(const std::string& path) {
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return false;
-    int rc = fsync(fd);
-    if (rc != 0 && (errno == EINVAL || errno == EROFS)) rc = 0;
-    const int err = errno;
-    close(fd);
-    if (rc != 0) {
-        errno = err;
-        return false;
-    }
+    const Fd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.valid()) return false;
+    if (fsync(fd.get()) != 0 && errno != EINVAL && errno != EROFS) return false;
     ++g_folderSyncs;
     return true;
 }
@@ -111,36 +105,32 @@ bool AtomicFile::Commit() {
 
 bool CopyFileAtomically(const std::string& source, const std::string& target, std::string& why) {
     // Non-blocking, so that a FIFO in place of the file cannot hang the copy.
-    const int in = open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (in < 0) {
+    const Fd in(open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!in.valid()) {
         why = "open " + source + ": " + ErrnoText(errno);
         return false;
     }
     struct stat sb {};
-    if (fstat(in, &sb) != 0) {
+    if (fstat(in.get(), &sb) != 0) {
         why = "stat " + source + ": " + ErrnoText(errno);
-        close(in);
         return false;
     }
     if (!S_ISREG(sb.st_mode)) {
         why = source + " is not a regular file";
-        close(in);
         return false;
     }
     AtomicFile out(target, sb.st_mode & 0777);
     char buf[64 * 1024];
     for (;;) {
-        const ssize_t n = read(in, buf, sizeof buf);
+        const ssize_t n = read(in.get(), buf, sizeof buf);
         if (n == 0) break;
         if (n < 0) {
             if (errno == EINTR) continue;
             why = "read " + source + ": " + ErrnoText(errno);
-            close(in);
             return false;
         }
         if (!out.Write(buf, static_cast<size_t>(n))) break;
     }
-    close(in);
     if (!out.Commit()) {
         why = out.Error();
         return false;

@@ -1,6 +1,7 @@
 // The backup XML file: loading into and saving from a CNMessageBase with pugixml.
 #include "hostapi/xmlfile.h"
 #include "files/atomicfile.h"
+#include "hostapi/fd.h"
 #include "hostapi/fileutil.h"
 #include "hostapi/log.h"
 
@@ -77,14 +78,14 @@ std::list<VirtualServer::Backup> ReadBackups(const pugi::xml_node& root) {
 // Reads the file ourselves rather than through pugixml, which sizes its buffer from
 // ftell and so misbehaves on folders and blocks on FIFOs.
 bool ReadWholeFile(const std::string& path, std::string& content, std::string& why) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
+    const vshost::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd.valid()) {
         why = CQiError::FromErrno("open").AsString();
         return false;
     }
     struct stat sb {};
     bool ok = false;
-    if (fstat(fd, &sb) != 0) {
+    if (fstat(fd.get(), &sb) != 0) {
         why = CQiError::FromErrno("stat").AsString();
     } else if (!S_ISREG(sb.st_mode)) {
         why = "not a regular file";
@@ -94,7 +95,7 @@ bool ReadWholeFile(const std::string& path, std::string& content, std::string& w
         ok = true;
         char buf[64 * 1024];
         for (;;) {
-            const ssize_t n = read(fd, buf, sizeof buf);
+            const ssize_t n = read(fd.get(), buf, sizeof buf);
             if (n == 0) break;
             if (n < 0) {
                 if (errno == EINTR) continue;
@@ -110,7 +111,6 @@ bool ReadWholeFile(const std::string& path, std::string& content, std::string& w
             }
         }
     }
-    close(fd);
     return ok;
 }
 
