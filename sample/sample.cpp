@@ -162,13 +162,6 @@ SampleSnapshot Identity(const SampleOptions& options, std::vector<std::string> d
     return s;
 }
 
-void WriteSnapshotJson(const fs::path& root, const SampleSnapshot& s) {
-    WriteText(
-        root / "snapshot.json",
-        nlohmann::json{{"snapJobId", s.snapJobId}, {"snapEngineId", s.snapEngineId}, {"datastores", s.datastores}}.dump(
-            2));
-}
-
 // The rows of the host home's catalog that describe the snapshot: the media agent, the
 // application, the copy and one archive file per datastore.
 void AddCatalogRows(SampleSnapshot& s, const SampleOptions& options) {
@@ -181,6 +174,7 @@ void AddCatalogRows(SampleSnapshot& s, const SampleOptions& options) {
     app.clientId = s.mediaAgentClientId;
     catalog.AddApplication(app);
     catalog.AddCopy(s.archGroupId, s.copyId, s.copyPrecedence);
+    std::vector<vshost::ArchiveFileRecord> volumes;
     for (size_t i = 0; i < s.datastores.size(); ++i) {
         vshost::ArchiveFileRecord afile;
         afile.afileId = options.firstAfileId + i;
@@ -188,13 +182,12 @@ void AddCatalogRows(SampleSnapshot& s, const SampleOptions& options) {
         afile.backupJobId = s.snapJobId;
         afile.name = "SNAP_" + std::to_string(s.snapJobId) + "_" + s.datastores[i];
         afile.volume = std::to_string(s.snapJobId) + "/" + s.datastores[i];
-        afile.snapEngineId = s.snapEngineId;
-        afile.snapJobId = s.snapJobId;
         afile.datastore = s.datastores[i];
-        catalog.AddArchiveFile(afile);
+        volumes.push_back(afile);
         s.afileIds.push_back(afile.afileId);
         s.afileList += (i ? "|" : "") + std::to_string(afile.afileId);
     }
+    catalog.AddSnapshot({s.snapJobId, s.snapEngineId, 0}, volumes);
 }
 
 }  // namespace
@@ -350,7 +343,6 @@ SampleSnapshot GenerateSample(const SampleOptions& options) {
 
     s.vms.push_back(Fs01(ds2, size));
 
-    WriteSnapshotJson(root, s);
     AddCatalogRows(s, options);
     return s;
 }
@@ -393,7 +385,6 @@ SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, co
         s.vms.push_back(vm);
     }
 
-    WriteSnapshotJson(root, s);
     AddCatalogRows(s, options);
     return s;
 }
@@ -441,7 +432,6 @@ SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options) {
         vm.disks = {Disk(vm.name + ".vmdk", own, vm.name, vmdk, size), Disk(image, other, vm.name, raw, size)};
         s.vms.push_back(std::move(vm));
     }
-    WriteSnapshotJson(root, s);
     AddCatalogRows(s, options);
     return s;
 }

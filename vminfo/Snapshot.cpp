@@ -4,8 +4,6 @@
 #include "vshost/vmdk.h"
 #include "vshost/vminfohost.h"
 
-#include <nlohmann/json.hpp>
-
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
@@ -19,8 +17,6 @@ namespace vminfo {
 
 namespace {
 
-constexpr const char* kMetadataName = "snapshot.json";
-
 bool Fail(Failure& f, int code, std::string reason) {
     f.code = code;
     f.reason = std::move(reason);
@@ -30,26 +26,6 @@ bool Fail(Failure& f, int code, std::string reason) {
 std::string Lower(std::string s) {
     for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return s;
-}
-
-// The snapshot's own description, beside its volumes: which job made it and which
-// datastores it holds.
-bool CheckMetadata(const std::string& snapshotDir, int64_t jobId, const std::string& datastore, Failure& f) {
-    const fs::path path = fs::path(snapshotDir) / kMetadataName;
-    std::string text, why;
-    if (!vshost::snapfile::ReadText(snapshotDir, path.string(), text, why)) return Fail(f, kErrSnapMetadata, why);
-    const nlohmann::json doc = nlohmann::json::parse(text, nullptr, false);
-    if (doc.is_discarded() || !doc.is_object() || !doc.contains("snapJobId") || !doc["snapJobId"].is_number_integer())
-        return Fail(f, kErrSnapMetadata, path.string() + ": not a snapshot description");
-    if (doc["snapJobId"].get<int64_t>() != jobId)
-        return Fail(f, kErrSnapMetadata,
-                    path.string() + ": made by job " + std::to_string(doc["snapJobId"].get<int64_t>()) +
-                        ", the catalog says " + std::to_string(jobId));
-    if (!doc.contains("datastores") || !doc["datastores"].is_array())
-        return Fail(f, kErrDatastoreList, path.string() + ": no datastore list");
-    for (const auto& ds : doc["datastores"])
-        if (ds.is_string() && ds.get<std::string>() == datastore) return true;
-    return Fail(f, kErrDatastoreList, path.string() + ": datastore [" + datastore + "] is not listed");
 }
 
 // VM folders are the volume's subfolders; each .vmx in one is a VM.
@@ -177,8 +153,10 @@ bool Snapshot::Mount(const std::vector<uint64_t>& afileIds, unsigned snapEngineI
                 return Fail(
                     f, kErrMountSnapVolumes,
                     "volume " + volume.path + " of archive file " + std::to_string(id) + " is missing or unreadable");
-            if (!CheckMetadata(fs::path(volume.path).parent_path().string(), out.jobId, volume.datastore, f))
-                return false;
+            if (!vshost::vminfohost::SnapshotRegistered(out.jobId))
+                return Fail(f, kErrSnapMetadata,
+                            "snapshot " + std::to_string(out.jobId) + " of archive file " + std::to_string(id) +
+                                " is not registered in the host home");
             if (!out.VolumeOfDatastore(volume.datastore)) out.volumes.push_back(volume);
         }
     } catch (const std::exception& e) {

@@ -201,6 +201,101 @@ std::vector<ArchiveFileRecord> Catalog::ArchiveFilesOfSnapJob(int64_t snapJobId)
     return out;
 }
 
+std::vector<ArchiveFileRecord> Catalog::AddSnapshot(const SnapshotRecord& snapshot,
+                                                    std::vector<ArchiveFileRecord> volumes) {
+    db::Connection conn(m_path);
+    db::InTransaction(conn, [&] {
+        db::Statement known(conn, "SELECT 1 FROM snapshots WHERE snap_job_id = ?1");
+        known.Bind(1, snapshot.snapJobId);
+        if (known.Step())
+            throw std::runtime_error("snapshot " + std::to_string(snapshot.snapJobId) + " is registered already");
+        db::Statement(conn, "INSERT INTO snapshots (snap_job_id, snap_engine_id, added) VALUES (?1, ?2, ?3)")
+            .Bind(1, snapshot.snapJobId)
+            .Bind(2, static_cast<int64_t>(snapshot.snapEngineId))
+            .Bind(3, snapshot.added)
+            .Run();
+        db::Statement next(conn, "SELECT COALESCE(MAX(afile_id), 0) + 1 FROM archive_files");
+        int64_t id = next.Step() ? next.Int(0) : 1;
+        for (ArchiveFileRecord& v : volumes) {
+            if (v.afileId == 0) v.afileId = static_cast<uint64_t>(id++);
+            v.snapJobId = snapshot.snapJobId;
+            v.snapEngineId = snapshot.snapEngineId;
+            // A given id must be free: a volume never takes over another's archive file.
+            db::Statement(conn,
+                          "INSERT INTO archive_files (afile_id, app_id2, backup_job_id, name, volume, "
+                          "snap_engine_id, snap_job_id, datastore) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)")
+                .Bind(1, static_cast<int64_t>(v.afileId))
+                .Bind(2, Id(v.appId2))
+                .Bind(3, v.backupJobId)
+                .Bind(4, v.name)
+                .Bind(5, v.volume)
+                .Bind(6, static_cast<int64_t>(v.snapEngineId))
+                .Bind(7, v.snapJobId)
+                .Bind(8, v.datastore)
+                .Run();
+        }
+    });
+    return volumes;
+}
+
+namespace {
+
+SnapshotRecord SnapshotRow(db::Statement& q) {
+    SnapshotRecord s;
+    s.snapJobId = q.Int(0);
+    s.snapEngineId = static_cast<unsigned int>(q.Int(1));
+    s.added = q.Int(2);
+    return s;
+}
+
+}  // namespace
+
+std::optional<SnapshotRecord> Catalog::Snapshot(int64_t snapJobId) const {
+    db::Connection conn(m_path);
+    db::Statement q(conn, "SELECT snap_job_id, snap_engine_id, added FROM snapshots WHERE snap_job_id = ?1");
+    q.Bind(1, snapJobId);
+    if (!q.Step()) return std::nullopt;
+    return SnapshotRow(q);
+}
+
+std::vector<SnapshotRecord> Catalog::Snapshots() const {
+    db::Connection conn(m_path);
+    db::Statement q(conn, "SELECT snap_job_id, snap_engine_id, added FROM snapshots ORDER BY snap_job_id");
+    std::vector<SnapshotRecord> out;
+    while (q.Step()) out.push_back(SnapshotRow(q));
+    return out;
+}
+
+bool Catalog::RemoveSnapshot(int64_t snapJobId) {
+    db::Connection conn(m_path);
+    bool found = false;
+    db::InTransaction(conn, [&] {
+        db::Statement known(conn, "SELECT 1 FROM snapshots WHERE snap_job_id = ?1");
+        known.Bind(1, snapJobId);
+        found = known.Step();
+        db::Statement(conn, "DELETE FROM snapshots WHERE snap_job_id = ?1").Bind(1, snapJobId).Run();
+        db::Statement(conn, "DELETE FROM archive_files WHERE snap_job_id = ?1").Bind(1, snapJobId).Run();
+    });
+    return found;
+}
+
+int64_t Catalog::NewJobId(int64_t snapJobId) {
+    db::Connection conn(m_path);
+    int64_t id = 0;
+    db::InTransaction(conn, [&] {
+        db::Statement next(conn,
+                           "SELECT MAX(COALESCE((SELECT MAX(job_id) FROM home_jobs), 0), "
+                           "COALESCE((SELECT MAX(job_id) FROM job_disks), 0), "
+                           "COALESCE((SELECT MAX(job_id) FROM pending_causes), 0)) + 1");
+        id = next.Step() ? next.Int(0) : 1;
+        db::Statement(conn, "INSERT INTO home_jobs (job_id, snap_job_id, created) VALUES (?1, ?2, strftime('%s'))")
+            .Bind(1, id)
+            .Bind(2, snapJobId)
+            .Run();
+    });
+    return id;
+}
+
 void Catalog::AddCopy(unsigned long archGroupId, unsigned long copyId, unsigned long precedence) {
     db::Connection conn(m_path);
     db::Statement(conn, "INSERT OR REPLACE INTO copies (arch_group_id, copy_id, precedence) VALUES (?1, ?2, ?3)")

@@ -114,6 +114,20 @@ constexpr const char* kMigrations[] = {
             PRIMARY KEY (job_id, vm_guid, disk_name)
         );
         )sql",
+    // Snapshots registered in the home (their volumes are the archive files of their
+    // snapshot job), and the ids of the jobs the home made itself.
+    R"sql(
+        CREATE TABLE snapshots (
+            snap_job_id    INTEGER PRIMARY KEY,
+            snap_engine_id INTEGER NOT NULL DEFAULT 0,
+            added          INTEGER NOT NULL DEFAULT 0
+        );
+        CREATE TABLE home_jobs (
+            job_id      INTEGER PRIMARY KEY,
+            snap_job_id INTEGER NOT NULL,
+            created     INTEGER NOT NULL
+        );
+        )sql",
 };
 
 }  // namespace
@@ -193,6 +207,10 @@ std::string Statement::Blob(int column) const {
     return data ? std::string(static_cast<const char*>(data), static_cast<size_t>(len)) : std::string();
 }
 
+void Connection::Rollback() noexcept {
+    sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
 void Migrate(Connection& db) {
     const std::vector<const char*> steps(std::begin(kMigrations), std::end(kMigrations));
     auto current = [&db] {
@@ -204,9 +222,8 @@ void Migrate(Connection& db) {
         Statement exists(db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'schema_version'");
         if (exists.Step() && current() == static_cast<int64_t>(steps.size())) return;
     }
-    // IMMEDIATE: two processes creating the catalog at once must not both migrate.
-    db.Exec("BEGIN IMMEDIATE");
-    try {
+    // Two processes creating the catalog at once must not both migrate.
+    InTransaction(db, [&] {
         db.Exec("CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)");
         int64_t version = current();
         if (version > static_cast<int64_t>(steps.size()))
@@ -217,11 +234,7 @@ void Migrate(Connection& db) {
         Statement(db, "INSERT INTO schema_version (version) VALUES (?1)")
             .Bind(1, static_cast<int64_t>(steps.size()))
             .Run();
-        db.Exec("COMMIT");
-    } catch (...) {
-        sqlite3_exec(db.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
-        throw;
-    }
+    });
 }
 
 }  // namespace vshost::db

@@ -21,6 +21,8 @@ public:
     Connection& operator=(const Connection&) = delete;
 
     void Exec(const std::string& sql);
+    // Ends an open transaction without its changes; never throws.
+    void Rollback() noexcept;
     sqlite3* Handle() const { return m_db; }
     [[noreturn]] void Fail(const std::string& what) const;
 
@@ -52,6 +54,20 @@ private:
     Connection& m_db;
     sqlite3_stmt* m_stmt = nullptr;
 };
+
+// Runs `body` inside one write transaction (BEGIN IMMEDIATE, so that two processes
+// never both read, then write); an exception rolls it back and goes on.
+template <class Body>
+void InTransaction(Connection& db, Body&& body) {
+    db.Exec("BEGIN IMMEDIATE");
+    try {
+        body();
+        db.Exec("COMMIT");
+    } catch (...) {
+        db.Rollback();
+        throw;
+    }
+}
 
 // Brings the schema of `db` to the latest version, in one transaction.
 void Migrate(Connection& db);

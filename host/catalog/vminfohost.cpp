@@ -28,6 +28,10 @@ std::optional<ArchiveVolume> VolumeOfArchiveFile(uint64_t afileId) {
     return v;
 }
 
+bool SnapshotRegistered(int64_t snapJobId) {
+    return Catalog().Snapshot(snapJobId).has_value();
+}
+
 std::vector<SHostCredentials> StoredCredentials(const std::string& server) {
     return Catalog().CredentialsForServer(server);
 }

@@ -4,8 +4,6 @@
 #include "vscodec/xxh3.h"
 #include "vshost/catalog.h"
 
-#include <sqlite3.h>
-
 #include <cstring>
 #include <mutex>
 #include <stdexcept>
@@ -171,17 +169,12 @@ void CompletedDisks::Flush() {
     m_disks.clear();
     m_bytes = 0;
     db::Connection conn(Catalog().Path());
-    conn.Exec("BEGIN IMMEDIATE");
-    try {
+    db::InTransaction(conn, [&] {
         for (const Row& row : rows) {
             WriteJobDisk(conn, row.jobId, row.disk);
             if (row.hasDigests) WriteDigests(conn, row.disk.changeId, row.diskSize, row.extentSize, row.digests);
         }
-        conn.Exec("COMMIT");
-    } catch (...) {
-        sqlite3_exec(conn.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
-        throw;
-    }
+    });
 }
 
 }  // namespace vshost::changetrack

@@ -9,7 +9,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <sqlite3.h>
 #include <strings.h>
 #include <exception>
 #include <stdexcept>
@@ -50,8 +49,7 @@ int KTJobClient::setPendingCauseAndEvent(int causeId, int arg2, int arg3, bool f
         vshost::db::Connection conn(catalog.Path());
         // IMMEDIATE takes the write lock before the number is read, so two processes
         // raising causes on one job never pick the same one.
-        conn.Exec("BEGIN IMMEDIATE");
-        try {
+        vshost::db::InTransaction(conn, [&] {
             vshost::db::Statement next(conn, "SELECT COALESCE(MAX(seq), 0) + 1 FROM pending_causes WHERE job_id = ?1");
             next.Bind(1, static_cast<int64_t>(m_jobId));
             const int64_t seq = next.Step() ? next.Int(0) : 1;
@@ -74,11 +72,7 @@ int KTJobClient::setPendingCauseAndEvent(int causeId, int arg2, int arg3, bool f
                 .Bind(13, static_cast<int64_t>(value2))
                 .Bind(14, m_bReady ? 1 : 0)
                 .Run();
-            conn.Exec("COMMIT");
-        } catch (...) {
-            sqlite3_exec(conn.Handle(), "ROLLBACK", nullptr, nullptr, nullptr);
-            throw;
-        }
+        });
     } catch (const std::exception& e) {
         KTlog(nullptr, KTLOG_ALWAYS,
               "KTJobClient::setPendingCauseAndEvent: cause [0x%X] of job [%lld] not recorded: %s",

@@ -42,6 +42,14 @@ struct ArchiveFileRecord {
     std::string datastore;  // datastore name, as "[datastore] path" names it
 };
 
+// A datastore snapshot registered in the home; its volumes are the archive files of its
+// snapshot job.
+struct SnapshotRecord {
+    int64_t snapJobId = 0;
+    unsigned int snapEngineId = 0;
+    int64_t added = 0;  // when it was registered, seconds since 1970-01-01 UTC
+};
+
 // Access to catalog.db of the open home. Every call opens its own connection, so objects
 // are cheap and may be used from any thread. Failures throw std::runtime_error with the
 // SQLite message.
@@ -68,6 +76,17 @@ public:
     std::optional<ArchiveFileRecord> ArchiveFile(uint64_t afileId) const;
     // Every archive file made by snapshot job `snapJobId`, by id.
     std::vector<ArchiveFileRecord> ArchiveFilesOfSnapJob(int64_t snapJobId) const;
+
+    // Registers a snapshot and its volumes in one transaction; returns the volumes as
+    // recorded. A volume without an archive-file id is given one beyond every id in use.
+    // Throws when the snapshot job is registered already or an id is taken.
+    std::vector<ArchiveFileRecord> AddSnapshot(const SnapshotRecord& snapshot, std::vector<ArchiveFileRecord> volumes);
+    std::optional<SnapshotRecord> Snapshot(int64_t snapJobId) const;
+    std::vector<SnapshotRecord> Snapshots() const;
+    // Forgets a snapshot and its archive files; false when it was not registered.
+    bool RemoveSnapshot(int64_t snapJobId);
+    // A job id for a job this home makes itself, beyond every job id the catalog has seen.
+    int64_t NewJobId(int64_t snapJobId);
 
     void AddCopy(unsigned long archGroupId, unsigned long copyId, unsigned long precedence);
     std::optional<unsigned long> CopyPrecedence(unsigned long archGroupId, unsigned long copyId) const;

@@ -29,6 +29,11 @@ struct ArchiveVolume {
 // Throws std::runtime_error when the catalog cannot be read.
 VS_HOST_API std::optional<ArchiveVolume> VolumeOfArchiveFile(uint64_t afileId);
 
+// Whether the host has snapshot job `snapJobId` registered (vsdm snapshot add): a volume
+// of a snapshot it does not know is not mounted. Throws std::runtime_error when the
+// catalog cannot be read.
+VS_HOST_API bool SnapshotRegistered(int64_t snapJobId);
+
 // Every credential stored for `server`, passwords in their stored (encrypted) form.
 // Throws std::runtime_error when the catalog cannot be read.
 VS_HOST_API std::vector<SHostCredentials> StoredCredentials(const std::string& server);

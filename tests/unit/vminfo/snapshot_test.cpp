@@ -150,19 +150,21 @@ TEST_F(SnapshotLibrary, MountsReportEveryItemOfTheSample) {
 }
 
 TEST_F(SnapshotLibrary, BrokenSnapshotsFailWithTheirCode) {
-    const std::string meta = Root() + "/snapshot.json";
-    const std::string good = [&] {
-        std::ifstream in(meta);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }();
-
-    std::ofstream(meta) << "{ not json";
-    ExpectSnapFailure(28, "snapshot.json: not a snapshot description");
-    std::ofstream(meta) << R"({"snapJobId": 42, "datastores": ["ds1", "ds2"]})";
-    ExpectSnapFailure(28, "made by job 42");
-    std::ofstream(meta) << R"({"snapJobId": )" << sample.snapJobId << R"(, "datastores": ["ds1"]})";
-    ExpectSnapFailure(32, "datastore [ds2] is not listed");
-    std::ofstream(meta) << good;
+    // A volume of a snapshot job the home has not registered is not mounted.
+    vshost::ArchiveFileRecord stray;
+    stray.afileId = 900;
+    stray.volume = Root() + "/ds1";
+    stray.snapJobId = 42;
+    stray.datastore = "ds1";
+    vshost::Catalog().AddArchiveFile(stray);
+    {
+        vminfo::VMInfo info(102, 1);
+        MountCtx ctx = SnapCtx();
+        ctx.afileIds = {900};
+        EXPECT_EQ(info.MountSnap(ctx), 0);
+        EXPECT_EQ(info.GetErrorInfo(), 28);
+        EXPECT_TRUE(log.Contains("snapshot 42 of archive file 900 is not registered in the host home"));
+    }
 
     {
         vminfo::VMInfo info(102, 1);
@@ -222,10 +224,8 @@ TEST_F(SnapshotLibrary, BrokenVMsFailWithTheirCode) {
 
 // Files are opened below their volume only: ".." extent names, links out of the volume
 // (a flat file, the .nvram, a folder on the way to a disk, an absolute link even into
-// it) fail the VM with 23; a relative link that stays on the volume is followed. A FIFO
-// in place of snapshot.json fails the mount (28) without waiting on it.
+// it) fail the VM with 23; a relative link that stays on the volume is followed.
 TEST_F(SnapshotLibrary, FilesThatLeaveTheirVolumeOrAreNoFilesAreRefused) {
-    alarm(120);  // a blocking open of a FIFO ends the test instead of hanging it
     const std::string web = sample.vm("web01").folder + "/", ds1 = Root() + "/ds1/", secret = home.sub("secret");
     std::ofstream(secret) << "secret";
     fs::create_directories(home.sub("out"));
@@ -255,29 +255,18 @@ TEST_F(SnapshotLibrary, FilesThatLeaveTheirVolumeOrAreNoFilesAreRefused) {
     ExpectVMFailure("web01", 23, "web01-flat.vmdk: leads out of");
     link(secret, web + "web01.nvram");  // configuration files are looked at first
     ExpectVMFailure("web01", 23, "web01.nvram: leads out of");
-
-    fs::remove(Root() + "/snapshot.json");
-    ASSERT_EQ(mkfifo((Root() + "/snapshot.json").c_str(), 0600), 0);
-    ExpectSnapFailure(28, "snapshot.json: not a regular file");
-    alarm(0);
 }
 
 // Text files larger than a snapshot's text may be are refused before they are read: the
-// VM, or for snapshot.json the snapshot, fails with its code and the reason.
+// VM fails with its code and the reason.
 TEST_F(SnapshotLibrary, OversizedTextFilesAreRefusedUnread) {
     const std::pair<std::string, std::string> files[] = {
-        // VM (none: the snapshot), file
         {"web01", sample.vm("web01").folder + "/web01.vmsd"},
         {"fs01", sample.vm("fs01").folder + "/vmguest.json"},
-        {"", Root() + "/snapshot.json"},
     };
     for (const auto& [vm, path] : files) {
         fs::resize_file(path, 64ull << 20);  // sparse
-        const std::string reason = fs::path(path).filename().string() + ": holds 67108864 bytes, more than the";
-        if (vm.empty())
-            ExpectSnapFailure(28, reason);
-        else
-            ExpectVMFailure(vm, 16, reason);
+        ExpectVMFailure(vm, 16, fs::path(path).filename().string() + ": holds 67108864 bytes, more than the");
     }
 }
 
