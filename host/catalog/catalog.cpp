@@ -51,6 +51,14 @@ std::optional<unsigned long> Catalog::ClientId(const std::string& name) const {
     return ULong(q.Int(0));
 }
 
+std::optional<std::string> Catalog::ClientName(unsigned long id) const {
+    db::Connection conn(m_path);
+    db::Statement q(conn, "SELECT name FROM clients WHERE id = ?1");
+    q.Bind(1, Id(id));
+    if (!q.Step()) return std::nullopt;
+    return q.Text(0);
+}
+
 void Catalog::AddApplication(const AppRecord& app) {
     db::Connection conn(m_path);
     db::Statement(conn,
@@ -104,6 +112,14 @@ std::optional<AppRecord> Catalog::Application(unsigned long appId1, unsigned lon
     app.subclientId = ULong(q.Int(12));
     app.subclientGuid = q.Text(13);
     return app;
+}
+
+std::optional<AppRecord> Catalog::ApplicationWithId2(unsigned long appId2) const {
+    db::Connection conn(m_path);
+    db::Statement q(conn, "SELECT MIN(app_id1) FROM applications WHERE app_id2 = ?1 HAVING COUNT(*) > 0");
+    q.Bind(1, Id(appId2));
+    if (!q.Step()) return std::nullopt;
+    return Application(ULong(q.Int(0)), appId2);
 }
 
 void Catalog::AddCredential(unsigned long appId1, unsigned long appId2, const SHostCredentials& clearCreds) {
@@ -311,6 +327,14 @@ std::optional<unsigned long> Catalog::CopyPrecedence(unsigned long archGroupId, 
     q.Bind(1, Id(archGroupId)).Bind(2, Id(copyId));
     if (!q.Step()) return std::nullopt;
     return ULong(q.Int(0));
+}
+
+std::optional<std::pair<unsigned long, unsigned long>> Catalog::FirstCopy() const {
+    db::Connection conn(m_path);
+    db::Statement q(conn,
+                    "SELECT arch_group_id, copy_id FROM copies ORDER BY precedence, arch_group_id, copy_id LIMIT 1");
+    if (!q.Step()) return std::nullopt;
+    return std::make_pair(ULong(q.Int(0)), ULong(q.Int(1)));
 }
 
 }  // namespace vshost

@@ -137,6 +137,17 @@ std::vector<JobDisk> JobDisks(int64_t jobId) {
     return out;
 }
 
+std::vector<JobDisk> LatestDisks() {
+    db::Connection conn(Catalog().Path());
+    // SQLite takes the bare columns from the row that holds the MAX.
+    db::Statement q(conn,
+                    "SELECT vm_guid, disk_name, change_id, MAX(rowid) FROM job_disks WHERE change_id != '' "
+                    "GROUP BY vm_guid, disk_name ORDER BY vm_guid, disk_name");
+    std::vector<JobDisk> out;
+    while (q.Step()) out.push_back(JobDisk{q.Text(0), q.Text(1), q.Text(2)});
+    return out;
+}
+
 bool CompletedDisks::Add(int64_t jobId, const JobDisk& disk) {
     if (m_disks.empty()) m_oldest = std::chrono::steady_clock::now();
     Row row{jobId, disk, false, 0, 0, {}};

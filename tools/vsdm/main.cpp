@@ -3,6 +3,7 @@
 #include "jobspec.h"
 #include "parallel.h"
 #include "runner.h"
+#include "snapshots.h"
 #include "split.h"
 
 #include "vshost/home.h"
@@ -53,10 +54,16 @@ bool ParseStreams(const std::string& text, unsigned& n) {
 
 // The command line, once parsed.
 struct Args {
-    bool demo = false;
-    std::string keep;  // demo --keep
+    std::string command;  // "run", "demo", "backup", "snapshot add", ...
+    std::string keep;     // demo --keep
     std::string jobFile, out, home, streamsText = "1", shareText, resume;
     long long incrementalFrom = 0;
+    vsdm::SnapshotAdd add;
+    std::vector<std::string> volumes;  // snapshot add: DATASTORE=FOLDER
+    long long snapJob = 0;             // snapshot remove, backup --snapshot
+    std::vector<std::string> vms;      // backup --vm
+    bool incremental = false;
+    std::string readerText = "extent";
 };
 
 constexpr int kGoOn = -1;
@@ -88,6 +95,36 @@ int Parse(int argc, char** argv, Args& a) {
 
     CLI::App* demo = app.add_subcommand("demo", "back up a generated sample snapshot, restore it, compare");
     demo->add_option("--keep", a.keep, "build in this (new or empty) folder and leave it there");
+
+    const char* homeHelp = "host home (else $VSHOST_HOME)";
+    CLI::App* snapshot = app.add_subcommand("snapshot", "register, list and remove datastore snapshots of the home");
+    snapshot->require_subcommand(1);
+    CLI::App* add = snapshot->add_subcommand(
+        "add",
+        "register a snapshot whose volumes are the given folders (nothing is written into them); makes the "
+        "home if it does not exist yet");
+    add->add_option("--snap-job", a.add.snapJobId, "the snapshot job that made the snapshot")->required();
+    add->add_option("--engine", a.add.snapEngineId, "its snap engine id (default 0)");
+    add->add_option("--media-agent", a.add.mediaAgent, "this backup host's name in the catalog (default: host name)");
+    add->add_option("--home", a.home, homeHelp);
+    add->add_option("VOLUME", a.volumes, "DATASTORE=FOLDER, one per datastore volume")->required();
+    CLI::App* list =
+        snapshot->add_subcommand("list", "the snapshots, their volumes and VMs, and what would be refused");
+    list->add_option("--home", a.home, homeHelp);
+    CLI::App* remove = snapshot->add_subcommand("remove", "forget a snapshot (its volumes are untouched)");
+    remove->add_option("SNAPJOB", a.snapJob, "the snapshot's job id")->required();
+    remove->add_option("--home", a.home, homeHelp);
+
+    CLI::App* backup = app.add_subcommand(
+        "backup",
+        "back up VMs of a registered snapshot: makes the job (a new job id, every VM or those named, change "
+        "tracking on) and runs it as run does");
+    backup->add_option("--snapshot", a.snapJob, "the snapshot's job id")->required();
+    backup->add_option("--vm", a.vms, "a VM by name or UUID (repeatable; default: every VM)");
+    backup->add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
+    backup->add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
+    backup->add_option("--out", a.out, "stream file, or - for standard output")->required();
+    backup->add_option("--home", a.home, homeHelp);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -95,8 +132,53 @@ int Parse(int argc, char** argv, Args& a) {
         const int rc = app.exit(e);
         return rc == 0 ? 0 : vsdm::kExitUsage;
     }
-    a.demo = demo->parsed();
+    for (CLI::App* sub : {run, demo, backup})
+        if (sub->parsed()) a.command = sub->get_name();
+    for (CLI::App* sub : {add, list, remove})
+        if (sub->parsed()) a.command = "snapshot " + sub->get_name();
     return kGoOn;
+}
+
+// The home of a command that names no job file: --home, else $VSHOST_HOME. Only the
+// set-up command makes one; a misspelt name must not become a new, empty home.
+void OpenChosenHome(const std::string& flag, bool make) {
+    const char* env = std::getenv("VSHOST_HOME");
+    const std::string chosen = !flag.empty() ? flag : env ? env : "";
+    if (chosen.empty()) throw vsdm::UsageError("no host home: give --home or $VSHOST_HOME");
+    std::error_code ec;
+    if (!make && !std::filesystem::is_directory(chosen, ec))
+        throw vsdm::UsageError("the host home " + chosen + " does not exist" +
+                                 (flag.empty() ? " (from $VSHOST_HOME)" : "") +
+                                 ": give the folder of an existing home");
+    vshost::OpenHome(chosen);
+}
+
+vsdm::ReaderKind ReaderOf(const std::string& text) {
+    for (auto kind : {vsdm::ReaderKind::Extent, vsdm::ReaderKind::FileCollection, vsdm::ReaderKind::FileLevel})
+        if (text == vsdm::ReaderName(kind)) return kind;
+    throw vsdm::UsageError("--reader must be extent, fileCollection or fileLevel, not \"" + text + "\"");
+}
+
+// The snapshot commands; the status to exit with.
+int RunSnapshotCommand(Args& a) {
+    try {
+        OpenChosenHome(a.home, a.command == "snapshot add");
+        if (a.command == "snapshot add") {
+            for (const std::string& v : a.volumes) a.add.volumes.push_back(vsdm::ParseVolumeArg(v));
+            vsdm::AddSnapshot(a.add, std::cout);
+        } else if (a.command == "snapshot list") {
+            vsdm::ListSnapshots(std::cout);
+        } else {
+            vsdm::RemoveSnapshot(a.snapJob, std::cout);
+        }
+        return 0;
+    } catch (const vsdm::UsageError& e) {
+        std::cerr << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitUsage;
+    } catch (const std::exception& e) {
+        std::cerr << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitJobFailed;
+    }
 }
 
 // Loads the job and checks what the command line asks of it; throws what is wrong.
@@ -109,7 +191,7 @@ void Prepare(const Args& a, unsigned streams, vsdm::DataMoverJob& job, vsdm::Run
     const std::string chosen = !job.home.empty() ? job.home : env ? env : "";
     std::error_code ec;
     if (!chosen.empty() && !std::filesystem::is_directory(chosen, ec))
-        throw std::runtime_error("the host home " + chosen + " does not exist" +
+        throw vsdm::UsageError("the host home " + chosen + " does not exist" +
                                  (job.home.empty() ? " (from $VSHOST_HOME)" : "") +
                                  ": give the folder of an existing home");
     if (!job.home.empty()) vshost::OpenHome(job.home);
@@ -176,10 +258,32 @@ int RunOne(const Args& a, const vsdm::DataMoverJob& job, vsdm::RunOptions& optio
     }
 }
 
+// vsdm backup: the job made from the catalog, then run as `vsdm run` runs one.
+int RunBackup(const Args& a) {
+    vsdm::DataMoverJob job;
+    try {
+        OpenChosenHome(a.home, false);
+        vsdm::BackupRequest request;
+        request.snapJobId = a.snapJob;
+        request.vms = a.vms;
+        request.incremental = a.incremental;
+        request.reader = ReaderOf(a.readerText);
+        request.out = a.out;
+        job = vsdm::MakeBackupJob(request, std::cerr);
+    } catch (const std::exception& e) {
+        std::cerr << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitUsage;
+    }
+    vsdm::RunOptions options;
+    return RunOne(a, job, options, std::cerr);
+}
+
 int Run(int argc, char** argv) {
     Args a;
     if (const int status = Parse(argc, argv, a); status != kGoOn) return status;
-    if (a.demo) {
+    if (a.command.rfind("snapshot ", 0) == 0) return RunSnapshotCommand(a);
+    if (a.command == "backup") return RunBackup(a);
+    if (a.command == "demo") {
         try {
             return vsdm::RunDemo(a.keep, std::cout);
         } catch (const std::exception& e) {

@@ -59,9 +59,13 @@ public:
 
     void AddClient(unsigned long id, const std::string& name);
     std::optional<unsigned long> ClientId(const std::string& name) const;
+    std::optional<std::string> ClientName(unsigned long id) const;
 
     void AddApplication(const AppRecord& app);
     std::optional<AppRecord> Application(unsigned long appId1, unsigned long appId2) const;
+    // The application whose second id is `appId2` (the one an archive file names), the
+    // lowest first id first.
+    std::optional<AppRecord> ApplicationWithId2(unsigned long appId2) const;
 
     // Appends a credential record to an application; the password is given in clear and
     // stored encrypted.
@@ -90,6 +94,8 @@ public:
 
     void AddCopy(unsigned long archGroupId, unsigned long copyId, unsigned long precedence);
     std::optional<unsigned long> CopyPrecedence(unsigned long archGroupId, unsigned long copyId) const;
+    // The copy of the lowest precedence: (archive group id, copy id).
+    std::optional<std::pair<unsigned long, unsigned long>> FirstCopy() const;
 
     const std::string& Path() const { return m_path; }
 

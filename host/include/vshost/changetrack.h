@@ -67,6 +67,9 @@ struct JobDisk {
 };
 VS_HOST_API void RecordJobDisk(int64_t jobId, const JobDisk& disk);
 VS_HOST_API std::vector<JobDisk> JobDisks(int64_t jobId);
+// Every disk any job completed, each with the change id of its latest completion: what
+// an incremental of the newest state reads against.
+VS_HOST_API std::vector<JobDisk> LatestDisks();
 
 // What a job records as each disk completes (the disk, and the digests of the pass that
 // just covered it), gathered and written to the catalog in one transaction: a durable
