@@ -31,13 +31,8 @@ protected:
 
     // A reader of the sample's job, initialised, with the sample's list pre-opened.
     void Ready(Probe& r, int instanceType = 102, int mountType = 0) {
-        ASSERT_EQ(r.Initialize(), 0);
-        r.setShortClientName(sample.mediaAgentName.c_str());
-        r.setVSInstanceType(static_cast<VirtualServerInstanceType>(instanceType));
+        vstest::PrepareOnSample(r, sample, instanceType);
         r.setMountType(static_cast<MountType>(mountType));
-        ASSERT_EQ(r.SetSnapEngineID(sample.snapEngineId), 0);
-        std::string list = sample.afileList;
-        ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
     }
     int Open(Probe& r, uint64_t afileId) { return vstest::OpenSampleArchiveFile(r, sample, kJob, afileId); }
     std::vector<VMInfoStructs::SDisk> Disks(Probe& r, DataReaderVMCtx& vm) {
