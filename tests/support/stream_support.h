@@ -129,12 +129,17 @@ inline StreamView ViewBytes(const std::string& bytes) {
     StreamView v{DecodeBytes(bytes), {}};
     for (const Decoded& d : v.decoded.records) {
         const auto& body = d.record.body;
+        const auto open = [&](const std::string& path) {
+            v.entries.emplace_back();
+            v.entries.back().head = d.record;
+            v.entries.back().path = path;
+        };
         if (auto* f = std::get_if<vshost::FileHeaderRecord>(&body)) {
-            v.entries.push_back({d.record, f->path});
+            open(f->path);
         } else if (auto* c = std::get_if<vshost::CollectionHeaderRecord>(&body)) {
-            v.entries.push_back({d.record, c->path});
+            open(c->path);
         } else if (auto* l = std::get_if<vshost::FileLevelRecord>(&body)) {
-            v.entries.push_back({d.record, l->info.clientPath});
+            open(l->info.clientPath);
         } else if (v.entries.empty()) {
             continue;
         } else if (d.record.kind == vshost::stream::Kind::Data) {

@@ -107,8 +107,7 @@ TEST_F(Extents, WholeVMRoundTripsWithHolesAndChangeIds) {
         // Only extents with data are in the stream, and zeros never go out as data.
         EXPECT_LT(ExtentCount(s, "\\" + guid + "\\" + disk.name), source.size() / kExtent / 2);
     }
-    for (const Entry& e : s.entries)
-        if (e.holeBytes == 0 && !e.content.empty()) EXPECT_FALSE(AllZero(e.content)) << e.path;
+    for (const Entry& e : s.entries) EXPECT_FALSE(!e.holeBytes && !e.content.empty() && AllZero(e.content)) << e.path;
     // The allocated run of zeros at 6 MiB of the first disk is a hole of full length.
     std::string name;
     ExtentNameConverter::GetFilePath((6ull << 20) / kExtent, name);

@@ -245,12 +245,12 @@ TEST_F(FileCollections, ItemForms) {
 }
 
 TEST_F(FileCollections, FailuresEndTheDisk) {
-    // Each fault of the file collection: the item fails, the failing node (the last) is
-    // closed as incomplete or never opened, and the disk is not marked read.
+    // Each fault of the file collection: the item fails, the stream stays whole, and the
+    // disk is not marked read; a node that failed is closed as incomplete.
     const struct {
         const char *fault, *value, *stream;
         std::vector<std::string> lines;
-        size_t nodes;  // 0: not checked
+        size_t nodes;  // in the stream
     } cases[] = {
         // A buffer that cannot be had closes the node and ends the disk there: the disk,
         // "etc", "etc\hostname".
@@ -262,7 +262,7 @@ TEST_F(FileCollections, FailuresEndTheDisk) {
          "noread.bin",
          {"Failed to backup file collection fs01.vmdk due to file collection [fs01.vmdk]",
           "Input/output error (errno 5)", "was left open; ended as incomplete"},
-         0},
+         3},
         {"NextNode", "5", "nonext.bin", {"Failed to get next node during backing up file collection."}, 1},
         {"Open",
          "13",
@@ -278,11 +278,15 @@ TEST_F(FileCollections, FailuresEndTheDisk) {
         const StreamView s = ViewFile(home.sub(c.stream));
         EXPECT_EQ(s.decoded.state, vshost::StreamReader::State::Complete) << c.fault;
         EXPECT_TRUE(s.All<vshost::DiskReadCompletedRecord>().empty()) << c.fault;
-        const auto nodes = Nodes(s);
-        if (c.nodes) EXPECT_EQ(nodes.size(), c.nodes) << c.fault;
-        if (nodes.size() > 1) EXPECT_TRUE(nodes.back()->ended && !nodes.back()->complete) << c.fault;
+        EXPECT_EQ(Nodes(s).size(), c.nodes) << c.fault;
     }
-    EXPECT_EQ(Nodes(ViewFile(home.sub("nobuffer.bin"))).back()->path, "\\" + guid + "\\fs01.vmdk\\etc\\hostname");
+    for (const char* stream : {"nobuffer.bin", "noread.bin"}) {
+        const StreamView s = ViewFile(home.sub(stream));
+        const auto nodes = Nodes(s);
+        ASSERT_FALSE(nodes.empty());
+        EXPECT_EQ(nodes.back()->path, "\\" + guid + "\\fs01.vmdk\\etc\\hostname") << stream;
+        EXPECT_TRUE(nodes.back()->ended && !nodes.back()->complete) << stream;
+    }
 
     // A stream that cannot be written: the batch holding archive.bin's data is the first
     // to reach the disk, so the five nodes before it are all that got done.
