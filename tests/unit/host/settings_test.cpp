@@ -26,9 +26,6 @@ TEST(HomeTest, LayoutSettingsFileAndSave) {
     vshost::OpenHome(home.path());
     for (const char* dir : {"keys", "IndexCache", "JobResults", "Log Files"})
         EXPECT_TRUE(CQiPath::IsDirectory(home.sub(dir))) << dir;
-    struct stat sb {};
-    ASSERT_EQ(stat(home.sub("keys").c_str(), &sb), 0);
-    EXPECT_EQ(sb.st_mode & 07777, 0700u);
     EXPECT_EQ(Get("Host", "sPhysicalMachine"), "ma01");
     EXPECT_EQ(Get("Host", "sEmpty"), "");
     EXPECT_EQ(Get("host", "sPhysicalMachine"), "<absent>");  // case-sensitive

@@ -56,46 +56,4 @@ TEST_F(SnapMountPath, ConfiguredProxyEsxWinsForLaterCallersToo) {
     EXPECT_TRUE(log.Contains("DataReaderVSBase::getSnapMountPath: Proxy ESX:[esx-proxy] found in the registry"));
 }
 
-// The whole flow with a real stored password: the clear text reaches the VM-info library
-// (its length shows) but never a log line or any file of the home (the home checks that
-// when it is removed); the stored form does.
-TEST_F(SnapMountPath, ClearPasswordNeverReachesTheLog) {
-    const std::string plain = vstest::Secret("Tr0ub4dor&3");
-    vshost::Catalog catalog;
-    vshost::AppRecord app;
-    app.appId1 = 3;
-    app.appId2 = 9;
-    app.instanceType = 100;
-    app.serverHostName = "vc1";
-    catalog.AddApplication(app);
-    SHostCredentials creds;
-    creds.sServer = "vc1";
-    creds.sUser = "admin";
-    creds.sPassword = plain;
-    catalog.AddCredential(3, 9, creds);
-    const std::string stored = vsAppMgr::encryptPassword(plain);
-    vshost::JobDescription job;
-    job.jobId = 4711;
-    job.taskOptions = {{77, "vc1"}, {82, "esx7"}, {75, "admin"}, {76, stored}};
-    vshost::RegisterJob(job);
-
-    Probe r(&event, 4711);
-    r.setVSInstanceType(static_cast<VirtualServerInstanceType>(100));
-    r.m_bSnapRestore = false;
-    ASSERT_EQ(r.Initialize(), 0);
-    DMInitParams init;
-    init.appId1 = 3;
-    init.appId2 = 9;
-    ASSERT_EQ(r.OpenArchiveFile(init, DMOpenArchiveParams{}), 0);  // connects with the clear password
-    const std::string path = r.getSnapMountPath();
-    r.PrintSnapMountPath(path);
-    vshost::UnregisterJob(4711);
-    m_ProxyDecryptedPassword.clear();
-
-    EXPECT_EQ(path, "{vcname:vc1,esxname:esx7,username:admin,password:" + stored + "}");
-    EXPECT_TRUE(log.Contains("password length [" + std::to_string(plain.size()) + "]"));
-    EXPECT_TRUE(log.Contains("Encrypted Password:[" + stored + "]"));
-    EXPECT_TRUE(log.Contains("User:[admin][" + std::to_string(stored.size()) + "]"));
-}
-
 }  // namespace
