@@ -158,18 +158,6 @@ TEST_F(Extents, IncrementalCarriesOnlyChangesAndResumeCompletesAStoppedDisk) {
         const vssample::SampleDisk& d = later.vm("web01").disks[i];
         EXPECT_TRUE(Disk(incr, guid, d.name, Disk(full, guid, d.name)) == SourceDisk(d.path)) << d.name;
     }
-    // The same through vsstream: a fresh restore, then the incremental onto it.
-    const std::string dir = home.sub("restored");
-    ASSERT_EQ(Tool(home, "restore " + home.sub("full.bin") + " --to " + dir).code, 0);
-    struct stat st {};
-    ASSERT_EQ(::stat((dir + "/" + guid + "/web01.vmdk").c_str(), &st), 0);
-    EXPECT_LT(static_cast<uint64_t>(st.st_blocks) * 512, static_cast<uint64_t>(st.st_size) / 2);  // holes stay holes
-    EXPECT_EQ(ReadFile(dir + "/" + guid + "/web01.vmx"), ReadFile(web.folder + "/web01.vmx"));
-    EXPECT_EQ(ReadFile(dir + "/" + guid + "/web01.vmdk.changeid"), ids["web01.vmdk"] + "\n");
-    ASSERT_EQ(Tool(home, "restore " + home.sub("incr.bin") + " --onto " + dir).code, 0);
-    for (const vssample::SampleDisk& d : later.vm("web01").disks)
-        EXPECT_TRUE(ReadFile(dir + "/" + guid + "/" + d.name) == SourceDisk(d.path)) << d.name;
-
     // A job stopped after two extents; the next attempt resumes where it stopped.
     event.setAfterPolls(3);
     EXPECT_EQ(Run({{guid, DiskOptions({})}}, "stopped.bin"), std::vector<int>{~0});
