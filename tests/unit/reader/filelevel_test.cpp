@@ -56,17 +56,25 @@ protected:
     }
     void TearDown() override { VMLivebrowse::UnmountAll(); }
 
-    // One item as the data mover drives it; the first failing step's result.
-    unsigned Item(FileLevelProbe& r, const std::string& snapPath, const std::string& clientPath, int filter = 0,
-                  std::string* collect = nullptr) {
-        if (unsigned rc = r.OnSnapSrcPath(snapPath.c_str()); rc != 0) return rc;
+    // An item's volume mounted and its files listed: the collect file, or "" with `rc` set.
+    std::string List(FileLevelProbe& r, const std::string& snapPath, const std::string& clientPath, int filter,
+                     unsigned& rc) {
+        std::string out;
+        if ((rc = r.OnSnapSrcPath(snapPath.c_str())) != 0) return out;
         FSRSnapSrcPath item;
         item.fileFilterCount = filter;
         item.sClientPath = clientPath;
-        std::string out;
-        if (unsigned rc = r.CreateListOfFilesToRead(item, out); rc != 0) return rc;
-        if (collect) *collect = ReadFile(out);
-        return r.SendFiles(out.c_str());
+        rc = r.CreateListOfFilesToRead(item, out);
+        return out;
+    }
+    // One item as the data mover drives it; the first failing step's result.
+    unsigned Item(FileLevelProbe& r, const std::string& snapPath, const std::string& clientPath, int filter = 0,
+                  std::string* collect = nullptr) {
+        unsigned rc = 0;
+        const std::string list = List(r, snapPath, clientPath, filter, rc);
+        if (rc != 0) return rc;
+        if (collect) *collect = ReadFile(list);
+        return r.SendFiles(list.c_str());
     }
 
     vstest::TempHome home;
@@ -221,11 +229,9 @@ TEST_F(FileLevel, ACollectFileThatCannotBeWrittenFailsTheItem) {
         FileLevelProbe r(&event);
         OpenOnSample(r, sample, kJob);
         r.m_sCollectFileName = full;
-        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
-        FSRSnapSrcPath item;
-        item.sClientPath = vm + "\\" + volC + "/Windows";
-        std::string out;
-        EXPECT_EQ(r.CreateListOfFilesToRead(item, out), ~0u);
+        unsigned rc = 0;
+        List(r, vm + "\\" + volC, vm + "\\" + volC + "/Windows", 0, rc);
+        EXPECT_EQ(rc, ~0u);
         EXPECT_EQ(log.Count("Failed to write the list of files to [" + full + "], errno [28]."), 1u);
     }
     // A walk longer than the list's buffer meets the full disk inside the walk.
@@ -310,50 +316,42 @@ TEST_F(FileLevel, VolumeKeysFromTheMountInformation) {
     }
 }
 
-TEST_F(FileLevel, FailedFilesAreMarkedAndTheRestStillGoes) {
-    const std::string stream = home.sub("partial.bin");
+// A file that vanished between listing and sending is marked failed and the rest still
+// goes; a stop between files leaves the rest unsent.
+TEST_F(FileLevel, FailedFilesAreMarkedAndAStopLeavesTheRestUnsent) {
+    const std::string vol = vm + "\\" + volC;
+    unsigned rc = 0;
     {
-        FileLevelProbe r(&event, stream);
+        FileLevelProbe r(&event, home.sub("partial.bin"));
         OpenOnSample(r, sample, kJob);
-        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
-        FSRSnapSrcPath item;
-        item.sClientPath = vm + "\\" + volC;
-        std::string collect;
-        ASSERT_EQ(r.CreateListOfFilesToRead(item, collect), 0u);
-        // A list with a file that vanished between listing and sending, then a good one.
-        std::ofstream(collect) << vm << "\\" << volC << "/gone.txt\n" << vm << "\\" << volC << "/Windows/win.ini\n";
+        const std::string collect = List(r, vol, vol, 0, rc);
+        ASSERT_EQ(rc, 0u);
+        std::ofstream(collect) << vol << "/gone.txt\n" << vol << "/Windows/win.ini\n";
         EXPECT_EQ(r.SendFiles(collect.c_str()), 0u);
         r.Close();
     }
-    const StreamView d = ViewFile(stream);
-    const Entry* gone = d.Find(vm + "\\" + volC + "/gone.txt");
+    const StreamView d = ViewFile(home.sub("partial.bin"));
+    const Entry* gone = d.Find(vol + "/gone.txt");
     ASSERT_TRUE(gone);
     EXPECT_TRUE(gone->ended && !gone->complete && gone->content.empty());
-    const Entry* ini = d.Find(vm + "\\" + volC + "/Windows/win.ini");
+    const Entry* ini = d.Find(vol + "/Windows/win.ini");
     ASSERT_TRUE(ini);
     EXPECT_TRUE(ini->complete);
     EXPECT_EQ(ini->content, ReadFile(folderC / "Windows/win.ini"));
-}
-
-TEST_F(FileLevel, StopBetweenFilesLeavesTheRestUnsent) {
-    const std::string stream = home.sub("stopped.bin");
     {
-        FileLevelProbe r(&event, stream);
+        FileLevelProbe r(&event, home.sub("stopped.bin"));
         OpenOnSample(r, sample, kJob);
-        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
-        FSRSnapSrcPath item;
-        item.sClientPath = vm + "\\" + volC;
-        std::string collect;
-        ASSERT_EQ(r.CreateListOfFilesToRead(item, collect), 0u);
+        const std::string collect = List(r, vol, vol, 0, rc);
+        ASSERT_EQ(rc, 0u);
         // The volume folder, then Users: the stop comes on the third file's poll.
         event.setAfterPolls(3);
         EXPECT_EQ(r.SendFiles(collect.c_str()), ~0u);
         EXPECT_TRUE(log.Contains("DataReaderVMware::isStopSignaled: Stop signaled by FsRestoreHead."));
         r.Close();
     }
-    const StreamView d = ViewFile(stream);
-    EXPECT_EQ(Count(d, 'R'), 2u);
-    EXPECT_EQ(Count(d, 'G'), 0u);
+    const StreamView stopped = ViewFile(home.sub("stopped.bin"));
+    EXPECT_EQ(Count(stopped, 'R'), 2u);
+    EXPECT_EQ(Count(stopped, 'G'), 0u);
 }
 
 TEST_F(FileLevel, BrokenStreamFailsTheBackup) {
