@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -27,7 +28,10 @@ inline std::string ReadFile(const std::string& path) {
     return s.str();
 }
 
+// Its folder made first when missing.
 inline void WriteFile(const std::string& path, const std::string& bytes) {
+    if (const auto dir = std::filesystem::path(path).parent_path(); !dir.empty())
+        std::filesystem::create_directories(dir);
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
@@ -70,6 +74,90 @@ inline DecodeResult DecodeBytes(const std::string& bytes) {
     DecodeResult r = DecodeFd(fd);
     close(fd);
     return r;
+}
+
+// One entry of a stream: the record that opens it, then its data up to its end-of-file.
+struct Entry {
+    vshost::StreamRecord head;  // a file, collection or file-level header, or a folder entry
+    std::string path;           // the header's path, or the file-level client path
+    std::string content;        // data, holes as zeros, in stream order
+    uint64_t holeBytes = 0;
+    size_t largestPiece = 0;  // the largest data record
+    bool ended = false, complete = false;
+
+    template <typename R>
+    const R& As() const {
+        return std::get<R>(head.body);
+    }
+};
+
+// A stream decoded whole: every record in order, and the entries they make.
+struct StreamView {
+    DecodeResult decoded;
+    std::vector<Entry> entries;
+
+    const Entry* Find(const std::string& path) const {
+        for (const Entry& e : entries)
+            if (e.path == path) return &e;
+        return nullptr;
+    }
+    // Every record of one kind, in stream order (not data: its bytes live in the entries).
+    template <typename R>
+    std::vector<R> All() const {
+        std::vector<R> out;
+        for (const Decoded& d : decoded.records)
+            if (auto* r = std::get_if<R>(&d.record.body)) out.push_back(*r);
+        return out;
+    }
+    // One letter a record: Stream header, Identity, File header, coLlection header,
+    // file-level header (G), diRectory entry, Data, Hole, End of file, disk iNfo,
+    // Volume header, disk read Completed, vM read completed, Trailer.
+    std::string Kinds() const {
+        using K = vshost::stream::Kind;
+        static const std::map<K, char> letters = {
+            {K::StreamHeader, 'S'},    {K::Identity, 'I'},       {K::FileHeader, 'F'},   {K::CollectionHeader, 'L'},
+            {K::FileLevelHeader, 'G'}, {K::DirectoryEntry, 'R'}, {K::Data, 'D'},         {K::Hole, 'H'},
+            {K::EndOfFile, 'E'},       {K::DiskInfo, 'N'},       {K::VolumeHeader, 'V'}, {K::DiskReadCompleted, 'C'},
+            {K::VMReadCompleted, 'M'}, {K::Trailer, 'T'}};
+        std::string out;
+        for (const Decoded& d : decoded.records) out += letters.count(d.record.kind) ? letters.at(d.record.kind) : '?';
+        return out;
+    }
+};
+
+inline StreamView ViewBytes(const std::string& bytes) {
+    StreamView v{DecodeBytes(bytes), {}};
+    for (const Decoded& d : v.decoded.records) {
+        const auto& body = d.record.body;
+        const auto open = [&](const std::string& path) {
+            v.entries.emplace_back();
+            v.entries.back().head = d.record;
+            v.entries.back().path = path;
+        };
+        if (auto* f = std::get_if<vshost::FileHeaderRecord>(&body)) {
+            open(f->path);
+        } else if (auto* c = std::get_if<vshost::CollectionHeaderRecord>(&body)) {
+            open(c->path);
+        } else if (auto* l = std::get_if<vshost::FileLevelRecord>(&body)) {
+            open(l->info.clientPath);
+        } else if (v.entries.empty()) {
+            continue;
+        } else if (d.record.kind == vshost::stream::Kind::Data) {
+            v.entries.back().content += d.bytes;
+            v.entries.back().largestPiece = std::max(v.entries.back().largestPiece, d.bytes.size());
+        } else if (auto* h = std::get_if<vshost::HoleRecord>(&body)) {
+            v.entries.back().content.append(h->length, '\0');
+            v.entries.back().holeBytes += h->length;
+        } else if (auto* eof = std::get_if<vshost::EndOfFileRecord>(&body)) {
+            v.entries.back().ended = true;
+            v.entries.back().complete = eof->complete;
+        }
+    }
+    return v;
+}
+
+inline StreamView ViewFile(const std::string& path) {
+    return ViewBytes(ReadFile(path));
 }
 
 // A writer attached to a new stream file, as a reader's Initialize leaves it.

@@ -39,8 +39,8 @@ struct Plugin {
 
 // A copy of the plug-in in a folder of its own, beside whichever VM-info library the
 // test puts there (or none).
-std::string Install(const vstest::TempHome& home, const std::string& vminfo) {
-    const fs::path dir = fs::path(home.path()) / "install" / "lib";
+std::string Install(const vstest::TempHome& home, const std::string& folder, const std::string& vminfo) {
+    const fs::path dir = fs::path(home.path()) / folder / "lib";
     fs::create_directories(dir);
     fs::copy_file(VS_PLUGIN_PATH, dir / "libvsdatareader.so");
     if (!vminfo.empty()) fs::copy_file(vminfo, dir / "libVMInfo.so");
@@ -91,42 +91,36 @@ TEST(Plugin, FactoriesMakeReadersThatLogUnderTheirTags) {
     EXPECT_FALSE(log.Contains("LoadLibrary"));
 }
 
-TEST(Plugin, MissingVMInfoLibraryIsReportedAndOpenFails) {
+// A VM-info library that is missing, then one without its entry points, each beside its
+// own copy of the plug-in (nothing is loaded by the first, so the second finds its own):
+// the reader initialises, says why, and every open fails.
+TEST(Plugin, AMissingOrBrokenVMInfoLibraryIsReportedAndOpensFail) {
     vstest::TempHome home;
     vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");  // only lines that must appear
     vshost::LogCapture log;
     KtEvent event;
     vshost::Catalog().AddApplication(vshost::AppRecord{});
-    Plugin plugin(Install(home, ""));
-    ASSERT_NE(plugin.handle, nullptr) << dlerror();
-    auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
-    auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    std::unique_ptr<DataReaderVSBase> reader(make(pipe.get(), &event, 7));
-
-    EXPECT_EQ(reader->Initialize(), 0);  // not fatal here
-    EXPECT_TRUE(log.Contains("DataReaderVSBase::LoadVMInfoDLL: ERROR: LoadLibrary(libVMInfo.so) failed! Err=0x"));
-    EXPECT_TRUE(log.Contains("Failed to dynamically load VMInfo library."));
-
-    // Every later create tries again, fails, and the open fails with it.
-    EXPECT_EQ(reader->OpenArchiveFile(DMInitParams{}, DMOpenArchiveParams{}), -1);
-    EXPECT_EQ(log.Count("LoadLibrary(libVMInfo.so) failed!"), 2u);
-}
-
-TEST(Plugin, VMInfoLibraryWithoutEntryPointsIsReported) {
-    vstest::TempHome home;
-    vshost::LogCapture log;
-    KtEvent event;
-    vshost::Catalog().AddApplication(vshost::AppRecord{});
-    Plugin plugin(Install(home, VS_FIXTURE_NO_ENTRY_POINTS));
-    ASSERT_NE(plugin.handle, nullptr) << dlerror();
-    auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
-    auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    std::unique_ptr<DataReaderVSBase> reader(make(pipe.get(), &event, 7));
-
-    EXPECT_EQ(reader->Initialize(), 0);
-    EXPECT_EQ(reader->OpenArchiveFile(DMInitParams{}, DMOpenArchiveParams{}), -1);
-    EXPECT_TRUE(log.Contains(
-        "DataReaderVSBase::CreateIVMInfoObject: ERROR: Could not map proc address CreateVMInfoObject in VMInfo.dll Err=0x"));
+    const struct {
+        const char *folder, *library, *line;
+        size_t times;  // a missing library is looked for at the initialisation and again at the open
+    } cases[] = {
+        {"missing", "", "DataReaderVSBase::LoadVMInfoDLL: ERROR: LoadLibrary(libVMInfo.so) failed! Err=0x", 2},
+        {"broken", VS_FIXTURE_NO_ENTRY_POINTS,
+         "DataReaderVSBase::CreateIVMInfoObject: ERROR: Could not map proc address CreateVMInfoObject in VMInfo.dll Err=0x",
+         1},
+    };
+    for (const auto& c : cases) {
+        Plugin plugin(Install(home, c.folder, c.library));
+        ASSERT_NE(plugin.handle, nullptr) << dlerror();
+        auto make = plugin.Resolve<CreateDataReaderVSExtentFn>("CreateDataReaderVSExtent");
+        auto pipe = CPipelayer::OpenFd(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        std::unique_ptr<DataReaderVSBase> reader(make(pipe.get(), &event, 7));
+        log.Clear();
+        EXPECT_EQ(reader->Initialize(), 0) << c.folder;  // not fatal here
+        EXPECT_EQ(reader->OpenArchiveFile(DMInitParams{}, DMOpenArchiveParams{}), -1) << c.folder;
+        EXPECT_EQ(log.Count(c.line), c.times) << c.folder;
+        EXPECT_EQ(log.Count("Failed to dynamically load VMInfo library."), c.times - 1) << c.folder;
+    }
 }
 
 }  // namespace

@@ -104,26 +104,13 @@ TEST(JobFile, RegisteredJobAnswersTaskEventAndJobOptions) {
     EXPECT_FALSE(jobMgr.LoadJobOptions());
 }
 
-// The password tool reads standard input and prints a form this home decrypts.
-TEST(PasswordTool, StoredFormDecryptsUnderTheHomesKey) {
+// The password tool's stored form is used by whole jobs (tests/e2e/vsdm); here: nothing
+// on standard input is refused.
+TEST(PasswordTool, AnEmptyPasswordIsRefused) {
     vstest::TempHome home;
-    const std::string command =
-        std::string("printf '%s' 'p@ss word' | ") + VS_PASSWD_TOOL + " --home '" + home.path() + "'";
-    FILE* out = popen(command.c_str(), "r");
-    ASSERT_NE(out, nullptr);
-    char line[512] = {};
-    ASSERT_NE(fgets(line, sizeof line, out), nullptr);
-    EXPECT_EQ(pclose(out), 0);
-    std::string stored(line);
-    while (!stored.empty() && stored.back() == '\n') stored.pop_back();
-    EXPECT_EQ(stored.find("p@ss"), std::string::npos);
-    std::string plain;
-    ASSERT_TRUE(vshost::DecryptSecret(stored, plain));
-    EXPECT_EQ(plain, "p@ss word");
-
-    // Nothing on standard input is refused.
-    const std::string empty = std::string(VS_PASSWD_TOOL) + " --home '" + home.path() + "' < /dev/null 2>/dev/null";
-    EXPECT_NE(std::system(empty.c_str()), 0);
+    EXPECT_NE(
+        std::system((std::string(VS_PASSWD_TOOL) + " --home '" + home.path() + "' < /dev/null 2>/dev/null").c_str()),
+        0);
 }
 
 }  // namespace

@@ -5,9 +5,8 @@
 #include "DataReaderVSFileCollection.h"
 #include "open_sample.h"
 #include "probe.h"
-#include "temp_home.h"
+#include "stream_support.h"
 
-#include "vscodec/streamreader.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
 #include "vssample/sample.h"
@@ -26,6 +25,7 @@
 #include <optional>
 
 namespace fs = std::filesystem;
+using namespace vstest;
 
 namespace {
 
@@ -39,11 +39,6 @@ struct FCProbe : ProbePipe, DataReaderVSFileCollection {
     using DataReaderVSBase::m_pVMInfo;
     using DataReaderVSBase::MountVM;
 };
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // What a folder holds, by node name ("srv\share\a.txt"): content, or nullopt for a folder.
 std::map<std::string, std::optional<std::string>> SourceTree(const std::string& folder) {
@@ -71,65 +66,26 @@ void PreOrder(const fs::path& dir, const std::string& prefix, std::vector<std::s
     }
 }
 
-struct Node {
-    vshost::CollectionHeaderRecord header;
-    std::string data;
-    size_t largestPiece = 0;
-    bool closed = false, complete = false;
-};
+// The collection entries (nodes, the disks' own included), in stream order.
+std::vector<const Entry*> Nodes(const StreamView& s) {
+    std::vector<const Entry*> out;
+    for (const Entry& e : s.entries)
+        if (e.head.kind == vshost::stream::Kind::CollectionHeader) out.push_back(&e);
+    return out;
+}
 
-struct Stream {
-    std::vector<vshost::FileHeaderRecord> files;
-    std::vector<Node> nodes;  // collection headers, the disk's own included
-    std::vector<vshost::DiskReadCompletedRecord> disksDone;
-    vshost::StreamReader::State state = vshost::StreamReader::State::Reading;
-
-    const Node* Find(const std::string& path) const {
-        for (const Node& n : nodes)
-            if (n.header.path == path) return &n;
-        return nullptr;
+// Nodes below `disk`, by their name relative to it: content, or nullopt for a folder.
+std::map<std::string, std::optional<std::string>> Tree(const StreamView& s, const std::string& disk) {
+    std::map<std::string, std::optional<std::string>> out;
+    for (const Entry* n : Nodes(s)) {
+        if (n->path.rfind(disk + "\\", 0) != 0) continue;
+        const std::string name = n->path.substr(disk.size() + 1);
+        if (n->As<vshost::CollectionHeaderRecord>().arg15 & FC_ATTRIBUTE_DIRECTORY)
+            out[name] = std::nullopt;
+        else
+            out[name] = n->content;
     }
-    // Nodes below `disk`, by their name relative to it.
-    std::map<std::string, std::optional<std::string>> Tree(const std::string& disk) const {
-        std::map<std::string, std::optional<std::string>> out;
-        for (const Node& n : nodes) {
-            if (n.header.path.rfind(disk + "\\", 0) != 0) continue;
-            const std::string name = n.header.path.substr(disk.size() + 1);
-            if (n.header.arg15 & FC_ATTRIBUTE_DIRECTORY)
-                out[name] = std::nullopt;
-            else
-                out[name] = n.data;
-        }
-        return out;
-    }
-};
-
-Stream Decode(const std::string& path) {
-    Stream s;
-    const int fd = ::open(path.c_str(), O_RDONLY);
-    vshost::StreamReader reader(fd);
-    vshost::StreamRecord rec;
-    bool inNode = false;
-    while (reader.Next(rec)) {
-        if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body)) {
-            s.files.push_back(*h);
-            inNode = false;
-        } else if (auto* c = std::get_if<vshost::CollectionHeaderRecord>(&rec.body)) {
-            s.nodes.push_back(Node{*c, {}, 0, false, false});
-            inNode = true;
-        } else if (auto* d = std::get_if<vshost::DataRecord>(&rec.body); d && inNode) {
-            s.nodes.back().data += std::string(d->bytes);
-            s.nodes.back().largestPiece = std::max(s.nodes.back().largestPiece, d->bytes.size());
-        } else if (auto* e = std::get_if<vshost::EndOfFileRecord>(&rec.body); e && inNode) {
-            s.nodes.back().closed = true;
-            s.nodes.back().complete = e->complete;
-        } else if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&rec.body)) {
-            s.disksDone.push_back(*done);
-        }
-    }
-    s.state = reader.state();
-    ::close(fd);
-    return s;
+    return out;
 }
 
 class FileCollections : public ::testing::Test {
@@ -143,33 +99,15 @@ protected:
     // The reader prepared as the data mover prepares it, archive files open.
     std::unique_ptr<FCProbe> Open(const std::string& stream) {
         auto r = std::make_unique<FCProbe>(&event, stream.empty() ? "/dev/null" : stream);
-        EXPECT_EQ(r->Initialize(), 0);
-        r->setShortClientName(sample.mediaAgentName.c_str());
-        r->setVSInstanceType(static_cast<VirtualServerInstanceType>(102));
-        r->SetSnapEngineID(sample.snapEngineId);
-        std::string list = sample.afileList;
-        r->PreOpenArchiveFile(list.data());
-        EXPECT_EQ(vstest::OpenSampleArchiveFile(*r, sample, kJob), 0);
+        OpenOnSample(*r, sample, kJob);
         return r;
     }
-    static int Item(FCProbe& r, const std::string& path, const std::string& options = "") {
-        FSRSnapSrcPath p;
-        p.sSnapSrcPath = path;
-        p.sOptionsXml = options;
-        return r.OnSnapSrcPath(&p);
-    }
-    // One job: the items in order, then every archive file closed and the reader gone.
-    std::vector<int> Run(const std::vector<std::pair<std::string, std::string>>& items, const std::string& stream) {
-        std::vector<int> results;
-        auto r = Open(home.sub(stream));
-        for (const auto& [path, options] : items) results.push_back(Item(*r, path, options));
-        for (size_t i = 0; i < sample.afileIds.size(); ++i) r->Close(1);
-        return results;
+    std::vector<int> Run(const Items& items, const std::string& stream) {
+        FCProbe r(&event, home.sub(stream));
+        return RunJob(r, sample, kJob, items);
     }
     static std::string Options(const std::vector<VirtualServer::SnapSrcPathDiskInfo>& disks) {
-        VirtualServer::SnapSrcPathOptions o;
-        o.diskInfo = disks;
-        return o.Serialize();
+        return DiskOptions(disks, false);
     }
 
     vstest::TempHome home;
@@ -191,33 +129,36 @@ TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
         ASSERT_EQ(::utimensat(AT_FDCWD, e.path().c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << e.path();
     }
     ASSERT_EQ(Run({{guid, ""}}, "full.bin"), std::vector<int>{0});
-    const Stream s = Decode(home.sub("full.bin"));
-    EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
-    vstest::ExpectSampleIdentity(home.sub("full.bin"), sample, kJob, true);
+    const StreamView s = ViewFile(home.sub("full.bin"));
+    EXPECT_EQ(s.decoded.state, vshost::StreamReader::State::Complete);
+    ExpectSampleIdentity(home.sub("full.bin"), sample, kJob, true);
 
     // The VM entry, then each collection disk as a container of its size followed by its
-    // nodes; the raw image of the same VM is no collection and is not read here.
-    ASSERT_EQ(s.files.size(), 1u);
-    EXPECT_EQ(s.files[0].path, "\\" + guid);
+    // nodes, and its completion; the raw image of the same VM is no collection and is
+    // not read here.
+    const auto nodes = Nodes(s);
+    ASSERT_EQ(s.entries.size(), nodes.size() + 1);
+    EXPECT_EQ(s.entries[0].path, "\\" + guid);
     std::vector<std::string> done;
     for (const vssample::SampleDisk& d : sample.vm("fs01").disks) {
         if (d.backupType != 2) continue;
         const std::string disk = "\\" + guid + "\\" + d.name;
-        const Node* head = s.Find(disk);
+        const Entry* head = s.Find(disk);
         ASSERT_TRUE(head) << d.name;
-        EXPECT_TRUE(head->header.container);
-        EXPECT_EQ(head->header.size, d.size);
-        EXPECT_EQ(s.Tree(disk), SourceTree(d.path)) << d.name;
+        EXPECT_TRUE(head->As<vshost::CollectionHeaderRecord>().container);
+        EXPECT_EQ(head->As<vshost::CollectionHeaderRecord>().size, d.size);
+        EXPECT_EQ(Tree(s, disk), SourceTree(d.path)) << d.name;
         done.push_back(d.name);
     }
     EXPECT_EQ(done, (std::vector<std::string>{"fs01.vmdk", "fs01_home"}));
-    ASSERT_EQ(s.disksDone.size(), 2u);
-    EXPECT_EQ(s.disksDone[0].diskName, "fs01.vmdk");
-    EXPECT_EQ(s.disksDone[1].diskName, "fs01_home");
+    const auto completed = s.All<vshost::DiskReadCompletedRecord>();
+    ASSERT_EQ(completed.size(), 2u);
+    EXPECT_EQ(completed[0].diskName, "fs01.vmdk");
+    EXPECT_EQ(completed[1].diskName, "fs01_home");
 
     const std::string disk = "\\" + guid + "\\fs01.vmdk";
     const auto source = SourceTree(folder);
-    ASSERT_EQ(s.nodes[0].header.path, disk);
+    ASSERT_EQ(nodes[0]->path, disk);
     EXPECT_EQ(log.Count("Done sending disk/volume [fs01.vmdk]"), source.size());
 
     // Nodes in a stable order, each closed, its data in pieces of at most 4 KiB, its
@@ -227,11 +168,11 @@ TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
     std::map<std::string, uint64_t> numbers;
     uint64_t offset = 0;
     for (size_t i = 1; i <= source.size(); ++i) {
-        const Node& n = s.nodes[i];
-        const auto& h = n.header;
+        const Entry& n = *nodes[i];
+        const auto& h = n.As<vshost::CollectionHeaderRecord>();
         const std::string name = h.path.substr(disk.size() + 1);
         EXPECT_EQ(name, order.at(i - 1));
-        EXPECT_TRUE(n.closed && n.complete) << name;
+        EXPECT_TRUE(n.ended && n.complete) << name;
         EXPECT_LE(n.largestPiece, 4096u) << name;
         struct stat st {};
         std::string local = name;
@@ -243,14 +184,13 @@ TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
         const size_t cut = name.rfind('\\');
         EXPECT_EQ(h.arg17, cut == std::string::npos ? 0u : numbers.at(name.substr(0, cut))) << name;
         const auto ns = [](const timespec& t) { return static_cast<uint64_t>(t.tv_sec) * 1000000000u + t.tv_nsec; };
-        EXPECT_EQ(h.arg9, st.st_ino) << name;
-        EXPECT_EQ(h.arg12, ns(st.st_ctim)) << name;
-        EXPECT_EQ(h.arg13, ns(st.st_atim)) << name;
-        EXPECT_EQ(h.arg14, ns(st.st_mtim)) << name;
-        EXPECT_EQ(h.arg18, st.st_mode) << name;
-        EXPECT_EQ(h.arg19, st.st_uid) << name;
-        EXPECT_EQ(h.arg20, st.st_gid) << name;
-        EXPECT_EQ(h.arg21, st.st_nlink) << name;
+        EXPECT_EQ(std::tie(h.arg9, h.arg12, h.arg13, h.arg14),
+                  std::make_tuple(static_cast<uint64_t>(st.st_ino), ns(st.st_ctim), ns(st.st_atim), ns(st.st_mtim)))
+            << name;
+        EXPECT_EQ(std::tie(h.arg18, h.arg19, h.arg20, h.arg21),
+                  std::make_tuple(static_cast<uint32_t>(st.st_mode), static_cast<uint32_t>(st.st_uid),
+                                  static_cast<uint32_t>(st.st_gid), static_cast<uint32_t>(st.st_nlink)))
+            << name;
         EXPECT_EQ((h.arg15 & FC_ATTRIBUTE_DIRECTORY) != 0, S_ISDIR(st.st_mode)) << name;
         numbers[name] = i;
         offset += h.size;
@@ -272,82 +212,88 @@ TEST_F(FileCollections, ItemForms) {
     EXPECT_TRUE(log.Contains("Error parsing the VM Guid from the snap source path [" + guid + "\\a\\b\\c]"));
     EXPECT_TRUE(log.Contains("No items sent for [" + guid + "] [nosuch.vmdk]"));
     EXPECT_EQ(log.Count("Sending VM ["), 1u);
-    const Stream s = Decode(home.sub("forms.bin"));
-    EXPECT_EQ(s.Tree("\\" + guid + "\\fs01.vmdk"), SourceTree(folder));  // sent once
-    EXPECT_TRUE(s.Tree("\\" + guid + "\\fs01_home").empty());            // and alone
-    EXPECT_EQ(s.disksDone.size(), 1u);
+    const StreamView s = ViewFile(home.sub("forms.bin"));
+    EXPECT_EQ(Tree(s, "\\" + guid + "\\fs01.vmdk"), SourceTree(folder));  // sent once
+    EXPECT_TRUE(Tree(s, "\\" + guid + "\\fs01_home").empty());            // and alone
+    EXPECT_EQ(s.All<vshost::DiskReadCompletedRecord>().size(), 1u);
 
     // A disk processed in an earlier attempt is counted, not opened and not sent.
     log.Clear();
     EXPECT_EQ(Run({{guid, Options({{"fs01.vmdk", "", "", 1, 0}})}}, "processed.bin"), std::vector<int>{0});
     EXPECT_TRUE(
         log.Contains("OnSnapSrcPath: Disk [fs01.vmdk]: Already processed in a previous attempt of the job? [Yes]"));
-    const Stream p = Decode(home.sub("processed.bin"));
+    const StreamView p = ViewFile(home.sub("processed.bin"));
     EXPECT_FALSE(p.Find("\\" + guid + "\\fs01.vmdk"));
-    EXPECT_EQ(p.Tree("\\" + guid + "\\fs01_home"), SourceTree(sample.vm("fs01").disks[2].path));
+    EXPECT_EQ(Tree(p, "\\" + guid + "\\fs01_home"), SourceTree(sample.vm("fs01").disks[2].path));
 
     // An incremental item finds the disk by its second name and writes it under the first.
     {
         auto r = Open(home.sub("incr.bin"));
-        EXPECT_EQ(Item(*r, guid + "\\fs01.vmdk", Options({{"target.vmdk", "FS01.VMDK", "", 0, 0}})), 0);
+        EXPECT_EQ(RunItems(*r, {{guid + "\\fs01.vmdk", Options({{"target.vmdk", "FS01.VMDK", "", 0, 0}})}}),
+                  std::vector<int>{0});
         EXPECT_TRUE(r->m_bMatchAnyVM);
     }
-    const Stream incr = Decode(home.sub("incr.bin"));
-    EXPECT_EQ(incr.Tree("\\" + guid + "\\target.vmdk"), SourceTree(folder));
-    EXPECT_TRUE(incr.Tree("\\" + guid + "\\fs01.vmdk").empty());
+    const StreamView incr = ViewFile(home.sub("incr.bin"));
+    EXPECT_EQ(Tree(incr, "\\" + guid + "\\target.vmdk"), SourceTree(folder));
+    EXPECT_TRUE(Tree(incr, "\\" + guid + "\\fs01.vmdk").empty());
     // The options' first name is taken even when empty: never the source's own name.
     EXPECT_EQ(Run({{guid + "\\fs01.vmdk", Options({{"", "fs01.vmdk", "", 0, 0}})}}, "unnamed.bin"),
               std::vector<int>{0});
-    const Stream unnamed = Decode(home.sub("unnamed.bin"));
-    ASSERT_EQ(unnamed.disksDone.size(), 1u);
-    EXPECT_EQ(unnamed.disksDone[0].diskName, "");
+    const auto unnamed = ViewFile(home.sub("unnamed.bin")).All<vshost::DiskReadCompletedRecord>();
+    ASSERT_EQ(unnamed.size(), 1u);
+    EXPECT_EQ(unnamed[0].diskName, "");
 }
 
 TEST_F(FileCollections, FailuresEndTheDisk) {
-    // A buffer that cannot be had closes the node as incomplete and ends the disk there.
-    vshost::settings::Set("FileCollectionFaults", "GetBuffer", "-1");
-    EXPECT_EQ(Run({{guid, ""}}, "nobuffer.bin"), std::vector<int>{~0});
-    EXPECT_TRUE(log.Contains("Failed to allocate pipeline buffer"));
-    Stream s = Decode(home.sub("nobuffer.bin"));
-    ASSERT_EQ(s.nodes.size(), 3u);  // the disk, "etc", "etc\hostname"
-    EXPECT_EQ(s.nodes.back().header.path, "\\" + guid + "\\fs01.vmdk\\etc\\hostname");
-    EXPECT_TRUE(s.nodes.back().closed);
-    EXPECT_FALSE(s.nodes.back().complete);
-    EXPECT_TRUE(s.disksDone.empty());
-    vshost::settings::Erase("FileCollectionFaults", "GetBuffer");
-
-    // A failed read leaves the node without an end-of-file from the reader; the writer
-    // ends it as incomplete at the close, and the stream is still whole.
-    vshost::settings::Set("FileCollectionFaults", "Read", "5");
-    EXPECT_EQ(Run({{guid, ""}}, "noread.bin"), std::vector<int>{~0});
-    EXPECT_TRUE(log.Contains("Failed to backup file collection fs01.vmdk due to file collection [fs01.vmdk]"));
-    EXPECT_TRUE(log.Contains("Input/output error (errno 5)"));
-    EXPECT_TRUE(log.Contains("was left open; ended as incomplete"));
-    s = Decode(home.sub("noread.bin"));
-    EXPECT_EQ(s.state, vshost::StreamReader::State::Complete);
-    EXPECT_TRUE(s.nodes.back().closed);
-    EXPECT_FALSE(s.nodes.back().complete);
-    EXPECT_TRUE(s.disksDone.empty());
-    vshost::settings::Erase("FileCollectionFaults", "Read");
-
-    vshost::settings::Set("FileCollectionFaults", "NextNode", "5");
-    EXPECT_EQ(Run({{guid, ""}}, "nonext.bin"), std::vector<int>{~0});
-    EXPECT_TRUE(log.Contains("Failed to get next node during backing up file collection."));
-    EXPECT_EQ(Decode(home.sub("nonext.bin")).nodes.size(), 1u);
-    vshost::settings::Erase("FileCollectionFaults", "NextNode");
-
-    vshost::settings::Set("FileCollectionFaults", "Open", "13");
-    EXPECT_EQ(Run({{guid, ""}}, "noopen.bin"), std::vector<int>{~0});
-    EXPECT_TRUE(log.Contains("Failed to open disk to archive, Err=[file collection [fs01.vmdk]"));
-    EXPECT_TRUE(log.Contains("\nDisk=[fs01.vmdk]\nDiskType=[3]"));
-    vshost::settings::Erase("FileCollectionFaults", "Open");
+    // Each fault of the file collection: the item fails, the stream stays whole, and the
+    // disk is not marked read; a node that failed is closed as incomplete.
+    const struct {
+        const char *fault, *value, *stream;
+        std::vector<std::string> lines;
+        size_t nodes;  // in the stream
+    } cases[] = {
+        // A buffer that cannot be had closes the node and ends the disk there: the disk,
+        // "etc", "etc\hostname".
+        {"GetBuffer", "-1", "nobuffer.bin", {"Failed to allocate pipeline buffer"}, 3},
+        // A failed read leaves the node without an end-of-file from the reader; the
+        // writer ends it as incomplete at the close, and the stream is still whole.
+        {"Read",
+         "5",
+         "noread.bin",
+         {"Failed to backup file collection fs01.vmdk due to file collection [fs01.vmdk]",
+          "Input/output error (errno 5)", "was left open; ended as incomplete"},
+         3},
+        {"NextNode", "5", "nonext.bin", {"Failed to get next node during backing up file collection."}, 1},
+        {"Open",
+         "13",
+         "noopen.bin",
+         {"Failed to open disk to archive, Err=[file collection [fs01.vmdk]", "\nDisk=[fs01.vmdk]\nDiskType=[3]"},
+         0},
+    };
+    for (const auto& c : cases) {
+        vshost::settings::Set("FileCollectionFaults", c.fault, c.value);
+        EXPECT_EQ(Run({{guid, ""}}, c.stream), std::vector<int>{~0}) << c.fault;
+        vshost::settings::Erase("FileCollectionFaults", c.fault);
+        for (const std::string& line : c.lines) EXPECT_TRUE(log.Contains(line)) << line;
+        const StreamView s = ViewFile(home.sub(c.stream));
+        EXPECT_EQ(s.decoded.state, vshost::StreamReader::State::Complete) << c.fault;
+        EXPECT_TRUE(s.All<vshost::DiskReadCompletedRecord>().empty()) << c.fault;
+        EXPECT_EQ(Nodes(s).size(), c.nodes) << c.fault;
+    }
+    for (const char* stream : {"nobuffer.bin", "noread.bin"}) {
+        const StreamView s = ViewFile(home.sub(stream));
+        const auto nodes = Nodes(s);
+        ASSERT_FALSE(nodes.empty());
+        EXPECT_EQ(nodes.back()->path, "\\" + guid + "\\fs01.vmdk\\etc\\hostname") << stream;
+        EXPECT_TRUE(nodes.back()->ended && !nodes.back()->complete) << stream;
+    }
 
     // A stream that cannot be written: the batch holding archive.bin's data is the first
     // to reach the disk, so the five nodes before it are all that got done.
     log.Clear();
     {
         auto r = Open("/dev/full");
-        EXPECT_EQ(Item(*r, guid), ~0);
+        EXPECT_EQ(RunItems(*r, {{guid, ""}}), std::vector<int>{~0});
     }
     EXPECT_TRUE(log.Contains("Failed to send pipeline data buffer for file [fs01.vmdk]"));
     EXPECT_FALSE(log.Contains("Failed to allocate pipeline buffer"));
@@ -358,7 +304,7 @@ TEST_F(FileCollections, StopBetweenNodesEndsTheItemAndLeavesTheLastClose) {
     auto r = Open(home.sub("stopped.bin"));
     event.setAfterPolls(3);
     ASSERT_EQ(r->m_afileRefCount, 2);
-    EXPECT_EQ(Item(*r, guid), 0);
+    EXPECT_EQ(RunItems(*r, {{guid, ""}}), std::vector<int>{0});
     EXPECT_TRUE(log.Contains("Received job interruption flag..."));
     EXPECT_EQ(r->m_afileRefCount, 1);
     EXPECT_EQ(r->Close(1), 0);  // the one close left unmounts
@@ -366,18 +312,17 @@ TEST_F(FileCollections, StopBetweenNodesEndsTheItemAndLeavesTheLastClose) {
     r.reset();
     // Two nodes of the first disk; the next disk stops before its first node.
     size_t nodes = 0;
-    const Stream s = Decode(home.sub("stopped.bin"));
-    for (const Node& n : s.nodes) nodes += n.header.container ? 0 : 1;
+    const StreamView s = ViewFile(home.sub("stopped.bin"));
+    for (const Entry* n : Nodes(s)) nodes += n->As<vshost::CollectionHeaderRecord>().container ? 0 : 1;
     EXPECT_EQ(nodes, 2u);
     // Neither collection was read to its end: neither disk is marked read or recorded,
     // and the stream tool says so.
-    EXPECT_TRUE(s.disksDone.empty());
+    EXPECT_TRUE(s.All<vshost::DiskReadCompletedRecord>().empty());
     EXPECT_TRUE(vshost::changetrack::JobDisks(kJob).empty());
     EXPECT_TRUE(log.Contains("is not marked read: its file collection was not read to its end"));
-    const std::string out = home.sub("verify.out");
-    EXPECT_EQ(std::system(("'" VS_STREAM_TOOL "' verify " + home.sub("stopped.bin") + " >" + out).c_str()),
-              2 << 8);  // exit 2
-    EXPECT_NE(ReadFile(out).find(": incomplete, the reader did not finish it"), std::string::npos) << ReadFile(out);
+    const ToolRun verify = Tool(home, "verify " + home.sub("stopped.bin"));
+    EXPECT_EQ(verify.code, 2);
+    EXPECT_NE(verify.out.find(": incomplete, the reader did not finish it"), std::string::npos) << verify.out;
 }
 
 TEST_F(FileCollections, CollectionWalksWithoutFollowingLinksAndNoticesChanges) {

@@ -3,10 +3,8 @@
 // stream decoded and restored.
 #include "open_sample.h"
 #include "probe.h"
-#include "temp_home.h"
+#include "stream_support.h"
 
-#include "DataReaderVMware.h"
-#include "vscodec/streamreader.h"
 #include "vshost/home.h"
 #include "vssample/sample.h"
 
@@ -21,6 +19,7 @@
 #include <map>
 
 namespace fs = std::filesystem;
+using namespace vstest;
 
 namespace {
 
@@ -40,59 +39,9 @@ struct FileLevelProbe : ProbePipe, DataReaderVMware {
     using DataReaderVSBase::m_bSnapRestore;
 };
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void WriteFile(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-// What a stream holds, entry by entry: client path, whether its end was good, its data.
-struct FileEntry {
-    vsFileLevelInfo info;
-    std::string data;
-    bool complete = false;
-    bool ended = false;
-};
-
-struct Decoded {
-    std::map<std::string, FileEntry> files;
-    std::vector<std::string> folders;
-    std::string raw;
-    size_t endsOfFile = 0;
-    vshost::StreamReader::State state = vshost::StreamReader::State::Reading;
-};
-
-Decoded Decode(const std::string& path) {
-    Decoded d;
-    d.raw = ReadFile(path);
-    const int fd = ::open(path.c_str(), O_RDONLY);
-    vshost::StreamReader reader(fd);
-    vshost::StreamRecord rec;
-    FileEntry* open = nullptr;
-    while (reader.Next(rec)) {
-        if (rec.kind == vshost::stream::Kind::FileLevelHeader) {
-            const auto& info = std::get<vshost::FileLevelRecord>(rec.body).info;
-            open = &d.files[info.clientPath];
-            open->info = info;
-        } else if (rec.kind == vshost::stream::Kind::DirectoryEntry) {
-            d.folders.push_back(std::get<vshost::FileLevelRecord>(rec.body).info.clientPath);
-        } else if (auto* data = std::get_if<vshost::DataRecord>(&rec.body); data && open) {
-            open->data += std::string(data->bytes);
-        } else if (auto* eof = std::get_if<vshost::EndOfFileRecord>(&rec.body)) {
-            ++d.endsOfFile;
-            if (!open) continue;
-            open->complete = eof->complete;
-            open->ended = true;
-            open = nullptr;
-        }
-    }
-    d.state = reader.state();
-    ::close(fd);
-    return d;
+size_t Count(const StreamView& s, char kind) {
+    const std::string kinds = s.Kinds();
+    return static_cast<size_t>(std::count(kinds.begin(), kinds.end(), kind));
 }
 
 class FileLevel : public ::testing::Test {
@@ -107,28 +56,25 @@ protected:
     }
     void TearDown() override { VMLivebrowse::UnmountAll(); }
 
-    // Initialised, opened on the sample's archive files, ready for items.
-    void Open(FileLevelProbe& r) {
-        ASSERT_TRUE(r.isValid());
-        ASSERT_EQ(r.Initialize(), 0);
-        r.setShortClientName(sample.mediaAgentName.c_str());
-        r.setVSInstanceType(static_cast<VirtualServerInstanceType>(102));
-        std::string list = sample.afileList;
-        ASSERT_EQ(r.PreOpenArchiveFile(list.data(), 0ul), 0);
-        ASSERT_EQ(vstest::OpenSampleArchiveFile(r, sample, kJob), 0);
-    }
-
-    // One item as the data mover drives it; the first failing step's result.
-    unsigned Item(FileLevelProbe& r, const std::string& snapPath, const std::string& clientPath, int filter = 0,
-                  std::string* collect = nullptr) {
-        if (unsigned rc = r.OnSnapSrcPath(snapPath.c_str()); rc != 0) return rc;
+    // An item's volume mounted and its files listed: the collect file, or "" with `rc` set.
+    std::string List(FileLevelProbe& r, const std::string& snapPath, const std::string& clientPath, int filter,
+                     unsigned& rc) {
+        std::string out;
+        if ((rc = r.OnSnapSrcPath(snapPath.c_str())) != 0) return out;
         FSRSnapSrcPath item;
         item.fileFilterCount = filter;
         item.sClientPath = clientPath;
-        std::string out;
-        if (unsigned rc = r.CreateListOfFilesToRead(item, out); rc != 0) return rc;
-        if (collect) *collect = ReadFile(out);
-        return r.SendFiles(out.c_str());
+        rc = r.CreateListOfFilesToRead(item, out);
+        return out;
+    }
+    // One item as the data mover drives it; the first failing step's result.
+    unsigned Item(FileLevelProbe& r, const std::string& snapPath, const std::string& clientPath, int filter = 0,
+                  std::string* collect = nullptr) {
+        unsigned rc = 0;
+        const std::string list = List(r, snapPath, clientPath, filter, rc);
+        if (rc != 0) return rc;
+        if (collect) *collect = ReadFile(list);
+        return r.SendFiles(list.c_str());
     }
 
     vstest::TempHome home;
@@ -154,23 +100,22 @@ TEST_F(FileLevel, WholeVolumesRoundTripThroughVsstream) {
     std::string collect;
     {
         FileLevelProbe r(&event, stream);
-        Open(r);
+        OpenOnSample(r, sample, kJob);
         // C by its GUID, D by its name.
         EXPECT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC, 0, &collect), 0u);
         EXPECT_EQ(collect, vm + "\\" + volC + "/\n");
         EXPECT_EQ(Item(r, vm + "\\D:", vm + "\\D:"), 0u);
         r.Close();
     }
-    const Decoded d = Decode(stream);
-    EXPECT_EQ(d.state, vshost::StreamReader::State::Complete);
+    const StreamView d = ViewFile(stream);
+    EXPECT_EQ(d.decoded.state, vshost::StreamReader::State::Complete);
     // The file-level reader names only the archive file, not its group.
     vstest::ExpectSampleIdentity(stream, sample, kJob, false);
-    EXPECT_EQ(d.files.count(vm + "\\" + volC + "/pipe"), 0u);
-    EXPECT_EQ(d.endsOfFile, d.files.size());
+    EXPECT_FALSE(d.Find(vm + "\\" + volC + "/pipe"));
+    EXPECT_EQ(Count(d, 'E'), Count(d, 'G'));
 
     const fs::path to = home.sub("restore");
-    const std::string cmd = std::string("'") + VS_STREAM_TOOL + "' restore '" + stream + "' --to '" + to.string() + "'";
-    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    ASSERT_EQ(Tool(home, "restore " + stream + " --to " + to.string()).code, 0);
     for (const auto& [source, restored] : {std::pair{folderC, to / vm / volC}, std::pair{folderD, to / vm / "D:"}}) {
         size_t count = 0;
         for (const auto& e : fs::recursive_directory_iterator(source)) {
@@ -182,26 +127,23 @@ TEST_F(FileLevel, WholeVolumesRoundTripThroughVsstream) {
             }, b{};
             ::stat(e.path().c_str(), &a);
             ::stat(twin.c_str(), &b);
-            EXPECT_EQ(a.st_mode, b.st_mode) << twin;
-            EXPECT_EQ(a.st_mtim.tv_sec, b.st_mtim.tv_sec) << twin;
-            EXPECT_EQ(a.st_mtim.tv_nsec, b.st_mtim.tv_nsec) << twin;
-            if (e.is_regular_file()) {
-                EXPECT_TRUE(ReadFile(e.path()) == ReadFile(twin)) << twin;
-                EXPECT_EQ(a.st_size, b.st_size) << twin;
-            }
+            EXPECT_EQ(std::tie(a.st_mode, a.st_mtim.tv_sec, a.st_mtim.tv_nsec),
+                      std::tie(b.st_mode, b.st_mtim.tv_sec, b.st_mtim.tv_nsec))
+                << twin;
+            EXPECT_TRUE(!e.is_regular_file() || ReadFile(e.path()) == ReadFile(twin)) << twin;
         }
         EXPECT_GE(count, 3u);
     }
     // The sparse file's hole travelled by length, not as zeros.
-    const FileEntry& page = d.files.at(vm + "\\" + volC + "/pagefile.sys");
-    EXPECT_LT(page.data.size(), 1u << 20);
+    ASSERT_TRUE(d.Find(vm + "\\" + volC + "/pagefile.sys"));
+    EXPECT_GT(d.Find(vm + "\\" + volC + "/pagefile.sys")->holeBytes, 2u << 20);
 }
 
 TEST_F(FileLevel, CollectFileIsNamedRewrittenAndRemoved) {
     std::string name;
     {
         FileLevelProbe r(&event);
-        Open(r);
+        OpenOnSample(r, sample, kJob);
         std::string first, second;
         ASSERT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC + "/Windows", 0, &first), 0u);
         name = r.m_sCollectFileName;
@@ -242,7 +184,7 @@ TEST_F(FileLevel, CollectFileIsNamedRewrittenAndRemoved) {
 
 TEST_F(FileLevel, ItemsThatCannotBeReadFailWithTheirReason) {
     FileLevelProbe r(&event);
-    Open(r);
+    OpenOnSample(r, sample, kJob);
     EXPECT_EQ(r.OnSnapSrcPath((vm + "/" + volC).c_str()), ~0u);
     EXPECT_TRUE(log.Contains("[ERROR] Linux path received for restore to a Windows MA.[" + vm + "/" + volC + "]"));
     EXPECT_EQ(r.OnSnapSrcPath(vm.c_str()), ~0u);
@@ -285,13 +227,11 @@ TEST_F(FileLevel, ACollectFileThatCannotBeWrittenFailsTheItem) {
     fs::create_symlink("/dev/full", full);
     {
         FileLevelProbe r(&event);
-        Open(r);
+        OpenOnSample(r, sample, kJob);
         r.m_sCollectFileName = full;
-        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
-        FSRSnapSrcPath item;
-        item.sClientPath = vm + "\\" + volC + "/Windows";
-        std::string out;
-        EXPECT_EQ(r.CreateListOfFilesToRead(item, out), ~0u);
+        unsigned rc = 0;
+        List(r, vm + "\\" + volC, vm + "\\" + volC + "/Windows", 0, rc);
+        EXPECT_EQ(rc, ~0u);
         EXPECT_EQ(log.Count("Failed to write the list of files to [" + full + "], errno [28]."), 1u);
     }
     // A walk longer than the list's buffer meets the full disk inside the walk.
@@ -376,56 +316,48 @@ TEST_F(FileLevel, VolumeKeysFromTheMountInformation) {
     }
 }
 
-TEST_F(FileLevel, FailedFilesAreMarkedAndTheRestStillGoes) {
-    const std::string stream = home.sub("partial.bin");
+// A file that vanished between listing and sending is marked failed and the rest still
+// goes; a stop between files leaves the rest unsent.
+TEST_F(FileLevel, FailedFilesAreMarkedAndAStopLeavesTheRestUnsent) {
+    const std::string vol = vm + "\\" + volC;
+    unsigned rc = 0;
     {
-        FileLevelProbe r(&event, stream);
-        Open(r);
-        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
-        FSRSnapSrcPath item;
-        item.sClientPath = vm + "\\" + volC;
-        std::string collect;
-        ASSERT_EQ(r.CreateListOfFilesToRead(item, collect), 0u);
-        // A list with a file that vanished between listing and sending, then a good one.
-        std::ofstream(collect) << vm << "\\" << volC << "/gone.txt\n" << vm << "\\" << volC << "/Windows/win.ini\n";
+        FileLevelProbe r(&event, home.sub("partial.bin"));
+        OpenOnSample(r, sample, kJob);
+        const std::string collect = List(r, vol, vol, 0, rc);
+        ASSERT_EQ(rc, 0u);
+        std::ofstream(collect) << vol << "/gone.txt\n" << vol << "/Windows/win.ini\n";
         EXPECT_EQ(r.SendFiles(collect.c_str()), 0u);
         r.Close();
     }
-    const Decoded d = Decode(stream);
-    const FileEntry& gone = d.files.at(vm + "\\" + volC + "/gone.txt");
-    EXPECT_TRUE(gone.ended);
-    EXPECT_FALSE(gone.complete);
-    EXPECT_TRUE(gone.data.empty());
-    const FileEntry& ini = d.files.at(vm + "\\" + volC + "/Windows/win.ini");
-    EXPECT_TRUE(ini.complete);
-    EXPECT_EQ(ini.data, ReadFile(folderC / "Windows/win.ini"));
-}
-
-TEST_F(FileLevel, StopBetweenFilesLeavesTheRestUnsent) {
-    const std::string stream = home.sub("stopped.bin");
+    const StreamView d = ViewFile(home.sub("partial.bin"));
+    const Entry* gone = d.Find(vol + "/gone.txt");
+    ASSERT_TRUE(gone);
+    EXPECT_TRUE(gone->ended && !gone->complete && gone->content.empty());
+    const Entry* ini = d.Find(vol + "/Windows/win.ini");
+    ASSERT_TRUE(ini);
+    EXPECT_TRUE(ini->complete);
+    EXPECT_EQ(ini->content, ReadFile(folderC / "Windows/win.ini"));
     {
-        FileLevelProbe r(&event, stream);
-        Open(r);
-        ASSERT_EQ(r.OnSnapSrcPath((vm + "\\" + volC).c_str()), 0u);
-        FSRSnapSrcPath item;
-        item.sClientPath = vm + "\\" + volC;
-        std::string collect;
-        ASSERT_EQ(r.CreateListOfFilesToRead(item, collect), 0u);
+        FileLevelProbe r(&event, home.sub("stopped.bin"));
+        OpenOnSample(r, sample, kJob);
+        const std::string collect = List(r, vol, vol, 0, rc);
+        ASSERT_EQ(rc, 0u);
         // The volume folder, then Users: the stop comes on the third file's poll.
         event.setAfterPolls(3);
         EXPECT_EQ(r.SendFiles(collect.c_str()), ~0u);
         EXPECT_TRUE(log.Contains("DataReaderVMware::isStopSignaled: Stop signaled by FsRestoreHead."));
         r.Close();
     }
-    const Decoded d = Decode(stream);
-    EXPECT_EQ(d.folders.size(), 2u);
-    EXPECT_TRUE(d.files.empty());
+    const StreamView stopped = ViewFile(home.sub("stopped.bin"));
+    EXPECT_EQ(Count(stopped, 'R'), 2u);
+    EXPECT_EQ(Count(stopped, 'G'), 0u);
 }
 
 TEST_F(FileLevel, BrokenStreamFailsTheBackup) {
     WriteFile(folderC / "big.bin", std::string(3 << 20, 'b'));
     FileLevelProbe r(&event, "/dev/full");
-    Open(r);
+    OpenOnSample(r, sample, kJob);
     EXPECT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC), ~0u);
     EXPECT_TRUE(log.Contains("indicates FAIL_BACKUP."));
 }
@@ -446,7 +378,7 @@ TEST_F(FileLevel, NothingOutsideTheVolumeIsEverSent) {
     const std::string volPath = vm + "\\" + volC;
     {
         FileLevelProbe r(&event, stream);
-        Open(r);
+        OpenOnSample(r, sample, kJob);
         EXPECT_EQ(Item(r, volPath, volPath), 0u);  // the whole volume, links included
         const std::string escapes[] = {
             volPath + "/../../../../outside/secret.txt",
@@ -464,13 +396,14 @@ TEST_F(FileLevel, NothingOutsideTheVolumeIsEverSent) {
         EXPECT_EQ(Item(r, volPath, outside.string() + "/secret.txt"), 0u);
         r.Close();
     }
-    const Decoded d = Decode(stream);
-    EXPECT_EQ(d.raw.find(marker), std::string::npos);
-    EXPECT_EQ(d.files.at(volPath + "/inner-link").data, "Windows/win.ini");
+    EXPECT_EQ(ReadFile(stream).find(marker), std::string::npos);
+    const StreamView d = ViewFile(stream);
+    ASSERT_TRUE(d.Find(volPath + "/inner-link"));
+    EXPECT_EQ(d.Find(volPath + "/inner-link")->content, "Windows/win.ini");
     for (const char* link : {"/abs-link", "/rel-link"}) {
-        const FileEntry& e = d.files.at(volPath + link);
-        EXPECT_FALSE(e.complete) << link;
-        EXPECT_TRUE(e.data.empty()) << link;
+        const Entry* e = d.Find(volPath + link);
+        ASSERT_TRUE(e) << link;
+        EXPECT_TRUE(!e->complete && e->content.empty()) << link;
     }
     EXPECT_TRUE(log.Contains("it is a link that points out of its volume"));
     EXPECT_TRUE(log.Contains("climbs out of its volume"));
@@ -519,7 +452,7 @@ TEST_F(FileLevel, FilteredWalkWritesClientFormLines) {
     WriteFile(folderC / "docs/b.txt", "b");
     WriteFile(folderC / "docs/sub/c.DOC", "c");
     FileLevelProbe r(&event);
-    Open(r);
+    OpenOnSample(r, sample, kJob);
     // End to end the map lookup misses and leaves no folder to walk (the whole client
     // path is the client mount path): a filtered item fails.
     EXPECT_EQ(Item(r, vm + "\\" + volC, vm + "\\" + volC + "/docs/*.doc", 1), ~0u);

@@ -31,13 +31,8 @@ protected:
 
     // A reader of the sample's job, initialised, with the sample's list pre-opened.
     void Ready(Probe& r, int instanceType = 102, int mountType = 0) {
-        ASSERT_EQ(r.Initialize(), 0);
-        r.setShortClientName(sample.mediaAgentName.c_str());
-        r.setVSInstanceType(static_cast<VirtualServerInstanceType>(instanceType));
+        vstest::PrepareOnSample(r, sample, instanceType);
         r.setMountType(static_cast<MountType>(mountType));
-        ASSERT_EQ(r.SetSnapEngineID(sample.snapEngineId), 0);
-        std::string list = sample.afileList;
-        ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
     }
     int Open(Probe& r, uint64_t afileId) { return vstest::OpenSampleArchiveFile(r, sample, kJob, afileId); }
     std::vector<VMInfoStructs::SDisk> Disks(Probe& r, DataReaderVMCtx& vm) {
@@ -136,55 +131,27 @@ TEST_F(Mounts, TheLibraryIsHandedTheContextsOfTheMounts) {
     const std::string path = "{vcname:vc1,esxname:esx-proxy,username:admin,password:c3RvcmVkLWZvcm0=}";
     // The ESX host is copied before the configured proxy replaces it for the path.
     EXPECT_EQ(r.m_sESXServerName, "esx-proxy");
+    // clang-format off
     const std::vector<std::pair<const char*, nlohmann::json>> expectSnap = {
-        {"op", "MountSnap"},
-        {"nSnapEngineId", sample.snapEngineId},
-        {"bMountRequest", true},
-        {"nHubcellId", 77},
-        {"nClientId", sample.mediaAgentClientId},
-        {"nClientId2", sample.mediaAgentClientId},
-        {"nJobId", kJob},
-        {"sJobResultsDir", home.sub("JobResults/4711/")},
-        {"sHost", "esx-own"},
-        {"sServer", "esx-own"},
-        {"sUser", "admin"},
-        {"sPassword", "c3RvcmVkLWZvcm0="},
-        {"bMountFlag", true},
-        {"bOption1", false},
-        {"sSnapMountPath", path},
-        {"nCopyId", sample.copyId},
-        {"nCopyPrecedence", sample.copyPrecedence},
-        {"bPathMount", true},
-        {"bIndexingV2", false},
-        {"afileIds", sample.afileIds},
-    };
+        {"op", "MountSnap"}, {"nSnapEngineId", sample.snapEngineId}, {"bMountRequest", true}, {"nHubcellId", 77},
+        {"nClientId", sample.mediaAgentClientId}, {"nClientId2", sample.mediaAgentClientId}, {"nJobId", kJob},
+        {"sJobResultsDir", home.sub("JobResults/4711/")}, {"sHost", "esx-own"}, {"sServer", "esx-own"},
+        {"sUser", "admin"}, {"sPassword", "c3RvcmVkLWZvcm0="}, {"bMountFlag", true}, {"bOption1", false},
+        {"sSnapMountPath", path}, {"nCopyId", sample.copyId}, {"nCopyPrecedence", sample.copyPrecedence},
+        {"bPathMount", true}, {"bIndexingV2", false}, {"afileIds", sample.afileIds}};
+    // clang-format on
     for (const auto& [key, value] : expectSnap) EXPECT_EQ(snap[key], value) << key;
+    // clang-format off
     const std::vector<std::pair<const char*, nlohmann::json>> expectVM = {
-        {"op", "MountVM"},
-        {"bVMMountFlag", true},
-        {"nSnapJobId", sample.snapJobId},
-        {"nJobId", sample.snapJobId},
-        {"sJobResultsDir", home.sub("JobResults/4711/")},
-        {"sHost", "esx-proxy"},
-        {"sServer", "esx-proxy"},
-        {"sUser", "admin"},
-        {"sPassword", "c3RvcmVkLWZvcm0="},
-        {"bOption1", false},
-        {"nSnapEngineId", sample.snapEngineId},
-        {"diskFilters", nlohmann::json::array({{7, "web01.vmdk"}})},
-        {"bOptionType102", snap["bOptionType102"]},
-        {"nClientId", sample.mediaAgentClientId},
-        {"nClientId2", sample.mediaAgentClientId},
-        {"bMountFlag", true},
-        {"nHubcellId", 77},
-        {"nAppId2", sample.appId2},
-        {"nMountMode", 0},
-        {"bPathMount", true},
-        {"sSnapMountPath", path},
-        {"bUseCBT", true},
-        {"sMountPoint", home.sub("JobResults/4711/JobID_4711_Mount_web01")},
-        {"sVMName", "web01"},
-    };
+        {"op", "MountVM"}, {"bVMMountFlag", true}, {"nSnapJobId", sample.snapJobId}, {"nJobId", sample.snapJobId},
+        {"sJobResultsDir", home.sub("JobResults/4711/")}, {"sHost", "esx-proxy"}, {"sServer", "esx-proxy"},
+        {"sUser", "admin"}, {"sPassword", "c3RvcmVkLWZvcm0="}, {"bOption1", false},
+        {"nSnapEngineId", sample.snapEngineId}, {"diskFilters", nlohmann::json::array({{7, "web01.vmdk"}})},
+        {"bOptionType102", snap["bOptionType102"]}, {"nClientId", sample.mediaAgentClientId},
+        {"nClientId2", sample.mediaAgentClientId}, {"bMountFlag", true}, {"nHubcellId", 77},
+        {"nAppId2", sample.appId2}, {"nMountMode", 0}, {"bPathMount", true}, {"sSnapMountPath", path},
+        {"bUseCBT", true}, {"sMountPoint", home.sub("JobResults/4711/JobID_4711_Mount_web01")}, {"sVMName", "web01"}};
+    // clang-format on
     for (const auto& [key, value] : expectVM) EXPECT_EQ(mount[key], value) << key;
 }
 

@@ -26,8 +26,6 @@ struct Probe : ProbePipe, DataReaderVSExtent {
 
     using DataReaderVSExtent::CloseAllDiskHandles;
     using DataReaderVSExtent::FixDiskName;
-    using DataReaderVSExtent::GetDiskHandle;
-    using DataReaderVSExtent::m_diskHandles;
     using DataReaderVSExtent::SendConfigFile;
     using DataReaderVSExtent::SendVMHeader;
 
@@ -50,7 +48,6 @@ struct Probe : ProbePipe, DataReaderVSExtent {
     using DataReaderVSBase::m_bMatchAnyVM;
     using DataReaderVSBase::m_bSnapRestore;
     using DataReaderVSBase::m_bUseCBT;
-    using DataReaderVSBase::m_guiSequenceNumber;
     using DataReaderVSBase::m_initParams;
     using DataReaderVSBase::m_jobMgr;
     using DataReaderVSBase::m_mountCtxs;

@@ -5,7 +5,6 @@
 #include "probe.h"
 #include "temp_home.h"
 
-#include "hostapi/snapsrc.h"
 #include "vshost/home.h"
 #include "vssample/sample.h"
 
@@ -42,23 +41,12 @@ TEST(ExtentReaderScale, ManyVMsLeaveNoDescriptorsOrFoldersBehind) {
     const size_t before = OpenDescriptors();
     {
         Probe r(&event, kJob, home.sub("fleet.bin"));
-        ASSERT_EQ(r.Initialize(), 0);
-        r.setShortClientName(s.mediaAgentName.c_str());
-        r.setVSInstanceType(static_cast<VirtualServerInstanceType>(102));
-        r.SetSnapEngineID(s.snapEngineId);
-        std::string list = s.afileList;
-        ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
-        ASSERT_EQ(vstest::OpenSampleArchiveFile(r, s, kJob), 0);
-
-        VirtualServer::SnapSrcPathOptions options;
-        options.useCBT = 1;  // digests stored for every disk: the catalog is written per disk
-        const std::string xml = options.Serialize();
+        vstest::OpenOnSample(r, s, kJob);
+        // Change tracking on: digests stored for every disk, the catalog written per disk.
+        const std::string xml = vstest::DiskOptions({});
         size_t descriptorsAfterFirst = 0, entriesAfterFirst = 0;
         for (size_t i = 0; i < s.vms.size(); ++i) {
-            FSRSnapSrcPath item;
-            item.sSnapSrcPath = s.vms[i].biosUuid;
-            item.sOptionsXml = xml;
-            ASSERT_EQ(r.OnSnapSrcPath(&item), 0) << s.vms[i].name;
+            ASSERT_EQ(vstest::RunItems(r, {{s.vms[i].biosUuid, xml}}), std::vector<int>{0}) << s.vms[i].name;
             if (i == 0) {
                 descriptorsAfterFirst = OpenDescriptors();
                 entriesAfterFirst = EntriesBelow(jobResults);

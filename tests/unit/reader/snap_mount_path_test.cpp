@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 namespace {
@@ -56,55 +54,6 @@ TEST_F(SnapMountPath, ConfiguredProxyEsxWinsForLaterCallersToo) {
     EXPECT_EQ(before, "esx-task");
     EXPECT_EQ(r.m_sESXServerName, "esx-proxy");
     EXPECT_TRUE(log.Contains("DataReaderVSBase::getSnapMountPath: Proxy ESX:[esx-proxy] found in the registry"));
-}
-
-// The whole flow with a real stored password: the clear text reaches the VM-info library
-// but never a log line or the log file; its length and the stored form do.
-TEST_F(SnapMountPath, ClearPasswordNeverReachesTheLog) {
-    const std::string plain = vstest::Secret("Tr0ub4dor&3");
-    vshost::Catalog catalog;
-    vshost::AppRecord app;
-    app.appId1 = 3;
-    app.appId2 = 9;
-    app.instanceType = 100;
-    app.serverHostName = "vc1";
-    catalog.AddApplication(app);
-    SHostCredentials creds;
-    creds.sServer = "vc1";
-    creds.sUser = "admin";
-    creds.sPassword = plain;
-    catalog.AddCredential(3, 9, creds);
-    const std::string stored = vsAppMgr::encryptPassword(plain);
-
-    vshost::JobDescription job;
-    job.jobId = 4711;
-    job.taskOptions = {{77, "vc1"}, {82, "esx7"}, {75, "admin"}, {76, stored}};
-    vshost::RegisterJob(job);
-
-    Probe r(&event, 4711);
-    r.setVSInstanceType(static_cast<VirtualServerInstanceType>(100));
-    r.m_bSnapRestore = false;
-    ASSERT_EQ(r.Initialize(), 0);
-    DMInitParams init;
-    init.appId1 = 3;
-    init.appId2 = 9;
-    ASSERT_EQ(r.OpenArchiveFile(init, DMOpenArchiveParams{}), 0);  // connects with the clear password
-    const std::string path = r.getSnapMountPath();
-    r.PrintSnapMountPath(path);
-    vshost::UnregisterJob(4711);
-
-    EXPECT_EQ(path, "{vcname:vc1,esxname:esx7,username:admin,password:" + stored + "}");
-    EXPECT_TRUE(log.Contains("password length [" + std::to_string(plain.size()) + "]"));
-    EXPECT_TRUE(log.Contains("Encrypted Password:[" + stored + "]"));
-    EXPECT_TRUE(log.Contains("User:[admin][" + std::to_string(stored.size()) + "]"));
-    for (const std::string& line : log.Lines()) EXPECT_EQ(line.find(plain), std::string::npos) << line;
-
-    std::ifstream file(vshost::LogFilePath());
-    std::stringstream all;
-    all << file.rdbuf();
-    EXPECT_NE(all.str().find("Encrypted Password"), std::string::npos);
-    EXPECT_EQ(all.str().find(plain), std::string::npos);
-    m_ProxyDecryptedPassword.clear();
 }
 
 }  // namespace

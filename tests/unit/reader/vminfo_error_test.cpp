@@ -11,6 +11,7 @@
 #include <climits>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -137,20 +138,11 @@ TEST_F(VMInfoError, EveryCodeRaisesExactlyItsCauseAndUnknownCodesNone) {
         ASSERT_EQ(causes.size(), raised + 1);
         ++raised;
         const vshost::PendingCause& c = causes.back();
-        EXPECT_EQ(c.seq, static_cast<int>(raised));
-        EXPECT_EQ(c.jobId, kJob);
         EXPECT_EQ(c.causeId, want.causeId) << std::hex << "got 0x" << c.causeId << " want 0x" << want.causeId;
         EXPECT_EQ(c.eventArgs, want.args);
-        EXPECT_EQ(c.arg2, 3);
-        EXPECT_EQ(c.arg3, 0);
-        EXPECT_FALSE(c.flag1);
-        EXPECT_EQ(c.messageType, 300);
-        EXPECT_FALSE(c.flag2);
-        EXPECT_EQ(c.alertLevel, 0);
-        EXPECT_EQ(c.flags, 0u);
-        EXPECT_EQ(c.value1, 0u);
-        EXPECT_EQ(c.value2, 0u);
-        EXPECT_TRUE(c.clientReady);
+        EXPECT_EQ(std::tie(c.seq, c.jobId, c.arg2, c.arg3, c.flag1, c.messageType, c.flag2, c.alertLevel, c.flags,
+                           c.value1, c.value2, c.clientReady),
+                  std::make_tuple(static_cast<int>(raised), kJob, 3, 0, false, 300, false, 0, 0u, 0u, 0u, true));
         EXPECT_EQ(log.Count(kFn + want.line), 1u);
         EXPECT_FALSE(log.Contains("Unknown VMInfo error"));
     }

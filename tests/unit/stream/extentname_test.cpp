@@ -29,30 +29,17 @@ TEST(ExtentNames, RoundTripInFixedWidthAndStrictDecoding) {
         EXPECT_TRUE(ExtentNameConverter::GetExtentNumberFromFileName(name, back)) << name;
         EXPECT_EQ(back, n) << name;
     }
-    for (const std::string& bad : std::vector<std::string>{"",
-                                                           "Extent",
-                                                           "extent12",
-                                                           "EXTENT12",
-                                                           "Extent-1",
-                                                           "Extent+1",
-                                                           "Extent 12",
-                                                           " Extent12",
-                                                           "Extent12 ",
-                                                           "Extent012",
-                                                           "Extent00",
-                                                           "Extent1a",
-                                                           "Extent0x10",
-                                                           "Extent18446744073709551616",
-                                                           "Extent99999999999999999999",
-                                                           "Extent000000000000000000012",
-                                                           "disk0_Extent12",
-                                                           "\\vm\\d\\Extent1",
-                                                           "Extent1/",
-                                                           std::string("Extent1\0", 8),
-                                                           "Extent\xef\xbc\x91"}) {
+    // clang-format off
+    const std::string bad[] = {
+        "", "Extent", "extent12", "EXTENT12", "Extent-1", "Extent+1", "Extent 12", " Extent12", "Extent12 ",
+        "Extent012", "Extent00", "Extent1a", "Extent0x10", "Extent18446744073709551616", "Extent99999999999999999999",
+        "Extent000000000000000000012", "disk0_Extent12", "\\vm\\d\\Extent1", "Extent1/", std::string("Extent1\0", 8),
+        "Extent\xef\xbc\x91"};
+    // clang-format on
+    for (const std::string& name : bad) {
         unsigned long long back = 7;
-        EXPECT_FALSE(ExtentNameConverter::GetExtentNumberFromFileName(bad, back)) << bad;
-        EXPECT_EQ(back, 7u) << bad;
+        EXPECT_FALSE(ExtentNameConverter::GetExtentNumberFromFileName(name, back)) << name;
+        EXPECT_EQ(back, 7u) << name;
     }
 
     // A name the host gives by hand still decodes for restore; one without the word
