@@ -148,8 +148,7 @@ void OpenChosenHome(const std::string& flag, bool make) {
     std::error_code ec;
     if (!make && !std::filesystem::is_directory(chosen, ec))
         throw vsdm::UsageError("the host home " + chosen + " does not exist" +
-                                 (flag.empty() ? " (from $VSHOST_HOME)" : "") +
-                                 ": give the folder of an existing home");
+                               (flag.empty() ? " (from $VSHOST_HOME)" : "") + ": give the folder of an existing home");
     vshost::OpenHome(chosen);
 }
 
@@ -192,8 +191,8 @@ void Prepare(const Args& a, unsigned streams, vsdm::DataMoverJob& job, vsdm::Run
     std::error_code ec;
     if (!chosen.empty() && !std::filesystem::is_directory(chosen, ec))
         throw vsdm::UsageError("the host home " + chosen + " does not exist" +
-                                 (job.home.empty() ? " (from $VSHOST_HOME)" : "") +
-                                 ": give the folder of an existing home");
+                               (job.home.empty() ? " (from $VSHOST_HOME)" : "") +
+                               ": give the folder of an existing home");
     if (!job.home.empty()) vshost::OpenHome(job.home);
     if (vshost::HomeDir().empty()) throw std::runtime_error("no host home: give --home, \"home\" or $VSHOST_HOME");
     if (!a.out.empty()) job.out = a.out;
