@@ -37,7 +37,7 @@ bool Inside(const fs::path& inner, const fs::path& outer) {
 // The volume's folder as it will be recorded: absolute, links resolved, readable.
 fs::path CheckVolumeFolder(const VolumeArg& v) {
     std::error_code ec;
-    const fs::path folder = fs::canonical(v.folder, ec);
+    fs::path folder = fs::canonical(v.folder, ec);
     if (ec || !fs::is_directory(folder, ec))
         throw UsageError("volume " + v.datastore + ": " + v.folder + " is not a folder");
     if (::access(folder.c_str(), R_OK | X_OK) != 0)
@@ -69,6 +69,7 @@ std::string When(int64_t seconds) {
 
 std::vector<uint64_t> ArchiveFileIds(const std::vector<vshost::ArchiveFileRecord>& volumes) {
     std::vector<uint64_t> ids;
+    ids.reserve(volumes.size());
     for (const auto& v : volumes) ids.push_back(v.afileId);
     return ids;
 }
