@@ -60,7 +60,10 @@ std::string EncodeKey(const std::string& key, bool keepSlash = true) {
 }
 
 // The object store's own word on a refusal: "Code: Message".
-std::string StoreSays(const std::string& body) {
+std::string StoreSays(const std::string& body, long status) {
+    // A HEAD is answered without a body.
+    if (body.empty())
+        return status == 404 ? "no such object" : status == 403 ? "access denied (the keys or the signature)" : "";
     pugi::xml_document doc;
     if (!doc.load_string(body.c_str())) return body.substr(0, 200);
     const pugi::xml_node error = doc.child("Error");
@@ -198,7 +201,8 @@ S3Client::Response S3Client::Send(const std::string& method, const S3Location& a
     r.got = sink.got;
     if (rc != CURLE_OK) throw S3Error("object storage: " + what + ": " + curl_easy_strerror(rc), 0);
     if (r.status >= 300)
-        throw S3Error("object storage: " + what + ": " + std::to_string(r.status) + " " + StoreSays(r.body), r.status);
+        throw S3Error("object storage: " + what + ": " + std::to_string(r.status) + " " + StoreSays(r.body, r.status),
+                      r.status);
     return r;
 }
 
@@ -235,7 +239,7 @@ void S3Client::CompleteUpload(const S3Location& at, const std::string& uploadId,
     const Response r = Send("POST", at, "uploadId=" + uploadId, xml.data(), xml.size(), {});
     // The store may answer 200 and still report an error in the body.
     if (r.body.find("<Error>") != std::string::npos)
-        throw S3Error("object storage: completing " + at.Url() + ": " + StoreSays(r.body), r.status);
+        throw S3Error("object storage: completing " + at.Url() + ": " + StoreSays(r.body, r.status), r.status);
 }
 
 void S3Client::AbortUpload(const S3Location& at, const std::string& uploadId) {
@@ -421,6 +425,8 @@ void ObjectReader::Fetch() {
 }
 
 std::string ObjectReader::Error() {
+    // Done reading: a fetch still under way ends at its next write.
+    CloseFd(m_read);
     if (m_thread.joinable()) m_thread.join();
     return m_error;
 }

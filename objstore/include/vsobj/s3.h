@@ -116,8 +116,8 @@ public:
     ObjectReader& operator=(const ObjectReader&) = delete;
 
     int fd() const { return m_read; }
-    // Why the bytes ended before the object's end; empty when they did not. Call after fd()
-    // gave its end.
+    // Ends the reading (fd() is closed) and says why the bytes ended before the object's
+    // end; empty when they did not, or when the reader stopped taking them first.
     std::string Error();
 
 private:
