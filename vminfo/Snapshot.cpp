@@ -2,7 +2,6 @@
 
 #include "vshost/beneath.h"
 #include "vshost/catalog.h"
-#include "vshost/diskchain.h"
 #include "vshost/home.h"
 #include "vshost/vmdk.h"
 

@@ -2,7 +2,7 @@
 // qemu opens whatever names an image holds (backing files, extents, data files); the
 // host passes it only files it opened itself beneath the volume, so every name an image
 // holds is either resolved here or refused here.
-#include "vshost/diskchain.h"
+#include "vshost/vmdk.h"
 
 #include "disk/qemu.h"
 #include "vshost/beneath.h"

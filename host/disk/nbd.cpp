@@ -28,6 +28,7 @@ constexpr const char* kAllocation = "base:allocation";
 constexpr uint64_t kMaxRequest = uint64_t{32} << 20;  // qemu-nbd's own limit on one request
 constexpr uint64_t kStatusSpan = uint64_t{1} << 30;   // asked of block status at once
 constexpr int kExitSeconds = 10;
+constexpr uint64_t kAheadBytes = uint64_t{4} << 20;  // read ahead of the caller, at most
 
 // The folder qemu-nbd's socket and the files it opens by name live in, for as long as
 // it takes qemu to open them.
@@ -89,6 +90,7 @@ CQiError NbdDisk::Open(diskchain::Chain chain, const std::string& workDir, std::
 
 NbdDisk::~NbdDisk() {
     if (m_nbd) {
+        DropAhead();
         nbd_shutdown(m_nbd, 0);
         nbd_close(m_nbd);
     } else if (m_pid > 0) {
@@ -222,14 +224,71 @@ CQiError NbdDisk::CheckFiles() const {
     return {};
 }
 
-CQiError NbdDisk::Read(char* dest, uint64_t offset, uint64_t length) {
-    if (offset + length > m_size || offset + length < offset) return CQiError(EINVAL, "read past the end of the disk");
+CQiError NbdDisk::ReadNow(char* dest, uint64_t offset, uint64_t length) {
     for (uint64_t done = 0; done < length;) {
         const uint64_t n = std::min(length - done, m_maxRequest);
         if (nbd_pread(m_nbd, dest + done, n, offset + done, 0) != 0)
             return NbdError("read " + m_name + " at " + std::to_string(offset + done) + " through qemu-nbd");
         done += n;
     }
+    return {};
+}
+
+CQiError NbdDisk::Await(const Ahead& ahead) {
+    int done = 0;
+    while ((done = nbd_aio_command_completed(m_nbd, static_cast<uint64_t>(ahead.cookie))) == 0)
+        if (nbd_poll(m_nbd, -1) < 0) break;
+    if (done == 1) return {};
+    return NbdError("read " + m_name + " at " + std::to_string(ahead.offset) + " through qemu-nbd");
+}
+
+void NbdDisk::DropAhead() {
+    // A read in flight writes into its buffer until it completes: each is waited for.
+    for (Ahead& ahead : m_ahead) {
+        (void)Await(ahead);
+        m_spare.push_back(std::move(ahead.data));
+    }
+    m_ahead.clear();
+}
+
+void NbdDisk::SendAhead(uint64_t from, uint64_t length) {
+    const size_t depth = static_cast<size_t>(std::max<uint64_t>(1, kAheadBytes / length));
+    uint64_t next = m_ahead.empty() ? from : m_ahead.back().offset + m_ahead.back().length;
+    while (m_ahead.size() < depth && next < m_size) {
+        std::optional<uint64_t> data;
+        if (NextData(next, data).IsError() || !data) return;
+        Ahead ahead;
+        ahead.offset = std::max(next, *data / length * length);
+        ahead.length = std::min(length, m_size - ahead.offset);
+        if (!m_spare.empty()) {
+            ahead.data = std::move(m_spare.back());
+            m_spare.pop_back();
+        }
+        ahead.data.resize(ahead.length);
+        ahead.cookie = nbd_aio_pread(m_nbd, ahead.data.data(), ahead.length, ahead.offset, NBD_NULL_COMPLETION, 0);
+        if (ahead.cookie < 0) return;
+        next = ahead.offset + ahead.length;
+        m_ahead.push_back(std::move(ahead));
+    }
+}
+
+CQiError NbdDisk::Read(char* dest, uint64_t offset, uint64_t length) {
+    if (offset + length > m_size || offset + length < offset) return CQiError(EINVAL, "read past the end of the disk");
+    CQiError err;
+    if (!m_ahead.empty() && m_ahead.front().offset == offset && m_ahead.front().length == length) {
+        err = Await(m_ahead.front());
+        if (!err.IsError()) std::memcpy(dest, m_ahead.front().data.data(), length);
+        m_spare.push_back(std::move(m_ahead.front().data));
+        m_ahead.pop_front();
+    } else {
+        DropAhead();  // the caller went elsewhere
+        err = ReadNow(dest, offset, length);
+    }
+    if (err.IsError()) {
+        DropAhead();
+        return err;
+    }
+    if (length > 0 && length <= m_maxRequest && offset % length == 0) SendAhead(offset + length, length);
     return CheckFiles();
 }
 

@@ -3,11 +3,12 @@
 #pragma once
 
 #include "hostapi/fileutil.h"
-#include "vshost/diskchain.h"
+#include "vshost/vmdk.h"
 
 #include <sys/types.h>
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,6 +34,8 @@ public:
     size_t FileCount() const { return m_files.size(); }
     // As Layout::Read and Layout::NextData: data is what block status does not report
     // as reading zeros; a file of the chain that shrank since it was opened is an error.
+    // A read of a whole extent sends the reads of the next extents with data ahead, so
+    // that qemu-nbd reads them while the caller digests this one.
     CQiError Read(char* dest, uint64_t offset, uint64_t length);
     CQiError NextData(uint64_t from, std::optional<uint64_t>& next);
 
@@ -41,6 +44,12 @@ private:
         uint64_t start = 0;
         uint64_t end = 0;
         bool data = false;
+    };
+    struct Ahead {
+        uint64_t offset = 0;
+        uint64_t length = 0;
+        int64_t cookie = -1;
+        std::vector<char> data;
     };
     struct File {
         int fd = -1;
@@ -53,7 +62,10 @@ private:
     CQiError Connect(const std::string& socketPath, const std::string& logPath);
     CQiError Status(uint64_t from);
     CQiError CheckFiles() const;
-    CQiError Failed(const std::string& what) const;
+    CQiError ReadNow(char* dest, uint64_t offset, uint64_t length);
+    CQiError Await(const Ahead& ahead);
+    void DropAhead();
+    void SendAhead(uint64_t from, uint64_t length);
 
     diskchain::Chain m_chain;  // keeps every file open for as long as qemu reads it
     std::vector<File> m_files;
@@ -62,7 +74,9 @@ private:
     pid_t m_pid = -1;
     uint64_t m_size = 0;
     uint64_t m_maxRequest = 0;
-    std::vector<Run> m_runs;  // the last block status answer, in disk order
+    std::vector<Run> m_runs;                 // the last block status answer, in disk order
+    std::deque<Ahead> m_ahead;               // reads sent ahead, in disk order
+    std::vector<std::vector<char>> m_spare;  // their buffers, kept for the next ones
 };
 
 }  // namespace vshost::vdisk

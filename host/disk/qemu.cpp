@@ -97,7 +97,7 @@ std::string Tool(const std::string& tool, std::string& why) {
         const std::string dir = path.substr(start, end - start);
         start = end + 1;
         if (dir.empty() || dir.front() != '/') continue;  // a relative PATH entry depends on the folder we run in
-        const std::string candidate = dir + "/" + tool;
+        std::string candidate = dir + "/" + tool;
         if (::access(candidate.c_str(), X_OK) == 0) return candidate;
     }
     why = tool +

@@ -4,7 +4,6 @@
 #include "disk/vdisk_layout.h"
 
 #include "vshost/beneath.h"
-#include "vshost/diskchain.h"
 #include "vshost/vmdk.h"
 
 #include <fcntl.h>

@@ -34,8 +34,8 @@ struct Source {
 
 class Layout {
 public:
-    // A raw image or a flat VMDK (read here with pread and SEEK_DATA), or any other disk
-    // vshost/diskchain.h inspects (read through qemu-nbd). Every file is opened below the
+    // A raw image or a flat VMDK, read here with pread and SEEK_DATA; any other disk or
+    // chain (diskchain::Inspect), read through qemu-nbd. Every file is opened below the
     // folder `source.root` only (see vshost/beneath.h).
     static CQiError Open(const Source& source, const std::string& path, int diskType, Layout& out);
 

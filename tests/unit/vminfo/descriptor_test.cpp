@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace fs = std::filesystem;
 using namespace vshost::vmdk;
@@ -133,6 +134,33 @@ TEST(Configurations, DisksNamesAndGuids) {
     EXPECT_EQ(vminfo::CanonicalGuid("564D1A2B3C4D5E6F708192A3B4C5D6E7"), "564d1a2b-3c4d-5e6f-7081-92a3b4c5d6e7");
     EXPECT_EQ(vminfo::CanonicalGuid("web01"), "");
     EXPECT_EQ(vminfo::CanonicalGuid("564d1a2b"), "");
+}
+
+// The snapshot a .vmsd names current (or, without that key, its newest), and the disk
+// file it holds per device; a current that names no listed snapshot gives none.
+TEST(Configurations, SnapshotListsNameTheDiskOfEachDevice) {
+    const std::string two =
+        "snapshot0.uid = \"7\"\nsnapshot0.disk0.fileName = \"web01.vmdk\"\nsnapshot0.disk0.node = \"scsi0:0\"\n"
+        "snapshot1.uid = \"12\"\nsnapshot1.displayName = \"backup\"\n"
+        "snapshot1.disk0.fileName = \"web01-000001.vmdk\"\nsnapshot1.disk0.node = \"SCSI0:0\"\n"
+        "snapshot1.disk1.fileName = \"[ds2] web01/web01_1.vmdk\"\nsnapshot1.disk1.node = \"nvme0:1\"\n";
+    const struct {
+        std::string current;
+        const char* uid;  // null: none
+    } cases[] = {{"", "12"}, {"snapshot.current = \"7\"\n", "7"}, {"snapshot.current = \"3\"\n", nullptr}};
+    for (const auto& c : cases) {
+        const vminfo::VmsdConfig vmsd = vminfo::ParseVmsd(c.current + two);
+        const vminfo::VmsdSnapshot* snap = vmsd.Current();
+        ASSERT_EQ(snap != nullptr, c.uid != nullptr) << c.current;
+        if (!snap) continue;
+        EXPECT_EQ(snap->uid, c.uid);
+    }
+    const vminfo::VmsdConfig vmsd = vminfo::ParseVmsd(two);
+    const vminfo::VmsdSnapshot* newest = vmsd.Current();
+    EXPECT_EQ(newest->displayName, "backup");
+    EXPECT_EQ(newest->diskFiles, (std::map<std::string, std::string>{{"scsi0:0", "web01-000001.vmdk"},
+                                                                     {"nvme0:1", "[ds2] web01/web01_1.vmdk"}}));
+    EXPECT_EQ(vminfo::ParseVmsd("").Current(), nullptr);
 }
 
 }  // namespace
