@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <csignal>
 #include <filesystem>
 
 namespace {
@@ -76,13 +77,19 @@ protected:
         }
         return -1;
     }
-    // Processes still running whose command line names this test's home (a qemu-nbd left behind).
+    // qemu-nbd processes holding a file of this test's home open (left behind, or serving).
     size_t Leftovers() const {
         size_t n = 0;
         DIR* proc = ::opendir("/proc");
         for (dirent* e = proc ? ::readdir(proc) : nullptr; e; e = ::readdir(proc)) {
-            std::string cmdline = vstest::ReadAll(std::string("/proc/") + e->d_name + "/cmdline");
-            if (cmdline.find("qemu-nbd") != std::string::npos && cmdline.find(home.path()) != std::string::npos) ++n;
+            const std::string pid = std::string("/proc/") + e->d_name;
+            if (vstest::ReadAll(pid + "/comm") != "qemu-nbd\n") continue;
+            std::error_code ec;
+            for (const auto& fd : fs::directory_iterator(pid + "/fd", ec))
+                if (fs::read_symlink(fd.path(), ec).string().rfind(home.path(), 0) == 0) {
+                    ++n;
+                    break;
+                }
         }
         if (proc) ::closedir(proc);
         return n;
@@ -203,6 +210,38 @@ TEST_F(VsdmFormats, IncrementalsBuildOnTheDigestsOfAnyFormat) {
     EXPECT_EQ(ExtentsSent(home.sub("incr.bin"), "qcow.qcow2"), 2);  // extents 0 and 8
     EXPECT_EQ(ExtentsSent(home.sub("incr.bin"), "web.vmdk"), 1);    // extent 15
     const RunResult onto = Shell(vstest::Vsstream() + " restore " + home.sub("incr.bin") + " --onto " + home.sub("r"));
+    ASSERT_EQ(onto.status, 0) << onto.output;
+    ExpectRestored(home.sub("r"));
+}
+
+// A data mover killed while qemu-nbd serves it leaves no qemu-nbd behind, and the next
+// attempt goes on from its stream: the two restore to the disk as qemu reads it.
+TEST_F(VsdmFormats, AKilledJobTakesItsQemuNbdAlongAndIsResumed) {
+    const std::string raw = home.sub("dense.raw");
+    img::MakeRaw(raw, 24 * kMiB);
+    img::Fill(raw, 0, 24 * kMiB, 5);
+    FormatVM vm{"qcow", "564d0000-0000-4000-8000-000000000040", "qcow.qcow2", "qcow.qcow2", "qcow2"};
+    ASSERT_EQ(img::Sh("qemu-img convert -f raw -O qcow2 " + raw + " " + Folder(vm) + "qcow.qcow2"), 0);
+    Add(vm, "qcow.qcow2", {});
+    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, snap, 1, {vm.uuid}, true).dump();
+
+    vstest::SlowConsumerRun run(home, home.sub("job.json"));
+    ASSERT_TRUE(run.started());
+    ASSERT_TRUE(run.ReadUntil(8 * kMiB));
+    EXPECT_EQ(Leftovers(), 1u);  // the disk is open
+    const int wstatus = run.SignalAndDrain(SIGKILL);
+    ASSERT_TRUE(WIFSIGNALED(wstatus));
+    for (int i = 0; i < 500 && Leftovers() > 0; ++i) ::usleep(10000);
+    EXPECT_EQ(Leftovers(), 0u);
+    std::ofstream(home.sub("killed.bin"), std::ios::binary) << run.stream();
+
+    const RunResult resumed = Shell(vstest::Vsdm() + " run " + home.sub("job.json") + " --resume " +
+                                    home.sub("killed.bin") + " --out " + home.sub("resumed.bin"));
+    ASSERT_EQ(resumed.status, 0) << resumed.output;
+    EXPECT_LT(fs::file_size(home.sub("resumed.bin")), 20 * kMiB);
+    ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home.sub("killed.bin") + " --to " + home.sub("r")).status, 2);
+    const RunResult onto =
+        Shell(vstest::Vsstream() + " restore " + home.sub("resumed.bin") + " --onto " + home.sub("r"));
     ASSERT_EQ(onto.status, 0) << onto.output;
     ExpectRestored(home.sub("r"));
 }
