@@ -88,8 +88,9 @@ std::string ChildFdPath(int childFd) {
 }
 
 std::string Tool(const std::string& tool, std::string& why) {
+    // A data mover started with a narrow PATH still finds the Debian package's tools.
     const char* env = std::getenv("PATH");
-    const std::string path = env && *env ? env : "/usr/bin:/bin";
+    const std::string path = std::string(env && *env ? env : "") + ":/usr/bin:/bin";
     size_t start = 0;
     while (start <= path.size()) {
         size_t end = path.find(':', start);
