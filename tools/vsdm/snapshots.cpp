@@ -82,6 +82,10 @@ const char* FormatName(int32_t diskType) {
             return "raw image";
         case vminfo::kDiskTypeFolder:
             return "file collection";
+        case vminfo::kDiskTypeQemuVmdk:
+            return "sparse VMDK or VMDK chain";
+        case vminfo::kDiskTypeQcow2:
+            return "qcow2";
         default:
             return "disk";
     }
