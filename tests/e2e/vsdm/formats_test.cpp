@@ -2,7 +2,9 @@
 // monolithic and split hosted sparse, stream-optimized VMDK), VMware delta chains
 // (SESPARSE and VMFS sparse, written by the test generator), VMDK and qcow2 backing
 // chains, each in a VM folder with a hand-written .vmx and .vmsd. Each restored disk is
-// compared with qemu-img against the chain at the point that should have been read.
+// compared with qemu-img against the chain at the point that should have been read. The
+// volume is registered with vsdm snapshot add in a home of its own and backed up with
+// vsdm backup, as an operator would.
 #include "disk_images.h"
 #include "run_support.h"
 
@@ -51,13 +53,18 @@ protected:
         img::WriteVM(ds1 + vm.name, vm.name, vm.uuid, disk, snapshots);
         vms.push_back(vm);
     }
-    // Backs the VMs up (change tracking on) as job `jobId`, the stream in `stream`.
-    RunResult Run(int64_t jobId, const std::string& stream, const std::string& extra = "") {
-        std::vector<std::string> items;
-        for (const FormatVM& vm : vms) items.push_back(vm.uuid);
-        const std::string job = home.sub("job" + std::to_string(jobId) + ".json");
-        std::ofstream(job) << vstest::SampleJob(home, snap, jobId, items, true).dump();
-        return Shell("timeout 300 " + vstest::Vsdm() + " run " + job + " --out " + stream + " " + extra);
+    // Backs the VMs up as an operator does: the volume registered in a home of its own
+    // (once), then one vsdm backup (change tracking on), the stream in `stream`.
+    RunResult Backup(const std::string& stream, const std::string& extra = "") {
+        const std::string at = " --home " + home.sub("operator");
+        if (!registered) {
+            const RunResult add = Shell(vstest::Vsdm() + " snapshot add --snap-job 9000" + at + " ds1=" + ds1);
+            if (add.status != 0) return add;
+            registered = true;
+        }
+        std::string command = "timeout 300 " + vstest::Vsdm() + " backup --snapshot 9000 --out " + stream + at;
+        for (const FormatVM& vm : vms) command += " --vm " + vm.uuid;
+        return Shell(command + " " + extra);
     }
     // Each VM's restored disk against what it should read as.
     void ExpectRestored(const std::string& restore) const {
@@ -99,6 +106,7 @@ protected:
     vssample::SampleSnapshot snap;
     std::string ds1;
     std::vector<FormatVM> vms;
+    bool registered = false;
 };
 
 TEST_F(VsdmFormats, EveryFormatIsBackedUpAtItsVMSnapshotAndRestoresAsQemuReadsIt) {
@@ -167,8 +175,8 @@ TEST_F(VsdmFormats, EveryFormatIsBackedUpAtItsVMSnapshotAndRestoresAsQemuReadsIt
     img::WriteDelta({img::DeltaKind::SeSparse, d, {}, "db.vmdk", 0x66, 0x55}, f + "db-000001.vmdk");
     Add(vm, "db-000001.vmdk", {"db.vmdk"});
 
-    const RunResult run = Run(1, home.sub("full.bin"));
-    EXPECT_EQ(run.status, 0) << run.output << vstest::ReadAll(home.sub("Log Files/vsreader.log"));
+    const RunResult run = Backup(home.sub("full.bin"));
+    EXPECT_EQ(run.status, 0) << run.output << vstest::ReadAll(home.sub("operator/Log Files/vsreader.log"));
     EXPECT_EQ(Leftovers(), 0u);
     for (const auto& e : fs::recursive_directory_iterator(home.path()))
         EXPECT_EQ(e.path().filename().string().rfind("vsnbd-", 0), std::string::npos) << e.path();
@@ -194,7 +202,7 @@ TEST_F(VsdmFormats, IncrementalsBuildOnTheDigestsOfAnyFormat) {
     img::WriteDelta({img::DeltaKind::SeSparse, Raw("c"), {}, "web-000001.vmdk", 0x33, 0x22}, f + "web-000002.vmdk");
     Add(vm, "web-000002.vmdk", {"web.vmdk", "web-000001.vmdk"});
 
-    RunResult run = Run(1, home.sub("full.bin"));
+    RunResult run = Backup(home.sub("full.bin"));
     ASSERT_EQ(run.status, 0) << run.output;
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home.sub("full.bin") + " --to " + home.sub("r")).status, 0);
 
@@ -204,7 +212,7 @@ TEST_F(VsdmFormats, IncrementalsBuildOnTheDigestsOfAnyFormat) {
                       "qcow/qcow.qcow2 >/dev/null"),
               0);
     img::Fill(Raw("a"), 15 * kMiB, 4096, 77);  // the base's flat file is a link to a.raw
-    run = Run(2, home.sub("incr.bin"), "--incremental-from 1");
+    run = Backup(home.sub("incr.bin"), "--incremental");
     ASSERT_EQ(run.status, 0) << run.output;
     EXPECT_EQ(ExtentsSent(home.sub("full.bin"), "qcow.qcow2"), 3);  // [4 KiB, 1 MiB + 4 KiB) and near 20 MiB
     EXPECT_EQ(ExtentsSent(home.sub("incr.bin"), "qcow.qcow2"), 2);  // extents 0 and 8
