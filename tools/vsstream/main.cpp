@@ -42,13 +42,13 @@ struct Inputs {
     // What went wrong reading the objects (the store's reason): the streams' verdicts
     // would call such a stream merely cut short.
     int ObjectProblems(std::ostream& err) {
-        int code = vsstream::kExitOk;
+        int worst = vsstream::kExitOk;
         for (const auto& o : objects)
             if (const std::string why = o->Error(); !why.empty()) {
                 err << "vsstream: " << why << "\n";
-                code = vsstream::kExitUnreadable;
+                worst = vsstream::kExitUnreadable;
             }
-        return code;
+        return worst;
     }
 };
 
