@@ -137,7 +137,11 @@ int StreamEncoder::Data(const char* data, size_t length) {
     if (int rc = CheckContent("data"); rc != vsArchive::kOk) return rc;
     while (length > 0) {
         const size_t piece = length < stream::kMaxPayload ? length : stream::kMaxPayload;
-        if (int rc = Emit(Kind::Data, data, piece); rc != vsArchive::kOk) return rc;
+        if (int rc = Prepare(); rc != vsArchive::kOk) return rc;
+        // Framed by the sink, which may check-sum and write it on a thread of its own.
+        if (!m_sink.WriteData(m_index, data, piece)) return Fail(vsArchive::kErrPipeline, m_sink.Error());
+        ++m_index;
+        ++m_totals.records;
         m_totals.dataBytes += piece;
         m_sink.NoteProgress(m_totals, nullptr);
         data += piece;
@@ -188,9 +192,11 @@ int StreamEncoder::Detach(bool finish) {
             rc = Fail(vsArchive::kErrOrder, "entry [" + m_openPath + "] is still open; the stream gets no trailer");
         } else if (m_abandoned) {
             rc = Fail(vsArchive::kErrOrder, "the stream was abandoned; it gets no trailer");
-        } else if ((rc = Prepare()) == vsArchive::kOk) {
-            // The trailer states its own offset: a stream that lost or gained bytes
-            // before it cannot match.
+        } else if ((rc = Prepare()) == vsArchive::kOk && !m_sink.Flush()) {
+            rc = Fail(vsArchive::kErrPipeline, m_sink.Error());
+        } else if (rc == vsArchive::kOk) {
+            // The trailer states its own offset (known once every record before it is
+            // written): a stream that lost or gained bytes before it cannot match.
             PayloadBuilder t;
             t.U64(m_totals.records).U64(m_totals.entries).U64(m_totals.badEntries).U64(m_totals.directories);
             t.U64(m_totals.dataBytes).U64(m_totals.holeBytes).U64(m_sink.Accepted());

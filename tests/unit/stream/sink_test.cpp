@@ -1,11 +1,13 @@
-// The pipeline sink: failed writes are reported and stick; interrupted and partial
-// writes lose nothing; a vanished reader does not kill the process.
+// The pipeline sink: failed writes on its writer thread are reported and stick;
+// interrupted and partial writes lose nothing; a vanished reader does not kill the
+// process.
 #include "stream_support.h"
 #include "vshost/home.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/time.h>
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <thread>
@@ -15,14 +17,18 @@ using namespace vstest;
 TEST(StreamSink, AFullDeviceFailsEveryCallFromTheFirstFailedWrite) {
     TempHome home;
     vshost::LogCapture log;
-    {  // data beyond one batch reaches the device at once
+    {  // The writer thread meets the full device behind the calls that handed the data
+       // over: the failure shows at a later call, at the latest at the disk's
+       // read-completed marker (which waits for every byte before it), and sticks.
         StreamFile s("/dev/full");
         SendVM(s.writer, "vm1");
         const std::string extent = Pattern(3u << 20, 1);
-        ASSERT_EQ(Header(s.writer, "\\vm1\\a.vmx", extent.size(), false), 0);
-        const int rc = s.writer.allocateAndSendDataBuffer(extent.data(), extent.size());
-        EXPECT_TRUE(s.writer.isError(rc));
-        EXPECT_EQ(rc, vsArchive::kErrPipeline);
+        ASSERT_EQ(Header(s.writer, "\\vm1\\disk0\\Extent0", extent.size(), false), 0);
+        const int statuses[] = {s.writer.allocateAndSendDataBuffer(extent.data(), extent.size()),
+                                s.writer.sendEOF(true, 0), s.writer.sendDiskReadCompleted("vm1", "disk0", "cid-1")};
+        const auto* first = std::find_if(std::begin(statuses), std::end(statuses), [](int rc) { return rc != 0; });
+        ASSERT_NE(first, std::end(statuses)) << "the marker went out although nothing could be written";
+        for (const auto* rc = first; rc != std::end(statuses); ++rc) EXPECT_EQ(*rc, vsArchive::kErrPipeline);
         EXPECT_NE(s.writer.lastError().find("No space left on device"), std::string::npos) << s.writer.lastError();
         EXPECT_TRUE(s.pipe->Failed());
         EXPECT_TRUE(s.writer.isError(s.writer.sendHole(10)));
@@ -80,7 +86,7 @@ TEST(StreamSink, InterruptedAndPartialWritesThroughAPipeLoseNothing) {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     // Timer signals without SA_RESTART make write and read return early or fail with
-    // EINTR, in whichever thread they land.
+    // EINTR, in whichever thread takes them (the pipeline's writer thread takes none).
     struct sigaction sa {
     }, old{};
     sa.sa_handler = NoOp;
@@ -97,13 +103,29 @@ TEST(StreamSink, InterruptedAndPartialWritesThroughAPipeLoseNothing) {
     const std::string config = Pattern(200u << 10, 3);
     {
         auto pipe = CPipelayer::OpenFd(fds[1]);
+        // A progress display polls from a thread of its own while the writer thread writes.
+        std::atomic<bool> done{false};
+        bool backwards = false;
+        std::thread poller([&] {
+            for (unsigned long long last = 0; !done;) {
+                const unsigned long long now = pipe->Progress().bytesWritten;
+                backwards = backwards || now < last;
+                last = now;
+                std::this_thread::yield();
+            }
+        });
         vsSim sim;
         vsArchive w(nullptr, nullptr, &sim, "hub");
-        EXPECT_EQ(w.init(pipe.get(), nullptr, "c"), 0);  // no ASSERT: the reader thread must be joined
+        EXPECT_EQ(w.init(pipe.get(), nullptr, "c"), 0);  // no ASSERT: the threads must be joined
         SendVM(w, "vm1");
         SendConfig(w, "vm1", "vm1.nvram", config);
         SendDisk(w, "vm1", "disk0", disk, 1u << 20);
         EXPECT_EQ(w.close(true), 0) << w.lastError();
+        EXPECT_TRUE(pipe->Close());
+        done = true;
+        poller.join();
+        EXPECT_FALSE(backwards);
+        EXPECT_EQ(pipe->Progress().bytesWritten, pipe->BytesWritten());
     }
     close(fds[1]);
     reader.join();
