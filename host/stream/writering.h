@@ -72,6 +72,7 @@ private:
     static void Pack(Slot& slot, DataPacker& packer);
     void WriteInOrder(std::unique_lock<std::mutex>& lock);
     bool WriteSlot(const Slot& slot);
+    void StartWriteback();
 
     const int m_fd;
     const std::string m_target;
@@ -85,7 +86,10 @@ private:
     uint64_t m_nextWrite = 0;          // of the next slot to write
     bool m_writing = false;
     bool m_stopping = false;
-    std::vector<iovec> m_iov;  // of the slot being written; the writer's alone
+    // The writer's alone: the slot being written, where writeback was last started.
+    std::vector<iovec> m_iov;
+    bool m_writeback = true;
+    unsigned long long m_kicked = 0;
     std::vector<std::thread> m_threads;
     unsigned m_workers = 1;
 
