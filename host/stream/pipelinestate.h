@@ -17,6 +17,7 @@ struct CPipelayer::State final : vshost::detail::StreamSink {
     bool Failed() const override { return ring.Failed(); }
     const std::string& Error() const override { return ring.Error(); }
     unsigned long long Accepted() const override { return ring.Written(); }
+    unsigned long long PackedZeros() const override { return ring.Zeros(); }
     bool Write(const void* data, std::size_t length) override;
     bool WriteData(uint64_t index, const char* data, std::size_t length) override;
     bool Flush() override { return ring.Drain(); }

@@ -19,8 +19,9 @@ namespace {
 constexpr std::size_t kBatchBytes = CPipelayer::kBatchBytes;
 // Room for the batch and one whole data payload behind it.
 constexpr std::size_t kInBytes = kBatchBytes + (std::size_t{64} << 10);
-// Frames of the slot's data records.
-constexpr std::size_t kOutBytes = (std::size_t{64} << 10);
+// What the slot's data records become: a whole packed payload and the frames of many
+// small records.
+const std::size_t kOutBytes = DataPacker::OutBound(stream::kMaxPayload) + (std::size_t{64} << 10);
 constexpr std::size_t kIovMax = 1024;
 
 static_assert(stream::kMaxPayload <= kInBytes, "a data payload fits an empty slot");
@@ -30,7 +31,7 @@ static_assert(stream::kMaxPayload <= kInBytes, "a data payload fits an empty slo
 WriteRing::WriteRing(int fd, std::string target) : m_fd(fd), m_target(std::move(target)) {
     for (Slot& s : m_slots) {
         s.in = std::make_unique<char[]>(kInBytes);
-        s.out = std::make_unique<char[]>(std::max(kOutBytes, DataPacker::OutBound(stream::kMaxPayload)));
+        s.out = std::make_unique<char[]>(kOutBytes);
     }
     m_slots[0].stage = Stage::Filling;
 }
@@ -84,6 +85,7 @@ bool WriteRing::PutData(uint64_t index, const char* data, std::size_t length) {
     const std::size_t bound = DataPacker::OutBound(length);
     Slot* s = &Filling();
     if (kInBytes - s->inUsed < length || kOutBytes - s->outBound < bound) {
+        // An empty slot takes any record.
         if (!NextSlot()) return false;
         s = &Filling();
     }
@@ -187,6 +189,7 @@ void WriteRing::Pack(Slot& slot, DataPacker& packer) {
         }
         const FramedRecord r = packer.Pack(item.index, in, item.length, slot.out.get() + outUsed);
         outUsed += r.outBytes;
+        if (r.zeroBytes > 0) m_zeros.fetch_add(r.zeroBytes, std::memory_order_release);
         slot.pieces.insert(slot.pieces.end(), r.pieces, r.pieces + r.count);
     }
 }

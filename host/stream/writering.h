@@ -46,6 +46,8 @@ public:
     const std::string& Error() const;
     // Bytes written to the target.
     unsigned long long Written() const { return m_written.load(std::memory_order_acquire); }
+    // Bytes of data left out as zero runs.
+    unsigned long long Zeros() const { return m_zeros.load(std::memory_order_acquire); }
 
 private:
     enum class Stage { Free, Filling, Queued, Packing, Packed };
@@ -69,7 +71,7 @@ private:
     bool Start();
     void Work();
     Slot* NextQueued();
-    static void Pack(Slot& slot, DataPacker& packer);
+    void Pack(Slot& slot, DataPacker& packer);
     void WriteInOrder(std::unique_lock<std::mutex>& lock);
     bool WriteSlot(const Slot& slot);
     void StartWriteback();
@@ -97,6 +99,7 @@ private:
     std::atomic<bool> m_failed{false};
     std::string m_error;
     std::atomic<unsigned long long> m_written{0};
+    std::atomic<unsigned long long> m_zeros{0};
 };
 
 }  // namespace vshost::detail

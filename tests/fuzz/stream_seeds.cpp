@@ -1,7 +1,8 @@
-// Writes the decoder's seed corpus into a folder: real streams of every record kind,
-// made by the archive writer itself.
+// Writes the decoder's seed corpus into a folder: real streams of every record kind
+// (packed data included), made by the archive writer itself.
 #include "hostapi/archive.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -24,6 +25,12 @@ bool Write(const std::string& path, bool finish, bool fileLevel) {
     a.sendDiskInfo("vm", "vm.vmx", "", 4, 2, 0, 5, 0, 1);
     a.sendFileHeader("\\vm\\vm.vmx", 5, 0, false, false, false, 0, 0, 0, 0, false, true, false);
     a.allocateAndSendDataBuffer("x = 1", 5);
+    a.sendEOF(true, 0);
+    // Data with a zero run inside: a packed data record.
+    std::string nvram(3 * 4096, 'n');
+    std::fill(nvram.begin() + 4096, nvram.begin() + 8192, '\0');
+    a.sendFileHeader("\\vm\\vm.nvram", nvram.size(), 0, false, false, false, 0, 0, 0, 0, false, true, false);
+    a.allocateAndSendDataBuffer(nvram.data(), nvram.size());
     a.sendEOF(true, 0);
     a.sendFileHeader("\\vm\\disk.vmdk", 8192, 0, true, false, false, 0, 4096, 0, 0, false, true, false);
     a.sendEOF(true, 0);

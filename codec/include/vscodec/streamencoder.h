@@ -42,6 +42,8 @@ public:
     virtual const std::string& Error() const = 0;
     // Bytes of the stream written so far; after a Flush, the offset of the next record.
     virtual unsigned long long Accepted() const = 0;
+    // Bytes of data the sink left out as zero runs of packed records (exact after a Flush).
+    virtual unsigned long long PackedZeros() const = 0;
     // Totals and the entry opened last (null: unchanged), for a progress display.
     virtual void NoteProgress(const vsStreamTotals& totals, const std::string* entry) = 0;
 
@@ -78,7 +80,9 @@ public:
     // Fails unless an entry that may hold data is open.
     int CheckContent(const char* what);
 
-    const vsStreamTotals& Totals() const { return m_totals; }
+    // Zeros the sink found inside data count as holes, as a decoder counts them (exact
+    // once the sink is flushed).
+    vsStreamTotals Totals() const;
     bool EntryOpen() const { return m_open != Open::None; }
     const std::string& OpenPath() const { return m_openPath; }
     int Writers() const { return m_writers; }
