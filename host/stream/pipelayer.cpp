@@ -4,7 +4,9 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
+#include <thread>
 
 CPipelayer::CPipelayer(int fd, bool owned, std::string target)
     : m_state(std::make_unique<State>(fd, owned, std::move(target))) {}
@@ -26,6 +28,18 @@ std::unique_ptr<CPipelayer> CPipelayer::OpenFd(int fd) {
 
 CPipelayer::~CPipelayer() {
     Close();
+}
+
+bool CPipelayer::SetCompression(int level) {
+    using vshost::detail::DataPacker;
+    if (level != 0 && (level < DataPacker::kMinLevel || level > DataPacker::kMaxLevel)) return false;
+    // Compression is the writer threads' work; the reader's thread stays as light as it was.
+    constexpr std::size_t kContextBudget = std::size_t{32} << 20;
+    const std::size_t perThread = std::max<std::size_t>(DataPacker::ContextBytes(level), 1);
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    const auto threads =
+        static_cast<unsigned>(std::clamp<std::size_t>(kContextBudget / perThread, 1, std::min(cores, 4u)));
+    return m_state->ring.SetCompression(level, level == 0 ? 1 : threads);
 }
 
 void CPipelayer::SetArchiveFileId(unsigned long long archiveFileId) {

@@ -29,11 +29,27 @@ static_assert(stream::kMaxPayload <= kInBytes, "a data payload fits an empty slo
 }  // namespace
 
 WriteRing::WriteRing(int fd, std::string target) : m_fd(fd), m_target(std::move(target)) {
+    Allocate(kSlots);
+}
+
+void WriteRing::Allocate(std::size_t slots) {
+    m_slots.resize(slots);
     for (Slot& s : m_slots) {
-        s.in = std::make_unique<char[]>(kInBytes);
-        s.out = std::make_unique<char[]>(kOutBytes);
+        if (!s.in) s.in = std::make_unique<char[]>(kInBytes);
+        if (!s.out) s.out = std::make_unique<char[]>(kOutBytes);
     }
+    m_fill = 0;
     m_slots[0].stage = Stage::Filling;
+}
+
+bool WriteRing::SetCompression(int level, unsigned threads) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_threads.empty() || m_nextSeq > 0 || !Filling().items.empty()) return false;
+    m_level = level;
+    m_workers = std::max(1u, threads);
+    // Each thread packs a buffer of its own while the caller fills one and one waits.
+    Allocate(std::max(kSlots, std::size_t{m_workers} + 2));
+    return true;
 }
 
 WriteRing::~WriteRing() {
@@ -109,7 +125,7 @@ bool WriteRing::Submit(std::unique_lock<std::mutex>& lock) {
     s.stage = Stage::Queued;
     s.seq = m_nextSeq++;
     m_queued.notify_one();
-    m_fill = (m_fill + 1) % kSlots;
+    m_fill = Next(m_fill);
     m_freed.wait(lock, [&] { return m_slots[m_fill].stage == Stage::Free; });
     m_slots[m_fill].stage = Stage::Filling;
     return !Failed();
@@ -164,7 +180,7 @@ WriteRing::Slot* WriteRing::NextQueued() {
 }
 
 void WriteRing::Work() {
-    DataPacker packer;
+    DataPacker packer(m_level);
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
         m_queued.wait(lock, [&] { return m_stopping || NextQueued() != nullptr; });

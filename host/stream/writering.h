@@ -20,7 +20,8 @@ namespace vshost::detail {
 
 class WriteRing {
 public:
-    // Buffers in the ring, each holding about one extent's record.
+    // Buffers in the ring, each holding about one extent's record: one being filled, one
+    // being written, and some between so that neither side waits on the other's bursts.
     static constexpr std::size_t kSlots = 4;
 
     // Writes to `fd` (not owned); `target` names it in messages.
@@ -29,6 +30,11 @@ public:
     ~WriteRing();
     WriteRing(const WriteRing&) = delete;
     WriteRing& operator=(const WriteRing&) = delete;
+
+    // Compresses data records at zstd `level` (DataPacker) on `threads` writer threads,
+    // which pack buffers side by side and write them in order. Only before the first
+    // byte is put; false afterwards.
+    bool SetCompression(int level, unsigned threads);
 
     // Framed bytes, copied into the ring. False once the ring failed.
     bool Put(const void* data, std::size_t length);
@@ -66,19 +72,22 @@ private:
     };
 
     Slot& Filling() { return m_slots[m_fill]; }
+    void Allocate(std::size_t slots);
     bool Submit(std::unique_lock<std::mutex>& lock);
     bool NextSlot();
     bool Start();
     void Work();
     Slot* NextQueued();
     void Pack(Slot& slot, DataPacker& packer);
+    std::size_t Next(std::size_t slot) const { return (slot + 1) % m_slots.size(); }
     void WriteInOrder(std::unique_lock<std::mutex>& lock);
     bool WriteSlot(const Slot& slot);
     void StartWriteback();
 
     const int m_fd;
     const std::string m_target;
-    Slot m_slots[kSlots];
+    std::vector<Slot> m_slots;
+    int m_level = 0;
     std::size_t m_fill = 0;  // the slot the caller fills
 
     std::mutex m_mutex;

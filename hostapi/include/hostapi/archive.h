@@ -83,6 +83,13 @@ public:
     CPipelayer(const CPipelayer&) = delete;
     CPipelayer& operator=(const CPipelayer&) = delete;
 
+    // Data records are compressed with zstd at `level` (1 to 19; 0, the default: not
+    // compressed), each record on its own and only when that makes it smaller, on as many
+    // writer threads as the processors and a memory budget of 32 MiB for compression
+    // contexts allow (at most 4). Only before the first record; false (nothing changed)
+    // afterwards or for a level out of range.
+    bool SetCompression(int level);
+
     // Identity of the stream, as the file-level reader gives it: the archive file id
     // (the third of vsArchive::SetArchiveFileId's values), the job id and token.
     void SetArchiveFileId(unsigned long long archiveFileId);

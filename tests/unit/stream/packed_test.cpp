@@ -1,6 +1,7 @@
 // Packed data records (format 1.2): zero runs inside data are left out of the stream
-// and come back as zeros, as holes in a restored image; older streams still decode,
-// and a packed record that lies about its runs or lengths is corrupt.
+// and come back as zeros, as holes in a restored image; the rest is compressed when the
+// pipeline is asked to; older streams still decode, and a packed record that lies about
+// its runs, lengths or compressed bytes is corrupt.
 #include "commands.h"
 #include "stream_support.h"
 #include "vscodec/streambytes.h"
@@ -10,6 +11,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <zstd.h>
+
+#include <random>
 
 using vshost::ZeroRun;
 using vshost::stream::Kind;
@@ -27,9 +31,28 @@ std::string WithZeros(size_t size, std::vector<std::pair<size_t, size_t>> zeros,
     return s;
 }
 
+// Text that compresses as files do, not as a repeated byte does.
+std::string Text(size_t size) {
+    static const char* const words[] = {"stream ", "extent ", "disk ", "record ", "zero ", "run ", "data ", "\n"};
+    std::string s;
+    for (uint64_t x = 7; s.size() < size; x = x * 6364136223846793005ULL + 1442695040888963407ULL)
+        s += words[(x >> 33) % 8];
+    s.resize(size);
+    return s;
+}
+
+// Bytes no compressor can shrink (Pattern's never have their low bit clear).
+std::string Random(size_t size, unsigned seed) {
+    std::mt19937_64 gen(seed);
+    std::string s(size, '\0');
+    for (char& c : s) c = static_cast<char>(gen());
+    return s;
+}
+
 // One file entry holding `data` in one call; the stream's bytes.
-std::string StreamOf(const TempHome& home, const std::string& data) {
+std::string StreamOf(const TempHome& home, const std::string& data, int level = 0) {
     StreamFile f(home.sub("packed.stream"));
+    EXPECT_TRUE(f.pipe->SetCompression(level));
     EXPECT_EQ(Header(f.writer, "\\vm\\file", data.size(), false), 0);
     EXPECT_EQ(f.writer.allocateAndSendDataBuffer(data.data(), data.size()), 0);
     EXPECT_EQ(f.writer.sendEOF(true, 0), 0);
@@ -65,6 +88,14 @@ std::string PackedPayload(uint32_t length, uint8_t method, const std::vector<Zer
     return p.str() + Pattern(stored, 5);
 }
 
+// A packed payload whose stored bytes are a zstd frame of `bytes` bytes of text.
+std::string Zstd(uint32_t length, const std::vector<ZeroRun>& runs, size_t bytes) {
+    const std::string text = Text(bytes);
+    std::string frame(ZSTD_compressBound(bytes), '\0');
+    frame.resize(ZSTD_compress(frame.data(), frame.size(), text.data(), text.size(), 1));
+    return PackedPayload(length, 1, runs, 0) + frame;
+}
+
 }  // namespace
 
 TEST(PackedData, ZeroRunsInsideDataAreLeftOutAndComeBack) {
@@ -73,8 +104,11 @@ TEST(PackedData, ZeroRunsInsideDataAreLeftOutAndComeBack) {
     struct Case {
         const char* what;
         std::string data;
-        std::vector<ZeroRun> runs;  // none: a plain data record
+        std::vector<ZeroRun> runs;  // none and not compressed: a plain data record
+        int level = 0;
+        uint8_t method = vshost::stream::kPackStored;
     };
+    const std::string text = Text(mib);
     const Case cases[] = {
         {"dense", Pattern(mib, 1), {}},
         {"one 64 KiB run of data in zeros (the reader's extent of a fine-grained disk)",
@@ -90,18 +124,35 @@ TEST(PackedData, ZeroRunsInsideDataAreLeftOutAndComeBack) {
         {"a short zero tail alone is no run", WithZeros(kBlock + 500, {{kBlock, 500}}, 6), {}},
         {"all zeros", std::string(2 * kBlock, '\0'), {{0, 2 * kBlock}}},
         {"shorter than a block", std::string(100, '\0'), {}},
+        {"text, compressed", text, {}, 1, vshost::stream::kPackZstd},
+        {"text with a zero run, compressed at level 19",
+         text.substr(0, 8 * kBlock) + std::string(kBlock, '\0'),
+         {{8 * kBlock, kBlock}},
+         19,
+         vshost::stream::kPackZstd},
+        {"random bytes do not compress: plain", Random(mib, 9), {}, 3},
+        {"random bytes with a zero run: the run alone",
+         std::string(kBlock, '\0') + Random(3 * kBlock, 10),
+         {{0, kBlock}},
+         3},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        const std::string bytes = StreamOf(home, c.data);
+        const std::string bytes = StreamOf(home, c.data, c.level);
         const DecodeResult r = DecodeBytes(bytes);
         ASSERT_EQ(r.state, State::Complete) << r.error;
         const Decoded* d = FirstData(r);
         ASSERT_NE(d, nullptr);
-        EXPECT_EQ(d->record.kind, c.runs.empty() ? Kind::Data : Kind::PackedData);
+        const bool packed = !c.runs.empty() || c.method != vshost::stream::kPackStored;
+        EXPECT_EQ(d->record.kind, packed ? Kind::PackedData : Kind::Data);
         EXPECT_TRUE(d->bytes == c.data);
         const auto& record = std::get<vshost::DataRecord>(d->record.body);
         EXPECT_EQ(record.zeroRuns, c.runs);
+        EXPECT_EQ(record.method, c.method);
+        // What the record took in the stream: frame, length, method, runs, stored bytes, checksum.
+        EXPECT_EQ((d + 1)->record.offset - d->record.offset,
+                  packed ? 20 + 9 + 8 * c.runs.size() + record.storedBytes : 20 + c.data.size());
+        if (c.method == vshost::stream::kPackZstd) EXPECT_LT(bytes.size(), c.data.size() / 2);
         uint64_t zeros = 0;
         for (const ZeroRun& run : c.runs) zeros += run.length;
         // The stream costs the data, not the zeros: the trailer counts them as holes.
@@ -109,6 +160,12 @@ TEST(PackedData, ZeroRunsInsideDataAreLeftOutAndComeBack) {
         EXPECT_EQ(r.counted.holeBytes, zeros);
         EXPECT_LT(bytes.size(), c.data.size() - zeros + 512);
     }
+    // Compression is chosen before the stream starts, at a level zstd knows.
+    StreamFile f(home.sub("levels.stream"));
+    EXPECT_FALSE(f.pipe->SetCompression(20));
+    EXPECT_FALSE(f.pipe->SetCompression(-1));
+    SendVM(f.writer, "vm");
+    EXPECT_FALSE(f.pipe->SetCompression(1));
 }
 
 TEST(PackedData, OlderStreamsDecodeAndCraftedPackedRecordsAreCorrupt) {
@@ -140,11 +197,13 @@ TEST(PackedData, OlderStreamsDecodeAndCraftedPackedRecordsAreCorrupt) {
     struct Crafted {
         const char* what;
         std::string payload;
+        bool sound = false;
     };
     const Crafted crafted[] = {
         {"no data", PackedPayload(0, 0, {}, 0)},
         {"more than a record holds", PackedPayload(vshost::stream::kMaxPayload + 1, 0, {}, 0)},
         {"an unknown method", PackedPayload(n, 9, {}, n)},
+        {"a sound compressed record, to show the crafting sound", Zstd(n, {}, n), true},
         {"more runs than bytes to state them", PackedPayload(n, 0, {}, 0).replace(5, 4, "\xff\xff\xff\x0f", 4)},
         {"a run of no bytes", PackedPayload(n, 0, {{kBlock, 0}}, n)},
         {"a run past the end", PackedPayload(n, 0, {{3 * kBlock, 2 * kBlock}}, 3 * kBlock)},
@@ -152,13 +211,21 @@ TEST(PackedData, OlderStreamsDecodeAndCraftedPackedRecordsAreCorrupt) {
         {"overlapping runs", PackedPayload(n, 0, {{0, 2 * kBlock}, {kBlock, kBlock}}, kBlock)},
         {"a stored byte short", PackedPayload(n, 0, {{kBlock, kBlock}}, 3 * kBlock - 1)},
         {"a stored byte too many", PackedPayload(n, 0, {{kBlock, kBlock}}, 3 * kBlock + 1)},
+        {"compressed bytes that state another size", Zstd(n, {}, n - 1)},
+        {"bytes after the compressed frame", Zstd(n, {}, n) + "x"},
+        {"compressed bytes that are no zstd frame", PackedPayload(n, 1, {}, 100)},
     };
     for (const Crafted& c : crafted) {
         SCOPED_TRACE(c.what);
         std::string s = packed;
         Reframe(s, offset, index, Kind::PackedData, c.payload);
         r = DecodeBytes(s);
-        EXPECT_EQ(r.state, State::Corrupt);
+        EXPECT_EQ(r.state, State::Corrupt);  // the sound one moved the trailer
+        if (c.sound) {
+            ASSERT_NE(FirstData(r), nullptr) << r.error;
+            EXPECT_TRUE(FirstData(r)->bytes == Text(n));
+            continue;
+        }
         EXPECT_EQ(r.errorOffset, offset) << r.error;
         EXPECT_NE(r.error.find("packed-data"), std::string::npos) << r.error;
     }

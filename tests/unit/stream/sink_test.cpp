@@ -81,64 +81,73 @@ namespace {
 void NoOp(int) {}
 }  // namespace
 
+// Plain, and compressed on several writer threads that pack side by side and must
+// still write in order.
 TEST(StreamSink, InterruptedAndPartialWritesThroughAPipeLoseNothing) {
-    TempHome home;
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    // Timer signals without SA_RESTART make write and read return early or fail with
-    // EINTR, in whichever thread takes them (the pipeline's writer thread takes none).
-    struct sigaction sa {
-    }, old{};
-    sa.sa_handler = NoOp;
-    sigaction(SIGALRM, &sa, &old);
-    itimerval every{{0, 200}, {0, 200}};
-    setitimer(ITIMER_REAL, &every, nullptr);
+    for (const int level : {0, 3}) {
+        SCOPED_TRACE("zstd level " + std::to_string(level));
+        TempHome home;
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        // Timer signals without SA_RESTART make write and read return early or fail with
+        // EINTR, in whichever thread takes them (the pipeline's writer threads take none).
+        struct sigaction sa {
+        }, old{};
+        sa.sa_handler = NoOp;
+        sigaction(SIGALRM, &sa, &old);
+        itimerval every{{0, 200}, {0, 200}};
+        setitimer(ITIMER_REAL, &every, nullptr);
 
-    DecodeResult decoded;
-    std::thread reader([&] { decoded = DecodeFd(fds[0]); });
-    std::string disk = Pattern(6u << 20, 9);
-    std::fill(disk.begin() + (2u << 20), disk.begin() + (3u << 20), '\0');
-    // Small records gathered into a batch bigger than the pipe holds, then a payload
-    // that goes out behind it in the same write.
-    const std::string config = Pattern(200u << 10, 3);
-    {
-        auto pipe = CPipelayer::OpenFd(fds[1]);
-        // A progress display polls from a thread of its own while the writer thread writes.
-        std::atomic<bool> done{false};
-        bool backwards = false;
-        std::thread poller([&] {
-            for (unsigned long long last = 0; !done;) {
-                const unsigned long long now = pipe->Progress().bytesWritten;
-                backwards = backwards || now < last;
-                last = now;
-                std::this_thread::yield();
-            }
-        });
-        vsSim sim;
-        vsArchive w(nullptr, nullptr, &sim, "hub");
-        EXPECT_EQ(w.init(pipe.get(), nullptr, "c"), 0);  // no ASSERT: the threads must be joined
-        SendVM(w, "vm1");
-        SendConfig(w, "vm1", "vm1.nvram", config);
-        SendDisk(w, "vm1", "disk0", disk, 1u << 20);
-        EXPECT_EQ(w.close(true), 0) << w.lastError();
-        EXPECT_TRUE(pipe->Close());
-        done = true;
-        poller.join();
-        EXPECT_FALSE(backwards);
-        EXPECT_EQ(pipe->Progress().bytesWritten, pipe->BytesWritten());
-    }
-    close(fds[1]);
-    reader.join();
-    itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &old, nullptr);
-    close(fds[0]);
+        DecodeResult decoded;
+        std::thread reader([&] { decoded = DecodeFd(fds[0]); });
+        std::string disk = Pattern(6u << 20, 9);
+        std::fill(disk.begin() + (2u << 20), disk.begin() + (3u << 20), '\0');
+        std::fill(disk.begin() + (4u << 20) + 8192, disk.begin() + (4u << 20) + 65536, '\0');  // a zero run
+        // Small records gathered into a batch bigger than the pipe holds, then payloads.
+        const std::string config = Pattern(200u << 10, 3);
+        {
+            auto pipe = CPipelayer::OpenFd(fds[1]);
+            EXPECT_TRUE(pipe->SetCompression(level));
+            // A progress display polls from a thread of its own while the writer threads write.
+            std::atomic<bool> done{false};
+            bool backwards = false;
+            std::thread poller([&] {
+                for (unsigned long long last = 0; !done;) {
+                    const unsigned long long now = pipe->Progress().bytesWritten;
+                    backwards = backwards || now < last;
+                    last = now;
+                    std::this_thread::yield();
+                }
+            });
+            vsSim sim;
+            vsArchive w(nullptr, nullptr, &sim, "hub");
+            EXPECT_EQ(w.init(pipe.get(), nullptr, "c"), 0);  // no ASSERT: the threads must be joined
+            SendVM(w, "vm1");
+            SendConfig(w, "vm1", "vm1.nvram", config);
+            SendDisk(w, "vm1", "disk0", disk, 1u << 20);
+            EXPECT_EQ(w.close(true), 0) << w.lastError();
+            EXPECT_TRUE(pipe->Close());
+            done = true;
+            poller.join();
+            EXPECT_FALSE(backwards);
+            EXPECT_EQ(pipe->Progress().bytesWritten, pipe->BytesWritten());
+        }
+        close(fds[1]);
+        reader.join();
+        itimerval off{};
+        setitimer(ITIMER_REAL, &off, nullptr);
+        sigaction(SIGALRM, &old, nullptr);
+        close(fds[0]);
 
-    ASSERT_EQ(decoded.state, vshost::StreamReader::State::Complete) << decoded.error;
-    std::string rebuilt;
-    for (const auto& d : decoded.records) {
-        if (d.record.kind == vshost::stream::Kind::Data) rebuilt += d.bytes;
-        if (auto* h = std::get_if<vshost::HoleRecord>(&d.record.body)) rebuilt += std::string(h->length, '\0');
+        ASSERT_EQ(decoded.state, vshost::StreamReader::State::Complete) << decoded.error;
+        std::string rebuilt;
+        uint64_t packed = 0;
+        for (const auto& d : decoded.records) {
+            if (vshost::stream::HoldsData(d.record.kind)) rebuilt += d.bytes;
+            if (auto* h = std::get_if<vshost::HoleRecord>(&d.record.body)) rebuilt += std::string(h->length, '\0');
+            packed += d.record.kind == vshost::stream::Kind::PackedData;
+        }
+        EXPECT_TRUE(rebuilt == config + disk);
+        EXPECT_GE(packed, level == 0 ? 1u : 6u);  // the zero run; with compression every extent of data
     }
-    EXPECT_TRUE(rebuilt == config + disk);
 }
