@@ -25,7 +25,7 @@ constexpr std::size_t kRunBytes = 8;
 
 // Most runs a record of `length` bytes can hold: runs are separated by data blocks.
 std::size_t MaxRuns(std::size_t length) {
-    return length / (2 * kZeroRunBlock) + 1;
+    return length / (std::size_t{2} * kZeroRunBlock) + 1;
 }
 
 bool Refuse(std::string& why, std::string text) {

@@ -34,9 +34,10 @@ WriteRing::WriteRing(int fd, std::string target) : m_fd(fd), m_target(std::move(
 
 void WriteRing::Allocate(std::size_t slots) {
     m_slots.resize(slots);
+    // Not zeroed: a buffer's pages cost memory only once records fill them.
     for (Slot& s : m_slots) {
-        if (!s.in) s.in = std::make_unique<char[]>(kInBytes);
-        if (!s.out) s.out = std::make_unique<char[]>(kOutBytes);
+        if (!s.in) s.in = std::make_unique_for_overwrite<char[]>(kInBytes);
+        if (!s.out) s.out = std::make_unique_for_overwrite<char[]>(kOutBytes);
     }
     m_fill = 0;
     m_slots[0].stage = Stage::Filling;

@@ -152,7 +152,9 @@ TEST(PackedData, ZeroRunsInsideDataAreLeftOutAndComeBack) {
         // What the record took in the stream: frame, length, method, runs, stored bytes, checksum.
         EXPECT_EQ((d + 1)->record.offset - d->record.offset,
                   packed ? 20 + 9 + 8 * c.runs.size() + record.storedBytes : 20 + c.data.size());
-        if (c.method == vshost::stream::kPackZstd) EXPECT_LT(bytes.size(), c.data.size() / 2);
+        if (c.method == vshost::stream::kPackZstd) {
+            EXPECT_LT(bytes.size(), c.data.size() / 2);
+        }
         uint64_t zeros = 0;
         for (const ZeroRun& run : c.runs) zeros += run.length;
         // The stream costs the data, not the zeros: the trailer counts them as holes.
