@@ -213,14 +213,20 @@ TEST_F(Extents, WholeVMRoundTripsWithHolesAndChangeIds) {
     // The whole record order of a VM read as a whole: its entry, every disk's
     // description, then per mount-info record a configuration file or a disk entry
     // with its extents and its completion, and the VM's completion.
-    const std::map<std::string, char> letter = {{"stream-header", 'S'},     {"identity", 'I'},
-                                                {"file-header", 'F'},       {"data", 'D'},
-                                                {"packed-data", 'D'},       {"hole", 'H'},
-                                                {"end-of-file", 'E'},       {"disk-info", 'N'},
-                                                {"volume-header", 'V'},     {"disk-read-completed", 'C'},
-                                                {"vm-read-completed", 'M'}, {"trailer", 'T'}};
+    const std::map<std::string, char> letter = {{"stream-header", 'S'},
+                                                {"identity", 'I'},
+                                                {"file-header", 'F'},
+                                                {"data", 'D'},
+                                                {"hole", 'H'},
+                                                {"end-of-file", 'E'},
+                                                {"disk-info", 'N'},
+                                                {"volume-header", 'V'},
+                                                {"disk-read-completed", 'C'},
+                                                {"vm-read-completed", 'M'},
+                                                {"trailer", 'T'}};
     std::string kinds;
-    for (const std::string& k : s.order) kinds += letter.count(k) ? letter.at(k) : '?';
+    // Packed data (an extent with zero runs inside) is the extent's data all the same.
+    for (const std::string& k : s.order) kinds += letter.count(k) ? letter.at(k) : k == "packed-data" ? 'D' : '?';
     EXPECT_TRUE(std::regex_match(kinds, std::regex("SFE(NV){2}(NFD*E|FE(F(D|H)E)*C)+MT"))) << kinds;
 }
 
