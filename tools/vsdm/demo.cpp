@@ -146,7 +146,7 @@ void ChangeSource(const vssample::SampleSnapshot& s) {
 const char* const kChainVM = "564d4b56-4d30-3100-8000-00000000c0ff";
 
 std::string AddChainVM(const vssample::SampleSnapshot& s, std::ostream& out) {
-    const std::string folder = (fs::path(s.vm("web01").folder).parent_path() / "kvm01").string();
+    std::string folder = (fs::path(s.vm("web01").folder).parent_path() / "kvm01").string();
     fs::create_directories(folder);
     const std::string io = " >/dev/null && qemu-io -f qcow2";
     const std::string make = "cd '" + folder + "' && qemu-img create -q -f qcow2 base.qcow2 32M" + io +

@@ -220,7 +220,8 @@ public:
         for (int i = 0; i < 30000; ++i) {
             bool all = true;
             for (size_t k = 0; k < m_fds.size(); ++k) {
-                if (m_data[k].empty()) Take(k);  // a stream that began is left to fill its FIFO and wait
+                // One read only: reading until the FIFO is empty could take a fast stream whole.
+                if (m_data[k].empty()) Take(k, true);  // a stream that began is left to fill its FIFO and wait
                 all = all && !m_data[k].empty();
             }
             if (all) return true;
@@ -244,13 +245,14 @@ public:
     }
 
 private:
-    // False at the end of stream k.
-    bool Take(size_t k) {
+    // False at the end of stream k. `once`: at most one read.
+    bool Take(size_t k, bool once = false) {
         std::array<char, 65536> buf{};
         for (;;) {
             const ssize_t n = read(m_fds[k], buf.data(), buf.size());
             if (n > 0) {
                 m_data[k].append(buf.data(), static_cast<size_t>(n));
+                if (once) return true;
                 continue;
             }
             if (n < 0 && errno == EAGAIN) return true;
