@@ -30,6 +30,7 @@ public:
     virtual Dialect GetDialect() const = 0;
     virtual void Exec(const std::string& sql) = 0;
     virtual void Begin() = 0;
+    virtual void Commit() = 0;
     virtual void Rollback() noexcept = 0;
     virtual bool HasTable(const std::string& name) = 0;
     virtual std::unique_ptr<Cursor> Prepare(const char* sql) = 0;

@@ -213,7 +213,7 @@ void Connection::Begin() {
 }
 
 void Connection::Commit() {
-    m_impl->Exec("COMMIT");
+    m_impl->Commit();
 }
 
 void Connection::Rollback() noexcept {

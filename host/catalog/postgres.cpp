@@ -25,6 +25,12 @@ constexpr const char* kBeginWrite =
 // Idle connections kept per connection string and process.
 constexpr size_t kIdlePerTarget = 4;
 
+// How long a write waits for another host's transaction before it fails, as SQLite's busy
+// timeout does: a host stopped inside a transaction must not stall every other. A value
+// the connection string sets (options='-c lock_timeout=...') is kept.
+constexpr const char* kSession =
+    "SELECT set_config('lock_timeout', '30s', false) WHERE current_setting('lock_timeout') = '0'";
+
 std::string TrimEnd(std::string s) {
     while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
     return s;
@@ -95,7 +101,24 @@ PGconn* Connect(const std::string& conninfo) {
     }
     // Notices ("already exists, skipping") are no news for the catalog's callers.
     PQsetNoticeProcessor(conn, IgnoreNotice, nullptr);
+    PGresult* res = PQexec(conn, kSession);
+    const bool ok = PQresultStatus(res) == PGRES_TUPLES_OK;
+    const std::string why = ok ? std::string() : PQresultErrorMessage(res);
+    PQclear(res);
+    if (!ok) {
+        PQfinish(conn);
+        Fail("set up the PostgreSQL session", why);
+    }
     return conn;
+}
+
+// A pooled connection whose server went away (a restart, a fail-over) is only found out
+// by using it: an empty query costs one round trip and spares the caller the error.
+bool Alive(PGconn* conn) {
+    PGresult* res = PQexec(conn, "");
+    const bool alive = PQresultStatus(res) == PGRES_EMPTY_QUERY;
+    PQclear(res);
+    return alive;
 }
 
 // A result that is cleared when it goes out of scope.
@@ -199,7 +222,7 @@ private:
 class PgBackend final : public Backend {
 public:
     explicit PgBackend(std::string conninfo) : m_conninfo(std::move(conninfo)) {
-        m_conn = ThePool().Take(m_conninfo);
+        while ((m_conn = ThePool().Take(m_conninfo)) != nullptr && !Alive(m_conn)) PQfinish(m_conn);
         if (!m_conn) m_conn = Connect(m_conninfo);
     }
     ~PgBackend() override { ThePool().Give(m_conninfo, m_conn); }
@@ -212,6 +235,12 @@ public:
         CheckResult(m_conn, r.res, "exec");
     }
     void Begin() override { Exec(kBeginWrite); }
+    // A transaction that failed inside ends with COMMIT answering ROLLBACK: that is an error.
+    void Commit() override {
+        const Result r(PQexec(m_conn, "COMMIT"));
+        CheckResult(m_conn, r.res, "commit");
+        if (std::strcmp(PQcmdStatus(r.res), "COMMIT") != 0) Fail("commit", "the transaction was rolled back");
+    }
     void Rollback() noexcept override { PQclear(PQexec(m_conn, "ROLLBACK")); }
     bool HasTable(const std::string& name) override {
         PgCursor q(m_conn, "SELECT 1 FROM pg_catalog.pg_tables WHERE schemaname = current_schema() AND tablename = ?1");

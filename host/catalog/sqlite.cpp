@@ -77,6 +77,7 @@ public:
     }
     // IMMEDIATE takes the write lock before anything is read.
     void Begin() override { Exec("BEGIN IMMEDIATE"); }
+    void Commit() override { Exec("COMMIT"); }
     void Rollback() noexcept override { sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr); }
     bool HasTable(const std::string& name) override {
         SQLiteCursor q(m_db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?1");

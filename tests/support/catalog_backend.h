@@ -36,20 +36,39 @@ inline std::string TestServer() {
 
 inline void QuietNotice(void*, const char*) {}
 
-// Runs SQL on the test server as its administrator; throws with the server's message.
-inline void ServerExec(const std::string& server, const std::string& sql) {
-    PGconn* conn = PQconnectdb(server.c_str());
-    std::string error;
-    if (PQstatus(conn) != CONNECTION_OK) {
-        error = PQerrorMessage(conn);
-    } else {
-        PQsetNoticeProcessor(conn, QuietNotice, nullptr);  // "drop cascades to ..."
-        PGresult* res = PQexec(conn, sql.c_str());
-        if (PQresultStatus(res) != PGRES_COMMAND_OK) error = PQresultErrorMessage(res);
-        PQclear(res);
+// A session of the test server's administrator, open for the life of the object (a
+// transaction begun in it holds its locks that long); Exec throws with the server's
+// message.
+class ServerSession {
+public:
+    explicit ServerSession(const std::string& server) : m_server(server), m_conn(PQconnectdb(server.c_str())) {
+        if (PQstatus(m_conn) != CONNECTION_OK) {
+            const std::string why = PQerrorMessage(m_conn);
+            PQfinish(m_conn);
+            throw std::runtime_error("VS_TEST_PG (" + server + "): " + why);
+        }
+        PQsetNoticeProcessor(m_conn, QuietNotice, nullptr);  // "drop cascades to ..."
     }
-    PQfinish(conn);
-    if (!error.empty()) throw std::runtime_error("VS_TEST_PG (" + server + "): " + error);
+    ~ServerSession() { PQfinish(m_conn); }
+    ServerSession(const ServerSession&) = delete;
+    ServerSession& operator=(const ServerSession&) = delete;
+
+    void Exec(const std::string& sql) {
+        PGresult* res = PQexec(m_conn, sql.c_str());
+        const ExecStatusType st = PQresultStatus(res);
+        const std::string why = PQresultErrorMessage(res);
+        PQclear(res);
+        if (st != PGRES_COMMAND_OK && st != PGRES_TUPLES_OK)
+            throw std::runtime_error("VS_TEST_PG (" + m_server + "): " + why);
+    }
+
+private:
+    std::string m_server;
+    PGconn* m_conn;
+};
+
+inline void ServerExec(const std::string& server, const std::string& sql) {
+    ServerSession(server).Exec(sql);
 }
 
 // A fresh, empty schema on the test server; the catalog of a home that uses
@@ -72,7 +91,11 @@ public:
     PgSchema(const PgSchema&) = delete;
     PgSchema& operator=(const PgSchema&) = delete;
 
-    std::string Connection() const { return m_server + " options='-c search_path=" + m_name + "'"; }
+    // The catalog's connections name themselves after the schema, so that a test can
+    // find them on the server.
+    std::string Connection() const {
+        return m_server + " options='-c search_path=" + m_name + "' application_name=" + m_name;
+    }
     const std::string& Name() const { return m_name; }
 
 private:
@@ -100,6 +123,7 @@ protected:
 
     // The [Catalog] sConnection of this test's homes: empty (catalog.db) on SQLite.
     std::string CatalogConnection() const { return m_schema ? m_schema->Connection() : std::string(); }
+    const vstest::PgSchema& Schema() const { return *m_schema; }
     bool OnPostgres() const { return GetParam() == Backend::PostgreSQL; }
 
 private:

@@ -378,6 +378,38 @@ TEST_P(CatalogOn, HostsStartingTogetherMakeTheSchemaOnce) {
         EXPECT_EQ(vshost::Catalog().ClientName(id), "host" + std::to_string(id - 1));
 }
 
+// What only a server shared by hosts goes through.
+class CatalogServer : public vstest::CatalogBackendTest {};
+INSTANTIATE_TEST_SUITE_P(Catalog, CatalogServer, testing::Values(vstest::Backend::PostgreSQL), vstest::BackendName);
+
+// Readers never wait for a writer; a writer waits for another host's write transaction
+// and, when that host hangs, fails after the lock timeout instead of waiting for ever.
+// Connections the server dropped (a restart) are not handed out again.
+TEST_P(CatalogServer, WritersQueueAndDroppedConnectionsAreReplaced) {
+    vstest::TempHome home(CatalogConnection() + " options='-c search_path=" + Schema().Name() +
+                          " -c lock_timeout=300ms'");
+    vshost::Catalog().AddCopy(1, 1, 5);
+    vstest::ServerSession otherHost(vstest::TestServer());
+    otherHost.Exec("SET search_path = " + Schema().Name());
+    otherHost.Exec("BEGIN");
+    otherHost.Exec("SELECT pg_advisory_xact_lock(1987273569, hashtext(current_schema()))");
+    EXPECT_EQ(vshost::Catalog().CopyPrecedence(1, 1), 5ul);
+    try {
+        vshost::Catalog().NewJobId(1);
+        ADD_FAILURE() << "a write ran beside another host's";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("lock timeout"), std::string::npos) << e.what();
+    }
+    otherHost.Exec("COMMIT");
+    EXPECT_EQ(vshost::Catalog().NewJobId(1), 1);
+
+    // The pool holds this process's idle connections; the server ends them all.
+    vstest::ServerExec(
+        vstest::TestServer(),
+        "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE application_name = '" + Schema().Name() + "'");
+    EXPECT_EQ(vshost::Catalog().NewJobId(1), 2);
+}
+
 // A catalog from before disks were numbered in the order recorded: the order SQLite kept
 // them in carries over.
 TEST(CatalogUpgrade, DisksOfAnOlderCatalogKeepTheOrderTheyWereRecordedIn) {
