@@ -11,8 +11,7 @@ using vstest::Shell;
 namespace {
 
 class VsdmSharedCatalog : public vstest::CatalogBackendTest {};
-INSTANTIATE_TEST_SUITE_P(Catalog, VsdmSharedCatalog, testing::Values(vstest::Backend::PostgreSQL),
-                         vstest::BackendName);
+INSTANTIATE_TEST_SUITE_P(Catalog, VsdmSharedCatalog, testing::Values(vstest::Backend::PostgreSQL), vstest::BackendName);
 
 TEST_P(VsdmSharedCatalog, TwoHostsBackUpOneSnapshotInTurn) {
     vstest::TempHome scratch;
