@@ -150,7 +150,7 @@ constexpr Step kMigrations[] = {
     // stores a password the others cannot read.
     {R"sql(
         CREATE TABLE secret_key (
-            fingerprint TEXT NOT NULL
+            fingerprint TEXT NOT NULL  -- the key's keyed hash, in hex; one row at most
         );
         )sql"},
 };
@@ -175,6 +175,12 @@ std::string ToPostgres(const std::string& sql) {
             // Quoted text or identifiers, copied whole; a doubled quote inside stays in.
             const size_t end = sql.find(c, i + 1);
             const size_t stop = end == std::string::npos ? sql.size() : end + 1;
+            out.append(sql, i, stop - i);
+            i = stop;
+        } else if (c == '-' && i + 1 < sql.size() && sql[i + 1] == '-') {
+            // A comment, to the end of its line: its words are no SQL, its quotes no quotes.
+            const size_t end = sql.find('\n', i);
+            const size_t stop = end == std::string::npos ? sql.size() : end;
             out.append(sql, i, stop - i);
             i = stop;
         } else if (c == '?' && i + 1 < sql.size() && std::isdigit(static_cast<unsigned char>(sql[i + 1])) != 0) {

@@ -78,25 +78,39 @@ TEST(CatalogSetup, NoHomeAndConnectionsThatCannotWork) {
     EXPECT_NE(vsAppMgr().getCredentials(nullptr, hosts), 0);
     EXPECT_FALSE(vsAppMgr().isUseIndexingV2Enabled());
 
-    // A server that is not there, reached with a password: the error says which server,
-    // and neither it nor the log shows the password.
+    // A server that is not there, reached with a password, or a connection string that
+    // does not parse: the error says which server, and neither it nor the log shows the
+    // password.
     const std::string password = vstest::Secret("catalog-pw-9f3a");
-    vstest::TempHome home("host=/nonexistent-vs-socket dbname=vs user=vs password=" + password);
-    vshost::LogCapture log;
-    try {
-        vshost::Catalog();
-        ADD_FAILURE() << "a catalog without a server opened";
-    } catch (const std::runtime_error& e) {
-        const std::string what = e.what();
-        EXPECT_NE(what.find("cannot connect to PostgreSQL"), std::string::npos) << what;
-        EXPECT_NE(what.find("password=***"), std::string::npos) << what;
-        EXPECT_EQ(what.find(password), std::string::npos) << what;
+    vstest::TempHome home;
+    std::filesystem::remove(home.sub("catalog.db"));  // made by OpenHome before the setting
+    const struct {
+        std::string connection, says;
+    } cases[] = {
+        {"host=/nonexistent-vs-socket dbname=vs user=vs password=" + password, "password=***"},
+        {"postgresql://vs:" + password + "@/vs?host=/nonexistent-vs-socket", "password=***"},
+        {"host=/nonexistent-vs-socket password='" + password, "an unreadable connection string"},
+    };
+    for (const auto& c : cases) {
+        vshost::settings::Set("Catalog", "sConnection", c.connection);
+        vshost::LogCapture log;
+        try {
+            vshost::Catalog();
+            ADD_FAILURE() << "a catalog without a server opened";
+        } catch (const std::runtime_error& e) {
+            const std::string what = e.what();
+            EXPECT_EQ(what.find("catalog: cannot connect to PostgreSQL ("), 0u) << what;
+            EXPECT_NE(what.find(c.says), std::string::npos) << what;
+            EXPECT_NE(what.find(c.says == "password=***" ? "host=/nonexistent-vs-socket" : "unterminated"),
+                      std::string::npos)
+                << what;
+            EXPECT_EQ(what.find(password), std::string::npos) << what;
+        }
+        EXPECT_EQ(KTClient(0, "c", false, 0).getClientId(id), EIO);
+        EXPECT_TRUE(log.Contains("KTClient::getClientId: catalog: cannot connect to PostgreSQL"));
+        EXPECT_FALSE(log.Contains(password));
     }
-    EXPECT_EQ(KTClient(0, "c", false, 0).getClientId(id), EIO);
-    EXPECT_TRUE(log.Contains("KTClient::getClientId: catalog: cannot connect to PostgreSQL"));
-    EXPECT_FALSE(log.Contains(password));
-    EXPECT_FALSE(std::filesystem::exists(home.sub("catalog.db")));
-
+    EXPECT_FALSE(std::filesystem::exists(home.sub("catalog.db")));  // no fall-back to SQLite
     // A path is no connection string: refused rather than opened as a file.
     vshost::settings::Set("Catalog", "sConnection", home.sub("other.db"));
     EXPECT_THROW(vshost::Catalog(), std::runtime_error);
