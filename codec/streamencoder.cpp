@@ -4,6 +4,7 @@
 #include "vscodec/streambytes.h"
 #include "vscodec/streamcheck.h"
 
+#include <algorithm>
 #include <ctime>
 
 namespace vshost::detail {
@@ -30,6 +31,14 @@ void StreamEncoder::SetOrigin(const std::string& hubServer, const std::string& c
     m_hubServer = hubServer;
     m_clientName = clientName;
     m_originSet = true;
+}
+
+vsStreamTotals StreamEncoder::Totals() const {
+    vsStreamTotals t = m_totals;
+    const unsigned long long zeros = std::min<unsigned long long>(m_sink.PackedZeros(), t.dataBytes);
+    t.dataBytes -= zeros;
+    t.holeBytes += zeros;
+    return t;
 }
 
 int StreamEncoder::Fail(int status, std::string why) {
@@ -121,7 +130,7 @@ int StreamEncoder::BeginEntry(Kind kind, std::string_view payload, bool containe
     m_open = container ? Open::Container : Open::Content;
     m_openPath = path;
     ++m_totals.entries;
-    m_sink.NoteProgress(m_totals, &m_openPath);
+    m_sink.NoteProgress(Totals(), &m_openPath);
     return vsArchive::kOk;
 }
 
@@ -137,9 +146,13 @@ int StreamEncoder::Data(const char* data, size_t length) {
     if (int rc = CheckContent("data"); rc != vsArchive::kOk) return rc;
     while (length > 0) {
         const size_t piece = length < stream::kMaxPayload ? length : stream::kMaxPayload;
-        if (int rc = Emit(Kind::Data, data, piece); rc != vsArchive::kOk) return rc;
+        if (int rc = Prepare(); rc != vsArchive::kOk) return rc;
+        // Framed by the sink, which may check-sum and write it on a thread of its own.
+        if (!m_sink.WriteData(m_index, data, piece)) return Fail(vsArchive::kErrPipeline, m_sink.Error());
+        ++m_index;
+        ++m_totals.records;
         m_totals.dataBytes += piece;
-        m_sink.NoteProgress(m_totals, nullptr);
+        m_sink.NoteProgress(Totals(), nullptr);
         data += piece;
         length -= piece;
     }
@@ -152,7 +165,7 @@ int StreamEncoder::Hole(uint64_t length) {
     p.U64(length);
     if (int rc = Emit(Kind::Hole, p.str().data(), p.str().size()); rc != vsArchive::kOk) return rc;
     m_totals.holeBytes += length;
-    m_sink.NoteProgress(m_totals, nullptr);
+    m_sink.NoteProgress(Totals(), nullptr);
     return vsArchive::kOk;
 }
 
@@ -188,12 +201,15 @@ int StreamEncoder::Detach(bool finish) {
             rc = Fail(vsArchive::kErrOrder, "entry [" + m_openPath + "] is still open; the stream gets no trailer");
         } else if (m_abandoned) {
             rc = Fail(vsArchive::kErrOrder, "the stream was abandoned; it gets no trailer");
-        } else if ((rc = Prepare()) == vsArchive::kOk) {
-            // The trailer states its own offset: a stream that lost or gained bytes
-            // before it cannot match.
+        } else if ((rc = Prepare()) == vsArchive::kOk && !m_sink.Flush()) {
+            rc = Fail(vsArchive::kErrPipeline, m_sink.Error());
+        } else if (rc == vsArchive::kOk) {
+            // The trailer states its own offset (known once every record before it is
+            // written): a stream that lost or gained bytes before it cannot match.
             PayloadBuilder t;
-            t.U64(m_totals.records).U64(m_totals.entries).U64(m_totals.badEntries).U64(m_totals.directories);
-            t.U64(m_totals.dataBytes).U64(m_totals.holeBytes).U64(m_sink.Accepted());
+            const vsStreamTotals totals = Totals();
+            t.U64(totals.records).U64(totals.entries).U64(totals.badEntries).U64(totals.directories);
+            t.U64(totals.dataBytes).U64(totals.holeBytes).U64(m_sink.Accepted());
             rc = Frame(Kind::Trailer, t.str().data(), t.str().size());
             trailer = rc == vsArchive::kOk;
         }

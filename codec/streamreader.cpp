@@ -5,6 +5,7 @@
 #include "streamrecords.h"
 #include "vscodec/streambytes.h"
 #include "vscodec/streamcheck.h"
+#include "vscodec/streampack.h"
 
 #include <unistd.h>
 #include <algorithm>
@@ -66,6 +67,23 @@ const char* StateName(StreamReader::State state) {
 }
 
 StreamReader::StreamReader(int fd) : m_fd(fd), m_in(kInputBytes) {}
+
+StreamReader::~StreamReader() = default;
+
+// Packed data exists from 1.2 on: in an older stream its kind is unknown, as it was to
+// that stream's decoders.
+bool StreamReader::ParseBody(Kind kind, std::string_view payload, bool later, RecordBody& body, std::string& why) {
+    if (kind != Kind::PackedData) return detail::ParseRecordBody(kind, payload, m_minor, later, body, why);
+    if (m_minor < 2) {
+        why = "unknown record kind in a stream of version 1." + std::to_string(m_minor);
+        return false;
+    }
+    if (!m_unpacker) m_unpacker = std::make_unique<detail::DataUnpacker>();
+    DataRecord data;
+    if (!m_unpacker->Unpack(payload, data, why)) return false;
+    body = std::move(data);
+    return true;
+}
 
 // Up to `length` bytes; fewer only at the end of the input or on a read error (then
 // the state is ReadError).
@@ -182,7 +200,7 @@ bool StreamReader::Next(StreamRecord& record) {
         if (!(flags & stream::kFlagSkippable))
             return Stop(State::Corrupt, at, Describe(m_index, kind) + ": unknown record kind");
         record.body = SkippedRecord{};
-    } else if (!detail::ParseRecordBody(kind, payload, m_minor, later, record.body, why)) {
+    } else if (!ParseBody(kind, payload, later, record.body, why)) {
         return Stop(State::Corrupt, at, Describe(m_index, kind) + ": " + why);
     }
     if (!CheckStructure(record, why)) return Stop(State::Corrupt, at, Describe(m_index, kind) + ": " + why);
@@ -247,15 +265,22 @@ bool StreamReader::CheckStructure(const StreamRecord& record, std::string& why) 
     }
     switch (kind) {
         case Kind::Data:
+        case Kind::PackedData:
         case Kind::Hole:
             if (m_open != Open::Content) {
                 why = m_open == Open::None ? "outside any entry" : "inside container entry [" + m_openPath + "]";
                 return false;
             }
-            if (kind == Kind::Data)
-                m_counted.dataBytes += std::get<DataRecord>(record.body).bytes.size();
-            else
+            if (kind == Kind::Hole) {
                 m_counted.holeBytes += std::get<HoleRecord>(record.body).length;
+            } else {
+                // A packed record's zero runs count as holes: the stream left them out.
+                const auto& data = std::get<DataRecord>(record.body);
+                uint64_t zeros = 0;
+                for (const ZeroRun& run : data.zeroRuns) zeros += run.length;
+                m_counted.dataBytes += data.bytes.size() - zeros;
+                m_counted.holeBytes += zeros;
+            }
             break;
         case Kind::EndOfFile:
             if (m_open == Open::None) {

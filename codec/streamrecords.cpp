@@ -129,10 +129,14 @@ RecordBody Parse(Kind kind, PayloadParser& p, std::string_view payload, uint16_t
         case Kind::Data: {
             // The whole payload is the data; nothing to parse.
             p.Skip(payload.size());
-            return DataRecord{payload};
+            DataRecord r;
+            r.bytes = payload;
+            return r;
         }
         case Kind::Hole:
             return HoleRecord{p.U64()};
+        case Kind::PackedData:
+            break;  // unpacked by the decoder, which keeps the buffer it needs
         case Kind::EndOfFile: {
             EndOfFileRecord r;
             r.complete = p.Bool();

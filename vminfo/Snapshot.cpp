@@ -260,24 +260,71 @@ bool AsFileCollection(const FileCollectionDisk& fc, VMInfoStructs::SDisk& disk, 
     return true;
 }
 
-// A disk image: a VMDK descriptor or a raw image, and its size.
-bool AsImage(const std::string& root, VMInfoStructs::SDisk& disk, Failure& f) {
-    std::error_code ec;
+// The disk file the VM's newest snapshot holds for `device`, resolved as a .vmx disk
+// entry is. Empty `path` when the VM has no snapshot list or no snapshot.
+bool SnapshotDisk(const VMSource& src, const std::string& device, std::string& path, std::string& what, Failure& f) {
+    path.clear();
+    const std::string vmsdPath = fs::path(src.vm.vmxPath).replace_extension(".vmsd").string();
+    std::string text, why;
+    if (!vshost::snapfile::ReadText(src.home.path, vmsdPath, text, why))
+        return errno == ENOENT || Fail(f, kErrConfigFilePath, why);
+    const VmsdConfig vmsd = ParseVmsd(text);
+    const VmsdSnapshot* snap = vmsd.Current();
+    if (!snap) return true;
+    what = "VM snapshot [" + snap->displayName + "] (uid " + snap->uid + ") of " + vmsdPath;
+    auto it = snap->diskFiles.find(Lower(device));
+    if (it == snap->diskFiles.end()) return Fail(f, kErrDiskOpen, what + " holds no disk of device " + device);
+    std::string datastore, secondName, root;
+    return ResolveDisk(src.snap, src.vm, it->second, datastore, path, secondName, root, f);
+}
+
+// A delta disk is read as its newest VM snapshot left it: without the delta the VM has
+// written to since (a backup from a storage snapshot takes a VM snapshot first, so that
+// the array snapshot holds a consistent parent chain beneath the running delta).
+bool PointOf(const VMSource& src, const VmxDisk& entry, const vshost::diskchain::Chain& chain, size_t& point,
+             Failure& f) {
+    const std::string& top = chain.images[0].path;
+    std::string file, what;
+    if (!SnapshotDisk(src, entry.device, file, what, f)) return false;
+    if (file.empty())
+        return Fail(f, kErrDiskOpen,
+                    "disk " + top + " is a delta of " + chain.images[1].path +
+                        ", but the VM's snapshot list names no snapshot: the point at which its chain is "
+                        "consistent is not known");
+    for (point = 1; point < chain.images.size(); ++point)
+        if (chain.images[point].path == file) return true;
+    return Fail(f, kErrDiskOpen,
+                what + " holds " + file + " for device " + entry.device + ", which is not a parent of " + top);
+}
+
+int32_t DiskTypeOf(const vshost::diskchain::Chain& chain, size_t point) {
+    using vshost::diskchain::Format;
+    const Format format = chain.images[point].format;
+    if (point + 1 == chain.images.size() && format == Format::Raw) return kDiskTypeRawImage;
+    if (point + 1 == chain.images.size() && format == Format::FlatVmdk) return kDiskTypeFlatVmdk;
+    return format == Format::Qcow2 ? kDiskTypeQcow2 : kDiskTypeQemuVmdk;
+}
+
+// A disk image, raw, VMDK or qcow2, alone or the top of a chain: what is read of it (the
+// chain at its VM snapshot), its size, and its name: the base's, which stays the same
+// while deltas come and go, so incrementals find the disk again.
+bool AsImage(const VMSource& src, const VmxDisk& entry, const std::string& root, VMInfoStructs::SDisk& disk,
+             Failure& f) {
     std::string why;
-    vshost::vmdk::Descriptor descriptor;
-    switch (vshost::vmdk::Inspect(disk.sDiskPath, descriptor, why, root)) {
-        case vshost::vmdk::Kind::Unreadable:
-            return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": " + why);
-        case vshost::vmdk::Kind::Descriptor:
-            disk.nDiskType = kDiskTypeFlatVmdk;
-            disk.ullSize = descriptor.SizeBytes();
-            break;
-        case vshost::vmdk::Kind::RawImage:
-            disk.nDiskType = kDiskTypeRawImage;
-            disk.ullSize = fs::file_size(disk.sDiskPath, ec);
-            break;
-    }
+    vshost::diskchain::Chain chain;
+    if (!vshost::diskchain::Inspect({root, disk.sDatastore}, disk.sDiskPath, chain, why))
+        return Fail(f, kErrDiskOpen, "disk " + disk.sSecondName + ": " + why);
+    size_t point = 0;
+    if (chain.images.size() > 1 && !PointOf(src, entry, chain, point, f)) return false;
+    const vshost::diskchain::Image& base = chain.images.back();
+    disk.sDiskPath = chain.images[point].path;
+    disk.ullSize = chain.images[point].size;
+    disk.nDiskType = DiskTypeOf(chain, point);
     disk.nBackupType = VMInfoStructs::kBackupTypeDisk;
+    if (chain.images.size() > 1) {
+        disk.sDiskName = fs::path(base.path).filename().string();
+        disk.sSecondName = "[" + disk.sDatastore + "] " + fs::path(base.path).lexically_relative(root).generic_string();
+    }
     return true;
 }
 
@@ -287,28 +334,46 @@ const FileCollectionDisk* CollectionNamed(const GuestSidecar& sidecar, const std
     return nullptr;
 }
 
+// One disk of the .vmx: false fails the mount; `disk` is left without a name when the
+// filters leave the disk out.
+bool AddVmxDisk(const VMSource& src, const VmxDisk& entry, const std::vector<SDiskFilter>& filters,
+                const std::set<std::string>& names, VMInfoStructs::SDisk& disk, const FileCollectionDisk*& fc,
+                Failure& f) {
+    std::string root;
+    const std::string asWritten = fs::path(entry.fileName).filename().string();
+    if (!ResolveDisk(src.snap, src.vm, entry.fileName, disk.sDatastore, disk.sDiskPath, disk.sSecondName, root, f))
+        return !Wanted(filters, asWritten, entry.fileName);
+    disk.sDiskName = fs::path(disk.sDiskPath).filename().string();
+    const bool named = Wanted(filters, disk.sDiskName, disk.sSecondName);
+    fc = CollectionNamed(src.sidecar, disk.sDiskName);
+    if (!fc) {
+        // A filter may name the disk as the .vmx does or by its base: a disk that cannot be
+        // inspected fails the mount only when it is named as the .vmx does, or no filter is set.
+        Failure inspect;
+        if (!AsImage(src, entry, root, disk, inspect)) {
+            disk.sDiskName.clear();
+            return !(named || filters.empty()) || Fail(f, inspect.code, inspect.reason);
+        }
+    }
+    // Two datastores may hold disks of one file name; the second is told apart by its datastore.
+    if (names.count(disk.sDiskName)) disk.sDiskName = disk.sDatastore + "_" + disk.sDiskName;
+    if (!named && !Wanted(filters, disk.sDiskName, disk.sSecondName)) disk.sDiskName.clear();
+    return true;
+}
+
 bool AddDisks(const VMSource& src, const std::vector<SDiskFilter>& filters, MountedVM& out, Failure& f) {
     std::set<std::string> names;
     std::set<std::string> collectionsUsed;
     for (const VmxDisk& entry : src.vm.cfg.disks) {
         VMInfoStructs::SDisk disk;
-        std::string root;
-        if (!ResolveDisk(src.snap, src.vm, entry.fileName, disk.sDatastore, disk.sDiskPath, disk.sSecondName, root,
-                         f)) {
-            if (Wanted(filters, fs::path(entry.fileName).filename().string(), entry.fileName)) return false;
-            continue;
-        }
-        disk.sDiskName = fs::path(disk.sDiskPath).filename().string();
-        // Two datastores may hold disks of one file name; the second is told apart by its datastore.
-        if (names.count(disk.sDiskName)) disk.sDiskName = disk.sDatastore + "_" + disk.sDiskName;
-        if (!Wanted(filters, disk.sDiskName, disk.sSecondName)) continue;
+        const FileCollectionDisk* fc = nullptr;
+        if (!AddVmxDisk(src, entry, filters, names, disk, fc, f)) return false;
+        if (disk.sDiskName.empty()) continue;
         names.insert(disk.sDiskName);
         disk.sChangeId = StableHash(out.guid + "|" + disk.sSecondName) + "/" + std::to_string(src.snap.jobId);
-        if (const FileCollectionDisk* fc = CollectionNamed(src.sidecar, disk.sDiskName)) {
+        if (fc) {
             collectionsUsed.insert(fc->name);
             if (!AsFileCollection(*fc, disk, f)) return false;
-        } else if (!AsImage(root, disk, f)) {
-            return false;
         }
         out.items.push_back(disk);
     }

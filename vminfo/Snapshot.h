@@ -30,6 +30,8 @@ enum ErrorCode : int {
 constexpr int32_t kDiskTypeFlatVmdk = 1;
 constexpr int32_t kDiskTypeRawImage = 2;
 constexpr int32_t kDiskTypeFolder = 3;
+constexpr int32_t kDiskTypeQemuVmdk = 4;  // a sparse VMDK or a chain of VMDK deltas, read through qemu
+constexpr int32_t kDiskTypeQcow2 = 5;     // a qcow2 image or chain, read through qemu
 
 struct Failure {
     int code = kNoError;

@@ -84,9 +84,12 @@ std::string CanonicalGuid(const std::string& text) {
            hex.substr(20);
 }
 
-VmxConfig ParseVmx(const std::string& text) {
+namespace {
+
+// `key = "value"` lines: keys in lower case, values unquoted and unescaped, the first
+// spelling of each key kept in `order`.
+std::map<std::string, std::string> ParseKeyValues(const std::string& text, std::vector<std::string>& order) {
     std::map<std::string, std::string> values;
-    std::vector<std::string> order;
     std::istringstream in(text);
     std::string line;
     while (std::getline(in, line)) {
@@ -100,6 +103,73 @@ VmxConfig ParseVmx(const std::string& text) {
         if (!values.count(key)) order.push_back(key);
         values[key] = Unescape(value);
     }
+    return values;
+}
+
+// "snapshot12.disk0.filename" into 12 and "disk0.filename"; false for other keys.
+bool SnapshotKey(const std::string& key, unsigned& index, std::string& rest) {
+    const std::string prefix = "snapshot";
+    if (key.rfind(prefix, 0) != 0) return false;
+    size_t at = prefix.size();
+    index = 0;
+    while (at < key.size() && std::isdigit(static_cast<unsigned char>(key[at])) && at < prefix.size() + 6)
+        index = index * 10 + static_cast<unsigned>(key[at++] - '0');
+    if (at == prefix.size() || at >= key.size() || key[at] != '.') return false;
+    rest = key.substr(at + 1);
+    return true;
+}
+
+unsigned long long Number(const std::string& s) {
+    unsigned long long n = 0;
+    for (char c : s) {
+        if (!std::isdigit(static_cast<unsigned char>(c)) || n > (~0ull - 9) / 10) return 0;
+        n = n * 10 + static_cast<unsigned>(c - '0');
+    }
+    return n;
+}
+
+}  // namespace
+
+VmsdConfig ParseVmsd(const std::string& text) {
+    std::vector<std::string> order;
+    const std::map<std::string, std::string> values = ParseKeyValues(text, order);
+    VmsdConfig cfg;
+    if (auto it = values.find("snapshot.current"); it != values.end()) cfg.currentUid = it->second;
+    std::map<unsigned, VmsdSnapshot> snapshots;
+    std::map<unsigned, std::map<std::string, std::pair<std::string, std::string>>> disks;  // file, node
+    for (const auto& [key, value] : values) {
+        unsigned index = 0;
+        std::string rest;
+        if (!SnapshotKey(key, index, rest)) continue;
+        if (rest == "uid") snapshots[index].uid = value;
+        if (rest == "displayname") snapshots[index].displayName = value;
+        const size_t dot = rest.find('.');
+        if (rest.rfind("disk", 0) == 0 && dot != std::string::npos) {
+            auto& disk = disks[index][rest.substr(0, dot)];
+            if (rest.substr(dot + 1) == "filename") disk.first = value;
+            if (rest.substr(dot + 1) == "node") disk.second = Lower(value);
+        }
+    }
+    for (auto& [index, snap] : snapshots) {
+        for (const auto& [name, disk] : disks[index])
+            if (!disk.first.empty() && !disk.second.empty()) snap.diskFiles[disk.second] = disk.first;
+        if (!snap.uid.empty()) cfg.snapshots.push_back(snap);
+    }
+    return cfg;
+}
+
+const VmsdSnapshot* VmsdConfig::Current() const {
+    const VmsdSnapshot* newest = nullptr;
+    for (const VmsdSnapshot& s : snapshots) {
+        if (!currentUid.empty() && s.uid == currentUid) return &s;
+        if (!newest || Number(s.uid) > Number(newest->uid)) newest = &s;
+    }
+    return currentUid.empty() ? newest : nullptr;
+}
+
+VmxConfig ParseVmx(const std::string& text) {
+    std::vector<std::string> order;
+    const std::map<std::string, std::string> values = ParseKeyValues(text, order);
     auto get = [&](const std::string& key) {
         auto it = values.find(key);
         return it == values.end() ? std::string() : it->second;

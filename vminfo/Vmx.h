@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,26 @@ struct VmxConfig {
 
 // Parses .vmx text (`key = "value"` lines, keys case-insensitive, |XX escapes decoded).
 VmxConfig ParseVmx(const std::string& text);
+
+// One VM snapshot of a .vmsd: the disk file each device had when the snapshot was taken
+// (the file that became read-only then; the VM writes to a delta of it since).
+struct VmsdSnapshot {
+    std::string uid;
+    std::string displayName;
+    std::map<std::string, std::string> diskFiles;  // device ("scsi0:0", lower case) to file name as written
+};
+
+// A VM's snapshot list (.vmsd, `key = "value"` lines as in a .vmx).
+struct VmsdConfig {
+    std::string currentUid;  // snapshot.current: the snapshot the VM runs on top of
+    std::vector<VmsdSnapshot> snapshots;
+
+    // The snapshot named current; without that key, the newest (highest uid). Null when
+    // there is none, or when current names a snapshot that is not listed.
+    const VmsdSnapshot* Current() const;
+};
+
+VmsdConfig ParseVmsd(const std::string& text);
 
 // 32 hex digits in any of the usual spellings ("56 4d ... -..", braces, dashes) to the
 // canonical form; empty when `text` is not a GUID.

@@ -1,5 +1,6 @@
-// The virtual-disk reader: allocated extents of raw and flat VMDK images, found with
-// SEEK_DATA/SEEK_HOLE so that holes are never read, with change tracking by digest.
+// The virtual-disk reader: allocated extents of a disk (raw and flat VMDK images found
+// with SEEK_DATA/SEEK_HOLE, every other format and chain through qemu-nbd's block
+// status) so that holes are never read, with change tracking by digest.
 #include "hostapi/vdisk.h"
 
 #include "detail.h"
@@ -71,25 +72,36 @@ struct CArchiveVirtualDiskFile::Impl {
     ct::DiskDigests pass;  // digests of the extents with data seen by the current pass
     bool passWhole = false;
     std::optional<unsigned long long> faultyExtent;
-    std::vector<std::string> volumes;  // folders of the datastore volumes the VM was mounted from
+    struct Volume {
+        std::string folder;
+        std::string datastore;
+    };
+    std::vector<Volume> volumes;  // the datastore volumes the VM was mounted from
+    std::string resultsDir;       // the job's results folder: where a qemu-nbd's socket goes
     IVMInfo* vmInfo = nullptr;
     MountCtx* mountCtx = nullptr;
     CQiError broken;  // once the image is found cut short, every read fails
 
-    // The folder the disk's files must lie below: the mounted volume that holds `file`;
-    // without a VM mount (a disk opened on its own), the file's own folder.
-    bool RootOf(const std::string& file, std::string& root) const {
+    // Where the disk's files must lie: the mounted volume that holds `file`; without a
+    // VM mount (a disk opened on its own), the file's own folder.
+    bool SourceOf(const std::string& file, vshost::vdisk::Source& source) const {
+        source = {};
         if (volumes.empty()) {
             const size_t slash = file.find_last_of('/');
-            root = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+            source.root = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
             return true;
         }
-        root.clear();
-        for (const std::string& v : volumes)
-            if (file.size() > v.size() + 1 && file.compare(0, v.size(), v) == 0 && file[v.size()] == '/' &&
-                v.size() > root.size())
-                root = v;
-        return !root.empty();
+        for (const Volume& v : volumes)
+            if (Beneath(file, v.folder) && v.folder.size() > source.root.size()) source = {v.folder, v.datastore, {}};
+        // Nothing is ever made on a volume: a results folder there is not used.
+        bool resultsOnVolume = false;
+        for (const Volume& v : volumes) resultsOnVolume = resultsOnVolume || Beneath(resultsDir, v.folder);
+        if (!resultsOnVolume) source.workDir = resultsDir;
+        return !source.root.empty();
+    }
+    static bool Beneath(const std::string& file, const std::string& folder) {
+        return file.size() > folder.size() + 1 && file.compare(0, folder.size(), folder) == 0 &&
+               file[folder.size()] == '/';
     }
 
     unsigned long long ExtentCount() const { return (layout.size + extentSize - 1) / extentSize; }
@@ -167,12 +179,13 @@ void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo* vmInfo, const std::string& vmNa
     // The VM's mount names the volumes its disks lie on; no file of a disk is opened
     // outside them.
     m_impl->volumes.clear();
+    m_impl->resultsDir = ctx ? ctx->sJobResultsDir : std::string();
     if (ctx)
         for (const SVolSnap& v : ctx->volSnaps)
             if (!v.sMountPath.empty()) {
                 std::string folder = v.sMountPath;
                 while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-                m_impl->volumes.push_back(folder);
+                m_impl->volumes.push_back({folder, v.sVolume});
             }
 }
 
@@ -184,14 +197,15 @@ CQiError CArchiveVirtualDiskFile::Open(const std::string& path, DiskType_t diskT
     Close();
     m_impl->path = path;
     m_impl->broken = CQiError();
-    std::string root;
-    if (!m_impl->RootOf(path, root)) {
+    vshost::vdisk::Source source;
+    if (!m_impl->SourceOf(path, source)) {
         KTlog(Log(), 1, "Refusing disk [%s]: it lies on none of the volumes the VM was mounted from", path.c_str());
         return CQiError(EXDEV, path + ": lies on none of the volumes the VM was mounted from");
     }
-    CQiError err = vshost::vdisk::Layout::Open(root, path, diskType, m_impl->layout);
+    CQiError err = vshost::vdisk::Layout::Open(source, path, diskType, m_impl->layout);
     if (err.IsError()) {
-        KTlog(Log(), 1, "Cannot open disk [%s] below [%s]: %s", path.c_str(), root.c_str(), err.AsString().c_str());
+        KTlog(Log(), 1, "Cannot open disk [%s] below [%s]: %s", path.c_str(), source.root.c_str(),
+              err.AsString().c_str());
         return err;
     }
     // The stream states the size the VM mount reported: a disk that has another size now

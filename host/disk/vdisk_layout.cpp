@@ -1,5 +1,6 @@
 // Disk layouts: raw images and flat VMDK extents, read with pread and probed for data
-// with SEEK_DATA so that holes are never read.
+// with SEEK_DATA so that holes are never read; other formats and chains through qemu-nbd,
+// probed for data with NBD block status.
 #include "disk/vdisk_layout.h"
 
 #include "vshost/beneath.h"
@@ -20,6 +21,7 @@ Layout& Layout::operator=(Layout&& other) noexcept {
         size = other.size;
         m_segments = std::move(other.m_segments);
         other.m_segments.clear();
+        m_nbd = std::move(other.m_nbd);
         other.size = 0;
     }
     return *this;
@@ -29,50 +31,53 @@ void Layout::Close() {
     for (Segment& s : m_segments)
         if (s.fd >= 0) ::close(s.fd);
     m_segments.clear();
+    m_nbd.reset();
     size = 0;
 }
 
 size_t Layout::FileCount() const {
+    if (m_nbd) return m_nbd->FileCount();
     return static_cast<size_t>(
         std::count_if(m_segments.begin(), m_segments.end(), [](const Segment& s) { return s.fd >= 0; }));
 }
 
-CQiError Layout::Open(const std::string& root, const std::string& path, int, Layout& out) {
+CQiError Layout::Open(const Source& source, const std::string& path, int, Layout& out) {
     out.Close();
-    Layout layout;
-    vshost::vmdk::Descriptor descriptor;
+    diskchain::Chain chain;
     std::string why;
-    const vshost::vmdk::Kind kind = vshost::vmdk::Inspect(path, descriptor, why, root);
-    if (kind == vshost::vmdk::Kind::Unreadable) return CQiError(ENOTSUP, path + ": " + why);
+    if (!diskchain::Inspect({source.root, source.datastore}, path, chain, why)) return CQiError(ENOTSUP, why);
+    Layout layout;
+    if (chain.Native()) {
+        if (CQiError err = OpenNative(chain.images.front(), layout); err.IsError()) return err;
+    } else {
+        layout.size = chain.Size();
+        if (CQiError err = NbdDisk::Open(std::move(chain), source.workDir, layout.m_nbd); err.IsError()) return err;
+    }
+    out = std::move(layout);
+    return {};
+}
 
-    if (kind == vshost::vmdk::Kind::RawImage) {
+CQiError Layout::OpenNative(diskchain::Image& image, Layout& layout) {
+    const std::string& path = image.path;
+    if (image.format == diskchain::Format::Raw) {
         Segment seg;
         seg.file = path;
-        seg.fd = vshost::snapfile::Open(root, path, why).Release();
-        if (seg.fd < 0) return CQiError(errno, "open " + why);
-        struct stat st {};
-        if (fstat(seg.fd, &st) != 0) {
-            CQiError err = CQiError::FromErrno("stat " + path);
-            ::close(seg.fd);
-            return err;
-        }
-        seg.length = static_cast<uint64_t>(st.st_size);
+        seg.length = image.fileSize;
+        seg.fd = image.fd.Release();
         layout.size = seg.length;
         layout.m_segments.push_back(seg);
-        out = std::move(layout);
         return {};
     }
-
     uint64_t diskOffset = 0;
-    for (const vshost::vmdk::Extent& extent : descriptor.extents) {
+    for (size_t i = 0; i < image.descriptor.extents.size(); ++i) {
+        const vmdk::Extent& extent = image.descriptor.extents[i];
         Segment seg;
         seg.diskOffset = diskOffset;
         seg.length = extent.sectors * 512;
         if (!extent.IsZero()) {
             seg.file = extent.file;
             seg.fileOffset = extent.offsetSectors * 512;
-            seg.fd = vshost::snapfile::Open(root, extent.file, why).Release();
-            if (seg.fd < 0) return CQiError(errno, "open extent " + why + " (of " + path + ")");
+            seg.fd = image.extentFds[i].Release();
             layout.m_segments.push_back(seg);  // owns the descriptor from here on
             // A flat file always spans its whole extent, even when thin; a shorter one
             // lost its end, and reading it as zeros would back up a damaged disk as sound.
@@ -89,11 +94,11 @@ CQiError Layout::Open(const std::string& root, const std::string& path, int, Lay
         diskOffset += seg.length;
     }
     layout.size = diskOffset;
-    out = std::move(layout);
     return {};
 }
 
 CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
+    if (m_nbd) return m_nbd->Read(dest, offset, length);
     if (offset + length > size || offset + length < offset) return CQiError(EINVAL, "read past the end of the disk");
     // Extent boundaries may fall inside a read: each segment serves its own part.
     for (const Segment& seg : m_segments) {
@@ -128,6 +133,7 @@ CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
 }
 
 CQiError Layout::NextData(uint64_t from, std::optional<uint64_t>& next) const {
+    if (m_nbd) return m_nbd->NextData(from, next);
     next.reset();
     for (const Segment& seg : m_segments) {
         const uint64_t segEnd = seg.diskOffset + seg.length;

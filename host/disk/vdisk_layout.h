@@ -1,10 +1,13 @@
 // Where each byte of a virtual disk lies: the image files (and zero ranges) that make
-// up the disk, in disk order.
+// up a raw or flat disk, in disk order; or, for every other format and for chains, the
+// qemu-nbd that reads it.
 #pragma once
 
+#include "disk/nbd.h"
 #include "hostapi/fileutil.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,11 +25,19 @@ struct Segment {
     uint64_t FileEnd() const { return fileOffset + length; }
 };
 
+// Where a disk's files come from, and where its qemu-nbd may put its socket.
+struct Source {
+    std::string root;       // the volume folder every file of the disk lies beneath
+    std::string datastore;  // that volume's datastore (parents named /vmfs/volumes/<datastore>/...)
+    std::string workDir;    // the job's results folder; empty: a temporary folder
+};
+
 class Layout {
 public:
-    // A raw image, or a VMDK descriptor whose extents are flat files or zero ranges. Every
-    // file is opened below the folder `root` only (see vshost/beneath.h).
-    static CQiError Open(const std::string& root, const std::string& path, int diskType, Layout& out);
+    // A raw image or a flat VMDK, read here with pread and SEEK_DATA; any other disk or
+    // chain (diskchain::Inspect), read through qemu-nbd. Every file is opened below the
+    // folder `source.root` only (see vshost/beneath.h).
+    static CQiError Open(const Source& source, const std::string& path, int diskType, Layout& out);
 
     // Reads [offset, offset + length) of the disk; a file that ends early is an error.
     CQiError Read(char* dest, uint64_t offset, uint64_t length) const;
@@ -47,7 +58,10 @@ public:
     ~Layout() { Close(); }
 
 private:
+    static CQiError OpenNative(diskchain::Image& image, Layout& layout);
+
     std::vector<Segment> m_segments;
+    std::unique_ptr<NbdDisk> m_nbd;
 };
 
 }  // namespace vshost::vdisk

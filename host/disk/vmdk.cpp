@@ -1,5 +1,6 @@
 // VMDK descriptor reading, as common disk tools write descriptors: monolithic flat, split
-// flat (several extent files), VMFS flat, zero extents, quoted names with blanks.
+// flat (several extent files), VMFS flat, zero extents, quoted names with blanks, and the
+// sparse kinds and parent of delta disks (which qemu reads).
 #include "vshost/vmdk.h"
 
 #include "vshost/beneath.h"
@@ -16,9 +17,6 @@
 namespace vshost::vmdk {
 
 namespace {
-
-// Descriptors are small text files; anything larger is an image.
-constexpr size_t kMaxDescriptorBytes = size_t{64} * 1024;
 
 std::string Trim(const std::string& s) {
     size_t b = 0, e = s.size();
@@ -69,10 +67,6 @@ bool ParseNumber(const std::string& s, uint64_t& value) {
     return true;
 }
 
-bool IsSparseKind(const std::string& type) {
-    return type == "SPARSE" || type == "VMFSSPARSE" || type == "SESPARSE";
-}
-
 bool IsFlatKind(const std::string& type) {
     return type == "FLAT" || type == "VMFS" || type == "VMFSRAW" || type == "VMFSRDM";
 }
@@ -92,12 +86,9 @@ bool ParseExtent(const std::string& line, const std::string& dir, Extent& out, s
         return false;
     }
     out.type = Upper(token);
-    if (IsSparseKind(out.type)) {
-        why = "extent kind " + out.type + " (sparse) is not supported";
-        return false;
-    }
+    out.strict = out.access == "RW" && token == out.type;
     if (out.IsZero()) return true;
-    if (!IsFlatKind(out.type)) {
+    if (!IsFlatKind(out.type) && !out.IsSparse()) {
         why = "extent kind " + out.type + " is not supported";
         return false;
     }
@@ -105,6 +96,9 @@ bool ParseExtent(const std::string& line, const std::string& dir, Extent& out, s
         why = "extent line without a file name: " + line;
         return false;
     }
+    // A name qemu would cut at a line break is not the name checked here.
+    out.strict = out.strict && quoted &&
+                 std::none_of(token.begin(), token.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; });
     // Extent files lie beside their descriptor (or below its folder): a name that starts
     // elsewhere could make any file of this host part of the disk.
     bool leaves = token.front() == '/';
@@ -113,9 +107,46 @@ bool ParseExtent(const std::string& line, const std::string& dir, Extent& out, s
         why = "extent file \"" + token + "\" leaves the descriptor's folder: absolute names and .. are refused";
         return false;
     }
+    out.name = token;
     out.file = dir + "/" + token;
-    if (NextToken(line, pos, token, quoted) && !ParseNumber(token, out.offsetSectors)) {
+    const bool hasOffset = NextToken(line, pos, token, quoted);
+    if (hasOffset && !ParseNumber(token, out.offsetSectors)) {
         why = "extent line with a bad offset: " + line;
+        return false;
+    }
+    out.strict = out.strict && hasOffset == (out.type == "FLAT");
+    return true;
+}
+
+bool ParseHex32(const std::string& s, uint32_t& value) {
+    if (s.empty() || s.size() > 8) return false;
+    value = 0;
+    for (char c : s) {
+        const int d = std::isdigit(static_cast<unsigned char>(c)) ? c - '0'
+                      : (c >= 'a' && c <= 'f')                    ? c - 'a' + 10
+                      : (c >= 'A' && c <= 'F')                    ? c - 'A' + 10
+                                                                  : -1;
+        if (d < 0) return false;
+        value = value * 16 + static_cast<uint32_t>(d);
+    }
+    return true;
+}
+
+std::string Unquote(std::string value) {
+    if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
+    return value;
+}
+
+// A `key = value` line of the descriptor's header.
+bool ParseHeaderLine(const std::string& key, const std::string& value, Descriptor& out, std::string& why) {
+    if (key == "CREATETYPE") {
+        out.createType = value;
+    } else if (key == "PARENTFILENAMEHINT") {
+        out.parentHint = value;
+    } else if (key == "CID") {
+        out.hasCid = ParseHex32(value, out.cid);
+    } else if (key == "PARENTCID" && !ParseHex32(value, out.parentCid)) {
+        why = "parentCID is not a number: " + value;
         return false;
     }
     return true;
@@ -135,6 +166,19 @@ uint64_t Descriptor::SizeBytes() const {
     return sectors * 512;
 }
 
+bool Descriptor::Flat() const {
+    for (const Extent& e : extents)
+        if (e.IsSparse()) return false;
+    return parentHint.empty();
+}
+
+bool LooksLikeDescriptor(const std::string& head, uint64_t fileSize) {
+    // Disk tools pad a descriptor file with zeros to a whole sector; zeros elsewhere make it binary.
+    const size_t end = head.find_last_not_of('\0');
+    return fileSize <= kMaxDescriptorBytes && end != std::string::npos && head.find('\0') > end &&
+           (head.rfind("# Disk DescriptorFile", 0) == 0 || head.find("createType") != std::string::npos);
+}
+
 bool Parse(const std::string& text, const std::string& dir, Descriptor& out, std::string& why) {
     out = Descriptor{};
     size_t start = 0;
@@ -145,7 +189,10 @@ bool Parse(const std::string& text, const std::string& dir, Descriptor& out, std
         start = end + 1;
         if (line.empty()) continue;
 
-        const std::string word = Upper(line.substr(0, line.find_first_of(" \t")));
+        // Any blank ends the first word, as it does for qemu, which reads the same lines.
+        size_t wordEnd = 0;
+        while (wordEnd < line.size() && !std::isspace(static_cast<unsigned char>(line[wordEnd]))) ++wordEnd;
+        const std::string word = Upper(line.substr(0, wordEnd));
         if (word == "RW" || word == "RDONLY" || word == "NOACCESS") {
             Extent extent;
             if (!ParseExtent(line, dir, extent, why)) return false;
@@ -154,18 +201,18 @@ bool Parse(const std::string& text, const std::string& dir, Descriptor& out, std
         }
         const size_t eq = line.find('=');
         if (eq == std::string::npos) continue;
-        if (Upper(Trim(line.substr(0, eq))) == "CREATETYPE") {
-            std::string value = Trim(line.substr(eq + 1));
-            if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
-                value = value.substr(1, value.size() - 2);
-            out.createType = value;
-        }
+        if (!ParseHeaderLine(Upper(Trim(line.substr(0, eq))), Unquote(Trim(line.substr(eq + 1))), out, why))
+            return false;
     }
     if (out.extents.empty()) {
         why = "no extent lines in the descriptor";
         return false;
     }
     return true;
+}
+
+bool IsVmdkName(const std::string& path) {
+    return path.size() > 5 && Upper(path.substr(path.size() - 5)) == ".VMDK";
 }
 
 Kind Inspect(const std::string& path, Descriptor& out, std::string& why, const std::string& root) {
@@ -186,19 +233,8 @@ Kind Inspect(const std::string& path, Descriptor& out, std::string& why, const s
     }
     head.resize(static_cast<size_t>(n));
 
-    if (head.compare(0, 4, "KDMV") == 0) {
-        why = "hosted sparse disk (monolithicSparse) is not supported";
-        return Kind::Unreadable;
-    }
-    if (head.compare(0, 4, "COWD") == 0) {
-        why = "VMFS sparse disk (vmfsSparse) is not supported";
-        return Kind::Unreadable;
-    }
-    const bool small = static_cast<uint64_t>(st.st_size) <= kMaxDescriptorBytes;
-    const bool text = head.find('\0') == std::string::npos;
-    const bool looksLikeDescriptor =
-        head.rfind("# Disk DescriptorFile", 0) == 0 || head.find("createType") != std::string::npos;
-    if (!(small && text && looksLikeDescriptor)) return Kind::RawImage;
+    if (IsVmdkName(path) && (head.compare(0, 4, "KDMV") == 0 || head.compare(0, 4, "COWD") == 0)) return Kind::Sparse;
+    if (!LooksLikeDescriptor(head, static_cast<uint64_t>(st.st_size))) return Kind::RawImage;
 
     if (!Parse(head, DirOf(path), out, why)) return Kind::Unreadable;
     for (const Extent& extent : out.extents) {
@@ -209,7 +245,7 @@ Kind Inspect(const std::string& path, Descriptor& out, std::string& why, const s
             return Kind::Unreadable;
         }
     }
-    return Kind::Descriptor;
+    return out.Flat() ? Kind::Descriptor : Kind::Sparse;
 }
 
 bool DiskSize(const std::string& path, uint64_t& size, std::string& why) {
@@ -227,6 +263,9 @@ bool DiskSize(const std::string& path, uint64_t& size, std::string& why) {
             size = static_cast<uint64_t>(st.st_size);
             return true;
         }
+        case Kind::Sparse:
+            why = "a sparse or delta disk: its size is qemu's to read";
+            break;
         case Kind::Unreadable:
             break;
     }

@@ -1,42 +1,37 @@
-// What a pipeline holds behind its contract: the target and its batch, the failure that
-// ended it, the progress another thread may read, and the encoder of its stream. Internal
+// What a pipeline holds behind its contract: the target, the ring and thread that write
+// to it, the progress another thread may read, and the encoder of its stream. Internal
 // to the host; the archive writer and the encoder reach it, the readers never do.
 #pragma once
 
 #include "hostapi/archive.h"
+#include "stream/writering.h"
 #include "vscodec/streamencoder.h"
 
 #include <mutex>
 #include <string>
-#include <vector>
 
 struct CPipelayer::State final : vshost::detail::StreamSink {
     State(int targetFd, bool ownsFd, std::string targetName)
-        : fd(targetFd), owned(ownsFd), target(std::move(targetName)), batch(kBatchBytes), encoder(*this) {}
+        : fd(targetFd), owned(ownsFd), target(std::move(targetName)), ring(targetFd, target), encoder(*this) {}
 
-    bool Failed() const override { return !error.empty(); }
-    const std::string& Error() const override { return error; }
-    unsigned long long Accepted() const override { return accepted; }
-    // Accepts bytes into the batch; large pieces go out behind it without a copy.
+    bool Failed() const override { return ring.Failed(); }
+    const std::string& Error() const override { return ring.Error(); }
+    unsigned long long Accepted() const override { return ring.Written(); }
+    unsigned long long PackedZeros() const override { return ring.Zeros(); }
     bool Write(const void* data, std::size_t length) override;
-    bool Flush() override;
+    bool WriteData(uint64_t index, const char* data, std::size_t length) override;
+    bool Flush() override { return ring.Drain(); }
     bool Sync();
     bool Close();
-    // Writes both pieces in order, resuming after EINTR and partial writes.
-    bool WriteOut(const char* first, std::size_t firstLength, const char* second = nullptr,
-                  std::size_t secondLength = 0);
     void NoteProgress(const vsStreamTotals& totals, const std::string* entry) override;
 
     int fd;
     bool owned;
     std::string target;  // for messages: the path, or "descriptor N"
-    std::vector<char> batch;
-    std::size_t used = 0;
-    unsigned long long accepted = 0;
     unsigned long long synced = 0;
     bool syncable = true;
-    std::string error;
     mutable std::mutex progressMutex;
     vsStreamProgress progress;
+    vshost::detail::WriteRing ring;
     vshost::detail::StreamEncoder encoder;
 };

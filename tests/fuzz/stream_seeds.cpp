@@ -1,16 +1,17 @@
-// Writes the decoder's seed corpus into a folder: real streams of every record kind,
-// made by the archive writer itself.
+// Writes the decoder's seed corpus into a folder: real streams of every record kind
+// (packed data, compressed or not, included), made by the archive writer itself.
 #include "hostapi/archive.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
 namespace {
 
-bool Write(const std::string& path, bool finish, bool fileLevel) {
+bool Write(const std::string& path, bool finish, bool fileLevel, int compress = 0) {
     CQiError err;
     auto pipe = CPipelayer::OpenFile(path, err);
-    if (!pipe) return false;
+    if (!pipe || !pipe->SetCompression(compress)) return false;
     vsSim sim;
     vsArchive a(nullptr, nullptr, &sim, "hub");
     if (a.init(pipe.get(), nullptr, "client") != 0) return false;
@@ -24,6 +25,12 @@ bool Write(const std::string& path, bool finish, bool fileLevel) {
     a.sendDiskInfo("vm", "vm.vmx", "", 4, 2, 0, 5, 0, 1);
     a.sendFileHeader("\\vm\\vm.vmx", 5, 0, false, false, false, 0, 0, 0, 0, false, true, false);
     a.allocateAndSendDataBuffer("x = 1", 5);
+    a.sendEOF(true, 0);
+    // Data with a zero run inside: a packed data record (compressed too, when asked).
+    std::string nvram(3 * 4096, 'n');
+    std::fill(nvram.begin() + 4096, nvram.begin() + 8192, '\0');
+    a.sendFileHeader("\\vm\\vm.nvram", nvram.size(), 0, false, false, false, 0, 0, 0, 0, false, true, false);
+    a.allocateAndSendDataBuffer(nvram.data(), nvram.size());
     a.sendEOF(true, 0);
     a.sendFileHeader("\\vm\\disk.vmdk", 8192, 0, true, false, false, 0, 4096, 0, 0, false, true, false);
     a.sendEOF(true, 0);
@@ -66,7 +73,7 @@ int main(int argc, char** argv) {
     }
     const std::string dir = argv[1];
     const bool ok = Write(dir + "/complete.stream", true, false) && Write(dir + "/file-level.stream", true, true) &&
-                    Write(dir + "/abandoned.stream", false, false);
+                    Write(dir + "/abandoned.stream", false, false) && Write(dir + "/compressed.stream", true, false, 1);
     if (!ok) std::fprintf(stderr, "cannot write the seed corpus into %s\n", dir.c_str());
     return ok ? 0 : 1;
 }

@@ -1,5 +1,5 @@
 // Fuzz targets for the text formats the system reads from outside: item options XML,
-// VMDK descriptors, .vmx configurations and job files. One source, one target per
+// VMDK descriptors, .vmx and .vmsd configurations and job files. One source, one target per
 // format (FUZZ_FORMAT selects it). A parser may refuse anything, but only by its own
 // result or a std::runtime_error with a reason; a crash, hang, leak or sanitizer report
 // is a finding.
@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 
@@ -36,10 +37,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 #elif FUZZ_FORMAT == FUZZ_VMDK
     vshost::vmdk::Descriptor d;
     std::string why;
-    if (!vshost::vmdk::Parse(text, "/nonexistent", d, why) && why.empty()) std::abort();
+    if (!vshost::vmdk::Parse(text, "/nonexistent", d, why)) {
+        if (why.empty()) std::abort();
+    } else {
+        // Whatever parses names its extent files beneath the descriptor's folder only.
+        for (const vshost::vmdk::Extent& e : d.extents) {
+            if (e.IsZero()) continue;
+            if (e.name.empty() || e.name.front() == '/' || e.file != "/nonexistent/" + e.name) std::abort();
+            for (const auto& part : std::filesystem::path(e.name))
+                if (part == "..") std::abort();
+        }
+    }
 #elif FUZZ_FORMAT == FUZZ_VMX
     const vminfo::VmxConfig cfg = vminfo::ParseVmx(text);
     if (!cfg.biosUuid.empty() && vminfo::CanonicalGuid(cfg.biosUuid) != cfg.biosUuid) std::abort();
+    // A .vmsd has the same syntax: its current snapshot is one it lists.
+    const vminfo::VmsdConfig vmsd = vminfo::ParseVmsd(text);
+    if (const vminfo::VmsdSnapshot* current = vmsd.Current(); current && current->uid.empty()) std::abort();
 #elif FUZZ_FORMAT == FUZZ_JOB_FILE
     try {
         (void)vsdm::ParseJob(text, "fuzz.json", "/base");

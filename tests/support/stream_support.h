@@ -110,15 +110,25 @@ struct StreamView {
         return out;
     }
     // One letter a record: Stream header, Identity, File header, coLlection header,
-    // file-level header (G), diRectory entry, Data, Hole, End of file, disk iNfo,
+    // file-level header (G), diRectory entry, Data (packed or not), Hole, End of file, disk iNfo,
     // Volume header, disk read Completed, vM read completed, Trailer.
     std::string Kinds() const {
         using K = vshost::stream::Kind;
-        static const std::map<K, char> letters = {
-            {K::StreamHeader, 'S'},    {K::Identity, 'I'},       {K::FileHeader, 'F'},   {K::CollectionHeader, 'L'},
-            {K::FileLevelHeader, 'G'}, {K::DirectoryEntry, 'R'}, {K::Data, 'D'},         {K::Hole, 'H'},
-            {K::EndOfFile, 'E'},       {K::DiskInfo, 'N'},       {K::VolumeHeader, 'V'}, {K::DiskReadCompleted, 'C'},
-            {K::VMReadCompleted, 'M'}, {K::Trailer, 'T'}};
+        static const std::map<K, char> letters = {{K::StreamHeader, 'S'},
+                                                  {K::Identity, 'I'},
+                                                  {K::FileHeader, 'F'},
+                                                  {K::CollectionHeader, 'L'},
+                                                  {K::FileLevelHeader, 'G'},
+                                                  {K::DirectoryEntry, 'R'},
+                                                  {K::Data, 'D'},
+                                                  {K::PackedData, 'D'},
+                                                  {K::Hole, 'H'},
+                                                  {K::EndOfFile, 'E'},
+                                                  {K::DiskInfo, 'N'},
+                                                  {K::VolumeHeader, 'V'},
+                                                  {K::DiskReadCompleted, 'C'},
+                                                  {K::VMReadCompleted, 'M'},
+                                                  {K::Trailer, 'T'}};
         std::string out;
         for (const Decoded& d : decoded.records) out += letters.count(d.record.kind) ? letters.at(d.record.kind) : '?';
         return out;
@@ -142,7 +152,7 @@ inline StreamView ViewBytes(const std::string& bytes) {
             open(l->info.clientPath);
         } else if (v.entries.empty()) {
             continue;
-        } else if (d.record.kind == vshost::stream::Kind::Data) {
+        } else if (vshost::stream::HoldsData(d.record.kind)) {
             v.entries.back().content += d.bytes;
             v.entries.back().largestPiece = std::max(v.entries.back().largestPiece, d.bytes.size());
         } else if (auto* h = std::get_if<vshost::HoleRecord>(&body)) {

@@ -139,6 +139,43 @@ void ChangeSource(const vssample::SampleSnapshot& s) {
         throw std::runtime_error("cannot change " + flat);
 }
 
+// A VM of a KVM-style datastore whose disk is a qcow2 chain, as a backup from a storage
+// snapshot finds it: base.qcow2, then top1.qcow2 (on which the backup's VM snapshot was
+// taken), then top2.qcow2 (what the guest wrote after it, which the backup leaves out).
+// Made with qemu's own tools. Its UUID.
+const char* const kChainVM = "564d4b56-4d30-3100-8000-00000000c0ff";
+
+std::string AddChainVM(const vssample::SampleSnapshot& s, std::ostream& out) {
+    const std::string folder = (fs::path(s.vm("web01").folder).parent_path() / "kvm01").string();
+    fs::create_directories(folder);
+    const std::string io = " >/dev/null && qemu-io -f qcow2";
+    const std::string make = "cd '" + folder + "' && qemu-img create -q -f qcow2 base.qcow2 32M" + io +
+                             " -c 'write -P 1 0 1M' -c 'write -P 2 20M 64k' base.qcow2" +
+                             " >/dev/null && qemu-img create -q -f qcow2 -b base.qcow2 -F qcow2 top1.qcow2" + io +
+                             " -c 'write -P 3 4M 1M' top1.qcow2" +
+                             " >/dev/null && qemu-img create -q -f qcow2 -b top1.qcow2 -F qcow2 top2.qcow2" + io +
+                             " -c 'write -P 4 8M 1M' top2.qcow2 >/dev/null";
+    if (Shell(make, out) != 0) throw std::runtime_error("cannot make the qcow2 chain in " + folder);
+    std::ofstream(folder + "/kvm01.vmx") << ".encoding = \"UTF-8\"\ndisplayName = \"kvm01\"\nuuid.bios = \"" << kChainVM
+                                         << "\"\nscsi0.present = \"TRUE\"\nscsi0:0.present = \"TRUE\"\n"
+                                            "scsi0:0.fileName = \"top2.qcow2\"\n";
+    std::ofstream(folder + "/kvm01.vmsd")
+        << ".encoding = \"UTF-8\"\nsnapshot.lastUID = \"1\"\nsnapshot.current = \"1\"\n"
+           "snapshot0.uid = \"1\"\nsnapshot0.displayName = \"backup\"\n"
+           "snapshot0.numDisks = \"1\"\nsnapshot0.disk0.fileName = \"top1.qcow2\"\n"
+           "snapshot0.disk0.node = \"scsi0:0\"\nsnapshot.numSnapshots = \"1\"\n";
+    return folder;
+}
+
+// The chain VM's restored disk against the chain at its VM snapshot, as qemu reads it.
+int CompareChain(const std::string& folder, const std::string& restore, std::ostream& out) {
+    const bool same = Shell("qemu-img compare -q -f raw '" + restore + "/" + kChainVM + "/base.qcow2' -F qcow2 '" +
+                                folder + "/top1.qcow2'",
+                            out) == 0;
+    out << "  " << (same ? "same    " : "MISMATCH") << " kvm01/base.qcow2 (the qcow2 chain at its VM snapshot)\n";
+    return same ? 0 : 1;
+}
+
 // Guest volumes file by file: the file-level reader over db01's two volumes, one named
 // by its GUID, the other by its name.
 int GuestFiles(const vssample::SampleSnapshot& s, const std::string& root, std::ostream& out) {
@@ -171,8 +208,9 @@ int RunDemo(const std::string& keep, std::ostream& out) {
 
     // Whole VMs with the extent reader; fs01's collection disk is read by the
     // file-collection reader, so only its image goes here.
+    const std::string chain = AddChainVM(s, out);
     std::vector<std::string> items = {s.vm("web01").biosUuid, s.vm("db01").biosUuid,
-                                      s.vm("fs01").biosUuid + "\\fs01_data.img"};
+                                      s.vm("fs01").biosUuid + "\\fs01_data.img", kChainVM};
     nlohmann::json full = JobJson(s, 101, items);
     full["out"] = "full.stream";
     int failures = RunDemoJob(root + "/full.job.json", full, RunOptions{}, "full backup", out);
@@ -180,6 +218,7 @@ int RunDemo(const std::string& keep, std::ostream& out) {
     failures += Restore(root + "/full.stream", "--to", root + "/restore", out);
     out << "comparing the restore with the source:\n";
     failures += Compare(s, root + "/restore", out, true);
+    failures += CompareChain(chain, root + "/restore", out);
 
     // Change the source a little and take an incremental from what the full recorded.
     ChangeSource(s);
@@ -192,6 +231,7 @@ int RunDemo(const std::string& keep, std::ostream& out) {
     failures += Restore(root + "/incr.stream", "--onto", root + "/restore", out);
     out << "comparing the updated restore with the changed source:\n";
     failures += Compare(s, root + "/restore", out, false);
+    failures += CompareChain(chain, root + "/restore", out);
 
     failures += GuestFiles(s, root, out);
 

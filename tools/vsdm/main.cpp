@@ -56,7 +56,7 @@ bool ParseStreams(const std::string& text, unsigned& n) {
 struct Args {
     std::string command;  // "run", "demo", "backup", "snapshot add", ...
     std::string keep;     // demo --keep
-    std::string jobFile, out, home, streamsText = "1", shareText, resume;
+    std::string jobFile, out, home, streamsText = "1", shareText, resume, compress;
     long long incrementalFrom = 0;
     vsdm::SnapshotAdd add;
     std::vector<std::string> volumes;  // snapshot add: DATASTORE=FOLDER
@@ -89,6 +89,9 @@ int Parse(int argc, char** argv, Args& a) {
                     "stream set (docs/parallel-streams.md)");
     // One process of a parallel run: "K:I,J,..." runs items I, J, ... as stream K.
     run->add_option("--share", a.shareText)->group("");
+    run->add_option("--compress", a.compress,
+                    "zstd[:LEVEL]: compress the stream's data records at zstd LEVEL (1 to 19; zstd alone is 1, "
+                    "the fastest), on threads of their own");
     run->add_option("--resume", a.resume,
                     "STREAM of a stopped attempt of this job: skip the disks it holds whole, go on inside the one it "
                     "was reading");
@@ -124,6 +127,7 @@ int Parse(int argc, char** argv, Args& a) {
     backup->add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
     backup->add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
     backup->add_option("--out", a.out, "stream file, or - for standard output")->required();
+    backup->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the stream's data records, as run does");
     backup->add_option("--home", a.home, homeHelp);
     try {
         app.parse(argc, argv);
@@ -180,8 +184,23 @@ int RunSnapshotCommand(Args& a) {
     }
 }
 
+// "--compress zstd[:LEVEL]": the level, 1 when none is given.
+int ParseCompress(const std::string& text) {
+    const std::string why = "--compress takes zstd or zstd:LEVEL with LEVEL from " +
+                            std::to_string(vsdm::kMinCompressLevel) + " to " + std::to_string(vsdm::kMaxCompressLevel) +
+                            ", not \"" + text + "\"";
+    if (text == "zstd") return 1;
+    const std::string digits = text.rfind("zstd:", 0) == 0 ? text.substr(5) : "";
+    if (digits.empty() || digits.size() > 2 || digits.find_first_not_of("0123456789") != std::string::npos)
+        throw std::runtime_error(why);
+    const int level = std::stoi(digits);
+    if (level < vsdm::kMinCompressLevel || level > vsdm::kMaxCompressLevel) throw std::runtime_error(why);
+    return level;
+}
+
 // Loads the job and checks what the command line asks of it; throws what is wrong.
 void Prepare(const Args& a, unsigned streams, vsdm::DataMoverJob& job, vsdm::RunOptions& options) {
+    if (!a.compress.empty()) options.compressLevel = ParseCompress(a.compress);
     job = vsdm::LoadJob(a.jobFile);
     if (!a.home.empty()) job.home = a.home;
     // A run uses a home; making one is for the tools that set homes up (vshost-passwd,
@@ -218,6 +237,7 @@ int RunParallel(const Args& a, const vsdm::DataMoverJob& job, unsigned streams) 
         parallel.home = vshost::HomeDir();
         parallel.streams = streams;
         parallel.incrementalFrom = a.incrementalFrom;
+        parallel.compress = a.compress;
         const vsdm::RunSummary summary = vsdm::RunStreams(job, parallel, std::cerr);
         vsdm::PrintSummary(job, summary, std::cerr);
         return summary.status;
@@ -260,6 +280,7 @@ int RunOne(const Args& a, const vsdm::DataMoverJob& job, vsdm::RunOptions& optio
 // vsdm backup: the job made from the catalog, then run as `vsdm run` runs one.
 int RunBackup(const Args& a) {
     vsdm::DataMoverJob job;
+    vsdm::RunOptions options;
     try {
         OpenChosenHome(a.home, false);
         vsdm::BackupRequest request;
@@ -268,12 +289,12 @@ int RunBackup(const Args& a) {
         request.incremental = a.incremental;
         request.reader = ReaderOf(a.readerText);
         request.out = a.out;
+        if (!a.compress.empty()) options.compressLevel = ParseCompress(a.compress);
         job = vsdm::MakeBackupJob(request, std::cerr);
     } catch (const std::exception& e) {
         std::cerr << "vsdm: " << e.what() << "\n";
         return vsdm::kExitUsage;
     }
-    vsdm::RunOptions options;
     return RunOne(a, job, options, std::cerr);
 }
 

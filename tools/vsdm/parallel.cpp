@@ -75,6 +75,10 @@ void Spawn(Child& c, const std::string& self, const StreamsOptions& o) {
         args.push_back("--incremental-from");
         args.push_back(std::to_string(o.incrementalFrom));
     }
+    if (!o.compress.empty()) {
+        args.push_back("--compress");
+        args.push_back(o.compress);
+    }
     std::vector<char*> argv;
     argv.reserve(args.size() + 1);
     for (std::string& a : args) argv.push_back(a.data());

@@ -17,6 +17,7 @@ struct StreamsOptions {
     std::string home;     // the host home the parent opened
     unsigned streams = 2;
     int64_t incrementalFrom = 0;
+    std::string compress;  // --compress as given, for every stream
 };
 
 RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& options, std::ostream& report);

@@ -1,6 +1,7 @@
 #include "resume.h"
 
 #include "entrymodel.h"
+#include "snapshots.h"
 
 #include "hostapi/fd.h"
 #include "hostapi/snapsrc.h"
@@ -94,6 +95,7 @@ ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identit
         DiskResumePoint& p = points[key.substr(1, split - 1)][key.substr(split + 1)];
         p.done = g.readCompleted;
         p.nextExtent = g.readCompleted ? 0 : g.nextExtent;
+        p.size = g.size;
         if (g.readCompleted) p.changeId = changeIds[key];
     }
     if (points.empty())
@@ -102,10 +104,36 @@ ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identit
     return points;
 }
 
+namespace {
+
+// A disk that changed size since the stopped attempt read it is read again from its
+// start: going on inside it, or keeping what the attempt completed, would restore to a
+// mix of two different disks.
+void ForgetResizedDisks(const DataMoverJob& job, ResumePoints& points, std::ostream& report) {
+    std::set<std::string> vms;
+    for (const auto& [vm, disks] : points) vms.insert(vm);
+    const auto sizes = CurrentDiskSizes(job, vms);
+    for (auto& [vm, disks] : points) {
+        const auto now = sizes.find(vm);
+        if (now == sizes.end()) continue;
+        for (auto& [name, point] : disks) {
+            const auto size = now->second.find(name);
+            if (size == now->second.end() || size->second == point.size || (!point.done && point.nextExtent == 0))
+                continue;
+            report << "disk " << name << " of VM " << vm << " changed size since the stopped attempt (" << point.size
+                   << " bytes, now " << size->second << "): it is read again from its start\n";
+            point = DiskResumePoint{};
+        }
+    }
+}
+
+}  // namespace
+
 void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& report) {
     StreamIdentity identity;
-    const ResumePoints points = ReadResumePoints(stream, &identity);
+    ResumePoints points = ReadResumePoints(stream, &identity);
     CheckSameJob(job, identity, stream);
+    ForgetResizedDisks(job, points, report);
     // A killed attempt may not have recorded the disks it completed; its stream says which.
     for (const auto& [vm, disks] : points)
         for (const auto& [name, point] : disks)

@@ -16,6 +16,7 @@ struct DiskResumePoint {
     bool done = false;        // the stream holds the whole disk and its read-completed marker
     uint64_t nextExtent = 0;  // otherwise: one past the last extent that arrived whole
     std::string changeId;     // of a done disk, as its marker states it
+    uint64_t size = 0;        // the disk's size as the stopped attempt read it
 };
 
 using ResumePoints = std::map<std::string, std::map<std::string, DiskResumePoint>>;

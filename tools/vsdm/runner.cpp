@@ -410,6 +410,9 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
 
     StreamTarget target(job.out);
     std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target.fd());
+    if (options.compressLevel != 0 && !pipe->SetCompression(options.compressLevel))
+        throw std::runtime_error("the stream cannot be compressed at zstd level " +
+                                 std::to_string(options.compressLevel));
 
     KtEvent stop;
     StopSignals signals(stop);

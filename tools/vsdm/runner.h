@@ -22,12 +22,17 @@ enum ExitStatus : int {
     kExitUsage = 64,        // bad command line or job file
 };
 
+// Levels of --compress zstd:LEVEL.
+inline constexpr int kMinCompressLevel = 1;
+inline constexpr int kMaxCompressLevel = 19;
+
 struct RunOptions {
     std::string out;              // overrides the job's "out"
     std::string jobFile;          // the job's file, which the stream must not replace
     int64_t incrementalFrom = 0;  // fill change ids from what this job recorded
     std::string resumeFrom;       // stream of a stopped attempt of this job to go on from
     bool progress = false;        // progress line on stderr
+    int compressLevel = 0;        // zstd level of the data records; 0: not compressed
     // Indices of the items to run, in this order; all of them when not set (one
     // process of a parallel run takes its share this way).
     std::optional<std::vector<size_t>> share;

@@ -82,6 +82,10 @@ const char* FormatName(int32_t diskType) {
             return "raw image";
         case vminfo::kDiskTypeFolder:
             return "file collection";
+        case vminfo::kDiskTypeQemuVmdk:
+            return "sparse VMDK or VMDK chain";
+        case vminfo::kDiskTypeQcow2:
+            return "qcow2";
         default:
             return "disk";
     }
@@ -247,6 +251,21 @@ void RemoveSnapshot(int64_t snapJobId, std::ostream& out) {
     if (!vshost::Catalog().RemoveSnapshot(snapJobId))
         throw UsageError("snapshot " + std::to_string(snapJobId) + " is not registered in " + vshost::HomeDir());
     out << "snapshot " << snapJobId << " removed from the home; its volumes are untouched\n";
+}
+
+std::map<std::string, std::map<std::string, uint64_t>> CurrentDiskSizes(const DataMoverJob& job,
+                                                                        const std::set<std::string>& vms) {
+    std::map<std::string, std::map<std::string, uint64_t>> sizes;
+    vminfo::Snapshot snap;
+    vminfo::Failure failure;
+    if (!vminfo::Snapshot::Mount(job.archiveFiles, job.snapEngineId, snap, failure)) return sizes;
+    for (const std::string& guid : vms) {
+        vminfo::MountedVM vm;
+        if (!vminfo::MountVMFrom(snap, guid, {}, vm, failure)) continue;
+        for (const auto& item : vm.items)
+            if (item.nBackupType != 0) sizes[guid][item.sDiskName] = item.ullSize;
+    }
+    return sizes;
 }
 
 DataMoverJob MakeBackupJob(const BackupRequest& r, std::ostream& report) {

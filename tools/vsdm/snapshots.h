@@ -6,7 +6,9 @@
 #include "jobspec.h"
 
 #include <cstdint>
+#include <map>
 #include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,6 +41,12 @@ void ListSnapshots(std::ostream& out);
 // Forgets snapshot `snapJobId` (nothing on its volumes is touched); throws UsageError when
 // the home does not have it.
 void RemoveSnapshot(int64_t snapJobId, std::ostream& out);
+
+// The size of every disk of VMs `vms` (by guid) in the snapshot of the job's archive
+// files, as the VM-info library reports it now: by VM guid, then disk name. Empty for a
+// VM or snapshot that cannot be mounted (the run itself then says why).
+std::map<std::string, std::map<std::string, uint64_t>> CurrentDiskSizes(const DataMoverJob& job,
+                                                                        const std::set<std::string>& vms);
 
 struct BackupRequest {
     int64_t snapJobId = 0;

@@ -240,8 +240,15 @@ bool EntryModel::Apply(const vshost::StreamRecord& record, std::string& why) {
             return true;
         }
         case Kind::Data:
-            m_entry.dataBytes += std::get<vshost::DataRecord>(record.body).bytes.size();
+        case Kind::PackedData: {
+            // A packed record's zero runs are shown as holes: the stream left them out.
+            const auto& d = std::get<vshost::DataRecord>(record.body);
+            uint64_t zeros = 0;
+            for (const vshost::ZeroRun& run : d.zeroRuns) zeros += run.length;
+            m_entry.dataBytes += d.bytes.size() - zeros;
+            m_entry.holeBytes += zeros;
             return CheckExtentEnd(why);
+        }
         case Kind::Hole: {
             const uint64_t length = std::get<vshost::HoleRecord>(record.body).length;
             m_entry.holeBytes = length > UINT64_MAX - m_entry.holeBytes ? UINT64_MAX : m_entry.holeBytes + length;

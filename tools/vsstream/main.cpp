@@ -3,6 +3,7 @@
 #include "lineprefix.h"
 
 #include "vscodec/streamset.h"
+#include "vsobj/s3.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 
 namespace {
 
@@ -25,10 +27,28 @@ struct Inputs {
     int code = vsstream::kExitOk;
     std::vector<std::string> notes;  // what is wrong with the sets, for the summary line
     size_t expected = 0;             // streams named, the members of sets included
+    // Streams on object storage, each read through a pipe that its reader owns.
+    std::vector<std::unique_ptr<vsobj::ObjectReader>> objects;
 
     ~Inputs() {
         for (const StreamInput& s : streams)
-            if (s.fd != STDIN_FILENO) ::close(s.fd);
+            if (s.fd != STDIN_FILENO && !OfObject(s.fd)) ::close(s.fd);
+    }
+    bool OfObject(int fd) const {
+        for (const auto& o : objects)
+            if (o->fd() == fd) return true;
+        return false;
+    }
+    // What went wrong reading the objects (the store's reason): the streams' verdicts
+    // would call such a stream merely cut short.
+    int ObjectProblems(std::ostream& err) {
+        int worst = vsstream::kExitOk;
+        for (const auto& o : objects)
+            if (const std::string why = o->Error(); !why.empty()) {
+                err << "vsstream: " << why << "\n";
+                worst = vsstream::kExitUnreadable;
+            }
+        return worst;
     }
 };
 
@@ -84,6 +104,18 @@ bool Open(const std::vector<std::string>& names, Inputs& in) {
             ++in.expected;
             in.streams.push_back({"-", STDIN_FILENO});
             continue;
+        }
+        vsobj::S3Location object;
+        try {
+            if (vsobj::ParseS3Url(name, object)) {
+                in.objects.push_back(std::make_unique<vsobj::ObjectReader>(vsobj::SettingsFromEnvironment(), object));
+                ++in.expected;
+                in.streams.push_back({name, in.objects.back()->fd()});
+                continue;
+            }
+        } catch (const std::exception& e) {
+            std::cerr << "vsstream: cannot open " << name << ": " << e.what() << "\n";
+            return false;
         }
         const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) {
@@ -191,10 +223,11 @@ int Run(int argc, char** argv) {
     const bool several = in.streams.size() > 1 || !in.notes.empty() || cmd.names.size() > 1;
     for (const std::string& note : in.notes) std::cerr << "vsstream: " << note << "\n";
 
-    const int code = cmd.kind == Command::kRestore
-                         ? vsstream::WorseCode(in.code, vsstream::RunRestoreAll(in.streams, cmd.folder, std::cout,
-                                                                                std::cerr, cmd.force))
-                         : ListOrVerify(cmd, in, several);
+    int code = cmd.kind == Command::kRestore
+                   ? vsstream::WorseCode(
+                         in.code, vsstream::RunRestoreAll(in.streams, cmd.folder, std::cout, std::cerr, cmd.force))
+                   : ListOrVerify(cmd, in, several);
+    code = vsstream::WorseCode(code, in.ObjectProblems(std::cerr));
     if (several) {
         const char* verdict = code == vsstream::kExitOk           ? "complete"
                               : code == vsstream::kExitIncomplete ? "INCOMPLETE"

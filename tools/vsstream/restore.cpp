@@ -131,20 +131,17 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
             }
             break;
         case Kind::Data:
+        case Kind::PackedData:
         case Kind::Hole:
             if (!usable) {
                 if (m_target != Target::Skip) ++m_counts.problems;
                 m_target = Target::Skip;
                 break;
             }
-            if (record.kind == Kind::Hole) {
+            if (record.kind == Kind::Hole)
                 Hole(std::get<vshost::HoleRecord>(record.body).length, record.offset);
-                break;
-            }
-            {
-                const auto bytes = std::get<vshost::DataRecord>(record.body).bytes;
-                Write(bytes.data(), bytes.size(), record.offset);
-            }
+            else
+                Data(std::get<vshost::DataRecord>(record.body), record.offset);
             break;
         case Kind::EndOfFile:
             End(model.entry(), record.offset);
@@ -322,6 +319,17 @@ void Restorer::Write(const char* data, uint64_t length, uint64_t offset) {
     }
     m_pos += length;
     if (m_target == Target::Extent) m_image->highWater = std::max(m_image->highWater, m_pos);
+}
+
+// The zero runs of a packed record are holes, never written as zeros.
+void Restorer::Data(const vshost::DataRecord& data, uint64_t offset) {
+    uint64_t from = 0;
+    for (const vshost::ZeroRun& run : data.zeroRuns) {
+        Write(data.bytes.data() + from, run.offset - from, offset);
+        Hole(run.length, offset);
+        from = uint64_t{run.offset} + run.length;
+    }
+    Write(data.bytes.data() + from, data.bytes.size() - from, offset);
 }
 
 void Restorer::Hole(uint64_t length, uint64_t offset) {

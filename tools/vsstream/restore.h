@@ -61,6 +61,7 @@ private:
     void Begin(const Entry& e, const EntryModel& model, uint64_t offset);
     Image* GetImage(const std::string& key, const EntryModel& model, uint64_t offset);
     bool EnsureFile(uint64_t offset);
+    void Data(const vshost::DataRecord& data, uint64_t offset);
     void Write(const char* data, uint64_t length, uint64_t offset);
     void Hole(uint64_t length, uint64_t offset);
     void End(const Entry& e, uint64_t offset);

@@ -25,17 +25,25 @@ struct StreamIdentity {
     }
 };
 
-// Where the encoder's bytes go. The first failed write fails the sink for good.
+// Where the encoder's bytes go. The first failed write fails the sink for good. A sink
+// may write on a thread of its own: a write that fails there shows at a later call
+// (Failed, or the next Write, WriteData or Flush to return).
 class StreamSink {
 public:
+    // Bytes already framed: the prologue and every record but data.
     virtual bool Write(const void* data, size_t length) = 0;
-    // Hands every batched byte to the target.
+    // A data record's payload and its index; the sink frames it (DataPacker). The bytes
+    // are the caller's again when the call returns.
+    virtual bool WriteData(uint64_t index, const char* data, size_t length) = 0;
+    // Hands every byte accepted so far to the target and waits until it is written.
     virtual bool Flush() = 0;
     virtual bool Failed() const = 0;
-    // Why the sink failed.
+    // Why the sink failed; empty while it has not.
     virtual const std::string& Error() const = 0;
-    // Bytes accepted so far.
+    // Bytes of the stream written so far; after a Flush, the offset of the next record.
     virtual unsigned long long Accepted() const = 0;
+    // Bytes of data the sink left out as zero runs of packed records (exact after a Flush).
+    virtual unsigned long long PackedZeros() const = 0;
     // Totals and the entry opened last (null: unchanged), for a progress display.
     virtual void NoteProgress(const vsStreamTotals& totals, const std::string* entry) = 0;
 
@@ -72,7 +80,9 @@ public:
     // Fails unless an entry that may hold data is open.
     int CheckContent(const char* what);
 
-    const vsStreamTotals& Totals() const { return m_totals; }
+    // Zeros the sink found inside data count as holes, as a decoder counts them (exact
+    // once the sink is flushed).
+    vsStreamTotals Totals() const;
     bool EntryOpen() const { return m_open != Open::None; }
     const std::string& OpenPath() const { return m_openPath; }
     int Writers() const { return m_writers; }

@@ -11,7 +11,8 @@ namespace vshost::stream {
 inline constexpr char kMagic[8] = {'V', 'S', 'B', 'K', 'S', 'T', 'R', 'M'};
 inline constexpr uint16_t kMajorVersion = 1;
 // 1.1: disk info records end with the change id a disk is read against.
-inline constexpr uint16_t kMinorVersion = 1;
+// 1.2: packed data records (zero runs left out of data, compression).
+inline constexpr uint16_t kMinorVersion = 2;
 
 inline constexpr size_t kPrologueBytes = 12;  // magic, major, minor
 inline constexpr size_t kFrameBytes = 12;     // kind, flags, payload length, frame check
@@ -34,6 +35,7 @@ enum class Kind : uint16_t {
     Data = 32,
     Hole = 33,
     EndOfFile = 34,
+    PackedData = 35,
     DiskInfo = 48,
     VolumeHeader = 49,
     DiskReadCompleted = 50,
@@ -62,6 +64,8 @@ constexpr const char* KindName(Kind kind) {
             return "hole";
         case Kind::EndOfFile:
             return "end-of-file";
+        case Kind::PackedData:
+            return "packed-data";
         case Kind::DiskInfo:
             return "disk-info";
         case Kind::VolumeHeader:
@@ -80,6 +84,19 @@ constexpr const char* KindName(Kind kind) {
 constexpr bool OpensEntry(Kind kind) {
     return kind == Kind::FileHeader || kind == Kind::CollectionHeader || kind == Kind::FileLevelHeader;
 }
+
+// Kinds whose records hold an entry's data (decoded as a DataRecord).
+constexpr bool HoldsData(Kind kind) {
+    return kind == Kind::Data || kind == Kind::PackedData;
+}
+
+// Packed data (kind 35): zero runs are whole blocks of this size, counted from the
+// record's first byte (the last block may be shorter), at least one block long; data
+// records shorter than a block are never packed.
+inline constexpr uint32_t kZeroRunBlock = 4096;
+// How a packed data record stores the bytes outside its zero runs.
+inline constexpr uint8_t kPackStored = 0;
+inline constexpr uint8_t kPackZstd = 1;
 
 // Item types of disk-info records.
 inline constexpr unsigned long kItemDiskExtents = 3;

@@ -9,12 +9,17 @@
 #include "vscodec/streamformat.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
 
 namespace vshost {
+
+namespace detail {
+class DataUnpacker;
+}
 
 struct StreamHeaderRecord {
     uint16_t majorVersion = 0;  // from the prologue
@@ -67,9 +72,22 @@ struct FileLevelRecord {
     vsFileLevelInfo info;
 };
 
-// Valid until the next call of StreamReader::Next.
+// A run of zeros inside a data record that the stream left out (packed data, 1.2).
+struct ZeroRun {
+    uint32_t offset = 0;  // from the record's first byte
+    uint32_t length = 0;
+    bool operator==(const ZeroRun&) const = default;
+};
+
+// An entry's data: a data record, or a packed data record unpacked (its zero runs
+// filled in). `bytes` is valid until the next call of StreamReader::Next.
 struct DataRecord {
     std::string_view bytes;
+    // Packed records only: where the zero runs are (they read as zeros in `bytes`), how
+    // the rest was stored (stream::kPackStored, kPackZstd) and how many bytes it took.
+    std::vector<ZeroRun> zeroRuns;
+    uint8_t method = 0;
+    uint32_t storedBytes = 0;
 };
 
 struct HoleRecord {
@@ -138,6 +156,7 @@ public:
     // Reads `fd` (not owned) from its current position, sequentially: pipes and
     // standard input work.
     explicit StreamReader(int fd);
+    ~StreamReader();
     StreamReader(const StreamReader&) = delete;
     StreamReader& operator=(const StreamReader&) = delete;
 
@@ -165,6 +184,7 @@ private:
     size_t Read(char* out, size_t length);
     bool Stop(State state, uint64_t offset, const std::string& what);
     bool Prologue();
+    bool ParseBody(stream::Kind kind, std::string_view payload, bool later, RecordBody& body, std::string& why);
     bool CheckStructure(const StreamRecord& record, std::string& why);
     bool AtEnd();
 
@@ -173,6 +193,7 @@ private:
     size_t m_inPos = 0, m_inEnd = 0;
     bool m_inputDone = false;
     std::vector<char> m_payload;
+    std::unique_ptr<detail::DataUnpacker> m_unpacker;  // made at the first packed record
     uint64_t m_offset = 0;
     uint64_t m_index = 0;
     State m_state = State::Reading;

@@ -19,7 +19,7 @@ VS_HOST_API int OpenBeneath(int root, const std::string& relative, int flags);
 
 namespace snapfile {
 
-// Text files of a snapshot (configurations, descriptors, sidecars, snapshot.json) are
+// Text files of a snapshot (configurations, descriptors, sidecars) are
 // small; anything larger is damage and is refused rather than read into memory.
 constexpr uint64_t kMaxTextBytes = 4u << 20;
 

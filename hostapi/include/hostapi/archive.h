@@ -50,22 +50,27 @@ struct vsStreamProgress {
 };
 
 // The pipeline: where one backup stream goes, a file or an inherited descriptor such as
-// standard output. Bytes are gathered into batches of kBatchBytes (large pieces go out
-// behind the batch without a copy) and written with loops that resume after EINTR and
-// partial writes. The first failed write (ENOSPC, EPIPE, ...) fails the pipeline for
-// good; ErrorText() says why. A write to a pipe or socket whose reader went away never
-// raises SIGPIPE: the signal is blocked in the writing thread for the write and a
-// SIGPIPE it caused is consumed, so the process's disposition of SIGPIPE is left alone.
+// standard output. The caller's thread gathers records into a small ring of buffers of
+// about kBatchBytes; a thread of the pipeline frames the data records in them and writes
+// them to the target in order, with loops that resume after EINTR and partial writes,
+// while the caller reads on. Memory stays a few MiB whatever the stream's size.
+//
+// The first failed write (ENOSPC, EPIPE, ...) fails the pipeline for good; ErrorText()
+// says why. Since the write happens behind the call that handed the bytes over, the
+// failure shows at the first call of the stream's writers after the writer thread met
+// it, and at the latest at the next Flush, Sync or Close, which wait until every byte
+// handed over is written: an archive writer flushes after each disk-read-completed
+// record, so that call fails when anything before it could not be written, and Close
+// fails whenever any write did. A write to a pipe or socket whose reader went away never
+// raises SIGPIPE in the process: the writer thread blocks every signal, and the one its
+// write raised is dropped with the thread; the process's disposition is left alone.
 //
 // The pipeline also holds the state of its stream (identity, open entry, totals), so
-// that several archive writers attached to it write one consistent stream. Not safe
-// for use from several threads at once.
+// that several archive writers attached to it write one consistent stream. Apart from
+// Progress, not safe for use from several threads at once.
 class VS_HOST_API CPipelayer {
 public:
     static constexpr std::size_t kBatchBytes = std::size_t{1} << 20;
-    // Pieces at least this long (data payloads) are written from the caller's memory
-    // behind the batch, not copied into it.
-    static constexpr std::size_t kDirectBytes = std::size_t{64} << 10;
 
     // Creates or truncates `path` (mode 0600 before the umask). Null with `error` set
     // when it cannot be opened.
@@ -78,15 +83,23 @@ public:
     CPipelayer(const CPipelayer&) = delete;
     CPipelayer& operator=(const CPipelayer&) = delete;
 
+    // Data records are compressed with zstd at `level` (1 to 19; 0, the default: not
+    // compressed), each record on its own and only when that makes it smaller, on as many
+    // writer threads as the processors and a memory budget of 32 MiB for compression
+    // contexts allow (at most 4). Only before the first record; false (nothing changed)
+    // afterwards or for a level out of range.
+    bool SetCompression(int level);
+
     // Identity of the stream, as the file-level reader gives it: the archive file id
     // (the third of vsArchive::SetArchiveFileId's values), the job id and token.
     void SetArchiveFileId(unsigned long long archiveFileId);
     void SetJobId(long long jobId);
     void SetJobToken(const char* token);
 
-    // Writes out the batch gathered so far; false when the pipeline has failed.
+    // Writes out every byte handed over so far and waits until it is written; false when
+    // the pipeline has failed.
     bool Flush();
-    // Writes out the batch and makes every byte accepted so far durable (fdatasync).
+    // Flushes and makes every byte written so far durable (fdatasync).
     // A target that cannot be synced (a pipe, a socket, a character device such as
     // standard output on a terminal) is left as it is and counts as success; a failed
     // sync fails the pipeline.
@@ -103,7 +116,7 @@ public:
 
     bool Failed() const;
     const std::string& ErrorText() const;
-    // Bytes accepted so far, the unflushed batch included.
+    // Bytes written to the target so far (all of the stream after a Flush or Close).
     unsigned long long BytesWritten() const;
     // Totals of the records written so far.
     vsStreamTotals Totals() const;

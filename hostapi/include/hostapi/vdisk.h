@@ -56,7 +56,9 @@ public:
     // empty, extents that lost their data come back zero-filled.
     void SetChangeId(const std::string& changeId);
 
-    // Opens a raw image or a flat VMDK descriptor (its extent files may be several).
+    // Opens a raw image or a flat VMDK descriptor (its extent files may be several), read
+    // directly; or a sparse VMDK, SESPARSE, VMFS-sparse or qcow2 disk or a chain of
+    // deltas, read through a qemu-nbd of its own that lives until Close.
     CQiError Open(const std::string& path, DiskType_t diskType);
     // The first `size` bytes of the disk; prepares `ctx` for a pass from extent 0.
     CQiError GetFirstBlock(CAutoMemory<char>& buffer, unsigned long size, Context_t& ctx);

@@ -223,6 +223,29 @@ TEST(VsdmFaults, AKilledJobIsDetectedAndTheNextAttemptGoesOnFromItsStream) {
     ASSERT_EQ(one.size(), two.size());
     for (const auto& [name, content] : one) EXPECT_TRUE(two.count(name) && two.at(name) == content) << name;
 
+    // The disk it was inside grows (and changes where the attempt had read it) before
+    // another attempt: that disk is read again from its start, so the pair restores to
+    // the disk as it is now, not to a mix of the two.
+    const vssample::SampleDisk& grown = s.vm("web01").disks.at(1);
+    const std::string folder = fs::path(grown.path).parent_path().string() + "/web01_1-";
+    std::string descriptor = vstest::ReadAll(grown.path);
+    const size_t line = descriptor.find('\n', descriptor.find("-f002.vmdk"));
+    std::ofstream(grown.path, std::ios::trunc) << descriptor.insert(line + 1, "RW 2048 ZERO\n");
+    std::fstream(folder + "f001.vmdk", std::ios::in | std::ios::out | std::ios::binary) << "rewritten";
+    const RunResult again = Shell(vstest::Vsdm() + " run " + home.sub("job.json") + " --resume " +
+                                  home.sub("killed.bin") + " --out " + home.sub("again.bin"));
+    ASSERT_EQ(again.status, 0) << again.output;
+    EXPECT_NE(again.output.find("disk " + grown.name + " of VM " + vms[0] + " changed size"), std::string::npos)
+        << again.output;
+    ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home.sub("killed.bin") + " --to " + home.sub("three")).status,
+              2);
+    ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home.sub("again.bin") + " --onto " + home.sub("three")).status,
+              0);
+    EXPECT_TRUE(vstest::ReadAll(home.sub("three") + "/" + vms[0] + "/" + grown.name) ==
+                vstest::ReadAll(folder + "f001.vmdk") + vstest::ReadAll(folder + "f002.vmdk") +
+                    std::string(1 << 20, '\0'))
+        << "the restored pair is not the disk as it is now";
+
     // Resuming into the stream being resumed from would destroy it.
     const RunResult same = Shell(vstest::Vsdm() + " run " + home.sub("job.json") + " --resume " +
                                  home.sub("killed.bin") + " --out " + home.sub("killed.bin"));

@@ -194,6 +194,8 @@ TEST(VsdmInputs, UsageErrorsExit64) {
         {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from soon", 64},
         {"run " + job, 64},                                                              // no stream target
         {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from 999", 64},  // a job that recorded nothing
+        {"run " + job + " --out " + home.sub("s.bin") + " --compress zstd:20", 64},
+        {"run " + job + " --out " + home.sub("s.bin") + " --compress gzip", 64},
         {"--help", 0},
         {"run --help", 0},
     };

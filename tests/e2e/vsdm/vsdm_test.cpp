@@ -110,18 +110,19 @@ TEST(VsdmRun, ExitStatusesAndTheStreamOnStandardOutput) {
 // incomplete (no trailer), with every record before the stop intact.
 TEST(VsdmRun, StopSignalEndsTheStreamCleanlyButIncomplete) {
     vstest::TempHome home;
-    vssample::SampleOptions options;
-    options.diskSize = 256ull << 20;
-    const vssample::SampleSnapshot s = vssample::GenerateSample(options);
-    std::ofstream(home.sub("job.json"))
-        << vstest::SampleJob(home, s, 32, {s.vm("web01").biosUuid, s.vm("db01").biosUuid}).dump();
+    // A disk of 32 MiB of data: its stream is as large, whatever the stream leaves out.
+    const std::string image = home.sub("disk.img");
+    std::ofstream(image, std::ios::binary) << std::string(32u << 20, 'x');
+    const vssample::SampleSnapshot s = vssample::GenerateImageSnapshot(image);
+    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 32, {s.vms.at(0).biosUuid}).dump();
 
     // Full run first, for the number of extents a complete stream holds.
     RunResult full = Shell(Vsdm() + " run " + home.sub("job.json") + " --out " + home.sub("full.bin"));
     ASSERT_EQ(full.status, 0) << full.output;
 
-    // Take the first 2 MiB (vsdm is then inside the disks' extents), stop it while it
-    // waits on this slow consumer, then drain the rest.
+    // Take the first 2 MiB (vsdm is then inside the disk's extents, at most its
+    // pipeline's few MiB ahead), stop it while it waits on this slow consumer, then drain
+    // the rest.
     vstest::SlowConsumerRun run(home, home.sub("job.json"));
     ASSERT_TRUE(run.started());
     ASSERT_TRUE(run.ReadUntil(2u << 20));

@@ -1,11 +1,15 @@
 // String, path, folder and file utilities.
 #include "hostapi/fileutil.h"
+#include "hostapi/fxfile.h"
 #include "temp_home.h"
+#include "vssample/sample.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 
 namespace {
@@ -85,4 +89,30 @@ TEST(DirectoryTest, RecursiveRemoveStaysInsideTree) {
     EXPECT_TRUE(CQiPath::IsFile(outside + "/precious"));
     EXPECT_EQ(CQiDirectory::Remove(tree, true).Errno(), ENOENT);
     EXPECT_FALSE(CQiDirectory::Remove(tree, true, true).IsError());
+}
+
+// Whole-file copies of a snapshot's files (the readers' configuration files) open beneath
+// their volume: a link swapped in after the VM was mounted cannot lead out, a FIFO is
+// refused without waiting; a file outside every volume opens as it is.
+TEST(FXFileCopy, SnapshotFilesOpenBeneathTheirVolumeOnly) {
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    const std::string folder = s.vm("web01").folder + "/", outside = home.sub("outside.txt");
+    std::ofstream(outside) << "not of the snapshot";
+    std::filesystem::remove(folder + "web01.nvram");
+    std::filesystem::create_symlink(outside, folder + "web01.nvram");
+    std::filesystem::remove(folder + "web01.vmxf");
+    ASSERT_EQ(mkfifo((folder + "web01.vmxf").c_str(), 0600), 0);
+    const struct {
+        std::string path;
+        bool opens;
+    } cases[] = {
+        {folder + "web01.vmx", true}, {folder + "web01.nvram", false}, {folder + "web01.vmxf", false}, {outside, true}};
+    for (const auto& c : cases) {
+        auto_handle h(
+            FXFile::KTCreateFile(c.path, KT_GENERIC_READ, KT_FILE_SHARE_READ, nullptr, KT_OPEN_EXISTING, 0, nullptr));
+        EXPECT_EQ(h.is_valid(), c.opens) << c.path;
+        unsigned long long size = 0;
+        EXPECT_EQ(FXFile::KTGetFileSize(c.path, size).IsError(), !c.opens) << c.path;
+    }
 }

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace fs = std::filesystem;
 using namespace vshost::vmdk;
@@ -36,11 +37,30 @@ TEST(Descriptors, FlatKindsAsDiskToolsWriteThem) {
     ASSERT_TRUE(Parse("createType=\"vmfs\"\nRW 8 VMFS \"a-flat.vmdk\"\n", "/x", d, why));
     EXPECT_EQ(d.extents[0].offsetSectors, 0u);
 
-    // Refusals name what is wrong.
-    EXPECT_FALSE(Parse("createType=\"monolithicSparse\"\nRW 8 SPARSE \"a.vmdk\"\n", "/x", d, why));
-    EXPECT_NE(why.find("SPARSE"), std::string::npos);
-    EXPECT_FALSE(Parse("createType=\"seSparse\"\nRW 8 SESPARSE \"a.vmdk\"\n", "/x", d, why));
-    EXPECT_NE(why.find("SESPARSE"), std::string::npos);
+    // A delta: its sparse extent, parent and content ids; the extent line in qemu's form.
+    ASSERT_TRUE(
+        Parse("CID=0a1b2c3d\nparentCID=fffffffe\ncreateType=\"seSparse\"\nparentFileNameHint=\"web01.vmdk\"\n"
+              "RW 8 SESPARSE \"web01-000001-sesparse.vmdk\"\n",
+              "/x", d, why))
+        << why;
+    EXPECT_TRUE(d.extents[0].IsSparse() && d.extents[0].strict && !d.Flat());
+    EXPECT_EQ(d.parentHint, "web01.vmdk");
+    EXPECT_TRUE(d.hasCid);
+    EXPECT_EQ(d.cid, 0x0a1b2c3du);
+    EXPECT_EQ(d.parentCid, 0xfffffffeu);
+    // Lines qemu would read otherwise (or skip) are told apart, so such a disk is never
+    // handed to qemu: lower case, an unquoted name, a FLAT extent without its offset.
+    for (const char* loose : {"rw 8 SPARSE \"a.vmdk\"", "RW 8 SPARSE a.vmdk", "RW 8 FLAT \"a.vmdk\""}) {
+        ASSERT_TRUE(Parse(std::string(loose) + "\n", "/x", d, why)) << loose;
+        EXPECT_FALSE(d.extents[0].strict) << loose;
+    }
+
+    // Refusals name what is wrong. Any blank ends a line's first word, as it does for
+    // qemu: an extent line it would read is never passed over here.
+    EXPECT_FALSE(Parse("RW\v8 FLAT \"/etc/passwd\" 0\n", "/x", d, why));
+    EXPECT_NE(why.find("absolute names"), std::string::npos) << why;
+    EXPECT_FALSE(Parse("RW 8 TAPE \"a.vmdk\"\n", "/x", d, why));
+    EXPECT_NE(why.find("TAPE"), std::string::npos);
     EXPECT_FALSE(Parse("createType=\"x\"\n", "/x", d, why));
     EXPECT_FALSE(Parse("RW many FLAT \"a\" 0\n", "/x", d, why));
     EXPECT_FALSE(Parse("RW 8 FLAT\n", "/x", d, why));
@@ -73,10 +93,17 @@ TEST(Descriptors, FilesAreClassifiedByContent) {
     EXPECT_EQ(Inspect(orphan, d, why), Kind::Unreadable);
     EXPECT_NE(why.find("gone-flat.vmdk"), std::string::npos);
 
-    const std::string sparse = write("sparse.vmdk", std::string("KDMV\x01\0\0\0", 8) + std::string(504, '\0'));
-    EXPECT_EQ(Inspect(sparse, d, why), Kind::Unreadable);
-    EXPECT_NE(why.find("monolithicSparse"), std::string::npos);
+    // A sparse header makes a sparse VMDK of a .vmdk file only: a raw image is never
+    // probed for a format, whatever its guest wrote at its start.
+    const std::string header = std::string("KDMV\x01\0\0\0", 8) + std::string(504, '\0');
+    const std::string sparse = write("sparse.vmdk", header);
+    EXPECT_EQ(Inspect(sparse, d, why), Kind::Sparse);
     EXPECT_FALSE(DiskSize(sparse, size, why));
+    EXPECT_EQ(Inspect(write("guest.img", header), d, why), Kind::RawImage);
+    // Disk tools pad a descriptor to a whole sector with zeros.
+    const std::string padded = write("padded.vmdk", "# Disk DescriptorFile\nRW 64 FLAT \"good-flat.vmdk\" 0\n");
+    fs::resize_file(padded, 512);
+    EXPECT_EQ(Inspect(padded, d, why), Kind::Descriptor) << why;
 
     EXPECT_EQ(Inspect((dir / "missing.vmdk").string(), d, why), Kind::Unreadable);
     fs::remove_all(dir);
@@ -107,6 +134,33 @@ TEST(Configurations, DisksNamesAndGuids) {
     EXPECT_EQ(vminfo::CanonicalGuid("564D1A2B3C4D5E6F708192A3B4C5D6E7"), "564d1a2b-3c4d-5e6f-7081-92a3b4c5d6e7");
     EXPECT_EQ(vminfo::CanonicalGuid("web01"), "");
     EXPECT_EQ(vminfo::CanonicalGuid("564d1a2b"), "");
+}
+
+// The snapshot a .vmsd names current (or, without that key, its newest), and the disk
+// file it holds per device; a current that names no listed snapshot gives none.
+TEST(Configurations, SnapshotListsNameTheDiskOfEachDevice) {
+    const std::string two =
+        "snapshot0.uid = \"7\"\nsnapshot0.disk0.fileName = \"web01.vmdk\"\nsnapshot0.disk0.node = \"scsi0:0\"\n"
+        "snapshot1.uid = \"12\"\nsnapshot1.displayName = \"backup\"\n"
+        "snapshot1.disk0.fileName = \"web01-000001.vmdk\"\nsnapshot1.disk0.node = \"SCSI0:0\"\n"
+        "snapshot1.disk1.fileName = \"[ds2] web01/web01_1.vmdk\"\nsnapshot1.disk1.node = \"nvme0:1\"\n";
+    const struct {
+        std::string current;
+        const char* uid;  // null: none
+    } cases[] = {{"", "12"}, {"snapshot.current = \"7\"\n", "7"}, {"snapshot.current = \"3\"\n", nullptr}};
+    for (const auto& c : cases) {
+        const vminfo::VmsdConfig vmsd = vminfo::ParseVmsd(c.current + two);
+        const vminfo::VmsdSnapshot* snap = vmsd.Current();
+        ASSERT_EQ(snap != nullptr, c.uid != nullptr) << c.current;
+        if (!snap) continue;
+        EXPECT_EQ(snap->uid, c.uid);
+    }
+    const vminfo::VmsdConfig vmsd = vminfo::ParseVmsd(two);
+    const vminfo::VmsdSnapshot* newest = vmsd.Current();
+    EXPECT_EQ(newest->displayName, "backup");
+    EXPECT_EQ(newest->diskFiles, (std::map<std::string, std::string>{{"scsi0:0", "web01-000001.vmdk"},
+                                                                     {"nvme0:1", "[ds2] web01/web01_1.vmdk"}}));
+    EXPECT_EQ(vminfo::ParseVmsd("").Current(), nullptr);
 }
 
 }  // namespace

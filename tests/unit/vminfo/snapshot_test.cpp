@@ -195,11 +195,11 @@ TEST_F(SnapshotLibrary, BrokenVMsFailWithTheirCode) {
     std::ofstream(vmx, std::ios::app) << "scsi1:0.fileName = \"../../ds2/fs01/fs01_data.img\"\n";
     ExpectVMFailure("db01", 23, "lies outside its datastore");
 
-    // A sparse disk is refused by name of its kind; a filter that leaves it out mounts.
+    // A disk whose extent file is missing is refused naming it; a filter that leaves it out mounts.
     const vssample::SampleVM& web = sample.vm("web01");
     std::ofstream(web.disks[1].path)
-        << "# Disk DescriptorFile\ncreateType=\"monolithicSparse\"\nRW 64 SPARSE \"s.vmdk\"\n";
-    ExpectVMFailure("web01", 23, "extent kind SPARSE (sparse) is not supported");
+        << "# Disk DescriptorFile\ncreateType=\"twoGbMaxExtentSparse\"\nRW 64 SPARSE \"s.vmdk\"\n";
+    ExpectVMFailure("web01", 23, "s.vmdk: cannot be opened: No such file");
     {
         vminfo::VMInfo info(102, 1);
         MountCtx snap = SnapCtx();

@@ -1,0 +1,434 @@
+#include "vsobj/s3.h"
+
+#include <curl/curl.h>
+#include <sodium.h>
+#include <pugixml.hpp>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace vsobj {
+namespace {
+
+std::once_flag g_init;
+
+void InitOnce() {
+    std::call_once(g_init, [] {
+        (void)curl_global_init(CURL_GLOBAL_DEFAULT);
+        if (sodium_init() < 0) throw std::runtime_error("libsodium cannot be initialised");
+    });
+}
+
+std::string Hex(const unsigned char* bytes, size_t n) {
+    static const char* digits = "0123456789abcdef";
+    std::string out;
+    out.reserve(n * 2);
+    for (size_t i = 0; i < n; ++i) {
+        out.push_back(digits[bytes[i] >> 4]);
+        out.push_back(digits[bytes[i] & 15]);
+    }
+    return out;
+}
+
+std::string Sha256Hex(const char* data, size_t n) {
+    unsigned char digest[crypto_hash_sha256_BYTES];
+    crypto_hash_sha256(digest, reinterpret_cast<const unsigned char*>(data), n);
+    return Hex(digest, sizeof digest);
+}
+
+// Each byte but the unreserved ones percent-encoded, as the signature's canonical form has
+// it; a path keeps its "/", a query value does not.
+std::string EncodeKey(const std::string& key, bool keepSlash = true) {
+    std::string out;
+    for (const unsigned char c : key) {
+        if (std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.' || c == '~' || (keepSlash && c == '/')) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            char buf[4];
+            (void)std::snprintf(buf, sizeof buf, "%%%02X", c);
+            out += buf;
+        }
+    }
+    return out;
+}
+
+// The object store's own word on a refusal: "Code: Message".
+std::string StoreSays(const std::string& body, long status) {
+    // A HEAD is answered without a body.
+    if (body.empty())
+        return status == 404 ? "no such object" : status == 403 ? "access denied (the keys or the signature)" : "";
+    pugi::xml_document doc;
+    if (!doc.load_string(body.c_str())) return body.substr(0, 200);
+    const pugi::xml_node error = doc.child("Error");
+    std::string text = error.child_value("Code");
+    const std::string message = error.child_value("Message");
+    if (!message.empty()) text += (text.empty() ? "" : ": ") + message;
+    return text.empty() ? body.substr(0, 200) : text;
+}
+
+struct Sink {
+    std::string* text = nullptr;  // a response body kept whole (small answers)
+    char* into = nullptr;         // or the caller's buffer
+    size_t room = 0;
+    size_t got = 0;
+    std::string* etag = nullptr;
+};
+
+size_t OnBody(char* data, size_t size, size_t count, void* user) {
+    Sink& s = *static_cast<Sink*>(user);
+    const size_t n = size * count;
+    if (s.into) {
+        if (n > s.room - s.got) return 0;  // more than asked for: fail the transfer
+        std::memcpy(s.into + s.got, data, n);
+    } else if (s.text->size() < (1u << 20)) {
+        s.text->append(data, n);
+    }
+    s.got += n;
+    return n;
+}
+
+size_t OnHeader(char* data, size_t size, size_t count, void* user) {
+    Sink& s = *static_cast<Sink*>(user);
+    const size_t n = size * count;
+    std::string line(data, n);
+    if (s.etag && line.size() > 5 && strncasecmp(line.c_str(), "etag:", 5) == 0) {
+        line = line.substr(5);
+        line.erase(0, line.find_first_not_of(" \t"));
+        line.erase(line.find_last_not_of(" \t\r\n") + 1);
+        *s.etag = line;
+    }
+    return n;
+}
+
+std::string Env(const char* name) {
+    const char* v = std::getenv(name);
+    return v ? v : "";
+}
+
+}  // namespace
+
+struct S3Client::Response {
+    long status = 0;
+    std::string body;
+    std::string etag;
+    size_t got = 0;
+};
+
+bool ParseS3Url(const std::string& text, S3Location& out) {
+    if (text.rfind("s3://", 0) != 0) return false;
+    const std::string rest = text.substr(5);
+    const size_t slash = rest.find('/');
+    if (slash == std::string::npos || slash == 0 || slash + 1 == rest.size())
+        throw std::invalid_argument(text + " names no object: write s3://BUCKET/KEY");
+    out.bucket = rest.substr(0, slash);
+    out.key = rest.substr(slash + 1);
+    return true;
+}
+
+S3Settings SettingsFromEnvironment() {
+    S3Settings s;
+    s.endpoint = Env("AWS_ENDPOINT_URL");
+    if (!Env("AWS_REGION").empty()) s.region = Env("AWS_REGION");
+    s.accessKey = Env("AWS_ACCESS_KEY_ID");
+    s.secretKey = Env("AWS_SECRET_ACCESS_KEY");
+    for (const auto& [value, name] :
+         {std::pair{&s.endpoint, "AWS_ENDPOINT_URL"}, std::pair{&s.accessKey, "AWS_ACCESS_KEY_ID"},
+          std::pair{&s.secretKey, "AWS_SECRET_ACCESS_KEY"}})
+        if (value->empty()) throw std::runtime_error(std::string("object storage: ") + name + " is not set");
+    while (!s.endpoint.empty() && s.endpoint.back() == '/') s.endpoint.pop_back();
+    return s;
+}
+
+S3Client::S3Client(S3Settings settings) : m_settings(std::move(settings)) {
+    InitOnce();
+    m_curl = curl_easy_init();
+    if (!m_curl) throw S3Error("object storage: cannot start a transfer", 0);
+}
+
+S3Client::~S3Client() {
+    curl_easy_cleanup(static_cast<CURL*>(m_curl));
+}
+
+S3Client::Response S3Client::Send(const std::string& method, const S3Location& at, const std::string& query,
+                                  const char* body, size_t bodyLength, const std::vector<std::string>& headers,
+                                  char* into, size_t intoLength) {
+    CURL* curl = static_cast<CURL*>(m_curl);
+    curl_easy_reset(curl);
+    const std::string url = m_settings.endpoint + "/" + at.bucket + (at.key.empty() ? "" : "/" + EncodeKey(at.key)) +
+                            (query.empty() ? "" : "?" + query);
+    const std::string what = method + " " + at.Url() + (query.empty() ? "" : "?" + query);
+    const std::string sigv4 = "aws:amz:" + m_settings.region + ":s3";
+    const std::string user = m_settings.accessKey + ":" + m_settings.secretKey;
+    curl_slist* list = nullptr;
+    const std::string payload = "x-amz-content-sha256: " + Sha256Hex(body ? body : "", body ? bodyLength : 0);
+    list = curl_slist_append(list, payload.c_str());
+    list = curl_slist_append(list, "Content-Type: application/octet-stream");
+    for (const std::string& h : headers) list = curl_slist_append(list, h.c_str());
+    Response r;
+    Sink sink{&r.body, into, intoLength, 0, &r.etag};
+    (void)curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    (void)curl_easy_setopt(curl, CURLOPT_AWS_SIGV4, sigv4.c_str());
+    (void)curl_easy_setopt(curl, CURLOPT_USERPWD, user.c_str());
+    (void)curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
+    (void)curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    (void)curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 10L);
+    // A store that stops answering fails the request instead of hanging the job.
+    (void)curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    (void)curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
+    (void)curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, OnBody);
+    (void)curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
+    (void)curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, OnHeader);
+    (void)curl_easy_setopt(curl, CURLOPT_HEADERDATA, &sink);
+    if (method == "HEAD") {
+        (void)curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    } else {
+        (void)curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+        if (method == "PUT" || method == "POST") {
+            (void)curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body ? body : "");
+            (void)curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body ? bodyLength : 0));
+        }
+    }
+    const CURLcode rc = curl_easy_perform(curl);
+    curl_slist_free_all(list);
+    (void)curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &r.status);
+    r.got = sink.got;
+    if (rc != CURLE_OK) throw S3Error("object storage: " + what + ": " + curl_easy_strerror(rc), 0);
+    if (r.status >= 300)
+        throw S3Error("object storage: " + what + ": " + std::to_string(r.status) + " " + StoreSays(r.body, r.status),
+                      r.status);
+    return r;
+}
+
+void S3Client::CreateBucket(const std::string& bucket) {
+    Send("PUT", {bucket, ""}, "", nullptr, 0, {});
+}
+
+std::string S3Client::StartUpload(const S3Location& at) {
+    // "uploads=", not "uploads": the query is signed as it is written.
+    const Response r = Send("POST", at, "uploads=", nullptr, 0, {});
+    pugi::xml_document doc;
+    doc.load_string(r.body.c_str());
+    std::string id = doc.child("InitiateMultipartUploadResult").child_value("UploadId");
+    if (id.empty()) throw S3Error("object storage: no upload id for " + at.Url(), r.status);
+    return id;
+}
+
+std::string S3Client::PutPart(const S3Location& at, const std::string& uploadId, int number, const char* data,
+                              size_t n) {
+    const Response r = Send("PUT", at, "partNumber=" + std::to_string(number) + "&uploadId=" + uploadId, data, n, {});
+    if (r.etag.empty())
+        throw S3Error(
+            "object storage: part " + std::to_string(number) + " of " + at.Url() + " was stored without an ETag",
+            r.status);
+    return r.etag;
+}
+
+void S3Client::CompleteUpload(const S3Location& at, const std::string& uploadId,
+                              const std::vector<std::string>& etags) {
+    std::string xml = "<CompleteMultipartUpload>";
+    for (size_t i = 0; i < etags.size(); ++i)
+        xml += "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><ETag>" + etags[i] + "</ETag></Part>";
+    xml += "</CompleteMultipartUpload>";
+    const Response r = Send("POST", at, "uploadId=" + uploadId, xml.data(), xml.size(), {});
+    // The store may answer 200 and still report an error in the body.
+    if (r.body.find("<Error>") != std::string::npos)
+        throw S3Error("object storage: completing " + at.Url() + ": " + StoreSays(r.body, r.status), r.status);
+}
+
+void S3Client::AbortUpload(const S3Location& at, const std::string& uploadId) {
+    Send("DELETE", at, "uploadId=" + uploadId, nullptr, 0, {});
+}
+
+std::vector<std::string> S3Client::OpenUploads(const std::string& bucket) {
+    const Response r = Send("GET", {bucket, ""}, "uploads=", nullptr, 0, {});
+    pugi::xml_document doc;
+    doc.load_string(r.body.c_str());
+    std::vector<std::string> keys;
+    for (const auto& u : doc.child("ListMultipartUploadsResult").children("Upload"))
+        keys.emplace_back(u.child_value("Key"));
+    return keys;
+}
+
+std::vector<std::string> S3Client::Keys(const std::string& bucket, const std::string& prefix) {
+    const Response r = Send("GET", {bucket, ""}, "list-type=2&prefix=" + EncodeKey(prefix, false), nullptr, 0, {});
+    pugi::xml_document doc;
+    doc.load_string(r.body.c_str());
+    std::vector<std::string> keys;
+    for (const auto& c : doc.child("ListBucketResult").children("Contents")) keys.emplace_back(c.child_value("Key"));
+    return keys;
+}
+
+uint64_t S3Client::Size(const S3Location& at) {
+    Send("HEAD", at, "", nullptr, 0, {});
+    curl_off_t length = -1;
+    (void)curl_easy_getinfo(static_cast<CURL*>(m_curl), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+    if (length < 0) throw S3Error("object storage: no size for " + at.Url(), 0);
+    return static_cast<uint64_t>(length);
+}
+
+size_t S3Client::Read(const S3Location& at, uint64_t offset, char* out, size_t n) {
+    if (n == 0) return 0;
+    const std::string range = "Range: bytes=" + std::to_string(offset) + "-" + std::to_string(offset + n - 1);
+    return Send("GET", at, "", nullptr, 0, {range}, out, n).got;
+}
+
+void S3Client::Delete(const S3Location& at) {
+    Send("DELETE", at, "", nullptr, 0, {});
+}
+
+// ---- writing through a pipe -------------------------------------------------------------
+
+namespace {
+
+void BlockSigpipe() {
+    // A pipe whose other end went away is an error of this thread, not a signal to the process.
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void MakePipe(int& read, int& write) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) throw S3Error(std::string("object storage: pipe: ") + std::strerror(errno), 0);
+    read = fds[0];
+    write = fds[1];
+}
+
+void CloseFd(int& fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+}  // namespace
+
+ObjectWriter::ObjectWriter(const S3Settings& settings, S3Location at)
+    : m_client(std::make_unique<S3Client>(settings)), m_at(std::move(at)) {
+    m_uploadId = m_client->StartUpload(m_at);
+    MakePipe(m_read, m_write);
+    m_thread = std::thread([this] { Upload(); });
+}
+
+ObjectWriter::~ObjectWriter() {
+    if (!m_done) Abort();
+}
+
+void ObjectWriter::Upload() {
+    BlockSigpipe();
+    std::vector<char> part(kPartBytes);
+    size_t used = 0;
+    bool end = false;
+    try {
+        while (!end) {
+            const ssize_t n = ::read(m_read, part.data() + used, part.size() - used);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) throw S3Error(std::string("object storage: reading the stream: ") + std::strerror(errno), 0);
+            end = n == 0;
+            used += static_cast<size_t>(n);
+            if (m_abandoned) break;
+            // A full part goes out; the last one may be short (or empty, for an empty stream).
+            if (used == part.size() || (end && (used > 0 || m_etags.empty()))) {
+                m_etags.push_back(
+                    m_client->PutPart(m_at, m_uploadId, static_cast<int>(m_etags.size()) + 1, part.data(), used));
+                used = 0;
+            }
+        }
+    } catch (const std::exception& e) {
+        m_error = e.what();
+    }
+    // After a failure the writer's next write fails (EPIPE) instead of waiting on a pipe
+    // nobody drains.
+    if (!m_error.empty()) CloseFd(m_read);
+}
+
+bool ObjectWriter::Finish(std::string& why) {
+    CloseFd(m_write);
+    if (m_thread.joinable()) m_thread.join();
+    CloseFd(m_read);
+    m_done = true;
+    try {
+        if (!m_error.empty()) throw std::runtime_error(m_error);
+        m_client->CompleteUpload(m_at, m_uploadId, m_etags);
+        return true;
+    } catch (const std::exception& e) {
+        why = e.what();
+    }
+    try {
+        m_client->AbortUpload(m_at, m_uploadId);
+    } catch (const std::exception& e) {
+        why += std::string("; the upload's parts may be left: ") + e.what();
+    }
+    return false;
+}
+
+void ObjectWriter::Abort() {
+    m_abandoned = true;
+    CloseFd(m_write);  // the upload thread sees the end and uploads nothing more
+    if (m_thread.joinable()) m_thread.join();
+    CloseFd(m_read);
+    m_done = true;
+    try {
+        m_client->AbortUpload(m_at, m_uploadId);
+    } catch (const std::exception&) {
+        // Nothing to tell the caller: it is giving the stream up already.
+    }
+}
+
+// ---- reading through a pipe -------------------------------------------------------------
+
+ObjectReader::ObjectReader(const S3Settings& settings, S3Location at)
+    : m_client(std::make_unique<S3Client>(settings)), m_at(std::move(at)) {
+    m_size = m_client->Size(m_at);
+    MakePipe(m_read, m_write);
+    m_thread = std::thread([this] { Fetch(); });
+}
+
+ObjectReader::~ObjectReader() {
+    CloseFd(m_read);  // a fetch blocked on the pipe fails with EPIPE and ends
+    if (m_thread.joinable()) m_thread.join();
+    CloseFd(m_write);
+}
+
+void ObjectReader::Fetch() {
+    BlockSigpipe();
+    std::vector<char> buf(kRangeBytes);
+    try {
+        for (uint64_t offset = 0; offset < m_size;) {
+            const size_t want = static_cast<size_t>(std::min<uint64_t>(buf.size(), m_size - offset));
+            const size_t got = m_client->Read(m_at, offset, buf.data(), want);
+            if (got != want)
+                throw S3Error("object storage: " + m_at.Url() + " ended at " + std::to_string(offset + got) +
+                                  " of its " + std::to_string(m_size) + " bytes",
+                              0);
+            for (size_t done = 0; done < got;) {
+                const ssize_t n = ::write(m_write, buf.data() + done, got - done);
+                if (n < 0 && errno == EINTR) continue;
+                if (n < 0) {
+                    CloseFd(m_write);
+                    return;  // the reader went away: nothing more is wanted
+                }
+                done += static_cast<size_t>(n);
+            }
+            offset += got;
+        }
+    } catch (const std::exception& e) {
+        m_error = e.what();
+    }
+    CloseFd(m_write);
+}
+
+std::string ObjectReader::Error() {
+    // Done reading: a fetch still under way ends at its next write.
+    CloseFd(m_read);
+    if (m_thread.joinable()) m_thread.join();
+    return m_error;
+}
+
+}  // namespace vsobj
