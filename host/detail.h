@@ -9,6 +9,10 @@
 #include <optional>
 #include <string>
 
+namespace vshost::db {
+class Connection;
+}
+
 namespace vshost::detail {
 
 using SettingsSection = std::map<std::string, std::string>;
@@ -47,6 +51,11 @@ std::optional<unsigned long> ParseWholeNumber(const std::string& text);
 // settings.ini reading and writing; parse errors name the file and the line.
 SettingsMap ReadSettingsFile(const std::string& path);
 void WriteSettingsFile(const std::string& path, const SettingsMap& settings);
+
+// Inside a write transaction of the catalog: refuses (throws) when the catalog's stored
+// passwords are under another key than this home's, else records this home's key as the
+// catalog's. Only a fingerprint of the key is stored.
+void CheckSecretKey(db::Connection& conn);
 
 // Appends one line (newline added here) to the open home's log file, if any.
 void AppendToLogFile(const std::string& line);

@@ -1,8 +1,11 @@
-// The host catalog over catalog.db of the open home.
+// The host catalog: catalog.db of the open home, or the PostgreSQL catalog its settings
+// name.
 #include "vshost/catalog.h"
-#include "catalog/sqlite.h"
+#include "catalog/db.h"
 #include "detail.h"
+#include "vshost/home.h"
 
+#include <ctime>
 #include <stdexcept>
 
 namespace vshost {
@@ -30,7 +33,18 @@ SHostCredentials CredentialFrom(const db::Statement& q) {
 Catalog::Catalog() {
     std::string home = detail::Home();
     if (home.empty()) throw std::runtime_error("catalog: no host home is open");
-    m_path = home + "/catalog.db";
+    std::string connection;
+    if (settings::Get("Catalog", "sConnection", connection) &&
+        connection.find_first_not_of(" \t") != std::string::npos) {
+        // An absolute path would open as a SQLite file: say so rather than guess.
+        if (connection[connection.find_first_not_of(" \t")] == '/')
+            throw std::runtime_error(
+                "catalog: [Catalog] sConnection must be a PostgreSQL connection string "
+                "(host=... dbname=...), not a path");
+        m_path = connection;
+    } else {
+        m_path = home + "/catalog.db";
+    }
     db::Connection conn(m_path);
     db::Migrate(conn);
 }
@@ -62,10 +76,18 @@ std::optional<std::string> Catalog::ClientName(unsigned long id) const {
 void Catalog::AddApplication(const AppRecord& app) {
     db::Connection conn(m_path);
     db::Statement(conn,
-                  "INSERT OR REPLACE INTO applications (app_id1, app_id2, instance_type, server_host, "
+                  "INSERT INTO applications (app_id1, app_id2, instance_type, server_host, "
                   "snap_mount_esx, indexing_v2, has_settings, parent_app_id, client_id, backup_set_id, "
                   "backup_set_settings, proxy_details_set, snap_failover_rc, hubcell_id, subclient_id, "
-                  "subclient_guid) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16)")
+                  "subclient_guid) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16) "
+                  "ON CONFLICT (app_id1, app_id2) DO UPDATE SET instance_type = excluded.instance_type, "
+                  "server_host = excluded.server_host, snap_mount_esx = excluded.snap_mount_esx, "
+                  "indexing_v2 = excluded.indexing_v2, has_settings = excluded.has_settings, "
+                  "parent_app_id = excluded.parent_app_id, client_id = excluded.client_id, "
+                  "backup_set_id = excluded.backup_set_id, backup_set_settings = excluded.backup_set_settings, "
+                  "proxy_details_set = excluded.proxy_details_set, snap_failover_rc = excluded.snap_failover_rc, "
+                  "hubcell_id = excluded.hubcell_id, subclient_id = excluded.subclient_id, "
+                  "subclient_guid = excluded.subclient_guid")
         .Bind(1, Id(app.appId1))
         .Bind(2, Id(app.appId2))
         .Bind(3, app.instanceType)
@@ -125,26 +147,29 @@ std::optional<AppRecord> Catalog::ApplicationWithId2(unsigned long appId2) const
 void Catalog::AddCredential(unsigned long appId1, unsigned long appId2, const SHostCredentials& clearCreds) {
     const std::string stored = EncryptSecret(clearCreds.sPassword);
     db::Connection conn(m_path);
-    // The sequence number is computed in the same statement, so concurrent writers
-    // cannot both take the same one.
-    db::Statement(conn,
-                  "INSERT INTO app_credentials (app_id1, app_id2, seq, host, server, user, password_enc, type) "
-                  "SELECT ?1, ?2, COALESCE(MAX(seq), 0) + 1, ?3, ?4, ?5, ?6, ?7 FROM app_credentials "
-                  "WHERE app_id1 = ?1 AND app_id2 = ?2")
-        .Bind(1, Id(appId1))
-        .Bind(2, Id(appId2))
-        .Bind(3, clearCreds.sHost)
-        .Bind(4, clearCreds.sServer)
-        .Bind(5, clearCreds.sUser)
-        .Bind(6, stored)
-        .Bind(7, clearCreds.nType)
-        .Run();
+    // In a write transaction, so concurrent writers (other hosts too) cannot both take
+    // the same sequence number.
+    db::InTransaction(conn, [&] {
+        detail::CheckSecretKey(conn);
+        db::Statement(conn,
+                      "INSERT INTO app_credentials (app_id1, app_id2, seq, host, server, \"user\", password_enc, "
+                      "type) SELECT ?1, ?2, COALESCE(MAX(seq), 0) + 1, ?3, ?4, ?5, ?6, ?7 FROM app_credentials "
+                      "WHERE app_id1 = ?1 AND app_id2 = ?2")
+            .Bind(1, Id(appId1))
+            .Bind(2, Id(appId2))
+            .Bind(3, clearCreds.sHost)
+            .Bind(4, clearCreds.sServer)
+            .Bind(5, clearCreds.sUser)
+            .Bind(6, stored)
+            .Bind(7, clearCreds.nType)
+            .Run();
+    });
 }
 
 std::vector<SHostCredentials> Catalog::Credentials(unsigned long appId1, unsigned long appId2) const {
     db::Connection conn(m_path);
     db::Statement q(conn,
-                    "SELECT host, server, user, password_enc, type FROM app_credentials "
+                    "SELECT host, server, \"user\", password_enc, type FROM app_credentials "
                     "WHERE app_id1 = ?1 AND app_id2 = ?2 ORDER BY seq");
     q.Bind(1, Id(appId1)).Bind(2, Id(appId2));
     std::vector<SHostCredentials> out;
@@ -156,7 +181,7 @@ std::vector<SHostCredentials> Catalog::CredentialsForServer(const std::string& s
     db::Connection conn(m_path);
     // Host names are case-insensitive.
     db::Statement q(conn,
-                    "SELECT host, server, user, password_enc, type FROM app_credentials "
+                    "SELECT host, server, \"user\", password_enc, type FROM app_credentials "
                     "WHERE server = ?1 COLLATE NOCASE ORDER BY app_id1, app_id2, seq");
     q.Bind(1, server);
     std::vector<SHostCredentials> out;
@@ -167,8 +192,11 @@ std::vector<SHostCredentials> Catalog::CredentialsForServer(const std::string& s
 void Catalog::AddArchiveFile(const ArchiveFileRecord& afile) {
     db::Connection conn(m_path);
     db::Statement(conn,
-                  "INSERT OR REPLACE INTO archive_files (afile_id, app_id2, backup_job_id, name, volume, "
-                  "snap_engine_id, snap_job_id, datastore) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)")
+                  "INSERT INTO archive_files (afile_id, app_id2, backup_job_id, name, volume, snap_engine_id, "
+                  "snap_job_id, datastore) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8) ON CONFLICT (afile_id) DO UPDATE "
+                  "SET app_id2 = excluded.app_id2, backup_job_id = excluded.backup_job_id, name = excluded.name, "
+                  "volume = excluded.volume, snap_engine_id = excluded.snap_engine_id, "
+                  "snap_job_id = excluded.snap_job_id, datastore = excluded.datastore")
         .Bind(1, static_cast<int64_t>(afile.afileId))
         .Bind(2, Id(afile.appId2))
         .Bind(3, afile.backupJobId)
@@ -299,14 +327,16 @@ int64_t Catalog::NewJobId(int64_t snapJobId) {
     db::Connection conn(m_path);
     int64_t id = 0;
     db::InTransaction(conn, [&] {
+        // Each inner MAX reads one end of a primary key.
         db::Statement next(conn,
-                           "SELECT MAX(COALESCE((SELECT MAX(job_id) FROM home_jobs), 0), "
-                           "COALESCE((SELECT MAX(job_id) FROM job_disks), 0), "
-                           "COALESCE((SELECT MAX(job_id) FROM pending_causes), 0)) + 1");
+                           "SELECT MAX(m) + 1 FROM (SELECT COALESCE(MAX(job_id), 0) AS m FROM home_jobs "
+                           "UNION ALL SELECT COALESCE(MAX(job_id), 0) FROM job_disks "
+                           "UNION ALL SELECT COALESCE(MAX(job_id), 0) FROM pending_causes) AS ends");
         id = next.Step() ? next.Int(0) : 1;
-        db::Statement(conn, "INSERT INTO home_jobs (job_id, snap_job_id, created) VALUES (?1, ?2, strftime('%s'))")
+        db::Statement(conn, "INSERT INTO home_jobs (job_id, snap_job_id, created) VALUES (?1, ?2, ?3)")
             .Bind(1, id)
             .Bind(2, snapJobId)
+            .Bind(3, static_cast<int64_t>(std::time(nullptr)))
             .Run();
     });
     return id;
@@ -314,7 +344,9 @@ int64_t Catalog::NewJobId(int64_t snapJobId) {
 
 void Catalog::AddCopy(unsigned long archGroupId, unsigned long copyId, unsigned long precedence) {
     db::Connection conn(m_path);
-    db::Statement(conn, "INSERT OR REPLACE INTO copies (arch_group_id, copy_id, precedence) VALUES (?1, ?2, ?3)")
+    db::Statement(conn,
+                  "INSERT INTO copies (arch_group_id, copy_id, precedence) VALUES (?1, ?2, ?3) "
+                  "ON CONFLICT (arch_group_id, copy_id) DO UPDATE SET precedence = excluded.precedence")
         .Bind(1, Id(archGroupId))
         .Bind(2, Id(copyId))
         .Bind(3, Id(precedence))

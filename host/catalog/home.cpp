@@ -32,6 +32,14 @@ void MakeFolder(const std::string& path, unsigned mode) {
     if (err.IsError()) throw std::runtime_error("cannot create host home folder: " + err.AsString());
 }
 
+// True when the settings put the catalog on a PostgreSQL server ([Catalog] sConnection).
+bool NamesAnotherCatalog(const SettingsMap& settings) {
+    const auto section = settings.find("Catalog");
+    if (section == settings.end()) return false;
+    const auto conn = section->second.find("sConnection");
+    return conn != section->second.end() && !conn->second.empty();
+}
+
 // Builds the state of `dir` without touching the current one, so a failure leaves the
 // previous home in place.
 HomeState LoadHome(const std::string& dir) {
@@ -54,14 +62,17 @@ HomeState LoadHome(const std::string& dir) {
     MakeFolder(st.dir + "/IndexCache", 0700);
     MakeFolder(st.dir + "/JobResults", 0700);
     MakeFolder(st.dir + "/Log Files", 0700);
-    // SQLite would create the catalog with the umask's mode, and its journals follow it.
-    const std::string catalog = st.dir + "/catalog.db";
-    const int db = open(catalog.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    if (db < 0) throw std::runtime_error("cannot create the catalog: " + CQiError::FromErrno(catalog).AsString());
-    close(db);
-
     const std::string ini = st.dir + "/settings.ini";
     if (CQiPath::Exists(ini)) st.settings = ReadSettingsFile(ini);
+
+    // SQLite would create the catalog with the umask's mode, and its journals follow it.
+    // A home whose catalog is on PostgreSQL has no file of it.
+    if (!NamesAnotherCatalog(st.settings)) {
+        const std::string catalog = st.dir + "/catalog.db";
+        const int db = open(catalog.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        if (db < 0) throw std::runtime_error("cannot create the catalog: " + CQiError::FromErrno(catalog).AsString());
+        close(db);
+    }
 
     const std::string log = st.dir + "/Log Files/vsreader.log";
     st.logFd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);

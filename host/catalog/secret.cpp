@@ -1,4 +1,5 @@
 // Stored form of passwords: secretbox under a per-home key, base64 of nonce||ciphertext.
+#include "catalog/db.h"
 #include "detail.h"
 #include "hostapi/fd.h"
 #include "hostapi/fileutil.h"
@@ -91,7 +92,35 @@ void LoadOrCreateKey(Key& key) {
     if (!ReadKey(path, key)) CreateKey(path, key);
 }
 
+// Names the key without giving anything of it away: a keyed hash of a fixed text.
+std::string Fingerprint(const Key& key) {
+    static constexpr char kLabel[] = "vshost catalog key fingerprint";
+    unsigned char hash[16];
+    crypto_generichash(hash, sizeof hash, reinterpret_cast<const unsigned char*>(kLabel), sizeof kLabel - 1, key.bytes,
+                       sizeof key.bytes);
+    char hex[sizeof hash * 2 + 1];
+    sodium_bin2hex(hex, sizeof hex, hash, sizeof hash);
+    return hex;
+}
+
 }  // namespace
+
+void detail::CheckSecretKey(db::Connection& conn) {
+    InitSodium();
+    Key key;
+    LoadOrCreateKey(key);
+    const std::string mine = Fingerprint(key);
+    db::Statement q(conn, "SELECT fingerprint FROM secret_key");
+    if (!q.Step()) {
+        db::Statement(conn, "INSERT INTO secret_key (fingerprint) VALUES (?1)").Bind(1, mine).Run();
+        return;
+    }
+    const std::string theirs = q.Text(0);
+    if (theirs != mine)
+        throw std::runtime_error("catalog: the passwords in this catalog are stored under another key (fingerprint " +
+                                 theirs + ") than this home's keys/secret.key (" + mine +
+                                 "); copy secret.key from a host that shares this catalog");
+}
 
 std::string EncryptSecret(const std::string& plain) {
     InitSodium();

@@ -1,6 +1,6 @@
 #include "vshost/changetrack.h"
 
-#include "catalog/sqlite.h"
+#include "catalog/db.h"
 #include "vscodec/xxh3.h"
 #include "vshost/catalog.h"
 
@@ -43,8 +43,9 @@ std::string Serialize(const DiskDigests& digests) {
 void WriteDigests(db::Connection& conn, const std::string& changeId, uint64_t diskSize, uint64_t extentSize,
                   const std::string& blob) {
     db::Statement(conn,
-                  "INSERT OR REPLACE INTO disk_digests (change_id, disk_size, extent_size, digests) "
-                  "VALUES (?1, ?2, ?3, ?4)")
+                  "INSERT INTO disk_digests (change_id, disk_size, extent_size, digests) VALUES (?1, ?2, ?3, ?4) "
+                  "ON CONFLICT (change_id) DO UPDATE SET disk_size = excluded.disk_size, "
+                  "extent_size = excluded.extent_size, digests = excluded.digests")
         .Bind(1, changeId)
         .Bind(2, static_cast<int64_t>(diskSize))
         .Bind(3, static_cast<int64_t>(extentSize))
@@ -53,8 +54,11 @@ void WriteDigests(db::Connection& conn, const std::string& changeId, uint64_t di
 }
 
 void WriteJobDisk(db::Connection& conn, int64_t jobId, const JobDisk& disk) {
+    // A disk recorded again becomes the latest recorded.
     db::Statement(conn,
-                  "INSERT OR REPLACE INTO job_disks (job_id, vm_guid, disk_name, change_id) VALUES (?1, ?2, ?3, ?4)")
+                  "INSERT INTO job_disks (job_id, vm_guid, disk_name, change_id, seq) VALUES (?1, ?2, ?3, ?4, "
+                  "(SELECT COALESCE(MAX(seq), 0) + 1 FROM job_disks)) ON CONFLICT (job_id, vm_guid, disk_name) "
+                  "DO UPDATE SET change_id = excluded.change_id, seq = excluded.seq")
         .Bind(1, jobId)
         .Bind(2, disk.vmGuid)
         .Bind(3, disk.diskName)
@@ -130,7 +134,9 @@ void RecordJobDisk(int64_t jobId, const JobDisk& disk) {
 
 std::vector<JobDisk> JobDisks(int64_t jobId) {
     db::Connection conn(Catalog().Path());
-    db::Statement q(conn, "SELECT vm_guid, disk_name, change_id FROM job_disks WHERE job_id = ?1 ORDER BY rowid");
+    db::Statement q(conn,
+                    "SELECT vm_guid, disk_name, change_id FROM job_disks WHERE job_id = ?1 "
+                    "ORDER BY seq, vm_guid, disk_name");
     q.Bind(1, jobId);
     std::vector<JobDisk> out;
     while (q.Step()) out.push_back(JobDisk{q.Text(0), q.Text(1), q.Text(2)});
@@ -139,10 +145,12 @@ std::vector<JobDisk> JobDisks(int64_t jobId) {
 
 std::vector<JobDisk> LatestDisks() {
     db::Connection conn(Catalog().Path());
-    // SQLite takes the bare columns from the row that holds the MAX.
+    // Each disk's last recorded row; rows recorded at the same moment outside a write
+    // transaction may share a seq, and the higher job id wins then.
     db::Statement q(conn,
-                    "SELECT vm_guid, disk_name, change_id, MAX(rowid) FROM job_disks WHERE change_id != '' "
-                    "GROUP BY vm_guid, disk_name ORDER BY vm_guid, disk_name");
+                    "SELECT vm_guid, disk_name, change_id FROM (SELECT vm_guid, disk_name, change_id, "
+                    "ROW_NUMBER() OVER (PARTITION BY vm_guid, disk_name ORDER BY seq DESC, job_id DESC) AS r "
+                    "FROM job_disks WHERE change_id <> '') AS latest WHERE r = 1 ORDER BY vm_guid, disk_name");
     std::vector<JobDisk> out;
     while (q.Step()) out.push_back(JobDisk{q.Text(0), q.Text(1), q.Text(2)});
     return out;

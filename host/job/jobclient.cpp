@@ -1,7 +1,7 @@
 // Job clients over the catalog: every pending cause raised is a row of pending_causes,
 // numbered per job.
 #include "hostapi/jobclient.h"
-#include "catalog/sqlite.h"
+#include "catalog/db.h"
 #include "detail.h"
 #include "hostapi/platform.h"
 #include "vshost/catalog.h"
@@ -47,8 +47,8 @@ int KTJobClient::setPendingCauseAndEvent(int causeId, int arg2, int arg3, bool f
         const std::string args = ArgumentsJson(EventArguments());
         vshost::Catalog catalog;
         vshost::db::Connection conn(catalog.Path());
-        // IMMEDIATE takes the write lock before the number is read, so two processes
-        // raising causes on one job never pick the same one.
+        // The write transaction is taken before the number is read, so two processes (or
+        // hosts) raising causes on one job never pick the same one.
         vshost::db::InTransaction(conn, [&] {
             vshost::db::Statement next(conn, "SELECT COALESCE(MAX(seq), 0) + 1 FROM pending_causes WHERE job_id = ?1");
             next.Bind(1, static_cast<int64_t>(m_jobId));

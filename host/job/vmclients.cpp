@@ -1,7 +1,7 @@
 // VM clients of subclients: the catalog table vm_clients and the client objects that
 // ApplicationId hands out.
 #include "vshost/vmclients.h"
-#include "catalog/sqlite.h"
+#include "catalog/db.h"
 #include "hostapi/appclient.h"
 #include "hostapi/log.h"
 #include "vshost/catalog.h"
@@ -15,8 +15,10 @@ void AddVMClient(unsigned long hubcellId, unsigned long subclientId, const std::
     // Catalog() opens the home's catalog and brings its schema up to date.
     db::Connection conn(Catalog().Path());
     db::Statement(conn,
-                  "INSERT OR REPLACE INTO vm_clients (hubcell_id, subclient_id, client_name, has_properties, "
-                  "instance_uuid) VALUES (?1, ?2, ?3, ?4, ?5)")
+                  "INSERT INTO vm_clients (hubcell_id, subclient_id, client_name, has_properties, instance_uuid) "
+                  "VALUES (?1, ?2, ?3, ?4, ?5) ON CONFLICT (hubcell_id, subclient_id) DO UPDATE SET "
+                  "client_name = excluded.client_name, has_properties = excluded.has_properties, "
+                  "instance_uuid = excluded.instance_uuid")
         .Bind(1, static_cast<int64_t>(hubcellId))
         .Bind(2, static_cast<int64_t>(subclientId))
         .Bind(3, clientName)

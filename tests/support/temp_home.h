@@ -46,12 +46,18 @@ inline std::vector<std::string> FilesHoldingSecrets(const std::string& dir) {
 
 class TempHome {
 public:
-    TempHome() {
+    // `catalogConnection`, when given, puts the home's catalog on that PostgreSQL
+    // database ([Catalog] sConnection, set in-process; settings::Save writes it out).
+    explicit TempHome(const std::string& catalogConnection = "") {
         const char* tmp = std::getenv("TMPDIR");
         std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/vshome-XXXXXX";
         if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed for " + pattern);
         m_path = pattern;
         vshost::OpenHome(m_path);
+        if (catalogConnection.empty()) return;
+        vshost::settings::Set("Catalog", "sConnection", catalogConnection);
+        // Made by OpenHome before the setting was there; its absence shows nothing went to it.
+        std::filesystem::remove(sub("catalog.db"));
     }
     ~TempHome() {
         vshost::CloseHome();

@@ -1,5 +1,7 @@
-// The host catalog (catalog.db, SQLite): clients, applications and their credentials,
-// archive files, copies. Later features add tables through the schema migrations.
+// The host catalog (catalog.db of the home, SQLite, or a PostgreSQL database that
+// several hosts share: [Catalog] sConnection): clients, applications and their
+// credentials, archive files, copies. Later features add tables through the schema
+// migrations.
 #pragma once
 
 #include "hostapi/records.h"
@@ -50,9 +52,11 @@ struct SnapshotRecord {
     int64_t added = 0;  // when it was registered, seconds since 1970-01-01 UTC
 };
 
-// Access to catalog.db of the open home. Every call opens its own connection, so objects
-// are cheap and may be used from any thread. Failures throw std::runtime_error with the
-// SQLite message.
+// Access to the catalog of the open home: catalog.db in it, or the PostgreSQL database its
+// setting [Catalog] sConnection names (a libpq connection string). Every call opens its
+// own connection (PostgreSQL's come from a per-process pool), so objects are cheap and
+// may be used from any thread. Failures throw std::runtime_error with the database's
+// message.
 class VS_HOST_API Catalog {
 public:
     Catalog();  // throws when no home is open
@@ -97,6 +101,8 @@ public:
     // The copy of the lowest precedence: (archive group id, copy id).
     std::optional<std::pair<unsigned long, unsigned long>> FirstCopy() const;
 
+    // Where the catalog is, for catalog/db.h: the SQLite file's absolute path, or the
+    // connection string, which may carry a password and is never shown.
     const std::string& Path() const { return m_path; }
 
 private:

@@ -1,6 +1,7 @@
 // Restore job client: the central-server check of init and the pending causes it
 // records in the catalog.
 #include "hostapi/jobclient.h"
+#include "catalog_backend.h"
 #include "hostapi/platform.h"
 #include "temp_home.h"
 #include "vshost/changetrack.h"
@@ -44,8 +45,11 @@ TEST(JobClientTest, InitAcceptsOnlyTheCentralServer) {
     EXPECT_FALSE(c.init("mahost01", 1, 2, false, nullptr));
 }
 
-TEST(JobClientTest, CausesCarryTheirArgumentsInOrderPerJob) {
-    vstest::TempHome home;
+class JobClientOn : public vstest::CatalogBackendTest {};
+VS_ON_BOTH_CATALOGS(JobClientOn);
+
+TEST_P(JobClientOn, CausesCarryTheirArgumentsInOrderPerJob) {
+    vstest::TempHome home(CatalogConnection());
     const char* hub = "central01";
     vshost::settings::Set("Host", "sCatalogServerName", hub);
 
@@ -117,8 +121,8 @@ TEST(JobClientTest, UnrecordableCauseIsLoggedNotThrown) {
 // running clients in threads of its own, write causes, change-tracking digests and
 // completed disks at the same time: none is turned away busy, every cause gets a number
 // of its own, and each client's causes keep their order and their own arguments.
-TEST(JobClientTest, ConcurrentClientsRecordIntoOneJob) {
-    vstest::TempHome home;
+TEST_P(JobClientOn, ConcurrentClientsRecordIntoOneJob) {
+    vstest::TempHome home(CatalogConnection());
     constexpr int kProcesses = 3, kThreads = 2, kEach = 12, kWriters = kProcesses * kThreads;
     vshost::PendingCauses(8);  // the catalog exists before the race
     std::vector<pid_t> pids;
