@@ -414,8 +414,17 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
         throw std::runtime_error("the stream cannot be compressed at zstd level " +
                                  std::to_string(options.compressLevel));
 
-    KtEvent stop;
+    KtEvent ownStop;
+    KtEvent& stop = options.stop ? *options.stop : ownStop;
     StopSignals signals(stop);
+    // Declared after the pipe, so that the observer hears of the end before the pipe goes.
+    struct Observed {
+        RunObserver* observer;
+        ~Observed() {
+            if (observer) observer->Ended();
+        }
+    } observed{options.observer};
+    if (options.observer) options.observer->Started(target.writing(), *pipe);
     DataReaderVSBase* reader = MakeReader(plugin, job, pipe.get(), &stop);
     if (!reader) throw std::runtime_error(std::string("the plug-in made no ") + ReaderName(job.reader) + " reader");
     std::unique_ptr<DataReaderVSBase> owned(reader);

@@ -1,0 +1,184 @@
+// Workers with homes of their own share one queued job through one catalog (a SQLite file
+// the homes share, or PostgreSQL): one is killed in the middle of its item, its lease
+// expires, another worker goes on from its stream, and every VM is backed up once.
+#include "catalog_backend.h"
+#include "run_support.h"
+#include "stream_support.h"
+
+#include "resume.h"
+
+#include "vshost/changetrack.h"
+#include "vshost/home.h"
+#include "vshost/queue.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <chrono>
+#include <set>
+#include <thread>
+
+namespace fs = std::filesystem;
+using vstest::Shell;
+
+namespace {
+
+class VsdmWorkers : public vstest::CatalogBackendTest {};
+VS_ON_BOTH_CATALOGS(VsdmWorkers);
+
+pid_t StartWorker(const std::string& home, const std::string& args, const std::string& errPath) {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    const int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0 || dup2(fd, STDERR_FILENO) < 0) _exit(127);
+    const std::string command = vstest::Vsdm() + " worker --home " + home + " " + args;
+    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+}
+
+int Wait(pid_t pid) {
+    int st = 0;
+    if (waitpid(pid, &st, 0) != pid) return -1;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+}
+
+// Disks whose read-completed marker `bytes` hold, as "vm/disk".
+std::vector<std::string> CompletedDisks(const std::string& bytes) {
+    std::vector<std::string> out;
+    for (const auto& d : vstest::DecodeBytes(bytes).records)
+        if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&d.record.body))
+            out.push_back(done->vmGuid + "/" + done->diskName);
+    return out;
+}
+
+// The stream a worker writes into a FIFO, its pipe kept to one page so that the worker
+// waits on every page. Opened before the worker starts, so that nothing is written before
+// the pipe is made small.
+class HeldStream {
+public:
+    explicit HeldStream(std::string path) : m_path(std::move(path)) {
+        if (mkfifo(m_path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo " + m_path);
+        m_fd = open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (m_fd < 0 || fcntl(m_fd, F_SETPIPE_SZ, 4096) < 0) throw std::runtime_error("FIFO " + m_path);
+    }
+    ~HeldStream() {
+        if (m_fd >= 0) close(m_fd);
+    }
+    HeldStream(const HeldStream&) = delete;
+    HeldStream& operator=(const HeldStream&) = delete;
+
+    // Reads until the stream holds one disk whole and an extent of the next, kills the
+    // worker, and leaves what was read as a regular file in the FIFO's place: the stream
+    // of a worker that died there.
+    std::string CutInTheSecondDisk(pid_t worker) {
+        std::string bytes;
+        char buf[4096];
+        for (int i = 0; i < 60000 && !InTheSecondDisk(bytes); ++i) {
+            const ssize_t n = read(m_fd, buf, sizeof buf);
+            if (n > 0)
+                bytes.append(buf, static_cast<size_t>(n));
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        kill(worker, SIGKILL);
+        close(m_fd);
+        m_fd = -1;
+        unlink(m_path.c_str());
+        vstest::WriteFile(m_path, bytes);
+        return bytes;
+    }
+
+private:
+    bool InTheSecondDisk(const std::string& bytes) const {
+        if (CompletedDisks(bytes).size() != 1) return false;
+        vstest::WriteFile(m_path + ".so-far", bytes);
+        try {
+            for (const auto& [vm, disks] : vsdm::ReadResumePoints(m_path + ".so-far"))
+                for (const auto& [name, point] : disks)
+                    if (!point.done && point.nextExtent > 0) return true;
+        } catch (const vsdm::UsageError&) {
+        }
+        return false;
+    }
+    std::string m_path;
+    int m_fd = -1;
+};
+
+TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
+    vstest::TempHome scratch;
+    vssample::SampleOptions small;
+    small.diskSize = 4u << 20;
+    const vssample::SampleSnapshot s = vssample::GenerateFleet(6, small);
+    const std::string vols = scratch.sub("Snapshots/" + std::to_string(s.snapJobId));
+    const std::string catalog = OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db");
+    std::vector<std::string> homes;
+    for (const char* name : {"a", "b", "c"}) {
+        homes.push_back(scratch.sub(name));
+        fs::create_directory(homes.back());
+        std::ofstream(homes.back() + "/settings.ini") << "[Catalog]\nsConnection=" << catalog << "\nnLeaseSeconds=2\n";
+    }
+    const std::string out = scratch.sub("out/");
+    fs::create_directory(out);
+    ASSERT_EQ(Shell(vstest::Vsdm() + " snapshot add --snap-job 77 ds1=" + vols + "/ds1 ds2=" + vols + "/ds2 --home " +
+                    homes[0])
+                  .status,
+              0);
+    const vstest::RunResult created = Shell("(" + vstest::Vsdm() + " job create --snapshot 77 --out " + out +
+                                            " --home " + homes[1] + " 2>/dev/null)");
+    ASSERT_EQ(created.status, 0) << created.output;
+    const std::string job = created.output.substr(0, created.output.find('\n'));
+
+    // Worker a takes item 1 and dies inside its second disk.
+    const std::string held = out + "job" + job + ".item1.1";
+    HeldStream fifo(held);
+    const pid_t a = StartWorker(homes[0], "--job " + job, scratch.sub("a.err"));
+    ASSERT_GT(a, 0);
+    const std::vector<std::string> cut = CompletedDisks(fifo.CutInTheSecondDisk(a));
+    EXPECT_EQ(Wait(a), 128 + SIGKILL);
+    ASSERT_EQ(cut.size(), 1u) << vstest::ReadAll(scratch.sub("a.err"));
+
+    const pid_t b = StartWorker(homes[1], "--job " + job, scratch.sub("b.err"));
+    const pid_t c = StartWorker(homes[2], "--job " + job, scratch.sub("c.err"));
+    EXPECT_EQ(Wait(b), 0) << vstest::ReadAll(scratch.sub("b.err"));
+    EXPECT_EQ(Wait(c), 0) << vstest::ReadAll(scratch.sub("c.err"));
+    const std::string said = vstest::ReadAll(scratch.sub("b.err")) + vstest::ReadAll(scratch.sub("c.err"));
+    EXPECT_NE(said.find("going on from the earlier attempt's stream " + held), std::string::npos) << said;
+    EXPECT_NE(said.find("1 disk(s) already read, 1 going on"), std::string::npos) << said;
+
+    const vstest::RunResult status = Shell(vstest::Vsdm() + " job status " + job + " --home " + homes[2]);
+    EXPECT_NE(status.output.find("6 item(s), 6 done, 0 running, 0 queued, 0 failed"), std::string::npos)
+        << status.output;
+
+    // Every disk is in exactly one stream whole, and recorded for the job once.
+    vshost::OpenHome(homes[2]);
+    std::vector<std::string> streams;
+    std::multiset<std::string> whole;
+    for (const auto& item : vshost::queue::Items(std::stoll(job))) {
+        EXPECT_EQ(item.generation, item.itemNo == 1 ? 2 : 1) << item.path;
+        for (const std::string& stream : item.streams) {
+            streams.push_back(stream);
+            for (const std::string& disk : CompletedDisks(vstest::ReadAll(stream))) whole.insert(disk);
+        }
+    }
+    std::set<std::string> recorded;
+    for (const auto& d : vshost::changetrack::JobDisks(std::stoll(job))) recorded.insert(d.vmGuid + "/" + d.diskName);
+    EXPECT_EQ(recorded.size(), 12u);
+    EXPECT_EQ(whole, std::multiset<std::string>(recorded.begin(), recorded.end()));
+
+    // Restored stream after stream, every disk equals its source.
+    const std::string restored = scratch.sub("r");
+    // (The killed attempt's stream is incomplete: 2.)
+    for (size_t i = 0; i < streams.size(); ++i)
+        ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + streams[i] + (i ? " --onto " : " --to ") + restored).status,
+                  streams[i] == held ? 2 : 0);
+    for (const auto& vm : s.vms)
+        for (const auto& disk : vm.disks) {
+            const std::string source =
+                disk.name.ends_with(".vmdk") ? vm.folder + "/" + vm.name + "-flat.vmdk" : disk.path;
+            EXPECT_EQ(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + disk.name), vstest::ReadAll(source))
+                << vm.name << " " << disk.name;
+        }
+}
+
+}  // namespace
