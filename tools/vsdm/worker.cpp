@@ -17,6 +17,7 @@
 #include <ctime>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <streambuf>
 #include <thread>
@@ -28,6 +29,10 @@ namespace vsdm {
 namespace {
 
 std::atomic<bool> g_stopWorker{false};
+
+// How often a worker with nothing to lease looks whether the items others hold have ended
+// or one of their leases expired: one small read of the catalog.
+constexpr std::chrono::milliseconds kIdlePoll{250};
 
 extern "C" void OnWorkerSignal(int) {
     g_stopWorker.store(true);
@@ -329,12 +334,6 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
     return outcome == queue::Outcome::Done ? ItemEnd::Done : ItemEnd::Failed;
 }
 
-// Waits until `until` or a stop signal; false when stopped.
-bool WaitUntil(int64_t until) {
-    while (!g_stopWorker.load() && Now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    return !g_stopWorker.load();
-}
-
 }  // namespace
 
 int RunWorker(const WorkerOptions& options, std::ostream& report) {
@@ -349,11 +348,13 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
     while (!g_stopWorker.load()) {
         const auto item = queue::LeaseNext(options.jobId, owner, Now(), seconds);
         if (!item) {
-            // Items another worker holds may still come free, if that worker died.
-            const auto next = queue::NextExpiry(options.jobId);
+            // Items another worker holds may still come free, if that worker died: wait
+            // until every item has ended or a lease has expired.
+            std::optional<int64_t> next;
+            while ((next = queue::NextExpiry(options.jobId)) && *next >= Now() && !g_stopWorker.load())
+                std::this_thread::sleep_for(kIdlePoll);
             empty = !next;
             if (empty) break;
-            if (!WaitUntil(Now() + std::min<int64_t>(std::max<int64_t>(*next + 1 - Now(), 1), 2))) break;
             continue;
         }
         const auto work = queue::FindJob(item->jobId);
