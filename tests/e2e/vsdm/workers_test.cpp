@@ -16,6 +16,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <chrono>
+#include <ctime>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -89,6 +91,28 @@ public:
         return bytes;
     }
 
+    // Reads on until the worker closes the stream (its attempt ended).
+    void DrainToEnd() {
+        char buf[4096];
+        for (int i = 0; i < 60000; ++i) {
+            const ssize_t n = read(m_fd, buf, sizeof buf);
+            if (n == 0) return;
+            if (n < 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    // The same, without killing the worker.
+    void ReadIntoTheSecondDisk() {
+        std::string bytes;
+        char buf[4096];
+        for (int i = 0; i < 60000 && !InTheSecondDisk(bytes); ++i) {
+            const ssize_t n = read(m_fd, buf, sizeof buf);
+            if (n > 0)
+                bytes.append(buf, static_cast<size_t>(n));
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
 private:
     bool InTheSecondDisk(const std::string& bytes) const {
         if (CompletedDisks(bytes).size() != 1) return false;
@@ -105,29 +129,83 @@ private:
     int m_fd = -1;
 };
 
-TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
-    vstest::TempHome scratch;
+// Homes a, b and c of one catalog (a SQLite file they share, or this test's PostgreSQL
+// schema), leases of 2 s, and snapshot 77 (a fleet of `vms` VMs) registered from a.
+struct Cluster {
+    vssample::SampleSnapshot s;
+    std::vector<std::string> homes;
+    std::string out;
+};
+
+Cluster MakeCluster(const vstest::TempHome& scratch, const std::string& catalog, unsigned vms) {
+    Cluster c;
     vssample::SampleOptions small;
     small.diskSize = 4u << 20;
-    const vssample::SampleSnapshot s = vssample::GenerateFleet(6, small);
-    const std::string vols = scratch.sub("Snapshots/" + std::to_string(s.snapJobId));
-    const std::string catalog = OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db");
-    std::vector<std::string> homes;
+    c.s = vssample::GenerateFleet(vms, small);
+    const std::string vols = scratch.sub("Snapshots/" + std::to_string(c.s.snapJobId));
     for (const char* name : {"a", "b", "c"}) {
-        homes.push_back(scratch.sub(name));
-        fs::create_directory(homes.back());
-        std::ofstream(homes.back() + "/settings.ini") << "[Catalog]\nsConnection=" << catalog << "\nnLeaseSeconds=2\n";
+        c.homes.push_back(scratch.sub(name));
+        fs::create_directory(c.homes.back());
+        std::ofstream(c.homes.back() + "/settings.ini")
+            << "[Catalog]\nsConnection=" << catalog << "\nnLeaseSeconds=2\n";
     }
-    const std::string out = scratch.sub("out/");
-    fs::create_directory(out);
-    ASSERT_EQ(Shell(vstest::Vsdm() + " snapshot add --snap-job 77 ds1=" + vols + "/ds1 ds2=" + vols + "/ds2 --home " +
-                    homes[0])
-                  .status,
-              0);
-    const vstest::RunResult created = Shell("(" + vstest::Vsdm() + " job create --snapshot 77 --out " + out +
-                                            " --home " + homes[1] + " 2>/dev/null)");
-    ASSERT_EQ(created.status, 0) << created.output;
-    const std::string job = created.output.substr(0, created.output.find('\n'));
+    c.out = scratch.sub("out/");
+    fs::create_directory(c.out);
+    const vstest::RunResult added = Shell(vstest::Vsdm() + " snapshot add --snap-job 77 ds1=" + vols +
+                                          "/ds1 ds2=" + vols + "/ds2 --home " + c.homes[0]);
+    if (added.status != 0) throw std::runtime_error(added.output);
+    return c;
+}
+
+// The job's id, as vsdm job create prints it on standard output.
+std::string CreateJob(const Cluster& c, const std::string& args) {
+    const vstest::RunResult created = Shell("(" + vstest::Vsdm() + " job create --snapshot 77 --out " + c.out + " " +
+                                            args + " --home " + c.homes[1] + " 2>/dev/null)");
+    if (created.status != 0) throw std::runtime_error(created.output);
+    return created.output.substr(0, created.output.find('\n'));
+}
+
+// A worker stopped (SIGSTOP) inside its item past its lease, whose item another worker
+// took meanwhile, records nothing once it runs again: neither the disk it completed nor
+// its outcome; it ends the attempt and says why.
+TEST_P(VsdmWorkers, AWorkerThatLostItsLeaseRecordsNothing) {
+    vstest::TempHome scratch;
+    const Cluster c = MakeCluster(scratch, OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db"), 1);
+    const std::string job = CreateJob(c, "");
+    HeldStream fifo(c.out + "job" + job + ".item1.1");
+    const pid_t a = StartWorker(c.homes[0], "--job " + job + " --once", scratch.sub("a.err"));
+    ASSERT_GT(a, 0);
+    fifo.ReadIntoTheSecondDisk();
+    kill(a, SIGSTOP);
+    vshost::OpenHome(c.homes[1]);
+    namespace q = vshost::queue;
+    std::optional<q::Item> taken;
+    for (int i = 0; i < 300 && !taken; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        taken = q::LeaseNext(std::stoll(job), "another worker", std::time(nullptr), 60);
+    }
+    ASSERT_TRUE(taken.has_value());
+    EXPECT_EQ(taken->generation, 2);
+    kill(a, SIGCONT);
+    fifo.DrainToEnd();
+    EXPECT_EQ(Wait(a), 1);
+    const std::string said = vstest::ReadAll(scratch.sub("a.err"));
+    EXPECT_NE(said.find("the lease went to another worker; this attempt records nothing"), std::string::npos) << said;
+    EXPECT_TRUE(vshost::changetrack::JobDisks(std::stoll(job)).empty());
+    const auto items = q::Items(std::stoll(job));
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(std::make_tuple(items[0].state, items[0].owner, items[0].generation),
+              std::make_tuple(std::string("running"), std::string("another worker"), int64_t{2}));
+}
+
+TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
+    vstest::TempHome scratch;
+    const Cluster cluster =
+        MakeCluster(scratch, OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db"), 6);
+    const std::vector<std::string>& homes = cluster.homes;
+    const vssample::SampleSnapshot& s = cluster.s;
+    const std::string& out = cluster.out;
+    const std::string job = CreateJob(cluster, "");
 
     // Worker a takes item 1 and dies inside its second disk.
     const std::string held = out + "job" + job + ".item1.1";
