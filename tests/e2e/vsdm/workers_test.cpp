@@ -165,20 +165,34 @@ std::string CreateJob(const Cluster& c, const std::string& args) {
     return created.output.substr(0, created.output.find('\n'));
 }
 
-// A worker stopped (SIGSTOP) inside its item past its lease, whose item another worker
-// took meanwhile, records nothing once it runs again: neither the disk it completed nor
-// its outcome; it ends the attempt and says why.
-TEST_P(VsdmWorkers, AWorkerThatLostItsLeaseRecordsNothing) {
+// A worker stopped by SIGTERM gives its item back. A worker stopped (SIGSTOP) inside its
+// item past its lease, whose item another worker took meanwhile, records nothing once it
+// runs again: neither the disk it completed nor its outcome; it ends the attempt and says why.
+TEST_P(VsdmWorkers, AStoppedWorkerGivesItsItemBackOneThatLostItsLeaseRecordsNothing) {
     vstest::TempHome scratch;
-    const Cluster c = MakeCluster(scratch, OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db"), 1);
-    const std::string job = CreateJob(c, "");
+    const Cluster c = MakeCluster(scratch, OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db"), 2);
+    vshost::OpenHome(c.homes[1]);
+    namespace q = vshost::queue;
+    {
+        const std::string other = CreateJob(c, "--vm vm0002");
+        HeldStream fifo(c.out + "job" + other + ".item1.1");
+        const pid_t t = StartWorker(c.homes[0], "--job " + other, scratch.sub("t.err"));
+        ASSERT_GT(t, 0);
+        fifo.ReadIntoTheSecondDisk();
+        kill(t, SIGTERM);
+        fifo.DrainToEnd();
+        EXPECT_EQ(Wait(t), 4) << vstest::ReadAll(scratch.sub("t.err"));
+        const auto given = q::Items(std::stoll(other));
+        ASSERT_EQ(given.size(), 1u);
+        EXPECT_EQ(std::make_tuple(given[0].state, given[0].generation, given[0].streams.size()),
+                  std::make_tuple(std::string("queued"), int64_t{1}, size_t{1}));
+    }
+    const std::string job = CreateJob(c, "--vm vm0001");
     HeldStream fifo(c.out + "job" + job + ".item1.1");
     const pid_t a = StartWorker(c.homes[0], "--job " + job + " --once", scratch.sub("a.err"));
     ASSERT_GT(a, 0);
     fifo.ReadIntoTheSecondDisk();
     kill(a, SIGSTOP);
-    vshost::OpenHome(c.homes[1]);
-    namespace q = vshost::queue;
     std::optional<q::Item> taken;
     for (int i = 0; i < 300 && !taken; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
