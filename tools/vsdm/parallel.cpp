@@ -2,6 +2,7 @@
 
 #include "output.h"
 #include "split.h"
+#include "streamcount.h"
 
 #include "vshost/streamset.h"
 
