@@ -70,6 +70,41 @@ struct Args {
     bool once = false;    // worker --once
 };
 
+// vsdm job create|status and vsdm worker.
+struct QueueCommands {
+    CLI::App* create;
+    CLI::App* status;
+    CLI::App* worker;
+};
+
+QueueCommands AddQueueCommands(CLI::App& app, Args& a, const char* homeHelp) {
+    CLI::App* job = app.add_subcommand("job", "jobs whose items workers on many hosts share through the catalog");
+    job->require_subcommand(1);
+    CLI::App* create = job->add_subcommand(
+        "create",
+        "queue the job backup would make (one item per VM) for vsdm worker; prints its id. Each item's stream "
+        "is PREFIXjob<ID>.item<N>.<ATTEMPT>");
+    create->add_option("--snapshot", a.snapJob, "the snapshot's job id")->required();
+    create->add_option("--vm", a.vms, "a VM by name or UUID (repeatable; default: every VM)");
+    create->add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
+    create->add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
+    create->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the streams' data records");
+    create->add_option("--out", a.out, "PREFIX of every item's stream: a folder ending in /, or a name's start")
+        ->required();
+    create->add_option("--home", a.home, homeHelp);
+    CLI::App* status = job->add_subcommand("status", "each item's state, host, progress and failure reason");
+    status->add_option("JOBID", a.jobId, "the job's id")->required();
+    status->add_option("--home", a.home, homeHelp);
+    CLI::App* worker = app.add_subcommand(
+        "worker",
+        "lease items of queued jobs one at a time and back them up, until none is left (any number of workers, "
+        "on any hosts that share the catalog)");
+    worker->add_option("--job", a.jobId, "take items of this job only");
+    worker->add_flag("--once", a.once, "stop after one item");
+    worker->add_option("--home", a.home, homeHelp);
+    return {create, status, worker};
+}
+
 constexpr int kGoOn = -1;
 
 // Parses the command line into `a`; kGoOn, or the status to exit with.
@@ -133,31 +168,7 @@ int Parse(int argc, char** argv, Args& a) {
     backup->add_option("--out", a.out, "stream file, or - for standard output")->required();
     backup->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the stream's data records, as run does");
     backup->add_option("--home", a.home, homeHelp);
-
-    CLI::App* job = app.add_subcommand("job", "jobs whose items workers on many hosts share through the catalog");
-    job->require_subcommand(1);
-    CLI::App* create = job->add_subcommand(
-        "create",
-        "queue the job backup would make (one item per VM) for vsdm worker; prints its id. Each item's stream "
-        "is PREFIXjob<ID>.item<N>.<ATTEMPT>");
-    create->add_option("--snapshot", a.snapJob, "the snapshot's job id")->required();
-    create->add_option("--vm", a.vms, "a VM by name or UUID (repeatable; default: every VM)");
-    create->add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
-    create->add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
-    create->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the streams' data records");
-    create->add_option("--out", a.out, "PREFIX of every item's stream: a folder ending in /, or a name's start")
-        ->required();
-    create->add_option("--home", a.home, homeHelp);
-    CLI::App* status = job->add_subcommand("status", "each item's state, host, progress and failure reason");
-    status->add_option("JOBID", a.jobId, "the job's id")->required();
-    status->add_option("--home", a.home, homeHelp);
-    CLI::App* worker = app.add_subcommand(
-        "worker",
-        "lease items of queued jobs one at a time and back them up, until none is left (any number of workers, "
-        "on any hosts that share the catalog)");
-    worker->add_option("--job", a.jobId, "take items of this job only");
-    worker->add_flag("--once", a.once, "stop after one item");
-    worker->add_option("--home", a.home, homeHelp);
+    const QueueCommands queue = AddQueueCommands(app, a, homeHelp);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -165,9 +176,9 @@ int Parse(int argc, char** argv, Args& a) {
         const int rc = app.exit(e);
         return rc == 0 ? 0 : vsdm::kExitUsage;
     }
-    for (CLI::App* sub : {run, demo, backup, worker})
+    for (CLI::App* sub : {run, demo, backup, queue.worker})
         if (sub->parsed()) a.command = sub->get_name();
-    for (CLI::App* sub : {create, status})
+    for (CLI::App* sub : {queue.create, queue.status})
         if (sub->parsed()) a.command = "job " + sub->get_name();
     for (CLI::App* sub : {add, list, remove})
         if (sub->parsed()) a.command = "snapshot " + sub->get_name();

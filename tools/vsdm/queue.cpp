@@ -21,7 +21,7 @@ std::string CheckedPrefix(const std::string& prefix) {
     if (prefix.empty()) throw UsageError("no stream prefix: give --out PREFIX (a folder ending in /, or a name start)");
     if (prefix.rfind("s3://", 0) == 0)
         throw UsageError("--out " + prefix + ": this vsdm writes streams to local files only");
-    const std::string absolute = fs::absolute(prefix).string();
+    std::string absolute = fs::absolute(prefix).string();
     const fs::path folder = fs::path(absolute).parent_path();
     std::error_code ec;
     if (!fs::is_directory(folder, ec))
