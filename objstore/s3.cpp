@@ -256,6 +256,20 @@ std::vector<std::string> S3Client::OpenUploads(const std::string& bucket) {
     return keys;
 }
 
+std::vector<std::string> S3Client::UploadsOf(const S3Location& at) {
+    const Response r = Send("GET", {at.bucket, ""}, "prefix=" + EncodeKey(at.key, false) + "&uploads=", nullptr, 0, {});
+    pugi::xml_document doc;
+    doc.load_string(r.body.c_str());
+    std::vector<std::string> ids;
+    for (const auto& u : doc.child("ListMultipartUploadsResult").children("Upload"))
+        if (at.key == u.child_value("Key")) ids.emplace_back(u.child_value("UploadId"));
+    return ids;
+}
+
+void S3Client::Put(const S3Location& at, const std::string& data) {
+    Send("PUT", at, "", data.data(), data.size(), {});
+}
+
 std::vector<std::string> S3Client::Keys(const std::string& bucket, const std::string& prefix) {
     const Response r = Send("GET", {bucket, ""}, "list-type=2&prefix=" + EncodeKey(prefix, false), nullptr, 0, {});
     pugi::xml_document doc;

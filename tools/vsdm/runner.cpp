@@ -1,4 +1,5 @@
 #include "runner.h"
+#include "objecttarget.h"
 #include "output.h"
 #include "resume.h"
 
@@ -9,6 +10,7 @@
 
 #include "hostapi/archive.h"
 #include "hostapi/event.h"
+#include "hostapi/fd.h"
 #include "hostapi/filebackup.h"
 #include "hostapi/filecollection.h"
 #include "hostapi/snapsrc.h"
@@ -196,13 +198,33 @@ std::string FailureReason(const vshost::LogCapture& log, KTJobID jobId, size_t& 
 
 }  // namespace
 
-// What the stream holds, read back from its file.
+namespace {
+
+void CountStreamAt(int fd, RunSummary& s);
+
+}  // namespace
+
+// What the stream holds, read back from its file or object.
 void CountStream(const std::string& path, RunSummary& s) {
+    if (IsObject(path)) {
+        try {
+            StreamSource object(path);
+            CountStreamAt(object.fd(), s);
+        } catch (const std::exception&) {
+            // No such object (a stream not stored): nothing to count.
+        }
+        return;
+    }
     // Only a regular file can be read back; a pipe or FIFO has handed its bytes on.
     struct stat sb {};
     if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) return;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
+    const vshost::Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.valid()) CountStreamAt(fd.get(), s);
+}
+
+namespace {
+
+void CountStreamAt(int fd, RunSummary& s) {
     vshost::StreamReader reader(fd);
     vshost::StreamRecord rec;
     std::set<std::string> vms;
@@ -251,7 +273,6 @@ void CountStream(const std::string& path, RunSummary& s) {
             disks["\\" + done->vmGuid + "\\" + done->diskName].completed = true;
         }
     }
-    ::close(fd);
     s.vms = vms.size();
     s.vmPaths.assign(vms.begin(), vms.end());
     // Of a disk read to its end, the extents not sent are those its reader found unchanged;
@@ -270,6 +291,8 @@ void CountStream(const std::string& path, RunSummary& s) {
         s.streamBytes = reader.offset();
     }
 }
+
+}  // namespace
 
 std::string SelfPath() {
     char self[4096];
@@ -384,6 +407,18 @@ void RunItems(DataReaderVSBase& reader, DataReaderVMware* fileLevel, const DataM
     }
 }
 
+// The disks a stream stored only at its publishing completed, recorded once it was
+// stored, or forgotten (and said so) when it was not.
+void RecordHeldDisks(CPipelayer& pipe, bool stored, std::ostream& report) {
+    const size_t held = pipe.HeldRecords();
+    if (held == 0) return;
+    std::string why;
+    if (!stored)
+        report << "vsdm: " << held << " completed disk(s) not recorded: the stream was not stored\n";
+    else if (!pipe.RecordHeld(why))
+        report << "vsdm: " << held << " completed disk(s) not recorded: " << why << "\n";
+}
+
 int ExitStatusOf(bool written, bool stopped, bool opened, const RunSummary& s, const std::string& writeError,
                  std::ostream& report) {
     if (!written) {
@@ -408,8 +443,13 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     Plugin plugin(PluginPath());
     if (!plugin.handle()) throw std::runtime_error(std::string("cannot load the plug-in: ") + dlerror());
 
-    StreamTarget target(job.out);
-    std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target.fd());
+    const std::unique_ptr<Target> target = OpenTarget(job.out);
+    std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target->fd());
+    // An object is stored only when its upload completes, after the reader is done: the
+    // disks it completes wait in the pipeline until then, and are forgotten if it never
+    // is (a sync of the pipe before would prove nothing). A process killed before that
+    // leaves no object and records none of them.
+    if (target->StoredOnlyWhenPublished()) pipe->HoldRecordsUntilStored();
     if (options.compressLevel != 0 && !pipe->SetCompression(options.compressLevel))
         throw std::runtime_error("the stream cannot be compressed at zstd level " +
                                  std::to_string(options.compressLevel));
@@ -449,16 +489,20 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     bool written = pipe->Close();
     std::string writeError = written ? std::string() : pipe->ErrorText();
     // Only a job that started replaces the stream of that name.
-    if (opened && !target.Publish(writeError)) written = false;
-    if (!opened) target.Discard();
+    if (opened && !target->Publish(writeError)) written = false;
+    if (!opened) target->Discard();
     s.streamLeft = opened;
+    RecordHeldDisks(*pipe, opened && written, report);
 
     const vsStreamTotals totals = pipe->Totals();
     s.dataBytes = totals.dataBytes;
     s.holeBytes = totals.holeBytes;
     s.streamBytes = pipe->BytesWritten();
-    s.streamComplete = pipe->Finished();
-    if (opened && job.out != "-") CountStream(job.out, s);
+    // An object that was not stored is no stream at all, whatever its writer finished.
+    const bool stored = written || !target->StoredOnlyWhenPublished();
+    s.streamComplete = pipe->Finished() && stored;
+    // (An object not stored may be an earlier run's: not this run's to count.)
+    if (opened && stored && job.out != "-") CountStream(job.out, s);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     s.status = ExitStatusOf(written, stopped, opened, s, writeError, report);

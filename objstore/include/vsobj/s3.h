@@ -57,6 +57,10 @@ public:
     void AbortUpload(const S3Location& at, const std::string& uploadId);
     // Keys of the uploads begun and neither completed nor aborted in `bucket`.
     std::vector<std::string> OpenUploads(const std::string& bucket);
+    // Ids of the uploads of `at` begun and neither completed nor aborted.
+    std::vector<std::string> UploadsOf(const S3Location& at);
+    // A small object in one request (a stream set's manifest).
+    void Put(const S3Location& at, const std::string& data);
     std::vector<std::string> Keys(const std::string& bucket, const std::string& prefix);
 
     uint64_t Size(const S3Location& at);
