@@ -1,7 +1,8 @@
 // Backup streams on S3 object storage: an `s3://BUCKET/KEY` is written as a multipart
 // upload and read back with ranged GETs. Requests are signed by libcurl
 // (CURLOPT_AWS_SIGV4); every body carries its SHA-256 (x-amz-content-sha256), which the
-// object store checks, so a part damaged on the way is refused, not stored.
+// object store checks (XAmzContentSHA256Mismatch), so a part damaged on the way is
+// refused, not stored.
 #pragma once
 
 #include <atomic>
@@ -78,7 +79,8 @@ private:
 };
 
 // A stream written to an object through a pipe: what is written into fd() is uploaded
-// in parts of kPartBytes by a thread of its own, so the writer needs no notion of S3.
+// in parts of kPartBytes by a thread of its own (one part sent while the next fills:
+// 16 MiB of buffers), so the writer needs no notion of S3.
 // Finish completes the upload; Abort (and the destructor, without Finish) aborts it, so
 // no part is left behind in the store.
 class ObjectWriter {
