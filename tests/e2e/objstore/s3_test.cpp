@@ -69,11 +69,12 @@ size_t RecordedDisks(int64_t job) {
 
 // The store's network end as vsdm sees it: bytes pass both ways to the real gateway
 // until the client has sent `cutAfter` of them; then every connection is dropped and no
-// new one is taken, as when the store's process is killed. A true process boundary;
-// the store behind it stays up for the other tests.
+// new one is taken, as when the store's process is killed, or (`damage`) one byte of a
+// request body sent after that point is flipped on its way, once. A true process
+// boundary; the store behind it stays up for the other tests.
 class StoreThatDies {
 public:
-    explicit StoreThatDies(size_t cutAfter) : m_cutAfter(cutAfter) {
+    explicit StoreThatDies(size_t cutAfter, bool damage = false) : m_cutAfter(cutAfter), m_damage(damage) {
         const std::string endpoint = std::getenv("AWS_ENDPOINT_URL");
         m_upstreamPort = std::stoi(endpoint.substr(endpoint.rfind(':') + 1));
         m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -93,6 +94,7 @@ public:
     }
     std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(m_port); }
     bool died() const { return m_died; }
+    bool damaged() const { return m_damaged; }
 
 private:
     int Upstream() const {
@@ -136,9 +138,16 @@ private:
                         ::shutdown(to, SHUT_WR);
                         continue;
                     }
-                    if (side == 0 && (sent += static_cast<size_t>(n)) > m_cutAfter) {
-                        m_died = true;
-                        break;
+                    if (side == 0 && (sent += static_cast<size_t>(n)) > m_cutAfter && !m_damaged) {
+                        // A full read deep into a body is body bytes, never headers.
+                        if (!m_damage) {
+                            m_died = true;
+                            break;
+                        }
+                        if (n == sizeof buf && sent > m_cutAfter + 4 * sizeof buf) {
+                            buf[n - 1] = static_cast<char>(buf[n - 1] ^ 1);
+                            m_damaged = true;
+                        }
                     }
                     (void)!::write(to, buf, static_cast<size_t>(n));
                 }
@@ -155,6 +164,8 @@ private:
     }
 
     size_t m_cutAfter;
+    bool m_damage;
+    std::atomic<bool> m_damaged{false};
     int m_upstreamPort = 0, m_listen = -1, m_port = 0;
     std::atomic<bool> m_stop{false}, m_died{false};
     std::thread m_thread;
@@ -264,6 +275,18 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
               Url("faults/71b.stream"));
     EXPECT_EQ(r.status, 64) << r.output;
     EXPECT_NE(r.output.find("is not on the object store"), std::string::npos) << r.output;
+
+    // A part damaged on its way is refused by the store, which checks each body's
+    // SHA-256; the upload is aborted and nothing recorded.
+    {
+        StoreThatDies store(4096, true);
+        r = Shell("AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " run " + home.sub("71.json") + out);
+        EXPECT_TRUE(store.damaged());
+    }
+    EXPECT_EQ(r.status, 3) << r.output;
+    EXPECT_NE(r.output.find("400 XAmzContentSHA256Mismatch"), std::string::npos) << r.output;
+    EXPECT_EQ(RecordedDisks(71), 0u);
+    EXPECT_FALSE(ObjectExists("faults/71.stream"));
 
     // The next run of the key goes on, and takes the dead attempt's upload away.
     r = Shell(kVsdm + " run " + home.sub("71.json") + out);
