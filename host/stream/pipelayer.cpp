@@ -1,6 +1,7 @@
 // The pipeline sink: stream bytes handed to the write ring, synced and closed.
 #include "hostapi/archive.h"
 #include "stream/pipelinestate.h"
+#include "vshost/streamtap.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -173,3 +174,11 @@ void CPipelayer::State::NoteProgress(const vsStreamTotals& totals, const std::st
     progress.totals = totals;
     if (entry) progress.entry = *entry;
 }
+
+namespace vshost {
+
+void TapRecords(CPipelayer& pipe, std::function<void(const StreamRecord&)> tap) {
+    pipe.Internal().encoder.SetTap(std::move(tap));
+}
+
+}  // namespace vshost

@@ -3,6 +3,7 @@
 #include "objecttarget.h"
 #include "output.h"
 #include "split.h"
+#include "streamcount.h"
 
 #include "vshost/streamset.h"
 
