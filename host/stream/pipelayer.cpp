@@ -79,6 +79,25 @@ void CPipelayer::Abandon() {
     m_state->encoder.Abandon();
 }
 
+void CPipelayer::HoldRecordsUntilStored() {
+    if (!m_state->held) m_state->held = std::make_unique<vshost::changetrack::CompletedDisks>();
+}
+
+bool CPipelayer::RecordHeld(std::string& why) {
+    if (!m_state->held) return true;
+    try {
+        m_state->held->Flush();
+        return true;
+    } catch (const std::exception& e) {
+        why = e.what();
+        return false;
+    }
+}
+
+std::size_t CPipelayer::HeldRecords() const {
+    return m_state->held ? m_state->held->Waiting() : 0;
+}
+
 bool CPipelayer::Failed() const {
     return m_state->Failed();
 }

@@ -1,5 +1,7 @@
 #include "queue.h"
 
+#include "objecttarget.h"
+
 #include "vshost/queue.h"
 
 #include <nlohmann/json.hpp>
@@ -15,12 +17,11 @@ namespace vsdm {
 namespace {
 
 // A local prefix is made absolute, so that workers started in any folder write to the
-// same place; its folder must exist. Object-storage prefixes are the stream target's to
-// judge.
+// same place; its folder must exist. An object prefix (s3://BUCKET/KEY) must name a
+// bucket; the store itself is the workers' to reach.
 std::string CheckedPrefix(const std::string& prefix) {
     if (prefix.empty()) throw UsageError("no stream prefix: give --out PREFIX (a folder ending in /, or a name start)");
-    if (prefix.rfind("s3://", 0) == 0)
-        throw UsageError("--out " + prefix + ": this vsdm writes streams to local files only");
+    if (IsObject(prefix + "x")) return prefix;
     std::string absolute = fs::absolute(prefix).string();
     const fs::path folder = fs::path(absolute).parent_path();
     std::error_code ec;

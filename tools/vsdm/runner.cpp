@@ -1,4 +1,5 @@
 #include "runner.h"
+#include "objecttarget.h"
 #include "output.h"
 #include "resume.h"
 #include "streamcount.h"
@@ -305,6 +306,32 @@ void RunItems(DataReaderVSBase& reader, DataReaderVMware* fileLevel, const DataM
     }
 }
 
+// The pipeline into `target`, compressed as asked.
+std::unique_ptr<CPipelayer> OpenPipeline(const Target& target, const RunOptions& options) {
+    std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target.fd());
+    // An object is stored only when its upload completes, after the reader is done: the
+    // disks it completes wait in the pipeline until then, and are forgotten if it never
+    // is (a sync of the pipe before would prove nothing). A process killed before that
+    // leaves no object and records none of them.
+    if (target.StoredOnlyWhenPublished()) pipe->HoldRecordsUntilStored();
+    if (options.compressLevel != 0 && !pipe->SetCompression(options.compressLevel))
+        throw std::runtime_error("the stream cannot be compressed at zstd level " +
+                                 std::to_string(options.compressLevel));
+    return pipe;
+}
+
+// The disks a stream stored only at its publishing completed, recorded once it was
+// stored, or forgotten (and said so) when it was not.
+void RecordHeldDisks(CPipelayer& pipe, bool stored, std::ostream& report) {
+    const size_t held = pipe.HeldRecords();
+    if (held == 0) return;
+    std::string why;
+    if (!stored)
+        report << "vsdm: " << held << " completed disk(s) not recorded: the stream was not stored\n";
+    else if (!pipe.RecordHeld(why))
+        report << "vsdm: " << held << " completed disk(s) not recorded: " << why << "\n";
+}
+
 int ExitStatusOf(bool written, bool stopped, bool opened, const RunSummary& s, const std::string& writeError,
                  std::ostream& report) {
     if (!written) {
@@ -329,11 +356,8 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     Plugin plugin(PluginPath());
     if (!plugin.handle()) throw std::runtime_error(std::string("cannot load the plug-in: ") + dlerror());
 
-    StreamTarget target(job.out);
-    std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target.fd());
-    if (options.compressLevel != 0 && !pipe->SetCompression(options.compressLevel))
-        throw std::runtime_error("the stream cannot be compressed at zstd level " +
-                                 std::to_string(options.compressLevel));
+    const std::unique_ptr<Target> target = OpenTarget(job.out);
+    std::unique_ptr<CPipelayer> pipe = OpenPipeline(*target, options);
 
     // The summary is counted as the stream is written: no second pass over it.
     StreamCounter counter;
@@ -349,7 +373,11 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
             if (observer) observer->Ended();
         }
     } observed{options.observer};
-    if (options.observer) options.observer->Started(target.writing(), *pipe);
+    if (options.observer) {
+        // A file is written under a temporary name until published; an object has its key.
+        const auto* file = dynamic_cast<const StreamTarget*>(target.get());
+        options.observer->Started(file ? file->writing() : job.out, *pipe);
+    }
     DataReaderVSBase* reader = MakeReader(plugin, job, pipe.get(), &stop);
     if (!reader) throw std::runtime_error(std::string("the plug-in made no ") + ReaderName(job.reader) + " reader");
     std::unique_ptr<DataReaderVSBase> owned(reader);
@@ -383,15 +411,17 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     bool written = pipe->Close();
     std::string writeError = written ? std::string() : pipe->ErrorText();
     // Only a job that started replaces the stream of that name.
-    if (opened && !target.Publish(writeError)) written = false;
-    if (!opened) target.Discard();
+    if (opened && !target->Publish(writeError)) written = false;
+    if (!opened) target->Discard();
     s.streamLeft = opened;
+    RecordHeldDisks(*pipe, opened && written, report);
 
     const vsStreamTotals totals = pipe->Totals();
     s.dataBytes = totals.dataBytes;
     s.holeBytes = totals.holeBytes;
     s.streamBytes = pipe->BytesWritten();
-    s.streamComplete = pipe->Finished();
+    // An object that was not stored is no stream at all, whatever its writer finished.
+    s.streamComplete = pipe->Finished() && (written || !target->StoredOnlyWhenPublished());
     if (opened) counter.CountInto(s);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 

@@ -1,8 +1,12 @@
 #include "streamcount.h"
+#include "objecttarget.h"
+
+#include "hostapi/fd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <optional>
 
 namespace vsdm {
 
@@ -57,18 +61,27 @@ void StreamCounter::CountInto(RunSummary& s) const {
         s.incompleteDisks.push_back(disk + ": " + vsstream::EntryModel::IncompleteWhy(*m_model.Disk(disk)));
 }
 
-// What the stream holds, read back from its file.
+// What the stream holds, read back from its file or object.
 void CountStream(const std::string& path, RunSummary& s) {
-    // Only a regular file can be read back; a pipe or FIFO has handed its bytes on.
-    struct stat sb {};
-    if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) return;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    vshost::StreamReader reader(fd);
+    std::optional<StreamSource> object;
+    vshost::Fd file;
+    if (IsObject(path)) {
+        try {
+            object.emplace(path);
+        } catch (const std::exception&) {
+            return;  // no such object: a stream never stored
+        }
+    } else {
+        // Only a regular file can be read back; a pipe or FIFO has handed its bytes on.
+        struct stat sb {};
+        if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) return;
+        file = vshost::Fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file.valid()) return;
+    }
+    vshost::StreamReader reader(object ? object->fd() : file.get());
     vshost::StreamRecord rec;
     StreamCounter counter;
     while (reader.Next(rec)) counter.Apply(rec);
-    ::close(fd);
     counter.CountInto(s);
     s.streamComplete = reader.state() == vshost::StreamReader::State::Complete;
     s.dataBytes = reader.counted().dataBytes;

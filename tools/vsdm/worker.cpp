@@ -1,5 +1,6 @@
 #include "worker.h"
 
+#include "objecttarget.h"
 #include "queue.h"
 #include "resume.h"
 #include "runner.h"
@@ -208,6 +209,8 @@ public:
 // Where an earlier attempt's stream is now: as recorded, or, when that was the temporary
 // name of a stream since published, under its final name. Empty when it is gone.
 std::string EarlierStream(const std::string& key) {
+    // An object exists only once its attempt stored it (a killed attempt leaves none).
+    if (IsObject(key)) return StreamExists(key) ? key : std::string();
     std::error_code ec;
     if (fs::exists(key, ec)) return key;
     const size_t at = key.rfind(".partial-");
