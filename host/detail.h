@@ -4,6 +4,7 @@
 #include "hostapi/types.h"
 
 #include <cstdarg>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -56,6 +57,11 @@ void WriteSettingsFile(const std::string& path, const SettingsMap& settings);
 // passwords are under another key than this home's, else records this home's key as the
 // catalog's. Only a fingerprint of the key is stored.
 void CheckSecretKey(db::Connection& conn);
+
+// Inside a write transaction of the catalog that records completed disks of job `jobId`:
+// throws, so that nothing is recorded, when this process holds a lease on an item of that
+// job (vshost/queue.h) that is no longer its own.
+void CheckHeldLease(db::Connection& conn, int64_t jobId);
 
 // Appends one line (newline added here) to the open home's log file, if any.
 void AppendToLogFile(const std::string& line);

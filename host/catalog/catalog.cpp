@@ -36,11 +36,19 @@ Catalog::Catalog() {
     std::string connection;
     if (settings::Get("Catalog", "sConnection", connection) &&
         connection.find_first_not_of(" \t") != std::string::npos) {
-        // An absolute path would open as a SQLite file: say so rather than guess.
-        if (connection[connection.find_first_not_of(" \t")] == '/')
+        connection.erase(0, connection.find_first_not_of(" \t"));
+        connection.erase(connection.find_last_not_of(" \t") + 1);
+        // An absolute path would open as a SQLite file: say so rather than guess. A SQLite
+        // file that the homes of one machine share is named as such, "file:/path".
+        if (connection[0] == '/')
             throw std::runtime_error(
                 "catalog: [Catalog] sConnection must be a PostgreSQL connection string "
-                "(host=... dbname=...), not a path");
+                "(host=... dbname=...) or file:/PATH of a SQLite catalog, not a path");
+        if (connection.rfind("file:", 0) == 0) {
+            connection.erase(0, 5);
+            if (connection.empty() || connection[0] != '/')
+                throw std::runtime_error("catalog: [Catalog] sConnection=file: needs an absolute path");
+        }
         m_path = connection;
     } else {
         m_path = home + "/catalog.db";

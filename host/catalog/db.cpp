@@ -153,6 +153,36 @@ constexpr Step kMigrations[] = {
             fingerprint TEXT NOT NULL  -- the key's keyed hash, in hex; one row at most
         );
         )sql"},
+    // Jobs whose items workers on any host share (vsdm job create, vsdm worker): each item
+    // is leased by one worker at a time; the lease generation fences out a worker that
+    // lost its lease, so that it records nothing.
+    {R"sql(
+        CREATE TABLE work_jobs (
+            job_id      INTEGER PRIMARY KEY,
+            snap_job_id INTEGER NOT NULL,
+            spec        TEXT NOT NULL,             -- the job as a job file, without items and out
+            out_prefix  TEXT NOT NULL,             -- each item's stream name starts with it
+            compress    INTEGER NOT NULL DEFAULT 0, -- zstd level; 0: not compressed
+            created     INTEGER NOT NULL
+        );
+        CREATE TABLE work_items (
+            job_id        INTEGER NOT NULL,
+            item_no       INTEGER NOT NULL,
+            path          TEXT NOT NULL,              -- the item's snap source path
+            spec          TEXT NOT NULL,              -- the item as a job file's item
+            state         TEXT NOT NULL DEFAULT 'queued', -- queued, running, done, failed
+            lease_owner   TEXT NOT NULL DEFAULT '',
+            lease_expires INTEGER NOT NULL DEFAULT 0, -- seconds since 1970-01-01 UTC
+            lease_gen     INTEGER NOT NULL DEFAULT 0, -- one more at every lease
+            progress      INTEGER NOT NULL DEFAULT 0, -- bytes read by the latest attempt
+            failure       TEXT NOT NULL DEFAULT '',
+            stream_key    TEXT NOT NULL DEFAULT '',   -- the stream the latest attempt writes
+            streams       TEXT NOT NULL DEFAULT '',   -- every attempt's stream, one a line, in order
+            updated       INTEGER NOT NULL DEFAULT 0,
+            PRIMARY KEY (job_id, item_no)
+        );
+        CREATE INDEX work_items_state ON work_items (state, lease_expires);
+        )sql"},
 };
 
 // Made before the first step on PostgreSQL: SQLite's NOCASE, case-insensitive
@@ -216,6 +246,13 @@ void Connection::Exec(const std::string& sql) {
 
 void Connection::Begin() {
     m_impl->Begin();
+}
+
+void Connection::BeginRowLocked() {
+    if (GetDialect() == Dialect::PostgreSQL)
+        m_impl->Exec("BEGIN ISOLATION LEVEL READ COMMITTED");
+    else
+        m_impl->Begin();
 }
 
 void Connection::Commit() {

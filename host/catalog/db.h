@@ -41,6 +41,11 @@ public:
     // BEGIN IMMEDIATE; on PostgreSQL a transaction holding the catalog's advisory lock, so
     // that what a body reads (the next free number) is still true when it writes.
     void Begin();
+    // Starts a write transaction whose exclusivity comes from the rows it locks: on
+    // PostgreSQL a plain transaction (SELECT ... FOR UPDATE [SKIP LOCKED] picks the rows),
+    // so that writers of different rows do not queue behind the catalog's advisory lock;
+    // SQLite has no row locks and takes BEGIN IMMEDIATE, as Begin does.
+    void BeginRowLocked();
     void Commit();
     // Ends an open transaction without its changes; never throws.
     void Rollback() noexcept;
@@ -83,6 +88,19 @@ private:
 template <class Body>
 void InTransaction(Connection& db, Body&& body) {
     db.Begin();
+    try {
+        body();
+        db.Commit();
+    } catch (...) {
+        db.Rollback();
+        throw;
+    }
+}
+
+// The same, in a transaction begun with Connection::BeginRowLocked.
+template <class Body>
+void InRowLockedTransaction(Connection& db, Body&& body) {
+    db.BeginRowLocked();
     try {
         body();
         db.Commit();

@@ -1,6 +1,7 @@
 #include "vshost/changetrack.h"
 
 #include "catalog/db.h"
+#include "detail.h"
 #include "vscodec/xxh3.h"
 #include "vshost/catalog.h"
 
@@ -129,7 +130,10 @@ bool CommitCompletedPass(const std::string& changeId) {
 
 void RecordJobDisk(int64_t jobId, const JobDisk& disk) {
     db::Connection conn(Catalog().Path());
-    WriteJobDisk(conn, jobId, disk);
+    db::InTransaction(conn, [&] {
+        detail::CheckHeldLease(conn, jobId);
+        WriteJobDisk(conn, jobId, disk);
+    });
 }
 
 std::vector<JobDisk> JobDisks(int64_t jobId) {
@@ -197,6 +201,10 @@ void CompletedDisks::Flush() {
     m_bytes = 0;
     db::Connection conn(Catalog().Path());
     db::InTransaction(conn, [&] {
+        // A worker that lost its item's lease records none of its disks.
+        int64_t checked = -1;
+        for (const Row& row : rows)
+            if (row.jobId != checked) detail::CheckHeldLease(conn, checked = row.jobId);
         for (const Row& row : rows) {
             WriteJobDisk(conn, row.jobId, row.disk);
             if (row.hasDigests) WriteDigests(conn, row.disk.changeId, row.diskSize, row.extentSize, row.digests);

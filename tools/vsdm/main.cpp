@@ -2,9 +2,11 @@
 #include "demo.h"
 #include "jobspec.h"
 #include "parallel.h"
+#include "queue.h"
 #include "runner.h"
 #include "snapshots.h"
 #include "split.h"
+#include "worker.h"
 
 #include "vshost/home.h"
 
@@ -64,7 +66,44 @@ struct Args {
     std::vector<std::string> vms;      // backup --vm
     bool incremental = false;
     std::string readerText = "extent";
+    long long jobId = 0;  // job status, worker --job
+    bool once = false;    // worker --once
 };
+
+// vsdm job create|status and vsdm worker.
+struct QueueCommands {
+    CLI::App* create;
+    CLI::App* status;
+    CLI::App* worker;
+};
+
+QueueCommands AddQueueCommands(CLI::App& app, Args& a, const char* homeHelp) {
+    CLI::App* job = app.add_subcommand("job", "jobs whose items workers on many hosts share through the catalog");
+    job->require_subcommand(1);
+    CLI::App* create = job->add_subcommand(
+        "create",
+        "queue the job backup would make (one item per VM) for vsdm worker; prints its id. Each item's stream "
+        "is PREFIXjob<ID>.item<N>.<ATTEMPT>");
+    create->add_option("--snapshot", a.snapJob, "the snapshot's job id")->required();
+    create->add_option("--vm", a.vms, "a VM by name or UUID (repeatable; default: every VM)");
+    create->add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
+    create->add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
+    create->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the streams' data records");
+    create->add_option("--out", a.out, "PREFIX of every item's stream: a folder ending in /, or a name's start")
+        ->required();
+    create->add_option("--home", a.home, homeHelp);
+    CLI::App* status = job->add_subcommand("status", "each item's state, host, progress and failure reason");
+    status->add_option("JOBID", a.jobId, "the job's id")->required();
+    status->add_option("--home", a.home, homeHelp);
+    CLI::App* worker = app.add_subcommand(
+        "worker",
+        "lease items of queued jobs one at a time and back them up, until none is left (any number of workers, "
+        "on any hosts that share the catalog)");
+    worker->add_option("--job", a.jobId, "take items of this job only");
+    worker->add_flag("--once", a.once, "stop after one item");
+    worker->add_option("--home", a.home, homeHelp);
+    return {create, status, worker};
+}
 
 constexpr int kGoOn = -1;
 
@@ -131,6 +170,7 @@ int Parse(int argc, char** argv, Args& a) {
         ->required();
     backup->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the stream's data records, as run does");
     backup->add_option("--home", a.home, homeHelp);
+    const QueueCommands queue = AddQueueCommands(app, a, homeHelp);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -138,8 +178,10 @@ int Parse(int argc, char** argv, Args& a) {
         const int rc = app.exit(e);
         return rc == 0 ? 0 : vsdm::kExitUsage;
     }
-    for (CLI::App* sub : {run, demo, backup})
+    for (CLI::App* sub : {run, demo, backup, queue.worker})
         if (sub->parsed()) a.command = sub->get_name();
+    for (CLI::App* sub : {queue.create, queue.status})
+        if (sub->parsed()) a.command = "job " + sub->get_name();
     for (CLI::App* sub : {add, list, remove})
         if (sub->parsed()) a.command = "snapshot " + sub->get_name();
     return kGoOn;
@@ -300,11 +342,44 @@ int RunBackup(const Args& a) {
     return RunOne(a, job, options, std::cerr);
 }
 
+// vsdm job create|status and vsdm worker; the status to exit with.
+int RunQueueCommand(const Args& a) {
+    try {
+        OpenChosenHome(a.home, false);
+        if (a.command == "job create") {
+            vsdm::QueuedJobRequest request;
+            request.backup.snapJobId = a.snapJob;
+            request.backup.vms = a.vms;
+            request.backup.incremental = a.incremental;
+            request.backup.reader = ReaderOf(a.readerText);
+            request.backup.out = a.out;
+            if (!a.compress.empty()) request.compressLevel = ParseCompress(a.compress);
+            std::cout << vsdm::CreateQueuedJob(request, std::cerr) << "\n";
+            return 0;
+        }
+        if (a.command == "job status") {
+            vsdm::PrintJobStatus(a.jobId, std::cout);
+            return 0;
+        }
+        vsdm::WorkerOptions options;
+        options.jobId = a.jobId;
+        options.once = a.once;
+        return vsdm::RunWorker(options, std::cerr);
+    } catch (const vsdm::UsageError& e) {
+        std::cerr << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitUsage;
+    } catch (const std::exception& e) {
+        std::cerr << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitJobFailed;
+    }
+}
+
 int Run(int argc, char** argv) {
     Args a;
     if (const int status = Parse(argc, argv, a); status != kGoOn) return status;
     if (a.command.rfind("snapshot ", 0) == 0) return RunSnapshotCommand(a);
     if (a.command == "backup") return RunBackup(a);
+    if (a.command == "worker" || a.command.rfind("job ", 0) == 0) return RunQueueCommand(a);
     if (a.command == "demo") {
         try {
             return vsdm::RunDemo(a.keep, std::cout);

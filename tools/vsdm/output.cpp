@@ -56,6 +56,9 @@ void CheckNotAnInput(const DataMoverJob& job, const std::string& jobFile, const 
                                   "catalog.db-journal", "keys",       "IndexCache",     "JobResults",
                                   "Log Files",          "Snapshots"};
     for (fs::path& p : kept) p = home / p;
+    // A SQLite catalog that the homes of one machine share lies outside each of them.
+    if (const std::string catalog = vshost::Catalog().Path(); !catalog.empty() && catalog[0] == '/')
+        for (const char* end : {"", "-wal", "-shm", "-journal"}) kept.emplace_back(catalog + end);
     std::string results;
     if (vshost::settings::Get("Host", "sJobResultsDir", results) && !results.empty()) kept.emplace_back(results);
     for (const fs::path& p : kept)

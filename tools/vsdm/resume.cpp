@@ -145,10 +145,23 @@ void ForgetResizedDisks(const DataMoverJob& job, ResumePoints& points, std::ostr
 
 }  // namespace
 
+void MergeResumePoints(ResumePoints& into, const ResumePoints& later) {
+    for (const auto& [vm, disks] : later)
+        for (const auto& [name, point] : disks) {
+            DiskResumePoint& p = into[vm][name];
+            if (p.done) continue;
+            if (point.done || point.nextExtent > p.nextExtent) p = point;
+        }
+}
+
 void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& report) {
     StreamIdentity identity;
     ResumePoints points = ReadResumePoints(stream, &identity);
     CheckSameJob(job, identity, stream);
+    ApplyResumePoints(job, std::move(points), report);
+}
+
+void ApplyResumePoints(DataMoverJob& job, ResumePoints points, std::ostream& report) {
     ForgetResizedDisks(job, points, report);
     // A killed attempt may not have recorded the disks it completed; its stream says which.
     for (const auto& [vm, disks] : points)

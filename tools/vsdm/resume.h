@@ -40,4 +40,10 @@ void CheckSameJob(const DataMoverJob& job, const StreamIdentity& stream, const s
 // catalog: a killed attempt may not have got that far.
 void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& report);
 
+// What several attempts' streams hold together, the later given after the earlier: a disk
+// any of them holds whole is done, else it goes on after the furthest extent any holds.
+void MergeResumePoints(ResumePoints& into, const ResumePoints& later);
+// ApplyResume's second half, for points read (and checked) already.
+void ApplyResumePoints(DataMoverJob& job, ResumePoints points, std::ostream& report);
+
 }  // namespace vsdm

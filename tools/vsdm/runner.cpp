@@ -363,8 +363,21 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     StreamCounter counter;
     vshost::TapRecords(*pipe, [&counter](const vshost::StreamRecord& r) { counter.Apply(r); });
 
-    KtEvent stop;
+    KtEvent ownStop;
+    KtEvent& stop = options.stop ? *options.stop : ownStop;
     StopSignals signals(stop);
+    // Declared after the pipe, so that the observer hears of the end before the pipe goes.
+    struct Observed {
+        RunObserver* observer;
+        ~Observed() {
+            if (observer) observer->Ended();
+        }
+    } observed{options.observer};
+    if (options.observer) {
+        // A file is written under a temporary name until published; an object has its key.
+        const auto* file = dynamic_cast<const StreamTarget*>(target.get());
+        options.observer->Started(file ? file->writing() : job.out, *pipe);
+    }
     DataReaderVSBase* reader = MakeReader(plugin, job, pipe.get(), &stop);
     if (!reader) throw std::runtime_error(std::string("the plug-in made no ") + ReaderName(job.reader) + " reader");
     std::unique_ptr<DataReaderVSBase> owned(reader);

@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+class CPipelayer;
+class KtEvent;
+
 namespace vsdm {
 
 // Exit statuses of `vsdm run` (also in the README).
@@ -26,6 +29,17 @@ enum ExitStatus : int {
 inline constexpr int kMinCompressLevel = 1;
 inline constexpr int kMaxCompressLevel = 19;
 
+// Told when a run's stream is open, and again before it is gone: a worker records where
+// the stream is written and reports its progress meanwhile (vsdm worker).
+class RunObserver {
+public:
+    virtual ~RunObserver() = default;
+    // `writing` is the file being written (a temporary until the stream is published);
+    // `pipe` may be read from other threads until Ended.
+    virtual void Started(const std::string& writing, const CPipelayer& pipe) = 0;
+    virtual void Ended() = 0;
+};
+
 struct RunOptions {
     std::string out;              // overrides the job's "out"
     std::string jobFile;          // the job's file, which the stream must not replace
@@ -36,6 +50,9 @@ struct RunOptions {
     // Indices of the items to run, in this order; all of them when not set (one
     // process of a parallel run takes its share this way).
     std::optional<std::vector<size_t>> share;
+    // Stops the run as SIGINT and SIGTERM do, when set; the run's own event otherwise.
+    KtEvent* stop = nullptr;
+    RunObserver* observer = nullptr;
 };
 
 struct RunSummary {

@@ -268,7 +268,7 @@ std::map<std::string, std::map<std::string, uint64_t>> CurrentDiskSizes(const Da
     return sizes;
 }
 
-DataMoverJob MakeBackupJob(const BackupRequest& r, std::ostream& report) {
+std::string BackupJobText(const BackupRequest& r, std::ostream& report) {
     vshost::Catalog catalog;
     const auto snapshot = catalog.Snapshot(r.snapJobId);
     if (!snapshot) throw UsageError("snapshot " + std::to_string(r.snapJobId) + " is not registered in the home");
@@ -293,7 +293,11 @@ DataMoverJob MakeBackupJob(const BackupRequest& r, std::ostream& report) {
                           {"out", r.out}};
     // The id is taken last, so that a request refused above uses none.
     doc["jobId"] = catalog.NewJobId(r.snapJobId);
-    DataMoverJob job = ParseJob(doc.dump(), "vsdm backup", fs::current_path().string());
+    return doc.dump();
+}
+
+DataMoverJob MakeBackupJob(const BackupRequest& r, std::ostream& report) {
+    DataMoverJob job = ParseJob(BackupJobText(r, report), "vsdm backup", fs::current_path().string());
     report << "job " << job.host.jobId << ": " << job.items.size() << " item(s) of snapshot " << r.snapJobId << "\n";
     return job;
 }

@@ -59,5 +59,7 @@ struct BackupRequest {
 // catalog, the snapshot's archive files, one item per VM with change tracking asked for.
 // Throws UsageError for an unknown snapshot or VM.
 DataMoverJob MakeBackupJob(const BackupRequest& request, std::ostream& report);
+// The same job as a job file's text (its id taken from the catalog already).
+std::string BackupJobText(const BackupRequest& request, std::ostream& report);
 
 }  // namespace vsdm

@@ -1,0 +1,276 @@
+// Workers with homes of their own share one queued job through one catalog (a SQLite file
+// the homes share, or PostgreSQL): one is killed in the middle of its item, its lease
+// expires, another worker goes on from its stream, and every VM is backed up once.
+#include "catalog_backend.h"
+#include "run_support.h"
+#include "stream_support.h"
+
+#include "resume.h"
+
+#include "vshost/changetrack.h"
+#include "vshost/home.h"
+#include "vshost/queue.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <chrono>
+#include <ctime>
+#include <optional>
+#include <set>
+#include <thread>
+
+namespace fs = std::filesystem;
+using vstest::Shell;
+
+namespace {
+
+class VsdmWorkers : public vstest::CatalogBackendTest {};
+VS_ON_BOTH_CATALOGS(VsdmWorkers);
+
+pid_t StartWorker(const std::string& home, const std::string& args, const std::string& errPath) {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    const int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0 || dup2(fd, STDERR_FILENO) < 0) _exit(127);
+    const std::string command = vstest::Vsdm() + " worker --home " + home + " " + args;
+    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+}
+
+int Wait(pid_t pid) {
+    int st = 0;
+    if (waitpid(pid, &st, 0) != pid) return -1;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+}
+
+// Disks whose read-completed marker `bytes` hold, as "vm/disk".
+std::vector<std::string> CompletedDisks(const std::string& bytes) {
+    std::vector<std::string> out;
+    for (const auto& d : vstest::DecodeBytes(bytes).records)
+        if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&d.record.body))
+            out.push_back(done->vmGuid + "/" + done->diskName);
+    return out;
+}
+
+// The stream a worker writes into a FIFO, its pipe kept to one page so that the worker
+// waits on every page. Opened before the worker starts, so that nothing is written before
+// the pipe is made small.
+class HeldStream {
+public:
+    explicit HeldStream(std::string path) : m_path(std::move(path)) {
+        if (mkfifo(m_path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo " + m_path);
+        m_fd = open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (m_fd < 0 || fcntl(m_fd, F_SETPIPE_SZ, 4096) < 0) throw std::runtime_error("FIFO " + m_path);
+    }
+    ~HeldStream() {
+        if (m_fd >= 0) close(m_fd);
+    }
+    HeldStream(const HeldStream&) = delete;
+    HeldStream& operator=(const HeldStream&) = delete;
+
+    // Reads until the stream holds one disk whole and an extent of the next, kills the
+    // worker, and leaves what was read as a regular file in the FIFO's place: the stream
+    // of a worker that died there.
+    std::string CutInTheSecondDisk(pid_t worker) {
+        std::string bytes;
+        char buf[4096];
+        for (int i = 0; i < 60000 && !InTheSecondDisk(bytes); ++i) {
+            const ssize_t n = read(m_fd, buf, sizeof buf);
+            if (n > 0)
+                bytes.append(buf, static_cast<size_t>(n));
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        kill(worker, SIGKILL);
+        close(m_fd);
+        m_fd = -1;
+        unlink(m_path.c_str());
+        vstest::WriteFile(m_path, bytes);
+        return bytes;
+    }
+
+    // Reads on until the worker closes the stream (its attempt ended).
+    void DrainToEnd() {
+        char buf[4096];
+        for (int i = 0; i < 60000; ++i) {
+            const ssize_t n = read(m_fd, buf, sizeof buf);
+            if (n == 0) return;
+            if (n < 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    // The same, without killing the worker.
+    void ReadIntoTheSecondDisk() {
+        std::string bytes;
+        char buf[4096];
+        for (int i = 0; i < 60000 && !InTheSecondDisk(bytes); ++i) {
+            const ssize_t n = read(m_fd, buf, sizeof buf);
+            if (n > 0)
+                bytes.append(buf, static_cast<size_t>(n));
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+private:
+    bool InTheSecondDisk(const std::string& bytes) const {
+        if (CompletedDisks(bytes).size() != 1) return false;
+        vstest::WriteFile(m_path + ".so-far", bytes);
+        try {
+            for (const auto& [vm, disks] : vsdm::ReadResumePoints(m_path + ".so-far"))
+                for (const auto& [name, point] : disks)
+                    if (!point.done && point.nextExtent > 0) return true;
+        } catch (const vsdm::UsageError&) {
+        }
+        return false;
+    }
+    std::string m_path;
+    int m_fd = -1;
+};
+
+// Homes a, b and c of one catalog (a SQLite file they share, or this test's PostgreSQL
+// schema), leases of 2 s, and snapshot 77 (a fleet of `vms` VMs) registered from a.
+struct Cluster {
+    vssample::SampleSnapshot s;
+    std::vector<std::string> homes;
+    std::string out;
+};
+
+Cluster MakeCluster(const vstest::TempHome& scratch, const std::string& catalog, unsigned vms) {
+    Cluster c;
+    vssample::SampleOptions small;
+    small.diskSize = 4u << 20;
+    c.s = vssample::GenerateFleet(vms, small);
+    const std::string vols = scratch.sub("Snapshots/" + std::to_string(c.s.snapJobId));
+    for (const char* name : {"a", "b", "c"}) {
+        c.homes.push_back(scratch.sub(name));
+        fs::create_directory(c.homes.back());
+        std::ofstream(c.homes.back() + "/settings.ini")
+            << "[Catalog]\nsConnection=" << catalog << "\nnLeaseSeconds=2\n";
+    }
+    c.out = scratch.sub("out/");
+    fs::create_directory(c.out);
+    const vstest::RunResult added = Shell(vstest::Vsdm() + " snapshot add --snap-job 77 ds1=" + vols +
+                                          "/ds1 ds2=" + vols + "/ds2 --home " + c.homes[0]);
+    if (added.status != 0) throw std::runtime_error(added.output);
+    return c;
+}
+
+// The job's id, as vsdm job create prints it on standard output.
+std::string CreateJob(const Cluster& c, const std::string& args) {
+    const vstest::RunResult created = Shell("(" + vstest::Vsdm() + " job create --snapshot 77 --out " + c.out + " " +
+                                            args + " --home " + c.homes[1] + " 2>/dev/null)");
+    if (created.status != 0) throw std::runtime_error(created.output);
+    return created.output.substr(0, created.output.find('\n'));
+}
+
+// A worker stopped by SIGTERM gives its item back. A worker stopped (SIGSTOP) inside its
+// item past its lease, whose item another worker took meanwhile, records nothing once it
+// runs again: neither the disk it completed nor its outcome; it ends the attempt and says why.
+TEST_P(VsdmWorkers, AStoppedWorkerGivesItsItemBackOneThatLostItsLeaseRecordsNothing) {
+    vstest::TempHome scratch;
+    const Cluster c = MakeCluster(scratch, OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db"), 2);
+    vshost::OpenHome(c.homes[1]);
+    namespace q = vshost::queue;
+    {
+        const std::string other = CreateJob(c, "--vm vm0002");
+        HeldStream fifo(c.out + "job" + other + ".item1.1");
+        const pid_t t = StartWorker(c.homes[0], "--job " + other, scratch.sub("t.err"));
+        ASSERT_GT(t, 0);
+        fifo.ReadIntoTheSecondDisk();
+        kill(t, SIGTERM);
+        fifo.DrainToEnd();
+        EXPECT_EQ(Wait(t), 4) << vstest::ReadAll(scratch.sub("t.err"));
+        const auto given = q::Items(std::stoll(other));
+        ASSERT_EQ(given.size(), 1u);
+        EXPECT_EQ(std::make_tuple(given[0].state, given[0].generation, given[0].streams.size()),
+                  std::make_tuple(std::string("queued"), int64_t{1}, size_t{1}));
+    }
+    const std::string job = CreateJob(c, "--vm vm0001");
+    HeldStream fifo(c.out + "job" + job + ".item1.1");
+    const pid_t a = StartWorker(c.homes[0], "--job " + job + " --once", scratch.sub("a.err"));
+    ASSERT_GT(a, 0);
+    fifo.ReadIntoTheSecondDisk();
+    kill(a, SIGSTOP);
+    std::optional<q::Item> taken;
+    for (int i = 0; i < 300 && !taken; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        taken = q::LeaseNext(std::stoll(job), "another worker", std::time(nullptr), 60);
+    }
+    ASSERT_TRUE(taken.has_value());
+    EXPECT_EQ(taken->generation, 2);
+    kill(a, SIGCONT);
+    fifo.DrainToEnd();
+    EXPECT_EQ(Wait(a), 1);
+    const std::string said = vstest::ReadAll(scratch.sub("a.err"));
+    EXPECT_NE(said.find("the lease went to another worker; this attempt records nothing"), std::string::npos) << said;
+    EXPECT_TRUE(vshost::changetrack::JobDisks(std::stoll(job)).empty());
+    const auto items = q::Items(std::stoll(job));
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(std::make_tuple(items[0].state, items[0].owner, items[0].generation),
+              std::make_tuple(std::string("running"), std::string("another worker"), int64_t{2}));
+}
+
+TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
+    vstest::TempHome scratch;
+    const Cluster cluster =
+        MakeCluster(scratch, OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db"), 6);
+    const std::vector<std::string>& homes = cluster.homes;
+    const vssample::SampleSnapshot& s = cluster.s;
+    const std::string& out = cluster.out;
+    const std::string job = CreateJob(cluster, "");
+
+    // Worker a takes item 1 and dies inside its second disk.
+    const std::string held = out + "job" + job + ".item1.1";
+    HeldStream fifo(held);
+    const pid_t a = StartWorker(homes[0], "--job " + job, scratch.sub("a.err"));
+    ASSERT_GT(a, 0);
+    const std::vector<std::string> cut = CompletedDisks(fifo.CutInTheSecondDisk(a));
+    EXPECT_EQ(Wait(a), 128 + SIGKILL);
+    ASSERT_EQ(cut.size(), 1u) << vstest::ReadAll(scratch.sub("a.err"));
+
+    const pid_t b = StartWorker(homes[1], "--job " + job, scratch.sub("b.err"));
+    const pid_t c = StartWorker(homes[2], "--job " + job, scratch.sub("c.err"));
+    EXPECT_EQ(Wait(b), 0) << vstest::ReadAll(scratch.sub("b.err"));
+    EXPECT_EQ(Wait(c), 0) << vstest::ReadAll(scratch.sub("c.err"));
+    const std::string said = vstest::ReadAll(scratch.sub("b.err")) + vstest::ReadAll(scratch.sub("c.err"));
+    EXPECT_NE(said.find("going on from the earlier attempt's stream " + held), std::string::npos) << said;
+    EXPECT_NE(said.find("1 disk(s) already read, 1 going on"), std::string::npos) << said;
+
+    const vstest::RunResult status = Shell(vstest::Vsdm() + " job status " + job + " --home " + homes[2]);
+    EXPECT_NE(status.output.find("6 item(s), 6 done, 0 running, 0 queued, 0 failed"), std::string::npos)
+        << status.output;
+
+    // Every disk is in exactly one stream whole, and recorded for the job once.
+    vshost::OpenHome(homes[2]);
+    std::vector<std::string> streams;
+    std::multiset<std::string> whole;
+    for (const auto& item : vshost::queue::Items(std::stoll(job))) {
+        EXPECT_EQ(item.generation, item.itemNo == 1 ? 2 : 1) << item.path;
+        for (const std::string& stream : item.streams) {
+            streams.push_back(stream);
+            for (const std::string& disk : CompletedDisks(vstest::ReadAll(stream))) whole.insert(disk);
+        }
+    }
+    std::set<std::string> recorded;
+    for (const auto& d : vshost::changetrack::JobDisks(std::stoll(job))) recorded.insert(d.vmGuid + "/" + d.diskName);
+    EXPECT_EQ(recorded.size(), 12u);
+    EXPECT_EQ(whole, std::multiset<std::string>(recorded.begin(), recorded.end()));
+
+    // Restored stream after stream, every disk equals its source.
+    const std::string restored = scratch.sub("r");
+    // (The killed attempt's stream is incomplete: 2.)
+    for (size_t i = 0; i < streams.size(); ++i)
+        ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + streams[i] + (i ? " --onto " : " --to ") + restored).status,
+                  streams[i] == held ? 2 : 0);
+    for (const auto& vm : s.vms)
+        for (const auto& disk : vm.disks) {
+            const std::string source =
+                disk.name.ends_with(".vmdk") ? vm.folder + "/" + vm.name + "-flat.vmdk" : disk.path;
+            EXPECT_EQ(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + disk.name), vstest::ReadAll(source))
+                << vm.name << " " << disk.name;
+        }
+}
+
+}  // namespace
