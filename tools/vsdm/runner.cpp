@@ -3,6 +3,7 @@
 #include "resume.h"
 
 #include "entrymodel.h"
+#include "streamindex.h"
 
 #include "DataReaderVSBase.h"
 #include "Factories.h"
@@ -214,10 +215,11 @@ void CountStream(const std::string& path, RunSummary& s) {
     std::map<std::string, DiskCount> disks;
     std::string extentDisk;
     bool inExtent = false, extentHasData = false, inFile = false;
-    vsstream::EntryModel model;  // what vsstream verify would call incomplete
+    vsstream::EntryModel model;    // what vsstream verify would call incomplete
+    vsstream::IndexBuilder index;  // where each extent lies, for vsstream serve
     std::string why;
     while (reader.Next(rec)) {
-        model.Apply(rec, why);
+        index.Take(rec, model, model.Apply(rec, why));
         if (rec.kind == vshost::stream::Kind::FileLevelHeader) inFile = true;
         if (rec.kind == vshost::stream::Kind::DirectoryEntry) ++s.folders;
         if (auto* eof = std::get_if<vshost::EndOfFileRecord>(&rec.body); eof && inFile) {
@@ -251,6 +253,9 @@ void CountStream(const std::string& path, RunSummary& s) {
             disks["\\" + done->vmGuid + "\\" + done->diskName].completed = true;
         }
     }
+    // Beside the stream, made while its bytes are fresh; `vsstream index` makes it anew.
+    if (reader.state() != vshost::StreamReader::State::ReadError)
+        vsstream::SaveIndex(index.Finish(reader, fd), vsstream::IndexPath(path), why);
     ::close(fd);
     s.vms = vms.size();
     s.vmPaths.assign(vms.begin(), vms.end());
