@@ -1,6 +1,7 @@
 // Framing and structure of the backup stream as it is written.
 #include "vscodec/streamencoder.h"
 
+#include "streamrecords.h"
 #include "vscodec/streambytes.h"
 #include "vscodec/streamcheck.h"
 
@@ -116,8 +117,23 @@ int StreamEncoder::Frame(Kind kind, const char* payload, size_t length) {
     PutLE(sum, RecordChecksum(prologue, sizeof m_prologue, frame, sizeof frame, payload, length, m_index), 8);
     if (!m_sink.Write(frame, sizeof frame) || !m_sink.Write(payload, length) || !m_sink.Write(sum, sizeof sum))
         return Fail(vsArchive::kErrPipeline, m_sink.Error());
+    const int tapped = m_tap ? Tap(kind, std::string_view(payload, length)) : vsArchive::kOk;
     ++m_index;
     if (kind != Kind::Trailer) ++m_totals.records;
+    return tapped;
+}
+
+int StreamEncoder::Tap(Kind kind, std::string_view payload) {
+    StreamRecord record;
+    record.kind = kind;
+    record.index = m_index;
+    std::string why;
+    // Written from the same layouts the decoder reads: a record it cannot read back is a
+    // fault of this program, and the call that wrote it fails rather than count it wrong.
+    if (!ParseRecordBody(kind, payload, stream::kMinorVersion, false, record.body, why))
+        return Fail(vsArchive::kErrArgument,
+                    "the " + KindText(kind) + " record just written cannot be read back: " + why);
+    m_tap(record);
     return vsArchive::kOk;
 }
 
@@ -149,6 +165,13 @@ int StreamEncoder::Data(const char* data, size_t length) {
         if (int rc = Prepare(); rc != vsArchive::kOk) return rc;
         // Framed by the sink, which may check-sum and write it on a thread of its own.
         if (!m_sink.WriteData(m_index, data, piece)) return Fail(vsArchive::kErrPipeline, m_sink.Error());
+        if (m_tap) {
+            StreamRecord record;
+            record.kind = Kind::Data;
+            record.index = m_index;
+            record.body = DataRecord{std::string_view(data, piece), {}, 0, 0};
+            m_tap(record);
+        }
         ++m_index;
         ++m_totals.records;
         m_totals.dataBytes += piece;

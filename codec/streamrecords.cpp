@@ -50,25 +50,25 @@ CollectionHeaderRecord CollectionHeaderOf(PayloadParser& p) {
     CollectionHeaderRecord r;
     r.path = p.Text();
     r.size = p.U64();
-    r.arg3 = p.I64();
+    r.dataOffset = p.I64();
     r.container = p.Bool();
     r.arg5 = p.Bool();
     r.arg6 = p.I32();
     r.arg7 = static_cast<uint32_t>(p.U32());
     r.arg8 = p.I32();
-    r.arg9 = p.U64();
+    r.fileId = p.U64();
     r.arg10 = p.Bool();
     r.arg11 = p.Bool();
-    r.arg12 = p.U64();
-    r.arg13 = p.U64();
-    r.arg14 = p.U64();
-    r.arg15 = static_cast<uint32_t>(p.U32());
-    r.arg16 = p.U64();
-    r.arg17 = p.U64();
-    r.arg18 = static_cast<uint32_t>(p.U32());
-    r.arg19 = static_cast<uint32_t>(p.U32());
-    r.arg20 = static_cast<uint32_t>(p.U32());
-    r.arg21 = static_cast<uint32_t>(p.U32());
+    r.ctimeNs = p.U64();
+    r.atimeNs = p.U64();
+    r.mtimeNs = p.U64();
+    r.attributes = static_cast<uint32_t>(p.U32());
+    r.dataEnd = p.U64();
+    r.parentNode = p.U64();
+    r.mode = static_cast<uint32_t>(p.U32());
+    r.uid = static_cast<uint32_t>(p.U32());
+    r.gid = static_cast<uint32_t>(p.U32());
+    r.links = static_cast<uint32_t>(p.U32());
     return r;
 }
 

@@ -371,7 +371,8 @@ SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, co
         vm.vcUuid = std::string("5003a0b1-c2d3-e4f5-0617-28394a5b6c") + (i == 0 ? "7d" : number);
         const fs::path folder = root / "ds1" / vm.name;
         vm.folder = folder.string();
-        const std::string file = vm.name + ".img";
+        // A qcow2 image keeps its kind in its name: the disk reader takes the format from it.
+        const std::string file = vm.name + (fs::path(images[i]).extension() == ".qcow2" ? ".qcow2" : ".img");
         ConfigFiles(vm, folder,
                     Vmx(vm, {{"scsi0.present", "TRUE"}, {"scsi0:0.present", "TRUE"}, {"scsi0:0.fileName", file}}));
         // A hard link, not a copy: the image may be large, and the reader must see its

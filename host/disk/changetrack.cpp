@@ -177,6 +177,14 @@ void CompletedDisks::Drop() {
     m_bytes = 0;
 }
 
+void CompletedDisks::TakeFrom(CompletedDisks& other) {
+    if (other.m_disks.empty()) return;
+    if (m_disks.empty()) m_oldest = other.m_oldest;
+    for (Row& row : other.m_disks) m_disks.push_back(std::move(row));
+    m_bytes += other.m_bytes;
+    other.Drop();
+}
+
 bool CompletedDisks::Due() const {
     return !m_disks.empty() && (m_disks.size() >= kMaxDisks || m_bytes >= kMaxBytes ||
                                 std::chrono::steady_clock::now() - m_oldest >= kMaxAge);

@@ -101,29 +101,16 @@ CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
     if (m_nbd) return m_nbd->Read(dest, offset, length);
     if (offset + length > size || offset + length < offset) return CQiError(EINVAL, "read past the end of the disk");
     // Extent boundaries may fall inside a read: each segment serves its own part.
-    for (const Segment& seg : m_segments) {
+    for (Segment& seg : m_segments) {
         if (length == 0) break;
         const uint64_t segEnd = seg.diskOffset + seg.length;
         if (segEnd <= offset) continue;
         const uint64_t take = std::min(length, segEnd - offset);
-        char* out = dest;
         if (seg.fd < 0) {
-            std::memset(out, 0, take);
-        } else {
-            uint64_t done = 0;
-            while (done < take) {
-                const ssize_t n = ::pread(seg.fd, out + done, take - done,
-                                          static_cast<off_t>(seg.fileOffset + (offset - seg.diskOffset) + done));
-                if (n < 0) {
-                    if (errno == EINTR) continue;
-                    return CQiError::FromErrno("read " + seg.file);
-                }
-                if (n == 0)  // the file was cut short after it was opened
-                    return CQiError(EIO, seg.file + " ends before byte " +
-                                             std::to_string(seg.fileOffset + (offset - seg.diskOffset) + take) +
-                                             ": the image was cut short while it was read");
-                done += static_cast<uint64_t>(n);
-            }
+            std::memset(dest, 0, take);
+        } else if (CQiError err = ReadSegment(seg, dest, seg.fileOffset + (offset - seg.diskOffset), take);
+                   err.IsError()) {
+            return err;
         }
         dest += take;
         offset += take;
@@ -132,29 +119,78 @@ CQiError Layout::Read(char* dest, uint64_t offset, uint64_t length) const {
     return {};
 }
 
+// The file's data ranges are read; its holes are zeros handed on without a read.
+CQiError Layout::ReadSegment(Segment& seg, char* out, uint64_t fileOffset, uint64_t length) {
+    const uint64_t end = fileOffset + length;
+    bool holes = false;
+    for (uint64_t pos = fileOffset; pos < end;) {
+        if (CQiError err = RegionAt(seg, pos); err.IsError()) return err;
+        const uint64_t holeEnd = std::min(seg.region.dataStart, end);
+        if (pos < holeEnd) {
+            std::memset(out + (pos - fileOffset), 0, holeEnd - pos);
+            holes = true;
+            pos = holeEnd;
+            continue;
+        }
+        const uint64_t dataEnd = std::min(seg.region.dataEnd, end);
+        while (pos < dataEnd) {
+            const ssize_t n = ::pread(seg.fd, out + (pos - fileOffset), dataEnd - pos, static_cast<off_t>(pos));
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                return CQiError::FromErrno("read " + seg.file);
+            }
+            if (n == 0)  // the file was cut short after it was opened
+                return CQiError(EIO, seg.file + " ends before byte " + std::to_string(dataEnd) +
+                                         ": the image was cut short while it was read");
+            pos += static_cast<uint64_t>(n);
+        }
+    }
+    // Holes were not read, so nothing noticed whether the file still reaches that far:
+    // zeros must not pass for bytes it lost since it was probed.
+    return holes ? CheckLength(seg) : CQiError{};
+}
+
+CQiError Layout::CheckLength(const Segment& seg) {
+    struct stat st {};
+    if (::fstat(seg.fd, &st) != 0) return CQiError::FromErrno("stat " + seg.file);
+    if (static_cast<uint64_t>(st.st_size) < seg.FileEnd())
+        return CQiError(EIO, seg.file + " holds " + std::to_string(st.st_size) + " bytes, the disk needs " +
+                                 std::to_string(seg.FileEnd()) + ": the image was cut short while it was read");
+    return {};
+}
+
+CQiError Layout::RegionAt(Segment& seg, uint64_t fileOffset) {
+    Segment::Region& r = seg.region;
+    if (r.known && fileOffset >= r.from && fileOffset < std::max(r.dataEnd, r.dataStart)) return {};
+    r = Segment::Region{};
+    const off_t data = ::lseek(seg.fd, static_cast<off_t>(fileOffset), SEEK_DATA);
+    if (data < 0) {
+        if (errno != ENXIO) return CQiError::FromErrno("look for data in " + seg.file);
+        // ENXIO: no data from here to the end of the file, which is a hole only while
+        // the file still has the size it had when opened.
+        if (CQiError err = CheckLength(seg); err.IsError()) return err;
+        r = {true, fileOffset, seg.FileEnd(), seg.FileEnd()};
+        return {};
+    }
+    const uint64_t start = std::min(static_cast<uint64_t>(data), seg.FileEnd());
+    const off_t hole = start < seg.FileEnd() ? ::lseek(seg.fd, data, SEEK_HOLE) : data;
+    if (hole < 0) return CQiError::FromErrno("look for the end of data in " + seg.file);
+    r = {true, fileOffset, start, std::min(static_cast<uint64_t>(hole), seg.FileEnd())};
+    return {};
+}
+
 CQiError Layout::NextData(uint64_t from, std::optional<uint64_t>& next) const {
     if (m_nbd) return m_nbd->NextData(from, next);
     next.reset();
-    for (const Segment& seg : m_segments) {
+    for (Segment& seg : m_segments) {
         const uint64_t segEnd = seg.diskOffset + seg.length;
         if (segEnd <= from || seg.fd < 0) continue;
         const uint64_t start = std::max(from, seg.diskOffset);
-        const off_t probe = static_cast<off_t>(seg.fileOffset + (start - seg.diskOffset));
-        const off_t found = ::lseek(seg.fd, probe, SEEK_DATA);
-        if (found < 0) {
-            if (errno != ENXIO) return CQiError::FromErrno("look for data in " + seg.file);
-            // ENXIO: no data from here to the end of the file, which is a hole only while
-            // the file still has the size it had when opened.
-            struct stat st {};
-            if (::fstat(seg.fd, &st) != 0) return CQiError::FromErrno("stat " + seg.file);
-            if (static_cast<uint64_t>(st.st_size) < seg.FileEnd())
-                return CQiError(EIO, seg.file + " holds " + std::to_string(st.st_size) + " bytes, the disk needs " +
-                                         std::to_string(seg.FileEnd()) + ": the image was cut short while it was read");
-            continue;
-        }
-        const uint64_t diskPos = seg.diskOffset + (static_cast<uint64_t>(found) - seg.fileOffset);
-        if (diskPos < segEnd) {
-            next = diskPos;
+        const uint64_t fileOffset = seg.fileOffset + (start - seg.diskOffset);
+        if (CQiError err = RegionAt(seg, fileOffset); err.IsError()) return err;
+        const uint64_t found = std::max(fileOffset, seg.region.dataStart);
+        if (found < seg.FileEnd()) {
+            next = seg.diskOffset + (found - seg.fileOffset);
             return {};
         }
     }

@@ -23,6 +23,16 @@ struct Segment {
 
     // The file must reach this far for as long as the disk is read.
     uint64_t FileEnd() const { return fileOffset + length; }
+
+    // What SEEK_DATA and SEEK_HOLE last said, in file offsets: [from, dataStart) is a
+    // hole and [dataStart, dataEnd) data; dataStart == FileEnd(): no data from `from` on.
+    // The file is asked again only outside [from, dataEnd), so a run of extents costs
+    // two lseek calls per data region rather than per extent.
+    struct Region {
+        bool known = false;
+        uint64_t from = 0, dataStart = 0, dataEnd = 0;
+    };
+    Region region;
 };
 
 // Where a disk's files come from, and where its qemu-nbd may put its socket.
@@ -59,8 +69,12 @@ public:
 
 private:
     static CQiError OpenNative(diskchain::Image& image, Layout& layout);
+    static CQiError RegionAt(Segment& seg, uint64_t fileOffset);
+    static CQiError ReadSegment(Segment& seg, char* out, uint64_t fileOffset, uint64_t length);
+    static CQiError CheckLength(const Segment& seg);
 
-    std::vector<Segment> m_segments;
+    // Mutable: the region each segment was last probed at is a cache of what reads find.
+    mutable std::vector<Segment> m_segments;
     std::unique_ptr<NbdDisk> m_nbd;
 };
 

@@ -61,6 +61,14 @@ void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
         m_state->completed->Drop();
         return;
     }
+    if (auto& held = pipe->Internal().held) {
+        // The stream is stored only when its owner completes it: the pipeline keeps the
+        // disks until then (and forgets them if it never is).
+        held->TakeFrom(*m_state->completed);
+        KTlog(m_state->log, 1, "vsArchive: [%zu] completed disk(s) held until the stream is stored ([%zu] held in all)",
+              waiting, held->Waiting());
+        return;
+    }
     if (!pipe->Sync()) {
         KTlog(m_state->log, 1,
               "Cannot make the stream durable (%s): [%zu] completed disk(s) not recorded; an incremental "

@@ -1,6 +1,7 @@
 // The pipeline sink: stream bytes handed to the write ring, synced and closed.
 #include "hostapi/archive.h"
 #include "stream/pipelinestate.h"
+#include "vshost/streamtap.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -76,6 +77,25 @@ bool CPipelayer::Close() {
 
 void CPipelayer::Abandon() {
     m_state->encoder.Abandon();
+}
+
+void CPipelayer::HoldRecordsUntilStored() {
+    if (!m_state->held) m_state->held = std::make_unique<vshost::changetrack::CompletedDisks>();
+}
+
+bool CPipelayer::RecordHeld(std::string& why) {
+    if (!m_state->held) return true;
+    try {
+        m_state->held->Flush();
+        return true;
+    } catch (const std::exception& e) {
+        why = e.what();
+        return false;
+    }
+}
+
+std::size_t CPipelayer::HeldRecords() const {
+    return m_state->held ? m_state->held->Waiting() : 0;
 }
 
 bool CPipelayer::Failed() const {
@@ -154,3 +174,11 @@ void CPipelayer::State::NoteProgress(const vsStreamTotals& totals, const std::st
     progress.totals = totals;
     if (entry) progress.entry = *entry;
 }
+
+namespace vshost {
+
+void TapRecords(CPipelayer& pipe, std::function<void(const StreamRecord&)> tap) {
+    pipe.Internal().encoder.SetTap(std::move(tap));
+}
+
+}  // namespace vshost

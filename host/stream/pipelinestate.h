@@ -6,6 +6,7 @@
 #include "hostapi/archive.h"
 #include "stream/writering.h"
 #include "vscodec/streamencoder.h"
+#include "vshost/changetrack.h"
 
 #include <mutex>
 #include <string>
@@ -34,4 +35,6 @@ struct CPipelayer::State final : vshost::detail::StreamSink {
     vsStreamProgress progress;
     vshost::detail::WriteRing ring;
     vshost::detail::StreamEncoder encoder;
+    // Set by HoldRecordsUntilStored: the completed disks the archive writers hand over.
+    std::unique_ptr<vshost::changetrack::CompletedDisks> held;
 };

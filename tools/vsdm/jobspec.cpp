@@ -151,7 +151,9 @@ DataMoverJob ParseJob(const std::string& text, const std::string& origin, const 
     if (job.reader == ReaderKind::Extent) RefuseWholeDiskAfterItsExtent(job.items, origin);
 
     job.out = Text(doc, "out", origin);
-    if (!job.out.empty() && job.out != "-" && std::filesystem::path(job.out).is_relative())
+    // A relative file is beside the job file; an object (s3://) is where it says.
+    if (!job.out.empty() && job.out != "-" && job.out.rfind("s3://", 0) != 0 &&
+        std::filesystem::path(job.out).is_relative())
         job.out = (std::filesystem::path(baseDir) / job.out).string();
     job.home = Text(doc, "home", origin);
     if (!job.home.empty() && std::filesystem::path(job.home).is_relative())

@@ -80,7 +80,8 @@ int Parse(int argc, char** argv, Args& a) {
 
     CLI::App* run = app.add_subcommand("run", "run the job that JOB.json describes");
     run->add_option("JOB", a.jobFile, "job file (docs/job-file.md)")->required();
-    run->add_option("--out", a.out, "stream file, or - for standard output (overrides the job's \"out\")");
+    run->add_option("--out", a.out,
+                    "stream file, s3://BUCKET/KEY (an object), or - for standard output (overrides the job's \"out\")");
     run->add_option("--home", a.home, "host home (overrides the job's \"home\" and $VSHOST_HOME)");
     run->add_option("--incremental-from", a.incrementalFrom,
                     "read each disk against the change id that job JOBID recorded for it");
@@ -126,7 +127,8 @@ int Parse(int argc, char** argv, Args& a) {
     backup->add_option("--vm", a.vms, "a VM by name or UUID (repeatable; default: every VM)");
     backup->add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
     backup->add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
-    backup->add_option("--out", a.out, "stream file, or - for standard output")->required();
+    backup->add_option("--out", a.out, "stream file, s3://BUCKET/KEY (an object), or - for standard output")
+        ->required();
     backup->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the stream's data records, as run does");
     backup->add_option("--home", a.home, homeHelp);
     try {

@@ -39,6 +39,7 @@ std::string FindIn(const fs::path& root, const struct stat& target) {
 }  // namespace
 
 void CheckNotAnInput(const DataMoverJob& job, const std::string& jobFile, const std::string& target) {
+    if (target.rfind("s3://", 0) == 0) return;  // an object is none of the job's inputs
     struct stat t {};
     const std::string name = target == "-" ? std::string("standard output") : target;
     if (target == "-" ? ::fstat(STDOUT_FILENO, &t) != 0 : ::stat(target.c_str(), &t) != 0) return;  // a new file

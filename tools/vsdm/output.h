@@ -17,22 +17,38 @@ namespace vsdm {
 // volumes of the job's archive files.
 void CheckNotAnInput(const DataMoverJob& job, const std::string& jobFile, const std::string& target);
 
-class StreamTarget {
+// Where a stream is written: fd() takes its bytes; Publish makes it the stream of its
+// name, Discard drops it and leaves an earlier stream of that name as it was.
+class Target {
+public:
+    Target() = default;
+    virtual ~Target() = default;
+    Target(const Target&) = delete;
+    Target& operator=(const Target&) = delete;
+
+    virtual int fd() const = 0;
+    virtual bool Publish(std::string& why) = 0;
+    virtual void Discard() = 0;
+    // True when the stream's bytes are stored only by Publish (an object), so that no
+    // sync before it makes them durable.
+    virtual bool StoredOnlyWhenPublished() const { return false; }
+};
+
+// A file, FIFO, device or standard output (objects: objecttarget.h).
+class StreamTarget final : public Target {
 public:
     // Opens `out` for writing; throws std::runtime_error with the reason.
     explicit StreamTarget(const std::string& out);
-    ~StreamTarget();  // removes a temporary that was not published
-    StreamTarget(const StreamTarget&) = delete;
-    StreamTarget& operator=(const StreamTarget&) = delete;
+    ~StreamTarget() override;  // removes a temporary that was not published
 
-    int fd() const { return m_fd; }
+    int fd() const override { return m_fd; }
     // The file being written: the temporary while there is one.
     const std::string& writing() const { return m_temp.empty() ? m_out : m_temp; }
     // Makes the stream durable under its name: file synced, closed, renamed over the
     // target, folder synced. False with `why`.
-    bool Publish(std::string& why);
+    bool Publish(std::string& why) override;
     // Drops what was written: the temporary is removed, the target left as it was.
-    void Discard();
+    void Discard() override;
 
 private:
     std::string m_out, m_temp;

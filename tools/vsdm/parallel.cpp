@@ -1,7 +1,9 @@
 #include "parallel.h"
 
+#include "objecttarget.h"
 #include "output.h"
 #include "split.h"
+#include "streamcount.h"
 
 #include "vshost/streamset.h"
 
@@ -247,8 +249,7 @@ int MergeChild(Child& c, bool stopped, RunSummary& total, bool& complete, std::o
     }
     if (!s.streamComplete) {
         complete = false;
-        std::error_code ec;
-        total.incompleteStreams.push_back(name + (std::filesystem::exists(c.path, ec) ? "" : ": missing"));
+        total.incompleteStreams.push_back(name + (StreamExists(c.path) ? "" : ": missing"));
     }
     Add(total, s);
     return childStatus;
@@ -273,16 +274,13 @@ RunSummary RunStreams(const DataMoverJob& job, const StreamsOptions& o, std::ost
         c.path = vshost::StreamSetMemberPath(job.out, c.number);
         c.share = shares[k];
         set.members.push_back(std::filesystem::path(c.path).filename().string());
-        // A stream file left by an earlier run must not pass for this run's; anything
-        // else there (a FIFO a consumer reads) is written to as a single run would.
-        std::error_code ec;
-        if (std::filesystem::is_regular_file(std::filesystem::symlink_status(c.path, ec)))
-            std::filesystem::remove(c.path, ec);
+        // A stream left by an earlier run must not pass for this run's.
+        RemoveStream(c.path);
     }
     // The manifest goes first: whatever happens to the children, the set names every
     // stream it should hold, and a missing or unfinished one shows.
     std::string why;
-    if (!vshost::WriteStreamSet(job.out, set, why) || !SyncFolderOf(job.out, why)) {
+    if (!PublishStreamSet(job.out, set, why)) {
         report << "vsdm: " << why << "\n";
         total.status = kExitStreamFailed;
         return total;

@@ -1,6 +1,7 @@
 #include "resume.h"
 
 #include "entrymodel.h"
+#include "objecttarget.h"
 #include "snapshots.h"
 
 #include "hostapi/fd.h"
@@ -17,6 +18,14 @@
 namespace vsdm {
 
 namespace {
+
+StreamSource OpenSource(const std::string& stream) {
+    try {
+        return StreamSource(stream);
+    } catch (const UsageError& e) {
+        throw UsageError(std::string("the stream to resume from: ") + e.what());
+    }
+}
 
 std::string IdList(const std::set<uint32_t>& ids) {
     std::string out;
@@ -59,9 +68,14 @@ void CheckSameJob(const DataMoverJob& job, const StreamIdentity& stream, const s
 }
 
 ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identity) {
-    vshost::Fd fd(::open(stream.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) throw UsageError("cannot open the stream to resume from, " + stream + ": " + std::strerror(errno));
-    vshost::StreamReader reader(fd.get());
+    // An object exists only once its upload completed: an attempt killed before that
+    // (or whose store went away) stored nothing to go on from.
+    if (IsObject(stream) && !StreamExists(stream))
+        throw UsageError("the stream to resume from, " + stream +
+                         ", is not on the object store: an attempt that was killed or lost its store before the end "
+                         "stores no stream; run the job again without --resume");
+    StreamSource source = OpenSource(stream);
+    vshost::StreamReader reader(source.fd());
     vsstream::EntryModel model;
     vshost::StreamRecord record;
     std::string why;
@@ -85,6 +99,8 @@ ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identit
     }
     if (reader.state() == vshost::StreamReader::State::ReadError)
         throw UsageError("cannot read the stream to resume from, " + stream + ": " + reader.error());
+    if (const std::string lost = source.Error(); !lost.empty())
+        throw UsageError("cannot read the stream to resume from: " + lost);
 
     ResumePoints points;
     for (const auto& [key, g] : model.disks()) {

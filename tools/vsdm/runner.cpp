@@ -1,9 +1,8 @@
 #include "runner.h"
+#include "objecttarget.h"
 #include "output.h"
 #include "resume.h"
-
-#include "entrymodel.h"
-#include "streamindex.h"
+#include "streamcount.h"
 
 #include "DataReaderVSBase.h"
 #include "Factories.h"
@@ -17,10 +16,9 @@
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
 #include "vshost/pending.h"
+#include "vshost/streamtap.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
@@ -31,8 +29,6 @@
 #include <filesystem>
 #include <iomanip>
 #include <iostream>
-#include <map>
-#include <set>
 #include <thread>
 
 namespace vsdm {
@@ -197,85 +193,6 @@ std::string FailureReason(const vshost::LogCapture& log, KTJobID jobId, size_t& 
 
 }  // namespace
 
-// What the stream holds, read back from its file.
-void CountStream(const std::string& path, RunSummary& s) {
-    // Only a regular file can be read back; a pipe or FIFO has handed its bytes on.
-    struct stat sb {};
-    if (::stat(path.c_str(), &sb) != 0 || !S_ISREG(sb.st_mode)) return;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    vshost::StreamReader reader(fd);
-    vshost::StreamRecord rec;
-    std::set<std::string> vms;
-    // By disk ("\\vm\\disk"): extents it has, extents sent, and whether it was read to its end.
-    struct DiskCount {
-        uint64_t allocated = 0, sent = 0;
-        bool completed = false;
-    };
-    std::map<std::string, DiskCount> disks;
-    std::string extentDisk;
-    bool inExtent = false, extentHasData = false, inFile = false;
-    vsstream::EntryModel model;    // what vsstream verify would call incomplete
-    vsstream::IndexBuilder index;  // where each extent lies, for vsstream serve
-    std::string why;
-    while (reader.Next(rec)) {
-        index.Take(rec, model, model.Apply(rec, why));
-        if (rec.kind == vshost::stream::Kind::FileLevelHeader) inFile = true;
-        if (rec.kind == vshost::stream::Kind::DirectoryEntry) ++s.folders;
-        if (auto* eof = std::get_if<vshost::EndOfFileRecord>(&rec.body); eof && inFile) {
-            ++(eof->complete ? s.files : s.filesFailed);
-            inFile = false;
-        }
-        if (auto* h = std::get_if<vshost::FileHeaderRecord>(&rec.body)) {
-            const size_t depth = static_cast<size_t>(std::count(h->path.begin(), h->path.end(), '\\'));
-            if (depth == 1) vms.insert(h->path);
-            inExtent = depth == 3 && h->path.find("\\Extent", h->path.rfind('\\')) != std::string::npos;
-            if (inExtent) extentDisk = h->path.substr(0, h->path.rfind('\\'));
-            extentHasData = false;
-            if (depth == 2 && !h->container) ++s.configFiles;
-        } else if (auto* c = std::get_if<vshost::CollectionHeaderRecord>(&rec.body)) {
-            inExtent = false;
-            if (!c->container) {
-                ++s.nodes;
-                if (c->arg15 & FC_ATTRIBUTE_DIRECTORY) ++s.nodeFolders;
-            }
-        } else if (std::holds_alternative<vshost::DataRecord>(rec.body)) {
-            extentHasData = true;
-        } else if (std::holds_alternative<vshost::EndOfFileRecord>(rec.body) && inExtent) {
-            ++s.extentsSent;
-            ++disks[extentDisk].sent;
-            if (!extentHasData) ++s.holeExtents;
-            inExtent = false;
-        } else if (auto* d = std::get_if<vshost::DiskInfoRecord>(&rec.body)) {
-            if (d->itemType == 3) disks["\\" + d->vmGuid + "\\" + d->name].allocated = d->extentCount;
-        } else if (auto* done = std::get_if<vshost::DiskReadCompletedRecord>(&rec.body)) {
-            ++s.disks;
-            disks["\\" + done->vmGuid + "\\" + done->diskName].completed = true;
-        }
-    }
-    // Beside the stream, made while its bytes are fresh; `vsstream index` makes it anew.
-    if (reader.state() != vshost::StreamReader::State::ReadError)
-        vsstream::SaveIndex(index.Finish(reader, fd), vsstream::IndexPath(path), why);
-    ::close(fd);
-    s.vms = vms.size();
-    s.vmPaths.assign(vms.begin(), vms.end());
-    // Of a disk read to its end, the extents not sent are those its reader found unchanged;
-    // of any other disk they were never read.
-    for (const auto& [name, d] : disks) {
-        const uint64_t rest = d.allocated > d.sent ? d.allocated - d.sent : 0;
-        (d.completed ? s.extentsUnchanged : s.extentsNotRead) += rest;
-    }
-    s.streamComplete = reader.state() == vshost::StreamReader::State::Complete;
-    for (const std::string& disk : model.IncompleteDisks())
-        s.incompleteDisks.push_back(disk + ": " + vsstream::EntryModel::IncompleteWhy(*model.Disk(disk)));
-    if (s.streamBytes == 0) {
-        // Not counted while writing (a stream another process left): take the decoder's totals.
-        s.dataBytes = reader.counted().dataBytes;
-        s.holeBytes = reader.counted().holeBytes;
-        s.streamBytes = reader.offset();
-    }
-}
-
 std::string SelfPath() {
     char self[4096];
     const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
@@ -389,6 +306,32 @@ void RunItems(DataReaderVSBase& reader, DataReaderVMware* fileLevel, const DataM
     }
 }
 
+// The pipeline into `target`, compressed as asked.
+std::unique_ptr<CPipelayer> OpenPipeline(const Target& target, const RunOptions& options) {
+    std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target.fd());
+    // An object is stored only when its upload completes, after the reader is done: the
+    // disks it completes wait in the pipeline until then, and are forgotten if it never
+    // is (a sync of the pipe before would prove nothing). A process killed before that
+    // leaves no object and records none of them.
+    if (target.StoredOnlyWhenPublished()) pipe->HoldRecordsUntilStored();
+    if (options.compressLevel != 0 && !pipe->SetCompression(options.compressLevel))
+        throw std::runtime_error("the stream cannot be compressed at zstd level " +
+                                 std::to_string(options.compressLevel));
+    return pipe;
+}
+
+// The disks a stream stored only at its publishing completed, recorded once it was
+// stored, or forgotten (and said so) when it was not.
+void RecordHeldDisks(CPipelayer& pipe, bool stored, std::ostream& report) {
+    const size_t held = pipe.HeldRecords();
+    if (held == 0) return;
+    std::string why;
+    if (!stored)
+        report << "vsdm: " << held << " completed disk(s) not recorded: the stream was not stored\n";
+    else if (!pipe.RecordHeld(why))
+        report << "vsdm: " << held << " completed disk(s) not recorded: " << why << "\n";
+}
+
 int ExitStatusOf(bool written, bool stopped, bool opened, const RunSummary& s, const std::string& writeError,
                  std::ostream& report) {
     if (!written) {
@@ -413,11 +356,12 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     Plugin plugin(PluginPath());
     if (!plugin.handle()) throw std::runtime_error(std::string("cannot load the plug-in: ") + dlerror());
 
-    StreamTarget target(job.out);
-    std::unique_ptr<CPipelayer> pipe = CPipelayer::OpenFd(target.fd());
-    if (options.compressLevel != 0 && !pipe->SetCompression(options.compressLevel))
-        throw std::runtime_error("the stream cannot be compressed at zstd level " +
-                                 std::to_string(options.compressLevel));
+    const std::unique_ptr<Target> target = OpenTarget(job.out);
+    std::unique_ptr<CPipelayer> pipe = OpenPipeline(*target, options);
+
+    // The summary is counted as the stream is written: no second pass over it.
+    StreamCounter counter;
+    vshost::TapRecords(*pipe, [&counter](const vshost::StreamRecord& r) { counter.Apply(r); });
 
     KtEvent stop;
     StopSignals signals(stop);
@@ -454,16 +398,18 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     bool written = pipe->Close();
     std::string writeError = written ? std::string() : pipe->ErrorText();
     // Only a job that started replaces the stream of that name.
-    if (opened && !target.Publish(writeError)) written = false;
-    if (!opened) target.Discard();
+    if (opened && !target->Publish(writeError)) written = false;
+    if (!opened) target->Discard();
     s.streamLeft = opened;
+    RecordHeldDisks(*pipe, opened && written, report);
 
     const vsStreamTotals totals = pipe->Totals();
     s.dataBytes = totals.dataBytes;
     s.holeBytes = totals.holeBytes;
     s.streamBytes = pipe->BytesWritten();
-    s.streamComplete = pipe->Finished();
-    if (opened && job.out != "-") CountStream(job.out, s);
+    // An object that was not stored is no stream at all, whatever its writer finished.
+    s.streamComplete = pipe->Finished() && (written || !target->StoredOnlyWhenPublished());
+    if (opened) counter.CountInto(s);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     s.status = ExitStatusOf(written, stopped, opened, s, writeError, report);

@@ -94,10 +94,6 @@ std::string PluginPath();
 
 RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& report);
 
-// Counts what the stream file at `path` holds into `s`: entries, extents, VMs, disks,
-// whether it is complete. Nothing when `path` is not a regular file.
-void CountStream(const std::string& path, RunSummary& s);
-
 // Writes the summary and the job's pending causes.
 void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& out);
 

@@ -68,7 +68,7 @@ struct Entry {
 
 // A file-collection node that is a folder (by its attributes, the 15th header field).
 inline bool IsFolderNode(const Entry& e) {
-    return e.kind == EntryKind::CollectionNode && !e.container && (e.node.arg15 & FC_ATTRIBUTE_DIRECTORY) != 0;
+    return e.kind == EntryKind::CollectionNode && !e.container && (e.node.attributes & FC_ATTRIBUTE_DIRECTORY) != 0;
 }
 
 // Number of an extent name: a converter name, or a name holding "Extent" followed by

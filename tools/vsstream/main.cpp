@@ -2,22 +2,28 @@
 #include "commands.h"
 #include "lineprefix.h"
 
+#include "hostapi/fd.h"
 #include "vscodec/streamset.h"
 #include "vsobj/s3.h"
 
 #include <CLI/CLI.hpp>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <memory>
 
 namespace {
 
 using vsstream::StreamInput;
+
+// A manifest is far below this; an object this small is looked at as one.
+constexpr size_t kManifestBytes = 64u << 10;
 
 // What the command line names, opened: streams as they are, stream sets as their
 // members. `code` carries what was found wrong on the way (a missing member makes the
@@ -65,7 +71,59 @@ int64_t HeaderJobId(int fd) {
     return id;
 }
 
-void AddSet(Inputs& in, const std::string& name, int fd) {
+// A member of a set opened for reading: its descriptor, or -1 with why (`missing`: it
+// is not there at all).
+struct Member {
+    int fd = -1;
+    bool missing = false;
+    std::string why;
+};
+using OpenMember = std::function<Member(const std::string& path)>;
+
+Member OpenFileMember(const std::string& path) {
+    Member m;
+    m.fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m.fd < 0) {
+        m.missing = errno == ENOENT;
+        m.why = std::strerror(errno);
+    }
+    return m;
+}
+
+// The first bytes of an object (at most `n`) in a file of memory, which can be read
+// twice: a manifest, or the header record of a stream.
+vshost::Fd ObjectStart(vsobj::S3Client& client, const vsobj::S3Location& at, size_t n) {
+    std::string bytes(n, '\0');
+    bytes.resize(client.Read(at, 0, bytes.data(), n));
+    vshost::Fd fd(::memfd_create("vsstream-object", MFD_CLOEXEC));
+    if (!fd.valid() || ::write(fd.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        throw std::runtime_error(std::string("memfd: ") + std::strerror(errno));
+    ::lseek(fd.get(), 0, SEEK_SET);
+    return fd;
+}
+
+// A member of a set on the object store: its header's job id is read from its first
+// bytes, so that the pipe it is read through starts at its start.
+Member OpenObjectMember(Inputs& in, const std::string& path, int64_t& headerJob) {
+    Member m;
+    try {
+        vsobj::S3Location at;
+        vsobj::ParseS3Url(path, at);
+        const vsobj::S3Settings settings = vsobj::SettingsFromEnvironment();
+        vsobj::S3Client client(settings);
+        headerJob = HeaderJobId(ObjectStart(client, at, 64u << 10).get());
+        in.objects.push_back(std::make_unique<vsobj::ObjectReader>(settings, at));
+        m.fd = in.objects.back()->fd();
+    } catch (const vsobj::S3Error& e) {
+        m.missing = e.httpStatus == 404;
+        m.why = e.what();
+    } catch (const std::exception& e) {
+        m.why = e.what();
+    }
+    return m;
+}
+
+void AddSet(Inputs& in, const std::string& name, int fd, const OpenMember& open) {
     vshost::StreamSet set;
     std::string why;
     if (!vshost::ReadStreamSet(fd, set, why)) {
@@ -77,20 +135,21 @@ void AddSet(Inputs& in, const std::string& name, int fd) {
     in.expected += set.members.size();
     for (const std::string& member : set.members) {
         const std::string path = (folder / member).string();
-        const int mfd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (mfd < 0) {
-            const bool missing = errno == ENOENT;
-            in.notes.push_back(name + ": stream " + path +
-                               (missing ? " is missing" : std::string(" cannot be opened: ") + std::strerror(errno)));
-            in.code = vsstream::WorseCode(in.code, missing ? vsstream::kExitIncomplete : vsstream::kExitUnreadable);
+        int64_t job = -1;
+        const bool object = name.rfind("s3://", 0) == 0;
+        const Member m = object ? OpenObjectMember(in, path, job) : open(path);
+        if (m.fd < 0) {
+            in.notes.push_back(name + ": stream " + path + (m.missing ? " is missing" : " cannot be opened: " + m.why));
+            in.code = vsstream::WorseCode(in.code, m.missing ? vsstream::kExitIncomplete : vsstream::kExitUnreadable);
             continue;
         }
-        const int64_t job = HeaderJobId(mfd);
+        const int mfd = m.fd;
+        if (!object) job = HeaderJobId(mfd);
         if (job >= 0 && job != set.jobId) {
             in.notes.push_back(name + ": stream " + path + " belongs to job " + std::to_string(job) +
                                ", not to the set's job " + std::to_string(set.jobId));
             in.code = vsstream::WorseCode(in.code, vsstream::kExitCorrupt);
-            ::close(mfd);
+            if (!object) ::close(mfd);
             continue;
         }
         in.streams.push_back({path, mfd});
@@ -108,7 +167,17 @@ bool Open(const std::vector<std::string>& names, Inputs& in) {
         vsobj::S3Location object;
         try {
             if (vsobj::ParseS3Url(name, object)) {
-                in.objects.push_back(std::make_unique<vsobj::ObjectReader>(vsobj::SettingsFromEnvironment(), object));
+                // A stream set's manifest is a small object; a stream is read through a pipe.
+                const vsobj::S3Settings settings = vsobj::SettingsFromEnvironment();
+                vsobj::S3Client client(settings);
+                if (client.Size(object) <= kManifestBytes) {
+                    const vshost::Fd start = ObjectStart(client, object, kManifestBytes);
+                    if (vshost::LooksLikeStreamSet(start.get())) {
+                        AddSet(in, name, start.get(), OpenFileMember);
+                        continue;
+                    }
+                }
+                in.objects.push_back(std::make_unique<vsobj::ObjectReader>(settings, object));
                 ++in.expected;
                 in.streams.push_back({name, in.objects.back()->fd()});
                 continue;
@@ -123,7 +192,7 @@ bool Open(const std::vector<std::string>& names, Inputs& in) {
             return false;
         }
         if (vshost::LooksLikeStreamSet(fd)) {
-            AddSet(in, name, fd);
+            AddSet(in, name, fd, OpenFileMember);
             ::close(fd);
         } else {
             ++in.expected;

@@ -52,12 +52,12 @@ vsFileLevelInfo NodeInfo(const Entry& e) {
     vsFileLevelInfo info;
     info.clientPath = e.path;
     info.size = e.size;
-    info.mode = e.node.arg18 != 0 ? e.node.arg18 : (IsFolderNode(e) ? S_IFDIR | 0755 : S_IFREG | 0644);
-    info.uid = e.node.arg19;
-    info.gid = e.node.arg20;
-    info.ctimeNs = static_cast<long long>(e.node.arg12);
-    info.atimeNs = static_cast<long long>(e.node.arg13);
-    info.mtimeNs = static_cast<long long>(e.node.arg14);
+    info.mode = e.node.mode != 0 ? e.node.mode : (IsFolderNode(e) ? S_IFDIR | 0755 : S_IFREG | 0644);
+    info.uid = e.node.uid;
+    info.gid = e.node.gid;
+    info.ctimeNs = static_cast<long long>(e.node.ctimeNs);
+    info.atimeNs = static_cast<long long>(e.node.atimeNs);
+    info.mtimeNs = static_cast<long long>(e.node.mtimeNs);
     return info;
 }
 

@@ -7,8 +7,10 @@
 #include "hostapi/archive.h"
 #include "vscodec/api.h"
 #include "vscodec/streamformat.h"
+#include "vscodec/streamreader.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -66,6 +68,12 @@ public:
     int Detach(bool finish);
     void Abandon() { m_abandoned = true; }
 
+    // Hands every record to `tap` as it is written, decoded as a decoder would read it
+    // (a data record's bytes are valid during the call only; offsets are not set). For
+    // counts taken while the stream is written rather than by reading it again.
+    using RecordTap = std::function<void(const StreamRecord&)>;
+    void SetTap(RecordTap tap) { m_tap = std::move(tap); }
+
     // Each returns a vsArchive status; Error() tells why a call failed.
     int BeginEntry(stream::Kind kind, std::string_view payload, bool container, std::string_view path);
     int Data(const char* data, size_t length);
@@ -97,6 +105,7 @@ private:
     int CheckLength(stream::Kind kind, size_t length);
     int Prepare();
     int Frame(stream::Kind kind, const char* payload, size_t length);
+    int Tap(stream::Kind kind, std::string_view payload);
 
     StreamSink& m_sink;
     StreamIdentity m_identity;
@@ -113,6 +122,7 @@ private:
     std::string m_openPath;
     vsStreamTotals m_totals;
     std::string m_error;
+    RecordTap m_tap;
 };
 
 }  // namespace vshost::detail

@@ -53,17 +53,19 @@ struct FileHeaderRecord {
 struct CollectionHeaderRecord {
     std::string path;
     uint64_t size = 0;
-    int64_t arg3 = 0;
+    // Named by what they hold for a file-collection node (docs/stream-format.md).
+    int64_t dataOffset = 0;  // where the node's data begins in the disk
     bool container = false, arg5 = false;
     int32_t arg6 = 0;
     uint32_t arg7 = 0;
     int32_t arg8 = 0;
-    uint64_t arg9 = 0;
+    uint64_t fileId = 0;  // inode number on its file system
     bool arg10 = false, arg11 = false;
-    uint64_t arg12 = 0, arg13 = 0, arg14 = 0;
-    uint32_t arg15 = 0;
-    uint64_t arg16 = 0, arg17 = 0;
-    uint32_t arg18 = 0, arg19 = 0, arg20 = 0, arg21 = 0;
+    uint64_t ctimeNs = 0, atimeNs = 0, mtimeNs = 0;
+    uint32_t attributes = 0;  // FC_ATTRIBUTE_* bits
+    uint64_t dataEnd = 0;     // dataOffset + size
+    uint64_t parentNode = 0;  // number of the folder node holding it, 0 at the disk's top
+    uint32_t mode = 0, uid = 0, gid = 0, links = 0;
     bool operator==(const CollectionHeaderRecord&) const = default;
 };
 

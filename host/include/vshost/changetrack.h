@@ -93,6 +93,9 @@ public:
     void Flush();
     // Forgets what waits (its stream could not be made durable).
     void Drop();
+    // Moves what waits in `other` behind what waits here (a pipeline holding the disks
+    // until its stream is stored takes them from its archive writers).
+    void TakeFrom(CompletedDisks& other);
     size_t Waiting() const { return m_disks.size(); }
 
 private:

@@ -114,6 +114,19 @@ public:
     // written, so decoders see the stream as incomplete.
     void Abandon();
 
+    // For a target whose bytes become durable only when its owner completes it (an
+    // object on an object store exists only once its upload is completed): the disks
+    // the stream's writers complete are then held by the pipeline instead of being
+    // recorded in the catalog at a sync, until RecordHeld. A pipeline destroyed before
+    // that records none of them, so the catalog never names a disk of a stream that was
+    // not stored. Only before the first record.
+    void HoldRecordsUntilStored();
+    // The owner stored the stream: records the held disks in the catalog. False with
+    // `why` when the catalog cannot take them (they are dropped).
+    bool RecordHeld(std::string& why);
+    // Disks held and not yet recorded.
+    std::size_t HeldRecords() const;
+
     bool Failed() const;
     const std::string& ErrorText() const;
     // Bytes written to the target so far (all of the stream after a Flush or Close).

@@ -1,7 +1,8 @@
 // Backup streams on S3 object storage: an `s3://BUCKET/KEY` is written as a multipart
 // upload and read back with ranged GETs. Requests are signed by libcurl
 // (CURLOPT_AWS_SIGV4); every body carries its SHA-256 (x-amz-content-sha256), which the
-// object store checks, so a part damaged on the way is refused, not stored.
+// object store checks (XAmzContentSHA256Mismatch), so a part damaged on the way is
+// refused, not stored.
 #pragma once
 
 #include <atomic>
@@ -57,6 +58,10 @@ public:
     void AbortUpload(const S3Location& at, const std::string& uploadId);
     // Keys of the uploads begun and neither completed nor aborted in `bucket`.
     std::vector<std::string> OpenUploads(const std::string& bucket);
+    // Ids of the uploads of `at` begun and neither completed nor aborted.
+    std::vector<std::string> UploadsOf(const S3Location& at);
+    // A small object in one request (a stream set's manifest).
+    void Put(const S3Location& at, const std::string& data);
     std::vector<std::string> Keys(const std::string& bucket, const std::string& prefix);
 
     uint64_t Size(const S3Location& at);
@@ -74,7 +79,8 @@ private:
 };
 
 // A stream written to an object through a pipe: what is written into fd() is uploaded
-// in parts of kPartBytes by a thread of its own, so the writer needs no notion of S3.
+// in parts of kPartBytes by a thread of its own (one part sent while the next fills:
+// 16 MiB of buffers), so the writer needs no notion of S3.
 // Finish completes the upload; Abort (and the destructor, without Finish) aborts it, so
 // no part is left behind in the store.
 class ObjectWriter {

@@ -85,6 +85,10 @@ TEST(VsdmRun, ExitStatusesAndTheStreamOnStandardOutput) {
                         " | '" VSSTREAM_TOOL "' verify -");
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("complete:"), std::string::npos) << r.output;
+    // Counted as the stream was written: a piped stream is never read back.
+    const std::string err = vstest::ReadAll(home.sub("err.txt"));
+    EXPECT_NE(err.find("VMs 1, disks completed " + std::to_string(s.vm("db01").disks.size())), std::string::npos)
+        << err;
 
     job["items"].push_back({{"path", "nosuchvm"}});
     std::ofstream(home.sub("partial.json")) << job.dump();

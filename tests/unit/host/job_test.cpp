@@ -23,7 +23,7 @@ std::string ErrorOf(const std::string& text) {
     return "";
 }
 
-TEST(JobFile, ParsesOptionsAndNamesTheBadField) {
+TEST(JobFile, ParsesTheOptionsItKnows) {
     const vshost::JobDescription job = vshost::ParseJobText(R"({
         "jobId": 4711, "appId": [3, 9],
         "taskOptions": {"77": "vc1", "76": ""},
@@ -41,25 +41,23 @@ TEST(JobFile, ParsesOptionsAndNamesTheBadField) {
     EXPECT_EQ(job.instanceId, 12u);
     EXPECT_FALSE(vshost::ParseJobText(R"({"jobId": 1})").hasJobOptions);
 
-    EXPECT_NE(ErrorOf("{\"jobId\": 1,").find("job.json: not valid JSON"), std::string::npos);
-    EXPECT_NE(ErrorOf("[1]").find("one JSON object"), std::string::npos);
-    EXPECT_NE(ErrorOf("{}").find("field \"jobId\": missing"), std::string::npos);
-    EXPECT_NE(ErrorOf(R"({"jobId": -4})").find("field \"jobId\""), std::string::npos);
-    EXPECT_NE(ErrorOf(R"({"jobId": 1, "appId": [3]})").find("field \"appId\""), std::string::npos);
-    EXPECT_NE(ErrorOf(R"({"jobId": 1, "taskOptions": {"x77": "a"}})").find("taskOptions.x77"), std::string::npos);
-    EXPECT_NE(ErrorOf(R"({"jobId": 1, "taskOptions": {"77": 5}})").find("taskOptions.77"), std::string::npos);
-    EXPECT_NE(ErrorOf(R"({"jobId": 1, "eventOptions": {"120015": "yes"}})").find("eventOptions.120015"),
-              std::string::npos);
-    EXPECT_NE(ErrorOf(R"({"jobId": 1, "jobOptions": {"virtualServerRestoreOptions": {"instanceId": "12"}}})")
-                  .find("jobOptions.virtualServerRestoreOptions.instanceId"),
-              std::string::npos);
     EXPECT_THROW(vshost::ParseJobFile("/nonexistent/job.json"), std::runtime_error);
 }
 
-// A number its field cannot hold is refused naming the field, never wrapped: job
-// 2^64-1 would run as job -1, option 2^32+77 as option 77.
-TEST(JobFile, NumbersOutOfRangeAreRefusedNotWrapped) {
+// A bad job file is refused naming the field; a number its field cannot hold is never
+// wrapped: job 2^64-1 would run as job -1, option 2^32+77 as option 77.
+TEST(JobFile, BadFieldsAndNumbersOutOfRangeAreRefusedByName) {
     const std::pair<const char*, const char*> cases[] = {
+        {"{\"jobId\": 1,", "job.json: not valid JSON"},
+        {"[1]", "one JSON object"},
+        {"{}", "field \"jobId\": missing"},
+        {R"({"jobId": -4})", "field \"jobId\""},
+        {R"({"jobId": 1, "appId": [3]})", "field \"appId\""},
+        {R"({"jobId": 1, "taskOptions": {"x77": "a"}})", "taskOptions.x77"},
+        {R"({"jobId": 1, "taskOptions": {"77": 5}})", "taskOptions.77"},
+        {R"({"jobId": 1, "eventOptions": {"120015": "yes"}})", "eventOptions.120015"},
+        {R"({"jobId": 1, "jobOptions": {"virtualServerRestoreOptions": {"instanceId": "12"}}})",
+         "jobOptions.virtualServerRestoreOptions.instanceId"},
         {R"({"jobId": 18446744073709551615})", "field \"jobId\""},
         {R"({"jobId": 1, "appId": [3, -9]})", "field \"appId[1]\""},
         {R"({"jobId": 1, "taskOptions": {"4294967373": "vc1"}})", "field \"taskOptions.4294967373\""},

@@ -154,6 +154,38 @@ TEST_F(VDisk, SplitFlatDiskReadsAsOneDiskAndSkipsHoles) {
     }
 }
 
+// Only the data ranges of an extent are read and its holes come as zeros: runs that
+// share an extent, cross into the next one or end the image read back as the image
+// holds them, forwards and in any order.
+TEST_F(VDisk, DataRunsInsideExtentsReadAsTheImageHolds) {
+    const std::string img = File("runs.img", 8 * kExtent);
+    const std::pair<uint64_t, uint64_t> runs[] = {{0, 10},
+                                                  {8192, 4096},
+                                                  {20000, 100},
+                                                  {kExtent - 50, 100},
+                                                  {3 * kExtent + 4096, 8192},
+                                                  {6 * kExtent - 4096, 2 * kExtent},
+                                                  {8 * kExtent - 1, 1}};
+    uint32_t seed = 1;
+    for (const auto& [at, length] : runs) Write(img, at, length, seed++);
+    const auto truth = DataOf(img);
+    CArchiveVirtualDiskFile disk(2);
+    ASSERT_FALSE(disk.Open(img, 1).IsError());
+    EXPECT_EQ(disk.GetAllocatedExtentCount(), truth.size());
+    EXPECT_EQ(Pass(disk), truth);
+    std::vector<bool> bits;
+    CAutoMemory<char> buffer;
+    CArchiveVirtualDiskFile::Context_t ctx;
+    for (auto it = truth.rbegin(); it != truth.rend(); ++it) {
+        ASSERT_FALSE(disk.ReadBlock(buffer, it->first, bits, ctx).IsError());
+        EXPECT_EQ(std::string(buffer.Ptr(), buffer.Size()), it->second) << it->first;
+    }
+    // A hole already probed is not read again, yet an image cut short since still fails.
+    ASSERT_FALSE(disk.ReadBlock(buffer, 2, bits, ctx).IsError());
+    ASSERT_EQ(::truncate(img.c_str(), static_cast<off_t>(2 * kExtent + 100)), 0);
+    EXPECT_NE(disk.ReadBlock(buffer, 2, bits, ctx).AsString().find("cut short"), std::string::npos);
+}
+
 TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
     const std::string img = File("disk.img", 16 * kExtent);
     for (uint64_t n : {1, 3, 4, 9}) Write(img, n * kExtent, kExtent, static_cast<uint32_t>(n));

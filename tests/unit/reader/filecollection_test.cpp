@@ -80,7 +80,7 @@ std::map<std::string, std::optional<std::string>> Tree(const StreamView& s, cons
     for (const Entry* n : Nodes(s)) {
         if (n->path.rfind(disk + "\\", 0) != 0) continue;
         const std::string name = n->path.substr(disk.size() + 1);
-        if (n->As<vshost::CollectionHeaderRecord>().arg15 & FC_ATTRIBUTE_DIRECTORY)
+        if (n->As<vshost::CollectionHeaderRecord>().attributes & FC_ATTRIBUTE_DIRECTORY)
             out[name] = std::nullopt;
         else
             out[name] = n->content;
@@ -179,19 +179,19 @@ TEST_F(FileCollections, WholeVMSendsEveryCollectionDiskNodeByNode) {
         std::replace(local.begin(), local.end(), '\\', '/');
         ASSERT_EQ(::lstat((folder + "/" + local).c_str(), &st), 0) << name;
         EXPECT_EQ(h.size, S_ISDIR(st.st_mode) ? 0u : static_cast<uint64_t>(st.st_size)) << name;
-        EXPECT_EQ(static_cast<uint64_t>(h.arg3), offset) << name;  // where its data lies in the disk
-        EXPECT_EQ(h.arg16, offset + h.size) << name;               // the crossed pair: data end, then parent
+        EXPECT_EQ(static_cast<uint64_t>(h.dataOffset), offset) << name;  // where its data lies in the disk
+        EXPECT_EQ(h.dataEnd, offset + h.size) << name;                   // the crossed pair: data end, then parent
         const size_t cut = name.rfind('\\');
-        EXPECT_EQ(h.arg17, cut == std::string::npos ? 0u : numbers.at(name.substr(0, cut))) << name;
+        EXPECT_EQ(h.parentNode, cut == std::string::npos ? 0u : numbers.at(name.substr(0, cut))) << name;
         const auto ns = [](const timespec& t) { return static_cast<uint64_t>(t.tv_sec) * 1000000000u + t.tv_nsec; };
-        EXPECT_EQ(std::tie(h.arg9, h.arg12, h.arg13, h.arg14),
+        EXPECT_EQ(std::tie(h.fileId, h.ctimeNs, h.atimeNs, h.mtimeNs),
                   std::make_tuple(static_cast<uint64_t>(st.st_ino), ns(st.st_ctim), ns(st.st_atim), ns(st.st_mtim)))
             << name;
-        EXPECT_EQ(std::tie(h.arg18, h.arg19, h.arg20, h.arg21),
+        EXPECT_EQ(std::tie(h.mode, h.uid, h.gid, h.links),
                   std::make_tuple(static_cast<uint32_t>(st.st_mode), static_cast<uint32_t>(st.st_uid),
                                   static_cast<uint32_t>(st.st_gid), static_cast<uint32_t>(st.st_nlink)))
             << name;
-        EXPECT_EQ((h.arg15 & FC_ATTRIBUTE_DIRECTORY) != 0, S_ISDIR(st.st_mode)) << name;
+        EXPECT_EQ((h.attributes & FC_ATTRIBUTE_DIRECTORY) != 0, S_ISDIR(st.st_mode)) << name;
         numbers[name] = i;
         offset += h.size;
     }

@@ -9,7 +9,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,10 +20,6 @@ std::vector<uint64_t> Ids(const Probe& r) {
     std::vector<uint64_t> ids;
     for (const AFileID& a : r.m_afileIds) ids.push_back(a.afileId);
     return ids;
-}
-
-char* Mutable(std::string& s) {
-    return s.data();
 }
 
 // An application the catalog knows, so that the open can settle its restore options.
@@ -50,12 +45,12 @@ TEST_F(ReaderLifecycle, ArchiveFileListAndReferenceCount) {
     EXPECT_TRUE(r.m_afileIds.empty());
 
     std::string empty;
-    EXPECT_EQ(r.PreOpenArchiveFile(Mutable(empty)), -1);
+    EXPECT_EQ(r.PreOpenArchiveFile(empty.data()), -1);
     EXPECT_EQ(r.m_afileRefCount, 0);
 
     // Tokens that are not numbers still count, with id 0.
     std::string list = "12|x|14";
-    EXPECT_EQ(r.PreOpenArchiveFile(Mutable(list)), 0);
+    EXPECT_EQ(r.PreOpenArchiveFile(list.data()), 0);
     EXPECT_EQ(Ids(r), (std::vector<uint64_t>{12, 0, 14}));
     EXPECT_EQ(r.m_afileRefCount, 3);
     EXPECT_TRUE(log.Contains("DataReaderVSBase::PreOpenArchiveFile AFileList:[12|x|14]"));
@@ -63,21 +58,21 @@ TEST_F(ReaderLifecycle, ArchiveFileListAndReferenceCount) {
 
     // A list that was not closed stays; the count restarts with the new list.
     std::string more = "15|7abc";
-    EXPECT_EQ(r.PreOpenArchiveFile(Mutable(more)), 0);
+    EXPECT_EQ(r.PreOpenArchiveFile(more.data()), 0);
     EXPECT_EQ(Ids(r), (std::vector<uint64_t>{12, 0, 14, 15, 7}));
     EXPECT_EQ(r.m_afileRefCount, 2);
 
     // Large ids are kept whole.
     Probe big(&event);
     std::string wide = "8589934593";
-    EXPECT_EQ(big.PreOpenArchiveFile(Mutable(wide)), 0);
+    EXPECT_EQ(big.PreOpenArchiveFile(wide.data()), 0);
     EXPECT_EQ(Ids(big), (std::vector<uint64_t>{8589934593ULL}));
 }
 
 TEST_F(ReaderLifecycle, CloseCountsDownAndUnmountsOnlyAtZero) {
     Probe r(&event);
     std::string list = "7|8|9";
-    ASSERT_EQ(r.PreOpenArchiveFile(Mutable(list)), 0);
+    ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
     MountCtx snap;
     snap.afileIds = {7, 8, 9};
     snap.nClientId = 3;
@@ -111,9 +106,12 @@ TEST_F(ReaderLifecycle, CloseCountsDownAndUnmountsOnlyAtZero) {
     EXPECT_TRUE(log.Contains("UnMounting snapshot for archive file Id [7]"));
 }
 
-TEST_F(ReaderLifecycle, OpenWithoutListAddsTheOpenedArchiveFile) {
+// The open settles the copy precedence from the catalog; with no list pre-opened it
+// takes the archive file it opens as its list.
+TEST_F(ReaderLifecycle, OpenWithoutListAddsTheOpenedArchiveFileAndSettlesTheCopyPrecedence) {
     vshost::settings::Set("Log", "nDATAREADERVSEXT", "2");
     AddApp(3, 9);
+    vshost::Catalog().AddCopy(4, 2, 7);
     Probe r(&event);
     ASSERT_EQ(r.Initialize(), 0);
     r.m_bSnapRestore = false;
@@ -124,6 +122,8 @@ TEST_F(ReaderLifecycle, OpenWithoutListAddsTheOpenedArchiveFile) {
     init.jobId = 4711;
     DMOpenArchiveParams open;
     open.archiveFileId = 55;
+    open.archGroupId = 4;
+    open.copyId = 2;
     EXPECT_EQ(r.OpenArchiveFile(init, open), 0);
     EXPECT_EQ(Ids(r), (std::vector<uint64_t>{55}));
     EXPECT_EQ(r.m_afileRefCount, 1);
@@ -132,10 +132,20 @@ TEST_F(ReaderLifecycle, OpenWithoutListAddsTheOpenedArchiveFile) {
         log.Contains("DataReaderVSBase::OpenArchiveFile: ArchiveFileIDList found empty. Adding archFileId: [55]"));
     EXPECT_TRUE(log.Contains("Non-snap restore"));
     EXPECT_NE(r.m_pVMInfo, nullptr);
+    EXPECT_EQ(r.GetCopyPrecedence(), 7u);
+    EXPECT_TRUE(log.Contains("Converting Copy ID: [2], ArchGroup: [4]"));
+    EXPECT_TRUE(log.Contains("Copy Precedence: [7]"));
 
     // The next open of the same list does not add it again.
+    open.copyId = 3;
     EXPECT_EQ(r.OpenArchiveFile(init, open), 0);
     EXPECT_EQ(r.m_afileRefCount, 1);
+    // Even with the reader's lines turned off, the failure line appears.
+    vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");
+    log.Clear();
+    EXPECT_EQ(r.GetCopyPrecedence(), 0u);
+    EXPECT_TRUE(log.Contains("Failed to convert to copy precedence. Return: ["));
+    EXPECT_FALSE(log.Contains("Converting Copy ID"));
 
     EXPECT_EQ(r.Close(1), 0);
     EXPECT_EQ(r.m_pVMInfo, nullptr);
@@ -331,29 +341,31 @@ TEST_F(ReaderLifecycle, TempMountPointRemovalFailureAndDiskFilters) {
     EXPECT_EQ(filters[1].nFilterType, 7);
 }
 
-TEST_F(ReaderLifecycle, CopyPrecedenceFromTheCatalog) {
-    vshost::Catalog().AddCopy(4, 2, 7);
-    AddApp(0, 0);
+TEST_F(ReaderLifecycle, SnapMountPathJoinsTheFourValuesAndPrintsThemWithoutThePassword) {
     Probe r(&event);
-    DMInitParams init;
-    DMOpenArchiveParams open;
-    open.archGroupId = 4;
-    open.copyId = 2;
-    r.m_bSnapRestore = false;
-    ASSERT_EQ(r.Initialize(), 0);
-    ASSERT_EQ(r.OpenArchiveFile(init, open), 0);
-    EXPECT_EQ(r.GetCopyPrecedence(), 7u);
-    EXPECT_TRUE(log.Contains("Converting Copy ID: [2], ArchGroup: [4]"));
-    EXPECT_TRUE(log.Contains("Copy Precedence: [7]"));
+    EXPECT_EQ(r.getSnapMountPath(), "{vcname:,esxname:,username:,password:}");
+    r.PrintSnapMountPath(r.getSnapMountPath());
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::PrintSnapMountPath: MountPath VC:[] ESX:[] User:[][0]"));
 
-    open.copyId = 3;
-    ASSERT_EQ(r.OpenArchiveFile(init, open), 0);
-    // Even with the reader's lines turned off, the failure line appears.
-    vshost::settings::Set("Log", "nDATAREADERVSEXT", "0");
-    log.Clear();
-    EXPECT_EQ(r.GetCopyPrecedence(), 0u);
-    EXPECT_TRUE(log.Contains("Failed to convert to copy precedence. Return: ["));
-    EXPECT_FALSE(log.Contains("Converting Copy ID"));
+    r.m_sVCName = "vc1";
+    r.m_sESXServerName = "esx7";
+    r.m_sUserName = "DOM\\admin";
+    r.m_sPassword = "c3RvcmVk";
+    const std::string path = r.getSnapMountPath();
+    EXPECT_EQ(path, "{vcname:vc1,esxname:esx7,username:DOM\\admin,password:c3RvcmVk}");
+    r.PrintSnapMountPath(path);
+    EXPECT_TRUE(log.Contains("MountPath VC:[vc1] ESX:[esx7] User:[DOM\\admin][8]"));
+
+    // Values are not escaped: a "," ends the VC when printed, a "}" ends the password.
+    r.m_sVCName = "vc,1";
+    r.m_sPassword = "ab}cd";
+    r.PrintSnapMountPath(r.getSnapMountPath());
+    EXPECT_TRUE(log.Contains("MountPath VC:[vc] ESX:[esx7] User:[DOM\\admin][2]"));
+
+    // Missing markers leave their fields empty; the others are still read.
+    r.PrintSnapMountPath("{vcname:only,password:xyz}");
+    EXPECT_TRUE(log.Contains("MountPath VC:[only] ESX:[] User:[][3]"));
+    for (const std::string& line : log.Lines()) EXPECT_EQ(line.find("c3RvcmVk"), std::string::npos) << line;
 }
 
 }  // namespace

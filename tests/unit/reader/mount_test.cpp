@@ -129,8 +129,10 @@ TEST_F(Mounts, TheLibraryIsHandedTheContextsOfTheMounts) {
     const nlohmann::json& snap = ctx[0];
     const nlohmann::json& mount = ctx[1];
     const std::string path = "{vcname:vc1,esxname:esx-proxy,username:admin,password:c3RvcmVkLWZvcm0=}";
-    // The ESX host is copied before the configured proxy replaces it for the path.
+    // The ESX host is copied before the configured proxy replaces it for the path (and
+    // for every later caller).
     EXPECT_EQ(r.m_sESXServerName, "esx-proxy");
+    EXPECT_TRUE(log.Contains("DataReaderVSBase::getSnapMountPath: Proxy ESX:[esx-proxy] found in the registry"));
     // clang-format off
     const std::vector<std::pair<const char*, nlohmann::json>> expectSnap = {
         {"op", "MountSnap"}, {"nSnapEngineId", sample.snapEngineId}, {"bMountRequest", true}, {"nHubcellId", 77},

@@ -15,10 +15,7 @@ class VMInfoBinding : public ::testing::Test {
 protected:
     void SetUp() override {
         vshost::settings::Set("Log", "nVMINFO", "2");
-        vshost::AppRecord app;
-        app.appId1 = 3;
-        app.appId2 = 9;
-        catalog.AddApplication(app);
+        App(0, "");
         m_ProxyDecryptedPassword.clear();
     }
     void TearDown() override {
@@ -26,14 +23,18 @@ protected:
         m_ProxyDecryptedPassword.clear();
     }
 
-    // The job's task names the server, ESX host, user and stored password.
-    void Task(int instanceType, const std::string& server, const std::string& user, const std::string& password) {
+    // The application 3:9 the reader opens.
+    void App(int instanceType, const std::string& server) {
         vshost::AppRecord app;
         app.appId1 = 3;
         app.appId2 = 9;
         app.instanceType = instanceType;
         app.serverHostName = server;
         catalog.AddApplication(app);
+    }
+    // The job's task names the server, ESX host, user and stored password.
+    void Task(int instanceType, const std::string& server, const std::string& user, const std::string& password) {
+        App(instanceType, server);
         vshost::JobDescription job;
         job.jobId = kJob;
         job.taskOptions = {

@@ -1,0 +1,328 @@
+// Streams on a real S3 object store (scripts/s3-test-server): vsdm run and backup write
+// them, vsstream reads them back; a store that goes away mid-run fails the job and
+// records nothing; nothing is left in the bucket but whole objects.
+#include "run_support.h"
+#include "s3_server.h"
+
+#include "hostapi/appmgr.h"
+#include "vshost/changetrack.h"
+#include "vshost/home.h"
+#include "vsobj/s3.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <thread>
+
+namespace {
+
+using vstest::RunResult;
+using vstest::Shell;
+using vstest::Tree;
+
+const std::string kVsdm = vstest::Vsdm();
+const std::string kVsstream = vstest::Vsstream();
+
+::testing::Environment* const g_s3 = ::testing::AddGlobalTestEnvironment(new vstest::S3Server);
+
+std::string Bucket() {
+    static const std::string bucket = [] {
+        const std::string name = "vsdm-" + std::to_string(::getpid());
+        vsobj::S3Client(vsobj::SettingsFromEnvironment()).CreateBucket(name);
+        return name;
+    }();
+    return bucket;
+}
+
+std::string Url(const std::string& key) {
+    return "s3://" + Bucket() + "/" + key;
+}
+
+std::vector<std::string> OpenUploads() {
+    return vsobj::S3Client(vsobj::SettingsFromEnvironment()).OpenUploads(Bucket());
+}
+
+bool ObjectExists(const std::string& key) {
+    try {
+        vsobj::S3Client(vsobj::SettingsFromEnvironment()).Size({Bucket(), key});
+        return true;
+    } catch (const vsobj::S3Error&) {
+        return false;
+    }
+}
+
+std::vector<std::string> Items(const vssample::SampleSnapshot& s) {
+    return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
+}
+
+size_t RecordedDisks(int64_t job) {
+    return vshost::changetrack::JobDisks(job).size();
+}
+
+// The store's network end as vsdm sees it: bytes pass both ways to the real gateway
+// until the client has sent `cutAfter` of them; then every connection is dropped and no
+// new one is taken, as when the store's process is killed, or (`damage`) one byte of a
+// request body sent after that point is flipped on its way, once. A true process
+// boundary; the store behind it stays up for the other tests.
+class StoreThatDies {
+public:
+    explicit StoreThatDies(size_t cutAfter, bool damage = false) : m_cutAfter(cutAfter), m_damage(damage) {
+        const std::string endpoint = std::getenv("AWS_ENDPOINT_URL");
+        m_upstreamPort = std::stoi(endpoint.substr(endpoint.rfind(':') + 1));
+        m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        if (::bind(m_listen, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(m_listen, 8) != 0 ||
+            ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+            throw std::runtime_error("relay: cannot listen");
+        m_port = ntohs(a.sin_port);
+        m_thread = std::thread([this] { Loop(); });
+    }
+    ~StoreThatDies() {
+        m_stop = true;
+        m_thread.join();
+    }
+    std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+    bool died() const { return m_died; }
+    bool damaged() const { return m_damaged; }
+
+private:
+    int Upstream() const {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(static_cast<uint16_t>(m_upstreamPort));
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+            ::close(fd);
+            return -1;
+        }
+        return fd;
+    }
+    void Loop() {
+        std::vector<std::pair<int, int>> pairs;  // client, store
+        size_t sent = 0;
+        char buf[65536];
+        while (!m_stop && !m_died) {
+            std::vector<pollfd> fds{{m_listen, POLLIN, 0}};
+            for (const auto& [c, u] : pairs) {
+                fds.push_back({c, POLLIN, 0});
+                fds.push_back({u, POLLIN, 0});
+            }
+            if (::poll(fds.data(), fds.size(), 50) <= 0) continue;
+            if (fds[0].revents & POLLIN) {
+                const int c = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
+                const int u = c >= 0 ? Upstream() : -1;
+                if (u >= 0)
+                    pairs.emplace_back(c, u);
+                else if (c >= 0)
+                    ::close(c);
+            }
+            for (size_t i = 0; i < pairs.size() && !m_died; ++i) {
+                for (int side = 0; side < 2; ++side) {
+                    if (!(fds[1 + 2 * i + side].revents & (POLLIN | POLLHUP))) continue;
+                    const int from = side == 0 ? pairs[i].first : pairs[i].second;
+                    const int to = side == 0 ? pairs[i].second : pairs[i].first;
+                    const ssize_t n = ::read(from, buf, sizeof buf);
+                    if (n <= 0) {
+                        ::shutdown(to, SHUT_WR);
+                        continue;
+                    }
+                    if (side == 0 && (sent += static_cast<size_t>(n)) > m_cutAfter && !m_damaged) {
+                        // A full read deep into a body is body bytes, never headers.
+                        if (!m_damage) {
+                            m_died = true;
+                            break;
+                        }
+                        if (n == sizeof buf && sent > m_cutAfter + 4 * sizeof buf) {
+                            buf[n - 1] = static_cast<char>(buf[n - 1] ^ 1);
+                            m_damaged = true;
+                        }
+                    }
+                    (void)!::write(to, buf, static_cast<size_t>(n));
+                }
+            }
+        }
+        // Gone: every connection reset, the port closed.
+        for (const auto& [c, u] : pairs) {
+            const linger hard{1, 0};
+            ::setsockopt(c, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+            ::close(c);
+            ::close(u);
+        }
+        ::close(m_listen);
+    }
+
+    size_t m_cutAfter;
+    bool m_damage;
+    std::atomic<bool> m_damaged{false};
+    int m_upstreamPort = 0, m_listen = -1, m_port = 0;
+    std::atomic<bool> m_stop{false}, m_died{false};
+    std::thread m_thread;
+};
+
+}  // namespace
+
+TEST(VsdmObjectStore, StreamsAndSetsGoToObjectsAndRestoreAsLocalOnes) {
+    VS_NEEDS_S3();
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    for (int job : {61, 62, 63})
+        std::ofstream(home.sub(std::to_string(job) + ".json"))
+            << vstest::SampleJob(home, s, job, Items(s), true).dump();
+    // The keys from the home's settings, the secret in its stored form; the AWS_*
+    // variables of the endpoint alone.
+    const std::string secret = vstest::Secret(std::getenv("AWS_SECRET_ACCESS_KEY"));
+    vshost::settings::Set("ObjectStore", "sAccessKey", std::getenv("AWS_ACCESS_KEY_ID"));
+    vshost::settings::Set("ObjectStore", "sSecretKey", vsAppMgr::encryptPassword(secret));
+    vshost::settings::Save();
+    const std::string keysFromHome = "env -u AWS_ACCESS_KEY_ID -u AWS_SECRET_ACCESS_KEY " + kVsdm;
+
+    RunResult r = Shell(kVsdm + " run " + home.sub("61.json") + " --out " + home.sub("local.stream"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = Shell(keysFromHome + " run " + home.sub("62.json") + " --out " + Url("jobs/62.stream"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("VMs 3, disks completed 4"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("stream " + Url("jobs/62.stream") + ": complete"), std::string::npos) << r.output;
+    EXPECT_EQ(RecordedDisks(62), 4u);
+    r = Shell(kVsdm + " run " + home.sub("63.json") + " --streams 2 --out " + Url("jobs/63.set"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("(2 streams): complete"), std::string::npos) << r.output;
+    EXPECT_EQ(RecordedDisks(63), 4u);
+    EXPECT_TRUE(ObjectExists("jobs/63.set.1") && ObjectExists("jobs/63.set.2"));
+
+    r = Shell(kVsstream + " verify " + Url("jobs/63.set"));
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("streams: 2 of 2 read, complete"), std::string::npos) << r.output;
+    const struct {
+        std::string from, to;
+    } restores[] = {{home.sub("local.stream"), "r0"}, {Url("jobs/62.stream"), "r1"}, {Url("jobs/63.set"), "r2"}};
+    for (const auto& [from, to] : restores) {
+        r = Shell(kVsstream + " restore " + from + " --to " + home.sub(to));
+        ASSERT_EQ(r.status, 0) << from << ": " << r.output;
+    }
+    const auto local = Tree(home.sub("r0"));
+    EXPECT_GT(local.size(), 10u);
+    EXPECT_TRUE(local == Tree(home.sub("r1")));
+    EXPECT_TRUE(local == Tree(home.sub("r2")));
+
+    // A set missing a member is incomplete, as a local one is.
+    vsobj::S3Client(vsobj::SettingsFromEnvironment()).Delete({Bucket(), "jobs/63.set.2"});
+    r = Shell(kVsstream + " verify " + Url("jobs/63.set"));
+    EXPECT_EQ(r.status, 2) << r.output;
+    EXPECT_NE(r.output.find("jobs/63.set.2 is missing"), std::string::npos) << r.output;
+
+    // vsdm backup writes an object too; a secret that does not decrypt is refused, not
+    // sent.
+    const std::string vols = home.sub("Snapshots/" + std::to_string(s.snapJobId)), h2 = home.sub("h2");
+    r = Shell(kVsdm + " snapshot add --home " + h2 + " --snap-job 77 ds1=" + vols + "/ds1 ds2=" + vols + "/ds2");
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = Shell(kVsdm + " backup --home " + h2 + " --snapshot 77 --vm web01 --vm db01 --out " + Url("backup.stream"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = Shell(kVsstream + " verify " + Url("backup.stream"));
+    EXPECT_EQ(r.status, 0) << r.output;
+    std::ofstream(h2 + "/settings.ini", std::ios::app) << "[ObjectStore]\nsSecretKey=bm90IGEgc3RvcmVkIGZvcm0=\n";
+    r = Shell(keysFromHome + " backup --home " + h2 + " --snapshot 77 --out " + Url("backup2.stream"));
+    EXPECT_EQ(r.status, 2) << r.output;
+    EXPECT_NE(r.output.find("sSecretKey does not decrypt"), std::string::npos) << r.output;
+    EXPECT_FALSE(ObjectExists("backup2.stream"));
+    EXPECT_EQ(OpenUploads(), std::vector<std::string>{});
+}
+
+TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGoesOn) {
+    VS_NEEDS_S3();
+    vstest::TempHome home;
+    const vssample::SampleSnapshot s = vssample::GenerateSample();
+    for (int job : {71, 72, 73})
+        std::ofstream(home.sub(std::to_string(job) + ".json"))
+            << vstest::SampleJob(home, s, job, Items(s), true).dump();
+    const std::string out = " --out " + Url("faults/71.stream");
+
+    // No store at all: the job cannot start, and says why.
+    RunResult r = Shell("AWS_ENDPOINT_URL=http://127.0.0.1:1 " + kVsdm + " run " + home.sub("71.json") + out);
+    EXPECT_EQ(r.status, 2) << r.output;
+    EXPECT_NE(r.output.find("object storage: "), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("Couldn't connect"), std::string::npos) << r.output;
+
+    // The store dies once the upload has begun, before the stream's bytes are stored.
+    {
+        StoreThatDies store(4096);
+        r = Shell("AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " run " + home.sub("71.json") + out);
+        EXPECT_TRUE(store.died());
+    }
+    EXPECT_EQ(r.status, 3) << r.output;
+    EXPECT_NE(r.output.find("the stream could not be written: object storage: PUT " + Url("faults/71.stream")),
+              std::string::npos)
+        << r.output;
+    EXPECT_NE(r.output.find("4 completed disk(s) not recorded: the stream was not stored"), std::string::npos)
+        << r.output;
+    EXPECT_NE(r.output.find("INCOMPLETE"), std::string::npos) << r.output;
+    EXPECT_EQ(RecordedDisks(71), 0u);
+    EXPECT_FALSE(ObjectExists("faults/71.stream"));
+    // Its upload could not be aborted with the store gone; nothing else is left.
+    EXPECT_EQ(OpenUploads(), std::vector<std::string>{"faults/71.stream"});
+    r = Shell(kVsdm + " run " + home.sub("71.json") + " --resume " + Url("faults/71.stream") + " --out " +
+              Url("faults/71b.stream"));
+    EXPECT_EQ(r.status, 64) << r.output;
+    EXPECT_NE(r.output.find("is not on the object store"), std::string::npos) << r.output;
+
+    // A part damaged on its way is refused by the store, which checks each body's
+    // SHA-256; the upload is aborted and nothing recorded.
+    {
+        StoreThatDies store(4096, true);
+        r = Shell("AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " run " + home.sub("71.json") + out);
+        EXPECT_TRUE(store.damaged());
+    }
+    EXPECT_EQ(r.status, 3) << r.output;
+    EXPECT_NE(r.output.find("400 XAmzContentSHA256Mismatch"), std::string::npos) << r.output;
+    EXPECT_EQ(RecordedDisks(71), 0u);
+    EXPECT_FALSE(ObjectExists("faults/71.stream"));
+
+    // The next run of the key goes on, and takes the dead attempt's upload away.
+    r = Shell(kVsdm + " run " + home.sub("71.json") + out);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(RecordedDisks(71), 4u);
+    EXPECT_EQ(OpenUploads(), std::vector<std::string>{});
+
+    // A job that does not start stores no object; one with a failed item stores its
+    // stream, which the next attempt resumes from, through the store.
+    vshost::settings::Set("VMInfoFaults", "MountSnap", "30");
+    vshost::settings::Save();
+    r = Shell(kVsdm + " run " + home.sub("72.json") + " --out " + Url("faults/72.stream"));
+    EXPECT_EQ(r.status, 2) << r.output;
+    EXPECT_FALSE(ObjectExists("faults/72.stream"));
+    vshost::settings::Erase("VMInfoFaults", "MountSnap");
+    vshost::settings::Set("VDiskFaults", "web01.vmdk", "3");
+    vshost::settings::Save();
+    r = Shell(kVsdm + " run " + home.sub("73.json") + " --out " + Url("faults/73a.stream"));
+    EXPECT_EQ(r.status, 1) << r.output;
+    const size_t firstAttempt = RecordedDisks(73);
+    EXPECT_GT(firstAttempt, 0u);
+    EXPECT_LT(firstAttempt, 4u);
+    vshost::settings::Erase("VDiskFaults", "web01.vmdk");
+    vshost::settings::Save();
+    r = Shell(kVsdm + " run " + home.sub("73.json") + " --resume " + Url("faults/73a.stream") + " --out " +
+              Url("faults/73b.stream"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("going on from where the stopped attempt left them"), std::string::npos) << r.output;
+    EXPECT_EQ(RecordedDisks(73), 4u);
+    r = Shell(kVsstream + " restore " + Url("faults/73a.stream") + " --to " + home.sub("r"));
+    EXPECT_EQ(r.status, 0) << r.output;
+    r = Shell(kVsstream + " restore " + Url("faults/73b.stream") + " --onto " + home.sub("r"));
+    EXPECT_EQ(r.status, 0) << r.output;
+    r = Shell(kVsdm + " run " + home.sub("72.json") + " --out " + home.sub("whole.stream"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = Shell(kVsstream + " restore " + home.sub("whole.stream") + " --to " + home.sub("w"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(Tree(home.sub("w")) == Tree(home.sub("r")));
+}

@@ -1,0 +1,141 @@
+#include "objecttarget.h"
+
+#include "hostapi/appmgr.h"
+#include "vshost/home.h"
+#include "vshost/streamset.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+namespace vsdm {
+
+namespace {
+
+// The AWS_* variable when set, else the home's setting.
+std::string Setting(const char* variable, const char* key) {
+    if (const char* v = std::getenv(variable); v && *v) return v;
+    std::string value;
+    return vshost::settings::Get("ObjectStore", key, value) ? value : std::string();
+}
+
+}  // namespace
+
+bool IsObject(const std::string& path, vsobj::S3Location* at) {
+    vsobj::S3Location here;
+    try {
+        const bool object = vsobj::ParseS3Url(path, here);
+        if (object && at) *at = here;
+        return object;
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(e.what());
+    }
+}
+
+vsobj::S3Settings ObjectStoreSettings() {
+    vsobj::S3Settings s;
+    s.endpoint = Setting("AWS_ENDPOINT_URL", "sEndpoint");
+    if (const std::string region = Setting("AWS_REGION", "sRegion"); !region.empty()) s.region = region;
+    s.accessKey = Setting("AWS_ACCESS_KEY_ID", "sAccessKey");
+    if (const char* v = std::getenv("AWS_SECRET_ACCESS_KEY"); v && *v) {
+        s.secretKey = v;
+    } else if (std::string stored; vshost::settings::Get("ObjectStore", "sSecretKey", stored) && !stored.empty()) {
+        // Kept as vshost-passwd makes it, under the home's key.
+        if (vsAppMgr().decryptPassword(stored, &s.secretKey) != 0)
+            throw std::runtime_error(
+                "object storage: [ObjectStore] sSecretKey does not decrypt under this home's key (store it with "
+                "vshost-passwd --home of this home)");
+    }
+    for (const auto& [value, what] : {std::pair{&s.endpoint, "AWS_ENDPOINT_URL or [ObjectStore] sEndpoint"},
+                                      std::pair{&s.accessKey, "AWS_ACCESS_KEY_ID or [ObjectStore] sAccessKey"},
+                                      std::pair{&s.secretKey, "AWS_SECRET_ACCESS_KEY or [ObjectStore] sSecretKey"}})
+        if (value->empty()) throw std::runtime_error(std::string("object storage: no ") + what + " is set");
+    while (!s.endpoint.empty() && s.endpoint.back() == '/') s.endpoint.pop_back();
+    return s;
+}
+
+std::unique_ptr<Target> OpenTarget(const std::string& out) {
+    vsobj::S3Location at;
+    if (IsObject(out, &at)) return std::make_unique<ObjectTarget>(at);
+    return std::make_unique<StreamTarget>(out);
+}
+
+ObjectTarget::ObjectTarget(const vsobj::S3Location& at) {
+    const vsobj::S3Settings settings = ObjectStoreSettings();
+    vsobj::S3Client client(settings);
+    for (const std::string& id : client.UploadsOf(at)) client.AbortUpload(at, id);
+    m_writer = std::make_unique<vsobj::ObjectWriter>(settings, at);
+}
+
+bool ObjectTarget::Publish(std::string& why) {
+    if (!m_writer) return true;
+    const bool stored = m_writer->Finish(why);
+    m_writer.reset();
+    return stored;
+}
+
+void ObjectTarget::Discard() {
+    if (m_writer) m_writer->Abort();
+    m_writer.reset();
+}
+
+StreamSource::StreamSource(const std::string& path) {
+    vsobj::S3Location at;
+    if (IsObject(path, &at)) {
+        try {
+            m_object = std::make_unique<vsobj::ObjectReader>(ObjectStoreSettings(), at);
+        } catch (const std::exception& e) {
+            throw UsageError("cannot open the stream " + path + ": " + e.what());
+        }
+        return;
+    }
+    m_file = vshost::Fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!m_file.valid()) throw UsageError("cannot open the stream " + path + ": " + std::strerror(errno));
+}
+
+bool StreamExists(const std::string& path) {
+    vsobj::S3Location at;
+    if (!IsObject(path, &at)) {
+        std::error_code ec;
+        return std::filesystem::exists(path, ec);
+    }
+    try {
+        vsobj::S3Client(ObjectStoreSettings()).Size(at);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+bool PublishStreamSet(const std::string& path, const vshost::StreamSet& set, std::string& why) {
+    vsobj::S3Location at;
+    if (!IsObject(path, &at)) return vshost::WriteStreamSet(path, set, why) && SyncFolderOf(path, why);
+    try {
+        vsobj::S3Client(ObjectStoreSettings()).Put(at, vshost::StreamSetText(set));
+        return true;
+    } catch (const std::exception& e) {
+        why = std::string("cannot write the stream set: ") + e.what();
+        return false;
+    }
+}
+
+void RemoveStream(const std::string& path) {
+    vsobj::S3Location at;
+    if (IsObject(path, &at)) {
+        try {
+            vsobj::S3Client(ObjectStoreSettings()).Delete(at);
+        } catch (const std::exception&) {
+            // None there, or the store is away: the run's own upload fails then, and says so.
+        }
+        return;
+    }
+    // Anything but a regular file (a FIFO a consumer reads) is written to as a single run would.
+    std::error_code ec;
+    if (std::filesystem::is_regular_file(std::filesystem::symlink_status(path, ec))) std::filesystem::remove(path, ec);
+}
+
+}  // namespace vsdm
