@@ -61,6 +61,18 @@ nlohmann::json JobJson(const vssample::SampleSnapshot& s, int64_t jobId, const s
     return job;
 }
 
+// A configuration file without the lines that name disk files: a restore points a .vmx
+// at its disks as restored.
+std::string WithoutDiskNames(const std::string& text) {
+    std::string out;
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = std::min(text.find('\n', at), text.size());
+        if (text.substr(at, end - at).find(".fileName") == std::string::npos) out += text.substr(at, end + 1 - at);
+        at = end + 1;
+    }
+    return out;
+}
+
 // Compares what `dir` holds for each VM with the sample's files; counts mismatches.
 int Compare(const vssample::SampleSnapshot& s, const std::string& dir, std::ostream& out, bool configs) {
     int bad = 0;
@@ -68,13 +80,16 @@ int Compare(const vssample::SampleSnapshot& s, const std::string& dir, std::ostr
         const std::string base = dir + "/" + vm.biosUuid + "/";
         if (configs && vm.name != "fs01")
             for (const std::string& f : vm.configFiles)
-                if (ReadAll(base + f) != ReadAll(vm.folder + "/" + f)) {
+                if (WithoutDiskNames(ReadAll(base + f)) != WithoutDiskNames(ReadAll(vm.folder + "/" + f))) {
                     out << "  MISMATCH " << vm.name << "/" << f << "\n";
                     ++bad;
                 }
         for (const auto& d : vm.disks) {
             if (d.backupType != 1) continue;
-            const bool same = ReadAll(base + d.name) == SourceDisk(d.path);
+            // A VMDK is restored as one: its bytes are in its flat file.
+            const std::string bytes =
+                d.name.ends_with(".vmdk") ? d.name.substr(0, d.name.size() - 5) + "-flat.vmdk" : d.name;
+            const bool same = ReadAll(base + bytes) == SourceDisk(d.path);
             out << "  " << (same ? "same    " : "MISMATCH") << " " << vm.name << "/" << d.name << " (" << d.size
                 << " bytes)\n";
             bad += same ? 0 : 1;
@@ -169,7 +184,7 @@ std::string AddChainVM(const vssample::SampleSnapshot& s, std::ostream& out) {
 
 // The chain VM's restored disk against the chain at its VM snapshot, as qemu reads it.
 int CompareChain(const std::string& folder, const std::string& restore, std::ostream& out) {
-    const bool same = Shell("qemu-img compare -q -f raw '" + restore + "/" + kChainVM + "/base.qcow2' -F qcow2 '" +
+    const bool same = Shell("qemu-img compare -q -f qcow2 '" + restore + "/" + kChainVM + "/base.qcow2' -F qcow2 '" +
                                 folder + "/top1.qcow2'",
                             out) == 0;
     out << "  " << (same ? "same    " : "MISMATCH") << " kvm01/base.qcow2 (the qcow2 chain at its VM snapshot)\n";

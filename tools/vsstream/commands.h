@@ -1,6 +1,8 @@
 // The vsstream commands, callable without the command line.
 #pragma once
 
+#include "imagesink.h"
+#include "streamindex.h"
 #include "vscodec/streamreader.h"
 
 #include <ostream>
@@ -21,10 +23,17 @@ enum ExitCode : int {
 
 // Each reads the stream from `fd` to its end or its first fault.
 int RunList(int fd, std::ostream& out, std::ostream& err);
-int RunVerify(int fd, std::ostream& out, std::ostream& err);
+// `path` names the stream file (empty for a pipe): its index, when there is one, must
+// match the stream; `built` receives the index the stream's records give.
+int RunVerify(int fd, std::ostream& out, std::ostream& err, const std::string& path = "", StreamIndex* built = nullptr);
+// Reads every disk of a chain (a full, then its incrementals) through the indexes, as
+// serve does, and checks each extent against the digest its index recorded.
+int RunDeepVerify(const std::vector<std::string>& chain, const std::vector<const StreamIndex*>& built,
+                  std::ostream& out, std::ostream& err);
 // `force` applies an incremental disk whose base change id is not the one the restore
-// folder records for its image.
-int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err, bool force = false);
+// folder records for its image; `format` is what disk images are restored as.
+int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err, bool force = false,
+               ImageFormat format = ImageFormat::Native);
 
 // A stream to read, by the name it is reported under.
 struct StreamInput {
@@ -35,7 +44,12 @@ struct StreamInput {
 // folder; with more than one, each problem line names its stream. The exit code is the
 // worst of theirs.
 int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err,
-                  bool force = false);
+                  bool force = false, ImageFormat format = ImageFormat::Native);
+
+// `vsstream serve`: replaces this process with nbdkit exporting `disk` of the chain
+// `streams` (oldest first) on the Unix socket `socket`; returns only when it cannot.
+int RunServe(const std::vector<std::string>& streams, const std::string& disk, const std::string& socket,
+             std::ostream& err);
 
 // The worse of two exit codes: unreadable, then corrupt, then incomplete, then sound.
 int WorseCode(int a, int b);

@@ -204,11 +204,14 @@ bool Open(const std::vector<std::string>& names, Inputs& in) {
 
 // The command line, once parsed.
 struct Command {
-    enum Kind { kList, kVerify, kRestore } kind = kList;
+    enum Kind { kList, kVerify, kRestore, kIndex, kServe } kind = kList;
     std::vector<std::string> names;
     std::string folder;  // --to or --onto
     bool fresh = false;  // --to: a new restore folder
     bool force = false;
+    bool deep = false;         // verify: the streams are a chain, read through the index
+    std::string disk, socket;  // serve
+    vsstream::ImageFormat format = vsstream::ImageFormat::Native;
 };
 
 constexpr int kGoOn = -1;
@@ -226,8 +229,19 @@ int Parse(int argc, char** argv, Command& cmd) {
     const char* what = "stream files or stream sets, or - for standard input";
     CLI::App* list = app.add_subcommand("list", "one line per entry: kind, size, data and hole bytes, name");
     list->add_option("STREAM", cmd.names, what)->required();
-    CLI::App* verify = app.add_subcommand("verify", "check every record, the entry structure and the trailer");
+    CLI::App* verify = app.add_subcommand(
+        "verify", "check every record, the entry structure, the trailer and the stream's index if it has one");
     verify->add_option("STREAM", cmd.names, what)->required();
+    verify->add_flag("--deep", cmd.deep,
+                     "the streams are a full and its incrementals, oldest first: read every disk of the chain "
+                     "through the index as serve does and check each extent against the digest recorded for it");
+    CLI::App* index = app.add_subcommand("index", "write the index of a stream file beside it (STREAM.idx)");
+    index->add_option("STREAM", cmd.names, "stream files")->required();
+    CLI::App* serve = app.add_subcommand(
+        "serve", "export one disk of a full backup and its incrementals (oldest first) read-only over NBD");
+    serve->add_option("STREAM", cmd.names, "stream files, each with its index")->required();
+    serve->add_option("--disk", cmd.disk, "the disk: \\VM\\DISK, VM/DISK, or its name alone")->required();
+    serve->add_option("--socket", cmd.socket, "the Unix socket to serve on")->required();
     CLI::App* restore = app.add_subcommand("restore", "rebuild files and sparse disk images below a folder");
     restore->add_option("STREAM", cmd.names, what)->required();
     CLI::Option* toOpt = restore->add_option("--to", to, "a new restore folder (missing or empty)");
@@ -237,6 +251,14 @@ int Parse(int argc, char** argv, Command& cmd) {
     restore->add_flag("--force", cmd.force,
                       "apply an incremental disk even when its base change id is not the one the restore folder "
                       "records for its image");
+    std::string format = "native";
+    restore
+        ->add_option(
+            "--format", format,
+            "what disk images are restored as: raw, vmdk (a monolithic-flat descriptor and its -flat.vmdk), "
+            "qcow2, or native (the default: each disk as it was, a .vmdk as vmdk, a .qcow2 as qcow2, any other "
+            "as raw; --onto: as the earlier restore holds it)")
+        ->check(CLI::IsMember({"native", "raw", "vmdk", "qcow2"}));
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -248,8 +270,13 @@ int Parse(int argc, char** argv, Command& cmd) {
         app.exit(e);
         return vsstream::kExitUsage;
     }
-    cmd.kind = restore->parsed() ? Command::kRestore : verify->parsed() ? Command::kVerify : Command::kList;
+    cmd.kind = restore->parsed()  ? Command::kRestore
+               : verify->parsed() ? Command::kVerify
+               : index->parsed()  ? Command::kIndex
+               : serve->parsed()  ? Command::kServe
+                                  : Command::kList;
     if (cmd.kind != Command::kRestore) return kGoOn;
+    vsstream::ParseImageFormat(format, cmd.format);
     if (!toOpt->count() && !ontoOpt->count()) {
         std::cerr << "vsstream: restore needs --to DIR (a new restore) or --onto DIR (update an earlier one)\n";
         return vsstream::kExitUsage;
@@ -271,13 +298,30 @@ int ListOrVerify(const Command& cmd, const Inputs& in, bool several) {
     vsstream::LinePrefix outPrefix(std::cout), errPrefix(std::cerr);
     std::ostream out(&outPrefix), err(&errPrefix);
     const bool list = cmd.kind == Command::kList;
+    std::vector<vsstream::StreamIndex> built;
+    built.reserve(in.streams.size());
     for (const StreamInput& s : in.streams) {
         // A listing is long: its stream gets a heading; a verdict is one line, named.
         if (several && list) out << "== " << s.name << "\n";
         outPrefix.SetPrefix(several && !list ? s.name + ": " : "");
         errPrefix.SetPrefix(several ? s.name + ": " : "");
-        const int one = list ? vsstream::RunList(s.fd, out, err) : vsstream::RunVerify(s.fd, out, err);
+        // A file's index is checked; a pipe or an object has none.
+        const bool file = s.name != "-" && !in.OfObject(s.fd);
+        built.emplace_back();
+        const int one = list ? vsstream::RunList(s.fd, out, err)
+                             : vsstream::RunVerify(s.fd, out, err, file ? s.name : "", &built.back());
         code = vsstream::WorseCode(code, one);
+    }
+    if (cmd.deep && code != vsstream::kExitCorrupt && code != vsstream::kExitUnreadable) {
+        outPrefix.SetPrefix("");
+        errPrefix.SetPrefix("");
+        std::vector<std::string> chain;
+        std::vector<const vsstream::StreamIndex*> indexes;
+        for (size_t i = 0; i < in.streams.size(); ++i) {
+            chain.push_back(in.streams[i].name);
+            indexes.push_back(&built[i]);
+        }
+        code = vsstream::WorseCode(code, vsstream::RunDeepVerify(chain, indexes, out, err));
     }
     out.flush();
     err.flush();
@@ -287,14 +331,21 @@ int ListOrVerify(const Command& cmd, const Inputs& in, bool several) {
 int Run(int argc, char** argv) {
     Command cmd;
     if (const int status = Parse(argc, argv, cmd); status != kGoOn) return status;
+    if (cmd.kind == Command::kIndex) {
+        int code = vsstream::kExitOk;
+        for (const std::string& name : cmd.names)
+            code = vsstream::WorseCode(code, vsstream::RunIndex(name, std::cout, std::cerr));
+        return code;
+    }
+    if (cmd.kind == Command::kServe) return vsstream::RunServe(cmd.names, cmd.disk, cmd.socket, std::cerr);
     Inputs in;
     if (!Open(cmd.names, in)) return vsstream::kExitUnreadable;
     const bool several = in.streams.size() > 1 || !in.notes.empty() || cmd.names.size() > 1;
     for (const std::string& note : in.notes) std::cerr << "vsstream: " << note << "\n";
 
     int code = cmd.kind == Command::kRestore
-                   ? vsstream::WorseCode(
-                         in.code, vsstream::RunRestoreAll(in.streams, cmd.folder, std::cout, std::cerr, cmd.force))
+                   ? vsstream::WorseCode(in.code, vsstream::RunRestoreAll(in.streams, cmd.folder, std::cout, std::cerr,
+                                                                          cmd.force, cmd.format))
                    : ListOrVerify(cmd, in, several);
     code = vsstream::WorseCode(code, in.ObjectProblems(std::cerr));
     if (several) {

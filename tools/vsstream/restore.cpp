@@ -28,44 +28,6 @@ bool WriteAt(int fd, const char* data, uint64_t length, uint64_t at) {
     return true;
 }
 
-// Writes the blocks of `data` that hold something other than zeros; file blocks of 4 KiB
-// (the file system's unit of allocation) that would receive only zeros are skipped.
-bool WriteSparse(int fd, const char* data, uint64_t length, uint64_t at) {
-    constexpr uint64_t kBlock = 4096;
-    uint64_t runStart = 0, done = 0;
-    bool inRun = false;
-    while (done < length) {
-        const uint64_t n = std::min(length - done, kBlock - (at + done) % kBlock);
-        const bool zero = IsZeroFilled(data + done, n);
-        if (!zero && !inRun) {
-            runStart = done;
-            inRun = true;
-        } else if (zero && inRun) {
-            if (!WriteAt(fd, data + runStart, done - runStart, at + runStart)) return false;
-            inRun = false;
-        }
-        done += n;
-    }
-    return !inRun || WriteAt(fd, data + runStart, length - runStart, at + runStart);
-}
-
-// Zeros the range of an existing image, keeping it sparse where the file system can.
-bool ZeroRange(int fd, uint64_t at, uint64_t length) {
-    if (length == 0) return true;
-    if (::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(at),
-                    static_cast<off_t>(length)) == 0)
-        return true;
-    if (errno != EOPNOTSUPP && errno != ENOSYS) return false;
-    static const char zeros[64 * 1024] = {};
-    while (length > 0) {
-        const uint64_t n = std::min<uint64_t>(length, sizeof zeros);
-        if (!WriteAt(fd, zeros, n, at)) return false;
-        at += n;
-        length -= n;
-    }
-    return true;
-}
-
 timespec FromNs(long long ns) {
     long long sec = ns / 1000000000;
     long long rest = ns % 1000000000;
@@ -97,6 +59,26 @@ vsFileLevelInfo NodeInfo(const Entry& e) {
     info.atimeNs = static_cast<long long>(e.node.atimeNs);
     info.mtimeNs = static_cast<long long>(e.node.mtimeNs);
     return info;
+}
+
+bool IsVmx(const std::string& name) {
+    return name.size() > 4 && name.compare(name.size() - 4, 4, ".vmx") == 0;
+}
+
+// The file a .vmx line `<device>.fileName = "..."` names, without its datastore and
+// folder ("[ds2] web01/web01_1.vmdk" names web01_1.vmdk); false for other lines.
+bool VmxDiskName(const std::string& line, size_t& open, size_t& close, std::string& base) {
+    const size_t key = line.find(".fileName");
+    const size_t eq = line.find('=');
+    if (key == std::string::npos || eq == std::string::npos || key > eq) return false;
+    open = line.find('"', eq);
+    close = line.rfind('"');
+    if (open == std::string::npos || close <= open) return false;
+    const std::string value = line.substr(open + 1, close - open - 1);
+    const size_t cut = value.find_last_of("/\\]");
+    base = cut == std::string::npos ? value : value.substr(cut + 1);
+    while (!base.empty() && base.front() == ' ') base.erase(0, 1);
+    return NativeFormat(base) != ImageFormat::Raw || base.ends_with(".img") || base.ends_with(".raw");
 }
 
 std::string Why(const char* what) {
@@ -156,9 +138,9 @@ void Restorer::Apply(const vshost::StreamRecord& record, const EntryModel& model
                     if (m_target == Target::Extent) m_target = Target::Skip;
                 }
                 // The image's data is durable before its change id is recorded beside it.
-                if (it->second.fd.valid() && ::fdatasync(it->second.fd.get()) != 0)
-                    return Stop(record.offset, Why(("cannot sync disk image " + it->first).c_str()));
-                it->second.fd.Reset();
+                if (it->second.sink && !it->second.sink->Sync())
+                    return Stop(record.offset, "cannot sync disk image " + it->first + ": " + it->second.sink->error());
+                it->second.sink.reset();
             }
             break;
         }
@@ -211,10 +193,55 @@ void Restorer::Folder(const PathParts& parts, uint64_t offset) {
         Problem(offset, why);
 }
 
+// The format of a disk's image: the one asked for; else, when an earlier restore holds
+// the disk in some format, that one (an incremental updates it in place); else the
+// disk's own.
+ImageFormat Restorer::FormatOf(const PathParts& parts) {
+    if (m_format != ImageFormat::Native) return m_format;
+    const ImageFormat native = NativeFormat(parts.back());
+    for (ImageFormat f : {native, ImageFormat::Qcow2, ImageFormat::Vmdk, ImageFormat::Raw}) {
+        PathParts data = parts;
+        data.back() = NamesFor(parts.back(), f).data;
+        if (m_root.IsFile(data)) return f;
+    }
+    return native;
+}
+
+bool Restorer::OpenSink(Image& image, uint64_t size, bool first, std::string& why) {
+    bool fresh = false;
+    Fd fd = m_root.OpenImage(image.data, fresh, why);
+    if (!fd.valid()) return false;
+    if (first) image.fresh = fresh;
+    if (image.format == ImageFormat::Qcow2) {
+        image.sink = Qcow2Sink(std::move(fd), fresh, size, why);
+        if (!image.sink) why = "cannot restore " + JoinParts(image.data, image.data.size()) + " as qcow2: " + why;
+    } else {
+        image.sink = RawSink(std::move(fd));
+    }
+    return image.sink != nullptr;
+}
+
+// Sets the image's size, and a VMDK's descriptor to match.
+bool Restorer::Resize(Image& image, uint64_t size, uint64_t offset) {
+    const std::string shown = JoinParts(image.data, image.data.size());
+    if (!image.sink->Resize(size)) {
+        Stop(offset, "cannot size " + shown + ": " + image.sink->error());
+        return false;
+    }
+    std::string why;
+    if (image.format == ImageFormat::Vmdk && (size != image.size || !m_root.IsFile(image.descriptor)) &&
+        !m_root.Publish(image.descriptor, FlatDescriptor(size, image.data.back()), why)) {
+        Stop(offset, why);
+        return false;
+    }
+    image.size = size;
+    return true;
+}
+
 Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& model, uint64_t offset) {
     if (m_refused.count(key)) return nullptr;
     auto it = m_images.find(key);
-    if (it != m_images.end() && it->second.fd.valid()) return &it->second;
+    if (it != m_images.end() && it->second.sink) return &it->second;
     PathParts parts;
     std::string why;
     const DiskGeometry* g = model.Disk(key);
@@ -229,28 +256,33 @@ Restorer::Image* Restorer::GetImage(const std::string& key, const EntryModel& mo
         sidecar.back() += ".changeid";
         m_root.Remove(sidecar);
     }
-    bool fresh = false;
-    Fd fd = m_root.OpenImage(parts, fresh, why);
-    if (!fd.valid()) {
-        Problem(offset, why);
-        return nullptr;
-    }
     if (it != m_images.end()) {
         // Closed when its disk completed, and written again: what this run wrote so far
         // is still in it, so it keeps what it knew (fresh, high water) and its size.
-        it->second.fd = Fd(fd.Release());
+        if (!OpenSink(it->second, it->second.size, false, why)) {
+            Problem(offset, why);
+            return nullptr;
+        }
         return &it->second;
     }
-    // The disk's size now: an incremental may grow or shrink it.
-    if (g && ::ftruncate(fd.get(), static_cast<off_t>(g->size)) != 0) {
-        Stop(offset, Why(("cannot size " + JoinParts(parts, parts.size())).c_str()));
+    Image image;
+    image.format = FormatOf(parts);
+    const ImageNames names = NamesFor(parts.back(), image.format);
+    image.data = image.descriptor = parts;
+    image.data.back() = names.data;
+    image.descriptor.back() = names.descriptor;
+    const uint64_t size = g ? g->size : 0;
+    if (!OpenSink(image, size, true, why)) {
+        Problem(offset, why);
         return nullptr;
     }
     ++m_counts.images;
-    Image& image = m_images[key];
-    image.fd = std::move(fd);
-    image.fresh = fresh;
-    return &image;
+    Image& kept = m_images[key] = std::move(image);
+    // The disk's size now: an incremental may grow or shrink it.
+    if (!Resize(kept, size, offset)) return nullptr;
+    m_restoredDisks[JoinParts(parts, parts.size() - 1)].emplace_back(
+        parts.back(), names.descriptor.empty() ? names.data : names.descriptor);
+    return &kept;
 }
 
 void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
@@ -274,8 +306,7 @@ void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
     if (!ok) return Problem(offset, why + "; not restored");
     if (e.kind == EntryKind::Disk) {
         Image* image = GetImage(e.path, model, offset);
-        if (image && ::ftruncate(image->fd.get(), static_cast<off_t>(e.size)) != 0)
-            Stop(offset, Why(("cannot size disk image " + e.path).c_str()));
+        if (image) Resize(*image, e.size, offset);
         m_target = Target::None;
     } else if (e.container) {
         Folder(m_parts, offset);
@@ -291,6 +322,7 @@ void Restorer::Begin(const Entry& e, const EntryModel& model, uint64_t offset) {
     } else {
         m_target = Target::File;
         m_info = e.kind == EntryKind::CollectionNode ? NodeInfo(e) : e.file;
+        if (e.kind == EntryKind::ConfigFile && IsVmx(m_parts.back())) m_vmx.push_back(m_parts);
     }
 }
 
@@ -308,17 +340,19 @@ bool Restorer::EnsureFile(uint64_t offset) {
 
 void Restorer::Write(const char* data, uint64_t length, uint64_t offset) {
     if (m_target == Target::File && !EnsureFile(offset)) return;
-    if (m_target != Target::File && m_target != Target::Extent) return;
-    const int fd = m_target == Target::File ? m_file.get() : m_image->fd.get();
-    // Where this run has not written yet, a fresh image is already zero: an extent's
-    // blocks of zeros are left unwritten, so the image stays as sparse as its disk was.
-    const bool sparse = m_target == Target::Extent && m_image->fresh && m_pos >= m_image->highWater;
-    if (sparse ? !WriteSparse(fd, data, length, m_pos) : !WriteAt(fd, data, length, m_pos)) {
-        Stop(offset, Why(("cannot write " + m_shown).c_str()));
+    if (m_target == Target::File) {
+        if (!WriteAt(m_file.get(), data, length, m_pos)) return Stop(offset, Why(("cannot write " + m_shown).c_str()));
+        m_pos += length;
         return;
     }
+    if (m_target != Target::Extent) return;
+    // Where this run has not written yet, a fresh image is already zero: an extent's
+    // blocks of zeros are left unwritten, so the image stays as sparse as its disk was.
+    const bool sparse = m_image->fresh && m_pos >= m_image->highWater;
+    if (!m_image->sink->Write(data, length, m_pos, sparse))
+        return Stop(offset, "cannot write " + m_shown + ": " + m_image->sink->error());
     m_pos += length;
-    if (m_target == Target::Extent) m_image->highWater = std::max(m_image->highWater, m_pos);
+    m_image->highWater = std::max(m_image->highWater, m_pos);
 }
 
 // The zero runs of a packed record are holes, never written as zeros.
@@ -341,10 +375,8 @@ void Restorer::Hole(uint64_t length, uint64_t offset) {
     if (m_target != Target::Extent) return;
     // A fresh image is zero wherever this run wrote nothing; an earlier image (or an
     // extent this run already wrote) must lose its old bytes.
-    if ((!m_image->fresh || m_pos < m_image->highWater) && !ZeroRange(m_image->fd.get(), m_pos, length)) {
-        Stop(offset, Why("cannot clear a hole"));
-        return;
-    }
+    if ((!m_image->fresh || m_pos < m_image->highWater) && !m_image->sink->Zero(m_pos, length))
+        return Stop(offset, "cannot clear a hole in " + m_shown + ": " + m_image->sink->error());
     m_pos += length;
 }
 
@@ -374,7 +406,11 @@ void Restorer::End(const Entry& e, uint64_t offset) {
 void Restorer::Finish() {
     m_counts.files -= std::min(m_counts.files, m_root.replaced());  // empty entries that became folders
     m_file.Reset();
+    // An image whose disk did not complete in this run keeps what was written of it.
+    for (auto& [key, image] : m_images)
+        if (image.sink && !image.sink->Sync()) Problem(0, "cannot sync disk image " + key + ": " + image.sink->error());
     m_images.clear();
+    for (const PathParts& vmx : m_vmx) PointVmxAtDisks(vmx);
     // Deepest folders first: setting a child's times changes its parent's, and a
     // parent without write permission would refuse its children's changes.
     std::stable_sort(m_folderTimes.begin(), m_folderTimes.end(),
@@ -385,6 +421,55 @@ void Restorer::Finish() {
         if (dir.valid()) SetModeAndTimes(dir.get(), f.info);
     }
     m_folderTimes.clear();
+}
+
+// A restored VM folder is registered as it stands: its .vmx names each disk as it was
+// restored here. A line naming a disk of the stream by its own name (or from another
+// datastore) names its restored file; the lines left (a delta the VM ran on, restored
+// under its base's name) name the disks left, in the VM's disk order.
+void Restorer::PointVmxAtDisks(const PathParts& vmx) {
+    auto it = m_restoredDisks.find(JoinParts(vmx, vmx.size() - 1));
+    std::string text;
+    constexpr size_t kMaxVmx = size_t{4} << 20;
+    if (it == m_restoredDisks.end() || !m_root.ReadText(vmx, text, kMaxVmx)) return;
+    std::vector<std::string> lines;
+    for (size_t at = 0; at < text.size();) {
+        const size_t nl = text.find('\n', at);
+        const size_t end = nl == std::string::npos ? text.size() : nl + 1;
+        lines.push_back(text.substr(at, end - at));
+        at = end;
+    }
+    std::vector<bool> used(it->second.size(), false);
+    std::vector<size_t> unmatched;
+    auto rename = [&](std::string& line, const std::string& to) {
+        size_t open = 0, close = 0;
+        std::string base;
+        VmxDiskName(line, open, close, base);
+        line.replace(open + 1, close - open - 1, to);
+    };
+    for (size_t i = 0; i < lines.size(); ++i) {
+        size_t open = 0, close = 0;
+        std::string base;
+        if (!VmxDiskName(lines[i], open, close, base)) continue;
+        size_t k = 0;
+        while (k < it->second.size() && it->second[k].first != base) ++k;
+        if (k == it->second.size()) {
+            unmatched.push_back(i);
+            continue;
+        }
+        used[k] = true;
+        rename(lines[i], it->second[k].second);
+    }
+    size_t k = 0;
+    for (size_t i : unmatched) {
+        while (k < used.size() && used[k]) ++k;
+        if (k == used.size()) break;
+        used[k] = true;
+        rename(lines[i], it->second[k].second);
+    }
+    std::string out, why;
+    for (const std::string& line : lines) out += line;
+    if (out != text && !m_root.Publish(vmx, out, why)) Problem(0, why);
 }
 
 }  // namespace vsstream

@@ -7,10 +7,12 @@
 #pragma once
 
 #include "entrymodel.h"
+#include "imagesink.h"
 #include "safepath.h"
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <set>
 #include <string>
@@ -31,13 +33,17 @@ struct RestoreCounts {
 class Restorer {
 public:
     // Problems go to `err`, one line each, with the offset of the record concerned.
-    Restorer(SafeRoot& root, std::ostream& err, bool force = false) : m_root(root), m_err(err), m_force(force) {}
+    // Disks are restored in `format` (Native: as each disk was, or as the earlier
+    // restore being updated holds it).
+    Restorer(SafeRoot& root, std::ostream& err, bool force = false, ImageFormat format = ImageFormat::Native)
+        : m_root(root), m_err(err), m_force(force), m_format(format) {}
 
     // One record in stream order, after `model` has taken it; `usable` is false when
     // the model refused the record (an entry's header, or an extent's data past its
     // disk's end): the entry is then not written any further.
     void Apply(const vshost::StreamRecord& record, const EntryModel& model, bool usable);
-    // Closes what is open and sets the modes and times of file-level folders.
+    // Closes what is open, points restored .vmx files at the disks as restored and sets
+    // the modes and times of file-level folders.
     void Finish();
     const RestoreCounts& counts() const { return m_counts; }
     // A write into the restore folder failed (a full or failing target): the restore
@@ -49,9 +55,12 @@ public:
 private:
     enum class Target { None, Skip, File, Extent };
     struct Image {
-        Fd fd;
+        std::unique_ptr<ImageSink> sink;  // null once its disk completed
         bool fresh = false;
         uint64_t highWater = 0;  // end of the data written by this run
+        ImageFormat format = ImageFormat::Raw;
+        PathParts data, descriptor;  // the files it takes (descriptor: VMDK only)
+        uint64_t size = 0;
     };
     struct FolderTimes {
         PathParts parts;
@@ -69,6 +78,10 @@ private:
     void Problem(uint64_t offset, const std::string& what);
     void Stop(uint64_t offset, const std::string& what);
     void CheckBase(const vshost::DiskInfoRecord& info, const EntryModel& model, uint64_t offset);
+    ImageFormat FormatOf(const PathParts& parts);
+    bool OpenSink(Image& image, uint64_t size, bool first, std::string& why);
+    bool Resize(Image& image, uint64_t size, uint64_t offset);
+    void PointVmxAtDisks(const PathParts& vmx);
 
     SafeRoot& m_root;
     std::ostream& m_err;
@@ -87,6 +100,11 @@ private:
     bool m_stopped = false;
     bool m_force = false;
     std::set<std::string> m_refused;  // disk entry paths
+    ImageFormat m_format = ImageFormat::Native;
+    // By VM folder: each disk's name in the stream and the file it was restored as, in
+    // stream order; and the .vmx files this run restored.
+    std::map<std::string, std::vector<std::pair<std::string, std::string>>> m_restoredDisks;
+    std::vector<PathParts> m_vmx;
 };
 
 }  // namespace vsstream

@@ -46,12 +46,12 @@ void RecordChangeId(SafeRoot& root, const EntryModel& model, const vshost::DiskR
     out << "disk \\" << done.vmGuid << "\\" << done.diskName << " complete, change id [" << done.changeId << "]\n";
 }
 
-int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err, bool force) {
-    return RunRestoreAll({StreamInput{"", fd}}, dir, out, err, force);
+int RunRestore(int fd, const std::string& dir, std::ostream& out, std::ostream& err, bool force, ImageFormat format) {
+    return RunRestoreAll({StreamInput{"", fd}}, dir, out, err, force, format);
 }
 
 int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir, std::ostream& out, std::ostream& err,
-                  bool force) {
+                  bool force, ImageFormat format) {
     SafeRoot root;
     std::string why;
     if (!root.Open(dir, why)) {
@@ -61,7 +61,7 @@ int RunRestoreAll(const std::vector<StreamInput>& inputs, const std::string& dir
     LinePrefix prefixed(err);
     std::ostream perr(&prefixed);
     // One restorer for all: a disk that two streams touch is one image of this run.
-    Restorer restorer(root, perr, force);
+    Restorer restorer(root, perr, force, format);
     int code = kExitOk;
     // Disks a stream began but never marked read, unless another stream of the set did.
     std::map<std::string, std::string> incomplete;  // disk, why

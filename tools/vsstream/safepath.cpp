@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -147,18 +148,30 @@ Fd SafeRoot::OpenImage(const PathParts& parts, bool& fresh, std::string& why) {
     return fd;
 }
 
-bool SafeRoot::ReadText(const PathParts& parts, std::string& text) {
+bool SafeRoot::ReadText(const PathParts& parts, std::string& text, size_t max) {
     std::string ignored;
     Fd dir = Folder(parts, parts.size() - 1, ignored);
     if (!dir.valid()) return false;
     Fd fd(::openat(dir.get(), parts.back().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat st {};
     if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    text.clear();
     char buf[4096];
-    const ssize_t n = ::read(fd.get(), buf, sizeof buf);
-    if (n < 0) return false;
-    text.assign(buf, static_cast<size_t>(n));
+    while (text.size() < max) {
+        const ssize_t n = ::read(fd.get(), buf, std::min(sizeof buf, max - text.size()));
+        if (n < 0) return false;
+        if (n == 0) break;
+        text.append(buf, static_cast<size_t>(n));
+    }
     return true;
+}
+
+bool SafeRoot::IsFile(const PathParts& parts) {
+    std::string ignored;
+    Fd parent = Folder(parts, parts.size() - 1, ignored);
+    struct stat st {};
+    return parent.valid() && ::fstatat(parent.get(), parts.back().c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(st.st_mode);
 }
 
 bool SafeRoot::Publish(const PathParts& parts, const std::string& text, std::string& why) {

@@ -42,8 +42,9 @@ public:
     // else created; `fresh` tells which.
     Fd OpenImage(const PathParts& parts, bool& fresh, std::string& why);
     bool IsFolder(const PathParts& parts);
-    // The content of a small regular file (a few KiB at most); false when there is none.
-    bool ReadText(const PathParts& parts, std::string& text);
+    // The content of a small regular file (its first `max` bytes); false when there is none.
+    bool ReadText(const PathParts& parts, std::string& text, size_t max = 4096);
+    bool IsFile(const PathParts& parts);
     // Removes a file, if there is one.
     void Remove(const PathParts& parts);
     // Puts `text` at `parts` durably: written aside, synced, renamed over the name, and

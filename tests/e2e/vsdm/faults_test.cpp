@@ -103,7 +103,8 @@ TEST(VsdmFaults, FailingAndDamagedDisksFailTheirItemsAndTheStreamSaysWhich) {
     const RunResult restore = Shell(vstest::Vsstream() + " restore " + home.sub("s.bin") + " --to " + home.sub("r"));
     EXPECT_EQ(restore.status, 0) << restore.output;
     EXPECT_NE(restore.output.find("web01.vmdk: incomplete in the stream"), std::string::npos) << restore.output;
-    EXPECT_EQ(vstest::ReadAll(home.sub("r/" + fsvm.biosUuid + "/" + data.name)), vstest::ReadAll(data.path));
+    EXPECT_EQ(vstest::ReadAll(home.sub("r/" + fsvm.biosUuid + "/" + vstest::RestoredBytes(data.name))),
+              vstest::ReadAll(data.path));
     EXPECT_EQ(LeftBehind(home), std::vector<std::string>{});
 }
 
@@ -241,7 +242,7 @@ TEST(VsdmFaults, AKilledJobIsDetectedAndTheNextAttemptGoesOnFromItsStream) {
               2);
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home.sub("again.bin") + " --onto " + home.sub("three")).status,
               0);
-    EXPECT_TRUE(vstest::ReadAll(home.sub("three") + "/" + vms[0] + "/" + grown.name) ==
+    EXPECT_TRUE(vstest::ReadAll(home.sub("three") + "/" + vms[0] + "/" + vstest::RestoredBytes(grown.name)) ==
                 vstest::ReadAll(folder + "f001.vmdk") + vstest::ReadAll(folder + "f002.vmdk") +
                     std::string(1 << 20, '\0'))
         << "the restored pair is not the disk as it is now";

@@ -69,6 +69,12 @@ inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnap
     return job;
 }
 
+// The file a restore holds a disk's bytes in: a VMDK is restored as one (a descriptor
+// beside its flat file), any other image keeps its name.
+inline std::string RestoredBytes(const std::string& disk) {
+    return disk.ends_with(".vmdk") ? disk.substr(0, disk.size() - 5) + "-flat.vmdk" : disk;
+}
+
 // Every entry under `folder` by relative path: a file's content, or "<folder>".
 inline std::map<std::string, std::string> Tree(const std::string& folder) {
     std::map<std::string, std::string> out;

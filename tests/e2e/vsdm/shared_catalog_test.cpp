@@ -44,7 +44,7 @@ TEST_P(VsdmSharedCatalog, TwoHostsBackUpOneSnapshotInTurn) {
     ASSERT_EQ(incr.status, 0) << incr.output;
     EXPECT_NE(incr.output.find("2 disk(s) read against their last backup"), std::string::npos) << incr.output;
 
-    const std::string restored = scratch.sub("r/") + s.vm("web01").biosUuid + "/web01.vmdk";
+    const std::string restored = scratch.sub("r/") + s.vm("web01").biosUuid + "/web01-flat.vmdk";
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + a + "/full --to " + scratch.sub("r")).status, 0);
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + b + "/incr --onto " + scratch.sub("r")).status, 0);
     EXPECT_EQ(vstest::ReadAll(restored), vstest::ReadAll(vols + "/ds1/web01/web01-flat.vmdk"));

@@ -87,7 +87,7 @@ TEST(VsdmSnapshots, RegisteredVolumesBackUpWithOneCommandEachAndAreNeverWritten)
     EXPECT_LT(fs::file_size(home + "/incr") * 4, fs::file_size(home + "/full"));
     EXPECT_EQ(Listing(vols), before);
 
-    const std::string restored = home + "/r/" + s.vm("web01").biosUuid + "/web01.vmdk";
+    const std::string restored = home + "/r/" + s.vm("web01").biosUuid + "/web01-flat.vmdk";
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home + "/full --to " + home + "/r").status, 0);
     EXPECT_NE(vstest::ReadAll(restored), vstest::ReadAll(flat));
     const vstest::RunResult onto = Shell(vstest::Vsstream() + " restore " + home + "/incr --onto " + home + "/r");

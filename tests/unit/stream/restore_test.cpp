@@ -100,9 +100,10 @@ TEST(StreamRestore, EveryEntryKindLandsInItsPlace) {
     const Restored r = Restore(home.sub("all.stream"), dir);
     ASSERT_EQ(r.code, vsstream::kExitOk) << r.err;
     EXPECT_EQ(ReadFile(dir + "/vm1/vm1.vmx"), "displayName = \"vm1\"\n");
-    EXPECT_TRUE(ReadFile(dir + "/vm1/disk0.vmdk") == disk);
+    // A .vmdk disk is restored as a VMDK: its bytes in the flat file.
+    EXPECT_TRUE(ReadFile(dir + "/vm1/disk0-flat.vmdk") == disk);
     struct stat st {};
-    ASSERT_EQ(stat((dir + "/vm1/disk0.vmdk").c_str(), &st), 0);
+    ASSERT_EQ(stat((dir + "/vm1/disk0-flat.vmdk").c_str(), &st), 0);
     EXPECT_EQ(static_cast<size_t>(st.st_size), disk.size());
     EXPECT_LE(static_cast<size_t>(st.st_blocks) * 512, disk.size() - kExtent);  // the holes stayed holes
     EXPECT_TRUE(fs::is_directory(dir + "/vm1/disk1"));
