@@ -114,6 +114,10 @@ TEST(VsstreamRestoreFormats, EachFormatRestoresAFullAndAnIncrementalAsTheSourceR
 // disk as it was at the last backup, block status shows its holes, verify --deep reads
 // the chain as serve does, and an index that is not its stream's is refused.
 TEST(VsstreamServe, AFullAndTwoIncrementalsServeTheDiskAtTheLastBackup) {
+#ifdef __SANITIZE_ADDRESS__
+    // nbdkit is not built with AddressSanitizer, so it cannot load a plug-in that is.
+    GTEST_SKIP() << "the NBD plug-in is not served by nbdkit in a sanitizer build";
+#endif
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     const vssample::SampleVM& web = s.vm("web01");
