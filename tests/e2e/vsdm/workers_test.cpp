@@ -268,7 +268,8 @@ TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
         for (const auto& disk : vm.disks) {
             const std::string source =
                 disk.name.ends_with(".vmdk") ? vm.folder + "/" + vm.name + "-flat.vmdk" : disk.path;
-            EXPECT_EQ(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + vstest::RestoredBytes(disk.name)), vstest::ReadAll(source))
+            EXPECT_EQ(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + vstest::RestoredBytes(disk.name)),
+                      vstest::ReadAll(source))
                 << vm.name << " " << disk.name;
         }
 }
