@@ -110,32 +110,37 @@ private:
         return fd;
     }
     void Loop() {
-        std::vector<std::pair<int, int>> pairs;  // client, store
+        struct Pair {
+            int fd[2];     // client, store
+            bool open[2];  // still reading from that side
+        };
+        std::vector<Pair> pairs;
         size_t sent = 0;
         char buf[65536];
         while (!m_stop && !m_died) {
+            // Poll only what is listed now: a connection accepted below waits for the next round.
             std::vector<pollfd> fds{{m_listen, POLLIN, 0}};
-            for (const auto& [c, u] : pairs) {
-                fds.push_back({c, POLLIN, 0});
-                fds.push_back({u, POLLIN, 0});
-            }
+            for (const auto& p : pairs)
+                for (int side = 0; side < 2; ++side) fds.push_back({p.open[side] ? p.fd[side] : -1, POLLIN, 0});
+            const size_t polled = pairs.size();
             if (::poll(fds.data(), fds.size(), 50) <= 0) continue;
             if (fds[0].revents & POLLIN) {
                 const int c = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
                 const int u = c >= 0 ? Upstream() : -1;
                 if (u >= 0)
-                    pairs.emplace_back(c, u);
+                    pairs.push_back({{c, u}, {true, true}});
                 else if (c >= 0)
                     ::close(c);
             }
-            for (size_t i = 0; i < pairs.size() && !m_died; ++i) {
+            for (size_t i = 0; i < polled && !m_died; ++i) {
                 for (int side = 0; side < 2; ++side) {
                     if (!(fds[1 + 2 * i + side].revents & (POLLIN | POLLHUP))) continue;
-                    const int from = side == 0 ? pairs[i].first : pairs[i].second;
-                    const int to = side == 0 ? pairs[i].second : pairs[i].first;
+                    const int from = pairs[i].fd[side];
+                    const int to = pairs[i].fd[1 - side];
                     const ssize_t n = ::read(from, buf, sizeof buf);
                     if (n <= 0) {
                         ::shutdown(to, SHUT_WR);
+                        pairs[i].open[side] = false;
                         continue;
                     }
                     if (side == 0 && (sent += static_cast<size_t>(n)) > m_cutAfter && !m_damaged) {
@@ -154,11 +159,11 @@ private:
             }
         }
         // Gone: every connection reset, the port closed.
-        for (const auto& [c, u] : pairs) {
+        for (const auto& p : pairs) {
             const linger hard{1, 0};
-            ::setsockopt(c, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-            ::close(c);
-            ::close(u);
+            ::setsockopt(p.fd[0], SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+            ::close(p.fd[0]);
+            ::close(p.fd[1]);
         }
         ::close(m_listen);
     }
