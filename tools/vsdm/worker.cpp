@@ -331,7 +331,9 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
     try {
         recorded = queue::Finish(lease, outcome, failure, stream, progress);
     } catch (const std::exception& e) {
-        report << "worker: the outcome of item " << item.itemNo << " could not be recorded: " << e.what() << "\n";
+        report << "worker: the outcome of item " << item.itemNo << " of job " << item.jobId
+               << " could not be recorded (" << e.what()
+               << "); this attempt records nothing, and the item goes to the next worker once its lease expires\n";
         return ItemEnd::Lost;
     }
     if (!recorded) {
@@ -342,6 +344,15 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
     }
     if (stopped) return ItemEnd::Stopped;
     return outcome == queue::Outcome::Done ? ItemEnd::Done : ItemEnd::Failed;
+}
+
+// Items another worker holds may still come free, if that worker died: waits until every
+// item has ended (false) or a lease has expired (true).
+bool AwaitExpiry(int64_t jobId) {
+    std::optional<int64_t> next;
+    while ((next = queue::NextExpiry(jobId)) && *next >= Now() && !g_stopWorker.load())
+        std::this_thread::sleep_for(kIdlePoll);
+    return next.has_value();
 }
 
 }  // namespace
@@ -355,19 +366,24 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
     unsigned done = 0, failed = 0, lost = 0;
     bool stopped = false, empty = false;
     report << "worker " << owner << ": leases of " << seconds << " s\n";
+    std::string unreachable;
     while (!g_stopWorker.load()) {
-        const auto item = queue::LeaseNext(options.jobId, owner, Now(), seconds);
-        if (!item) {
-            // Items another worker holds may still come free, if that worker died: wait
-            // until every item has ended or a lease has expired.
-            std::optional<int64_t> next;
-            while ((next = queue::NextExpiry(options.jobId)) && *next >= Now() && !g_stopWorker.load())
-                std::this_thread::sleep_for(kIdlePoll);
-            empty = !next;
-            if (empty) break;
-            continue;
+        std::optional<queue::Item> item;
+        std::optional<queue::WorkJob> work;
+        try {
+            item = queue::LeaseNext(options.jobId, owner, Now(), seconds);
+            if (!item) {
+                empty = !AwaitExpiry(options.jobId);
+                if (empty) break;
+                continue;
+            }
+            work = queue::FindJob(item->jobId);
+        } catch (const std::exception& e) {
+            // Without the catalog there is nothing to lease nor anything to record: the
+            // worker ends, and the item it may just have leased goes on when that expires.
+            unreachable = e.what();
+            break;
         }
-        const auto work = queue::FindJob(item->jobId);
         if (!work) throw std::runtime_error("job " + std::to_string(item->jobId) + " has items but no job record");
         switch (RunItem(*item, *work, owner, seconds, report)) {
             case ItemEnd::Done:
@@ -387,6 +403,8 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
         if (options.once) break;
     }
     stopped = stopped || g_stopWorker.load();
+    if (!unreachable.empty())
+        report << "worker " << owner << ": the catalog cannot be reached: " << unreachable << "\n";
     report << "worker " << owner << ": " << done << " item(s) done, " << failed << " failed, " << lost
            << " lost to another worker"
            << (stopped ? "; stopped"
@@ -394,6 +412,7 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
                        : "")
            << "\n";
     if (stopped) return kExitStopped;
+    if (!unreachable.empty()) return kExitJobFailed;
     return failed + lost > 0 ? kExitItemsFailed : kExitOk;
 }
 
