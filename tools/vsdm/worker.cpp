@@ -261,7 +261,7 @@ std::string FailureOf(const std::string& text) {
     return why.empty() ? "the run failed; see the worker's output and log" : why;
 }
 
-enum class ItemEnd { Done, Failed, Lost, Stopped };
+enum class ItemEnd { Done, Failed, Lost, Stopped, StreamLost };
 
 struct Attempt {
     RunSummary summary;
@@ -318,8 +318,12 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
         return ItemEnd::Lost;
     }
     const bool stopped = a.ran && a.summary.status == kExitStopped;
+    // A stream that could not be written (its store went away, its disk filled) says
+    // nothing of the item: it goes back to the queue, and this worker, whose target
+    // fails, takes no more.
+    const bool streamLost = a.ran && a.summary.status == kExitStreamFailed;
     queue::Outcome outcome = queue::Outcome::Failed;
-    if (stopped)
+    if (stopped || streamLost)
         outcome = queue::Outcome::GivenBack;
     else if (a.ran && a.summary.status == kExitOk)
         outcome = queue::Outcome::Done;
@@ -343,6 +347,11 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
         return ItemEnd::Lost;
     }
     if (stopped) return ItemEnd::Stopped;
+    if (streamLost) {
+        report << "worker: item " << item.itemNo << " of job " << item.jobId
+               << " is given back: its stream could not be written (" << FailureOf(captured.str()) << ")\n";
+        return ItemEnd::StreamLost;
+    }
     return outcome == queue::Outcome::Done ? ItemEnd::Done : ItemEnd::Failed;
 }
 
@@ -367,6 +376,7 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
     bool stopped = false, empty = false;
     report << "worker " << owner << ": leases of " << seconds << " s\n";
     std::string unreachable;
+    bool streamLost = false;
     while (!g_stopWorker.load()) {
         std::optional<queue::Item> item;
         std::optional<queue::WorkJob> work;
@@ -399,12 +409,17 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
                 stopped = true;
                 g_stopWorker.store(true);
                 break;
+            case ItemEnd::StreamLost:
+                streamLost = true;
+                break;
         }
+        if (streamLost) break;
         if (options.once) break;
     }
     stopped = stopped || g_stopWorker.load();
     if (!unreachable.empty())
         report << "worker " << owner << ": the catalog cannot be reached: " << unreachable << "\n";
+    if (streamLost) report << "worker " << owner << ": its streams cannot be written; it takes no more items\n";
     report << "worker " << owner << ": " << done << " item(s) done, " << failed << " failed, " << lost
            << " lost to another worker"
            << (stopped ? "; stopped"
@@ -412,7 +427,7 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
                        : "")
            << "\n";
     if (stopped) return kExitStopped;
-    if (!unreachable.empty()) return kExitJobFailed;
+    if (!unreachable.empty() || streamLost) return kExitJobFailed;
     return failed + lost > 0 ? kExitItemsFailed : kExitOk;
 }
 
