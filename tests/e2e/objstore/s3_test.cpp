@@ -349,25 +349,6 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     EXPECT_TRUE(Tree(home.sub("w")) == Tree(home.sub("r")));
 }
 
-namespace {
-
-pid_t Start(const std::string& command, const std::string& errPath) {
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    const int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0 || dup2(fd, STDERR_FILENO) < 0) _exit(127);
-    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-}
-
-int Wait(pid_t pid) {
-    int st = 0;
-    if (waitpid(pid, &st, 0) != pid) return -1;
-    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-}
-
-}  // namespace
-
 // A worker killed while its stream is being uploaded leaves an open upload; the worker
 // that takes its item over keeps the parts stored as the dead attempt's stream and goes
 // on from what they hold, so the two streams restore the disk whole and no upload is left.
@@ -406,10 +387,10 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
     {
         // A store that goes away fails no item: the worker gives its item back and stops.
         StoreThatDies store(200000);
-        const pid_t gone = Start(
+        const pid_t gone = vstest::StartShell(
             "env AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " worker --job " + job + " --home " + homes[0],
             scratch.sub("gone.out"));
-        const int status = Wait(gone);
+        const int status = vstest::WaitFor(gone);
         const std::string told = vstest::ReadAll(scratch.sub("gone.out"));
         EXPECT_EQ(status, 2) << told;
         EXPECT_NE(told.find("is given back: its stream could not be written"), std::string::npos) << told;
@@ -419,9 +400,9 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
         // The store stops taking bytes inside the second part; once the first is stored,
         // the worker is killed.
         StoreThatDies store(12u << 20, Fault::Stall);
-        const pid_t a = Start("env AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " worker --once --job " + job +
-                                  " --home " + homes[0],
-                              scratch.sub("a.out"));
+        const pid_t a = vstest::StartShell("env AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm +
+                                               " worker --once --job " + job + " --home " + homes[0],
+                                           scratch.sub("a.out"));
         size_t stored = 0;
         for (int i = 0; i < 600 && stored == 0; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -430,11 +411,11 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
                     if (key.starts_with("taken/")) stored += client.Parts({Bucket(), key}, id).size();
         }
         kill(a, SIGKILL);
-        EXPECT_EQ(Wait(a), 128 + SIGKILL);
+        EXPECT_EQ(vstest::WaitFor(a), 128 + SIGKILL);
         ASSERT_TRUE(store.stalled() && stored == 1) << stored << vstest::ReadAll(scratch.sub("a.out"));
     }
-    const pid_t b = Start(kVsdm + " worker --job " + job + " --home " + homes[1], scratch.sub("b.out"));
-    EXPECT_EQ(Wait(b), 0);
+    const pid_t b = vstest::StartShell(kVsdm + " worker --job " + job + " --home " + homes[1], scratch.sub("b.out"));
+    EXPECT_EQ(vstest::WaitFor(b), 0);
     const std::string said = vstest::ReadAll(scratch.sub("b.out"));
     EXPECT_NE(said.find("its upload was never completed: the 8388608 bytes of its parts stored are kept"),
               std::string::npos)

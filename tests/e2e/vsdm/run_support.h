@@ -40,6 +40,23 @@ inline RunResult Shell(const std::string& command) {
     return r;
 }
 
+// `command` started through the shell in the background, its standard output and error
+// into `outPath`; WaitFor gives its exit status (128 + signal when killed).
+inline pid_t StartShell(const std::string& command, const std::string& outPath) {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    const int fd = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0 || dup2(fd, STDERR_FILENO) < 0) _exit(127);
+    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+}
+
+inline int WaitFor(pid_t pid) {
+    int st = 0;
+    if (waitpid(pid, &st, 0) != pid) return -1;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+}
+
 inline std::string Vsdm() {
     return "'" VSDM_TOOL "'";
 }

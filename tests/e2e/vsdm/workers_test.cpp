@@ -38,20 +38,12 @@ namespace {
 class VsdmWorkers : public vstest::CatalogBackendTest {};
 VS_ON_BOTH_CATALOGS(VsdmWorkers);
 
-pid_t StartWorker(const std::string& home, const std::string& args, const std::string& errPath) {
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    const int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0 || dup2(fd, STDERR_FILENO) < 0) _exit(127);
-    const std::string command = vstest::Vsdm() + " worker --home " + home + " " + args;
-    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
-    _exit(127);
+pid_t StartWorker(const std::string& home, const std::string& args, const std::string& outPath) {
+    return vstest::StartShell(vstest::Vsdm() + " worker --home " + home + " " + args, outPath);
 }
 
 int Wait(pid_t pid) {
-    int st = 0;
-    if (waitpid(pid, &st, 0) != pid) return -1;
-    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    return vstest::WaitFor(pid);
 }
 
 // Disks whose read-completed marker `bytes` hold, as "vm/disk".
