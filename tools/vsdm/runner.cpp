@@ -332,6 +332,27 @@ void RecordHeldDisks(CPipelayer& pipe, bool stored, std::ostream& report) {
         report << "vsdm: " << held << " completed disk(s) not recorded: " << why << "\n";
 }
 
+// The index of a stream gathered as it is written, when its target can have one.
+std::unique_ptr<vsstream::IndexRecorder> RecordIndex(const std::string& out, CPipelayer& pipe) {
+    const std::string folder = IndexFolderOf(out);
+    if (folder.empty()) return nullptr;
+    auto recorder = std::make_unique<vsstream::IndexRecorder>(folder);
+    if (!vshost::TapPlaces(pipe, [r = recorder.get()](uint64_t index, uint64_t offset) { r->Place(index, offset); }))
+        throw std::logic_error("the stream's places are asked for after its first record");
+    return recorder;
+}
+
+// A complete stream gets its index beside it; any other loses the one an earlier stream
+// of its name left. An index that cannot be written costs the stream nothing: it is
+// said, and `vsstream index` makes it.
+void PublishIndexOf(const std::string& out, vsstream::IndexRecorder& index, bool stored, uint64_t streamBytes,
+                    std::ostream& report) {
+    std::string why;
+    if (stored && index.complete() && PublishIndex(out, index, streamBytes, why)) return;
+    RemoveIndex(out);
+    if (!why.empty()) report << "vsdm: no index of " << out << ": " << why << " (vsstream index makes one)\n";
+}
+
 int ExitStatusOf(bool written, bool stopped, bool opened, const RunSummary& s, const std::string& writeError,
                  std::ostream& report) {
     if (!written) {
@@ -359,9 +380,14 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     const std::unique_ptr<Target> target = OpenTarget(job.out);
     std::unique_ptr<CPipelayer> pipe = OpenPipeline(*target, options);
 
-    // The summary is counted as the stream is written: no second pass over it.
+    // The summary is counted, and the stream's index gathered, as the stream is written:
+    // no second pass over it.
     StreamCounter counter;
-    vshost::TapRecords(*pipe, [&counter](const vshost::StreamRecord& r) { counter.Apply(r); });
+    std::unique_ptr<vsstream::IndexRecorder> index = RecordIndex(job.out, *pipe);
+    vshost::TapRecords(*pipe, [&counter, recorder = index.get()](const vshost::StreamRecord& r) {
+        counter.Apply(r);
+        if (recorder) recorder->Take(r);
+    });
 
     KtEvent ownStop;
     KtEvent& stop = options.stop ? *options.stop : ownStop;
@@ -423,6 +449,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     // An object that was not stored is no stream at all, whatever its writer finished.
     s.streamComplete = pipe->Finished() && (written || !target->StoredOnlyWhenPublished());
     if (opened) counter.CountInto(s);
+    if (index && opened) PublishIndexOf(job.out, *index, written && !stopped, s.streamBytes, report);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     s.status = ExitStatusOf(written, stopped, opened, s, writeError, report);

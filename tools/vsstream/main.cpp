@@ -1,6 +1,7 @@
 // vsstream: lists, verifies and restores backup streams and stream sets.
 #include "commands.h"
 #include "lineprefix.h"
+#include "objectbytes.h"
 
 #include "hostapi/fd.h"
 #include "vscodec/streamset.h"
@@ -305,11 +306,14 @@ int ListOrVerify(const Command& cmd, const Inputs& in, bool several) {
         if (several && list) out << "== " << s.name << "\n";
         outPrefix.SetPrefix(several && !list ? s.name + ": " : "");
         errPrefix.SetPrefix(several ? s.name + ": " : "");
-        // A file's index is checked; a pipe or an object has none.
-        const bool file = s.name != "-" && !in.OfObject(s.fd);
+        // The index of a file or an object is checked; a pipe has none.
+        std::unique_ptr<vsstream::StreamBytes> indexed;
+        std::string why;
+        if (!list && s.name != "-")
+            indexed = in.OfObject(s.fd) ? vsstream::OpenStreamBytes(s.name, why) : vsstream::FileBytes(s.fd, s.name);
         built.emplace_back();
         const int one = list ? vsstream::RunList(s.fd, out, err)
-                             : vsstream::RunVerify(s.fd, out, err, file ? s.name : "", &built.back());
+                             : vsstream::RunVerify(s.fd, out, err, indexed.get(), &built.back());
         code = vsstream::WorseCode(code, one);
     }
     if (cmd.deep && code != vsstream::kExitCorrupt && code != vsstream::kExitUnreadable) {
@@ -329,6 +333,7 @@ int ListOrVerify(const Command& cmd, const Inputs& in, bool several) {
 }
 
 int Run(int argc, char** argv) {
+    vsstream::ReadObjects();
     Command cmd;
     if (const int status = Parse(argc, argv, cmd); status != kGoOn) return status;
     if (cmd.kind == Command::kIndex) {
