@@ -332,13 +332,18 @@ void RecordHeldDisks(CPipelayer& pipe, bool stored, std::ostream& report) {
         report << "vsdm: " << held << " completed disk(s) not recorded: " << why << "\n";
 }
 
-// The index of a stream gathered as it is written, when its target can have one.
-std::unique_ptr<vsstream::IndexRecorder> RecordIndex(const std::string& out, CPipelayer& pipe) {
+// The summary is counted, and the stream's index gathered (when its target can have
+// one), as the stream is written: no second pass over it.
+std::unique_ptr<vsstream::IndexRecorder> TapStream(const std::string& out, CPipelayer& pipe, StreamCounter& counter) {
     const std::string folder = IndexFolderOf(out);
-    if (folder.empty()) return nullptr;
-    auto recorder = std::make_unique<vsstream::IndexRecorder>(folder);
-    if (!vshost::TapPlaces(pipe, [r = recorder.get()](uint64_t index, uint64_t offset) { r->Place(index, offset); }))
+    auto recorder = folder.empty() ? nullptr : std::make_unique<vsstream::IndexRecorder>(folder);
+    if (recorder &&
+        !vshost::TapPlaces(pipe, [r = recorder.get()](uint64_t index, uint64_t offset) { r->Place(index, offset); }))
         throw std::logic_error("the stream's places are asked for after its first record");
+    vshost::TapRecords(pipe, [&counter, r = recorder.get()](const vshost::StreamRecord& record) {
+        counter.Apply(record);
+        if (r) r->Take(record);
+    });
     return recorder;
 }
 
@@ -380,14 +385,8 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     const std::unique_ptr<Target> target = OpenTarget(job.out);
     std::unique_ptr<CPipelayer> pipe = OpenPipeline(*target, options);
 
-    // The summary is counted, and the stream's index gathered, as the stream is written:
-    // no second pass over it.
     StreamCounter counter;
-    std::unique_ptr<vsstream::IndexRecorder> index = RecordIndex(job.out, *pipe);
-    vshost::TapRecords(*pipe, [&counter, recorder = index.get()](const vshost::StreamRecord& r) {
-        counter.Apply(r);
-        if (recorder) recorder->Take(r);
-    });
+    const std::unique_ptr<vsstream::IndexRecorder> index = TapStream(job.out, *pipe, counter);
 
     KtEvent ownStop;
     KtEvent& stop = options.stop ? *options.stop : ownStop;

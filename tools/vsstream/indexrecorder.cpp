@@ -68,7 +68,7 @@ struct IndexRecorder::Spill {
         buffer.clear();
         return failed == 0;
     }
-    static constexpr size_t kBuffer = 64 * 1024;
+    static constexpr size_t kBuffer = size_t{64} << 10;
     vshost::Fd fd;
     std::string buffer;
     uint64_t start = 0;

@@ -289,7 +289,7 @@ void IndexEncoder::Put(const std::string& bytes) {
     XXH3_64bits_update(m_state.get(), bytes.data(), bytes.size());
     vshost::detail::AfterVectorHash();
     m_buffer += bytes;
-    if (m_buffer.size() >= 64 * 1024) Drain();
+    if (m_buffer.size() >= size_t{64} << 10) Drain();
 }
 
 bool IndexEncoder::Drain() {
