@@ -268,6 +268,56 @@ std::vector<std::string> S3Client::UploadsOf(const S3Location& at) {
     return ids;
 }
 
+std::vector<S3Client::Part> S3Client::Parts(const S3Location& at, const std::string& uploadId) {
+    std::vector<Part> parts;
+    std::string marker = "0";
+    for (;;) {
+        const Response r = Send("GET", at, "part-number-marker=" + marker + "&uploadId=" + uploadId, nullptr, 0, {});
+        pugi::xml_document doc;
+        doc.load_string(r.body.c_str());
+        const pugi::xml_node list = doc.child("ListPartsResult");
+        for (const auto& p : list.children("Part"))
+            parts.push_back({std::atoi(p.child_value("PartNumber")), p.child_value("ETag"),
+                             std::strtoull(p.child_value("Size"), nullptr, 10)});
+        marker = list.child_value("NextPartNumberMarker");
+        if (std::string(list.child_value("IsTruncated")) != "true" || marker.empty()) break;
+    }
+    std::sort(parts.begin(), parts.end(), [](const Part& a, const Part& b) { return a.number < b.number; });
+    return parts;
+}
+
+uint64_t KeepUploadedParts(S3Client& client, const S3Location& at) {
+    // Of several (there should be one), the upload that keeps the most.
+    std::string keep;
+    std::vector<std::string> etags;
+    uint64_t bytes = 0;
+    const std::vector<std::string> ids = client.UploadsOf(at);
+    for (const std::string& id : ids) {
+        std::vector<std::string> these;
+        uint64_t size = 0;
+        for (const S3Client::Part& p : client.Parts(at, id)) {
+            // A writer sends its parts one after the other; a gap means bytes that do not
+            // follow on. Some stores (Ceph's gateway) complete an upload only with every
+            // part it holds, so such an upload is not kept at all.
+            if (p.number != static_cast<int>(these.size()) + 1) {
+                size = 0;
+                break;
+            }
+            these.push_back(p.etag);
+            size += p.size;
+        }
+        if (size > bytes) {
+            keep = id;
+            etags = std::move(these);
+            bytes = size;
+        }
+    }
+    for (const std::string& id : ids)
+        if (id != keep) client.AbortUpload(at, id);
+    if (!keep.empty()) client.CompleteUpload(at, keep, etags);
+    return bytes;
+}
+
 void S3Client::Put(const S3Location& at, const std::string& data) {
     Send("PUT", at, "", data.data(), data.size(), {});
 }

@@ -111,6 +111,26 @@ bool StreamExists(const std::string& path) {
     }
 }
 
+bool KeepCutObject(const std::string& path, std::string& said) {
+    vsobj::S3Location at;
+    if (!IsObject(path, &at)) return false;
+    try {
+        vsobj::S3Client client(ObjectStoreSettings());
+        const uint64_t kept = vsobj::KeepUploadedParts(client, at);
+        if (kept == 0) {
+            said = "no part of its upload was stored";
+            return false;
+        }
+        said = "its upload was never completed: the " + std::to_string(kept) +
+               " bytes of its parts stored are kept as the stream " + path;
+        return true;
+    } catch (const std::exception& e) {
+        // A writer that finished meanwhile completed the upload itself.
+        said = e.what();
+        return StreamExists(path);
+    }
+}
+
 bool PublishStreamSet(const std::string& path, const vshost::StreamSet& set, std::string& why) {
     vsobj::S3Location at;
     if (!IsObject(path, &at)) return vshost::WriteStreamSet(path, set, why) && SyncFolderOf(path, why);

@@ -66,6 +66,13 @@ private:
 // Whether the stream `path` (a file or an object) exists.
 bool StreamExists(const std::string& path);
 
+// An object stream whose writer died before it was stored (killed, or its store went
+// away) left an open upload: its parts from the first on become the object, a stream cut
+// off after its last whole part, so that a resumed attempt goes on from what they hold
+// rather than from nothing. True when the object now exists; `said` tells what was kept
+// or why nothing was. A writer still alive then fails at its next part and stores nothing.
+bool KeepCutObject(const std::string& path, std::string& said);
+
 // Writes a stream set's manifest to `path`, a file (written atomically, its folder
 // synced) or an object; false with `why`.
 bool PublishStreamSet(const std::string& path, const vshost::StreamSet& set, std::string& why);

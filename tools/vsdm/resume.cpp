@@ -68,12 +68,11 @@ void CheckSameJob(const DataMoverJob& job, const StreamIdentity& stream, const s
 }
 
 ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identity) {
-    // An object exists only once its upload completed: an attempt killed before that
-    // (or whose store went away) stored nothing to go on from.
-    if (IsObject(stream) && !StreamExists(stream))
-        throw UsageError("the stream to resume from, " + stream +
-                         ", is not on the object store: an attempt that was killed or lost its store before the end "
-                         "stores no stream; run the job again without --resume");
+    // An object exists once its upload completed; an attempt killed before that (or whose
+    // store went away) left the parts it stored, which become the stream to go on from.
+    if (std::string said; IsObject(stream) && !StreamExists(stream) && !KeepCutObject(stream, said))
+        throw UsageError("the stream to resume from, " + stream + ", is not on the object store (" + said +
+                         "): run the job again without --resume");
     StreamSource source = OpenSource(stream);
     vshost::StreamReader reader(source.fd());
     vsstream::EntryModel model;

@@ -208,9 +208,16 @@ public:
 
 // Where an earlier attempt's stream is now: as recorded, or, when that was the temporary
 // name of a stream since published, under its final name. Empty when it is gone.
-std::string EarlierStream(const std::string& key) {
-    // An object exists only once its attempt stored it (a killed attempt leaves none).
-    if (IsObject(key)) return StreamExists(key) ? key : std::string();
+std::string EarlierStream(const std::string& key, std::ostream& report) {
+    // An object exists once its attempt stored it; a killed attempt's open upload is made
+    // into one of the parts it stored (the lease says that attempt is over).
+    if (IsObject(key)) {
+        if (StreamExists(key)) return key;
+        std::string said;
+        const bool kept = KeepCutObject(key, said);
+        report << "the earlier attempt's stream " << key << ": " << said << "\n";
+        return kept ? key : std::string();
+    }
     std::error_code ec;
     if (fs::exists(key, ec)) return key;
     const size_t at = key.rfind(".partial-");
@@ -224,7 +231,7 @@ void ResumeFromEarlier(DataMoverJob& job, const std::vector<std::string>& stream
     ResumePoints points;
     bool any = false;
     for (const std::string& key : streams) {
-        const std::string path = EarlierStream(key);
+        const std::string path = EarlierStream(key, report);
         if (path.empty()) {
             report << "the earlier attempt's stream " << key << " is gone: not built on\n";
             continue;

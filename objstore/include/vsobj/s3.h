@@ -60,6 +60,13 @@ public:
     std::vector<std::string> OpenUploads(const std::string& bucket);
     // Ids of the uploads of `at` begun and neither completed nor aborted.
     std::vector<std::string> UploadsOf(const S3Location& at);
+    struct Part {
+        int number = 0;
+        std::string etag;
+        uint64_t size = 0;
+    };
+    // The parts an open upload holds, in ascending number.
+    std::vector<Part> Parts(const S3Location& at, const std::string& uploadId);
     // A small object in one request (a stream set's manifest).
     void Put(const S3Location& at, const std::string& data);
     std::vector<std::string> Keys(const std::string& bucket, const std::string& prefix);
@@ -109,6 +116,12 @@ private:
     bool m_done = false;
     std::atomic<bool> m_abandoned{false};
 };
+
+// Makes the object `at` of what an upload that was never completed (its writer was
+// killed, or lost its store) holds: its parts, when they run from the first without a
+// gap (as ObjectWriter sends them). Any other open upload of `at` is aborted, as is one
+// with nothing to keep. The bytes kept, 0 when no object was made. Throws S3Error.
+uint64_t KeepUploadedParts(S3Client& client, const S3Location& at);
 
 // An object read from its start through a pipe: fd() gives its bytes as a thread of its
 // own fetches them with ranged GETs. A failure ends the bytes early; Error tells why.

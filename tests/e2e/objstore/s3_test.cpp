@@ -4,10 +4,12 @@
 #include "disk_images.h"
 #include "run_support.h"
 #include "s3_server.h"
+#include "stream_support.h"
 
 #include "hostapi/appmgr.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
+#include "vshost/queue.h"
 #include "vsobj/s3.h"
 
 #include <gtest/gtest.h>
@@ -16,10 +18,13 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -27,6 +32,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using vstest::RunResult;
 using vstest::Shell;
 using vstest::Tree;
@@ -86,12 +92,16 @@ size_t RecordedDisks(int64_t job) {
 
 // The store's network end as vsdm sees it: bytes pass both ways to the real gateway
 // until the client has sent `cutAfter` of them; then every connection is dropped and no
-// new one is taken, as when the store's process is killed, or (`damage`) one byte of a
-// request body sent after that point is flipped on its way, once. A true process
-// boundary; the store behind it stays up for the other tests.
+// new one is taken, as when the store's process is killed (Die), or one byte of a
+// request body sent after that point is flipped on its way, once (Damage), or the
+// client's bytes are no longer taken, its requests hanging, while the store's answers
+// still pass (Stall). A true process boundary; the store behind it stays up for the
+// other tests.
+enum class Fault { Die, Damage, Stall };
+
 class StoreThatDies {
 public:
-    explicit StoreThatDies(size_t cutAfter, bool damage = false) : m_cutAfter(cutAfter), m_damage(damage) {
+    explicit StoreThatDies(size_t cutAfter, Fault fault = Fault::Die) : m_cutAfter(cutAfter), m_fault(fault) {
         const std::string endpoint = std::getenv("AWS_ENDPOINT_URL");
         m_upstreamPort = std::stoi(endpoint.substr(endpoint.rfind(':') + 1));
         m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -112,6 +122,7 @@ public:
     std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(m_port); }
     bool died() const { return m_died; }
     bool damaged() const { return m_damaged; }
+    bool stalled() const { return m_stalled; }
 
 private:
     int Upstream() const {
@@ -138,7 +149,8 @@ private:
             // Poll only what is listed now: a connection accepted below waits for the next round.
             std::vector<pollfd> fds{{m_listen, POLLIN, 0}};
             for (const auto& p : pairs)
-                for (int side = 0; side < 2; ++side) fds.push_back({p.open[side] ? p.fd[side] : -1, POLLIN, 0});
+                for (int side = 0; side < 2; ++side)
+                    fds.push_back({p.open[side] && !(side == 0 && m_stalled) ? p.fd[side] : -1, POLLIN, 0});
             const size_t polled = pairs.size();
             if (::poll(fds.data(), fds.size(), 50) <= 0) continue;
             if (fds[0].revents & POLLIN) {
@@ -162,11 +174,13 @@ private:
                     }
                     if (side == 0 && (sent += static_cast<size_t>(n)) > m_cutAfter && !m_damaged) {
                         // A full read deep into a body is body bytes, never headers.
-                        if (!m_damage) {
+                        if (m_fault == Fault::Stall) {
+                            m_stalled = true;
+                        } else if (m_fault == Fault::Die) {
                             m_died = true;
                             break;
                         }
-                        if (n == sizeof buf && sent > m_cutAfter + 4 * sizeof buf) {
+                        if (m_fault == Fault::Damage && n == sizeof buf && sent > m_cutAfter + 4 * sizeof buf) {
                             buf[n - 1] = static_cast<char>(buf[n - 1] ^ 1);
                             m_damaged = true;
                         }
@@ -186,8 +200,8 @@ private:
     }
 
     size_t m_cutAfter;
-    bool m_damage;
-    std::atomic<bool> m_damaged{false};
+    Fault m_fault;
+    std::atomic<bool> m_damaged{false}, m_stalled{false};
     int m_upstreamPort = 0, m_listen = -1, m_port = 0;
     std::atomic<bool> m_stop{false}, m_died{false};
     std::thread m_thread;
@@ -305,7 +319,7 @@ TEST(VsdmObjectStore, AStreamObjectIsServedThroughItsIndex) {
     const std::string socket = home.sub("web01.sock");
     r = Shell(serve + socket + " >" + home.sub("serve.log") + " 2>&1 & echo $!");
     const pid_t server = std::stoi(r.output);
-    for (int i = 0; i < 1000 && !std::filesystem::exists(socket); ++i) ::usleep(10000);
+    for (int i = 0; i < 1000 && !fs::exists(socket); ++i) ::usleep(10000);
     EXPECT_EQ(vstest::images::Compare("nbd+unix:///?socket=" + socket, "raw", web.disks[0].path, "vmdk"), "")
         << vstest::ReadAll(home.sub("serve.log"));
     ::kill(server, SIGTERM);
@@ -346,12 +360,13 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     r = Shell(kVsdm + " run " + home.sub("71.json") + " --resume " + Url("faults/71.stream") + " --out " +
               Url("faults/71b.stream"));
     EXPECT_EQ(r.status, 64) << r.output;
-    EXPECT_NE(r.output.find("is not on the object store"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("is not on the object store (no part of its upload was stored)"), std::string::npos)
+        << r.output;
 
     // A part damaged on its way is refused by the store, which checks each body's
     // SHA-256; the upload is aborted and nothing recorded.
     {
-        StoreThatDies store(4096, true);
+        StoreThatDies store(4096, Fault::Damage);
         r = Shell("AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " run " + home.sub("71.json") + out);
         EXPECT_TRUE(store.damaged());
     }
@@ -397,4 +412,100 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     r = Shell(kVsstream + " restore " + home.sub("whole.stream") + " --to " + home.sub("w"));
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_TRUE(Tree(home.sub("w")) == Tree(home.sub("r")));
+}
+
+namespace {
+
+pid_t Start(const std::string& command, const std::string& errPath) {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    const int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0 || dup2(fd, STDERR_FILENO) < 0) _exit(127);
+    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+}
+
+int Wait(pid_t pid) {
+    int st = 0;
+    if (waitpid(pid, &st, 0) != pid) return -1;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+}
+
+}  // namespace
+
+// A worker killed while its stream is being uploaded leaves an open upload; the worker
+// that takes its item over keeps the parts stored as the dead attempt's stream and goes
+// on from what they hold, so the two streams restore the disk whole and no upload is left.
+TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
+    VS_NEEDS_S3();
+    vstest::TempHome scratch;
+    const std::string image = scratch.sub("img.raw");
+    {
+        std::string bytes(24u << 20, '\0');
+        uint64_t x = 0x9e3779b97f4a7c15ull;
+        for (size_t i = 0; i < bytes.size(); i += 8) {
+            x ^= x << 13, x ^= x >> 7, x ^= x << 17;
+            std::memcpy(&bytes[i], &x, 8);
+        }
+        vstest::WriteFile(image, bytes);
+    }
+    vssample::SampleOptions options;
+    options.snapJobId = 78;
+    const vssample::SampleSnapshot s = vssample::GenerateImageSnapshot(image, options);
+    std::vector<std::string> homes;
+    for (const char* name : {"a", "b"}) {
+        homes.push_back(scratch.sub(name));
+        fs::create_directory(homes.back());
+        std::ofstream(homes.back() + "/settings.ini")
+            << "[Catalog]\nsConnection=file:" << scratch.sub("shared.db") << "\nnLeaseSeconds=2\n";
+    }
+    RunResult r =
+        Shell(kVsdm + " snapshot add --snap-job 78 ds1=" + scratch.sub("Snapshots/78/ds1") + " --home " + homes[0]);
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = Shell("(" + kVsdm + " job create --snapshot 78 --out " + Url("taken/") + " --home " + homes[1] +
+              " 2>/dev/null)");
+    ASSERT_EQ(r.status, 0) << r.output;
+    const std::string job = r.output.substr(0, r.output.find('\n'));
+
+    vsobj::S3Client client(vsobj::SettingsFromEnvironment());
+    {
+        // The store stops taking bytes inside the second part; once the first is stored,
+        // the worker is killed.
+        StoreThatDies store(12u << 20, Fault::Stall);
+        const pid_t a = Start("env AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " worker --once --job " + job +
+                                  " --home " + homes[0],
+                              scratch.sub("a.out"));
+        size_t stored = 0;
+        for (int i = 0; i < 600 && stored == 0; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            for (const std::string& key : OpenUploads())
+                for (const std::string& id : client.UploadsOf({Bucket(), key}))
+                    if (key.starts_with("taken/")) stored += client.Parts({Bucket(), key}, id).size();
+        }
+        kill(a, SIGKILL);
+        EXPECT_EQ(Wait(a), 128 + SIGKILL);
+        ASSERT_TRUE(store.stalled() && stored == 1) << stored << vstest::ReadAll(scratch.sub("a.out"));
+    }
+    const pid_t b = Start(kVsdm + " worker --job " + job + " --home " + homes[1], scratch.sub("b.out"));
+    const std::string said = (Wait(b), vstest::ReadAll(scratch.sub("b.out")));
+    EXPECT_NE(said.find("its upload was never completed: the 8388608 bytes of its parts stored are kept"),
+              std::string::npos)
+        << said;
+    EXPECT_NE(said.find("0 disk(s) already read, 1 going on"), std::string::npos) << said;
+    EXPECT_EQ(OpenUploads(), std::vector<std::string>{});
+
+    vshost::OpenHome(homes[1]);
+    const auto items = vshost::queue::Items(std::stoll(job));
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(std::make_tuple(items[0].state, items[0].generation), std::make_tuple(std::string("done"), int64_t{2}));
+    ASSERT_EQ(items[0].streams.size(), 2u);
+    EXPECT_EQ(vshost::changetrack::JobDisks(std::stoll(job)).size(), 1u);
+    // The kept stream is cut off (2); the second completes the disk.
+    const std::string restored = scratch.sub("r");
+    r = Shell(kVsstream + " restore " + items[0].streams[0] + " --to " + restored);
+    EXPECT_EQ(r.status, 2) << r.output;
+    r = Shell(kVsstream + " restore " + items[0].streams[1] + " --onto " + restored);
+    EXPECT_EQ(r.status, 0) << r.output;
+    const vssample::SampleVM& vm = s.vms.at(0);
+    EXPECT_TRUE(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + vm.disks.at(0).name) == vstest::ReadAll(image));
 }

@@ -92,6 +92,23 @@ TEST(ObjectStore, AnAbandonedUploadLeavesNothingAndRefusalsNameTheStoresReason) 
     EXPECT_EQ(client.OpenUploads(Bucket()), std::vector<std::string>{});
     EXPECT_EQ(client.Keys(Bucket(), "gone/"), std::vector<std::string>{});
 
+    // A killed writer's upload is kept when its parts run from the first without a gap;
+    // every other open upload of the key is aborted, as is one that does not start at 1.
+    const std::string part = Random(5u << 20);
+    const vsobj::S3Location cut{Bucket(), "gone/cut.stream"}, gap{Bucket(), "gone/gap.stream"};
+    const std::string id = client.StartUpload(cut), other = client.StartUpload(cut), holed = client.StartUpload(gap);
+    client.PutPart(cut, id, 1, part.data(), part.size());
+    client.PutPart(cut, id, 2, part.data(), 10);
+    client.PutPart(cut, other, 1, part.data(), part.size());
+    client.PutPart(gap, holed, 2, part.data(), 10);
+    EXPECT_EQ(vsobj::KeepUploadedParts(client, cut), part.size() + 10);
+    EXPECT_EQ(vsobj::KeepUploadedParts(client, gap), 0u);
+    EXPECT_EQ(client.OpenUploads(Bucket()), std::vector<std::string>{});
+    EXPECT_EQ(client.Keys(Bucket(), "gone/"), std::vector<std::string>{cut.key});
+    std::string back(part.size() + 10, '\0');
+    EXPECT_TRUE(client.Read(cut, 0, back.data(), back.size()) == back.size() && back == part + part.substr(0, 10));
+    client.Delete(cut);
+
     vsobj::S3Settings wrong = Settings();
     wrong.secretKey = "not-the-secret-key-0123456789";
     try {
