@@ -236,11 +236,12 @@ int Parse(int argc, char** argv, Command& cmd) {
     verify->add_flag("--deep", cmd.deep,
                      "the streams are a full and its incrementals, oldest first: read every disk of the chain "
                      "through the index as serve does and check each extent against the digest recorded for it");
-    CLI::App* index = app.add_subcommand("index", "write the index of a stream file beside it (STREAM.idx)");
-    index->add_option("STREAM", cmd.names, "stream files")->required();
+    CLI::App* index = app.add_subcommand(
+        "index", "write the index of a stream beside it (STREAM.idx; for s3://BUCKET/KEY the object KEY.idx)");
+    index->add_option("STREAM", cmd.names, "stream files or objects")->required();
     CLI::App* serve = app.add_subcommand(
         "serve", "export one disk of a full backup and its incrementals (oldest first) read-only over NBD");
-    serve->add_option("STREAM", cmd.names, "stream files, each with its index")->required();
+    serve->add_option("STREAM", cmd.names, "stream files or objects, each with its index")->required();
     serve->add_option("--disk", cmd.disk, "the disk: \\VM\\DISK, VM/DISK, or its name alone")->required();
     serve->add_option("--socket", cmd.socket, "the Unix socket to serve on")->required();
     CLI::App* restore = app.add_subcommand("restore", "rebuild files and sparse disk images below a folder");
