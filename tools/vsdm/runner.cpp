@@ -333,10 +333,17 @@ void RecordHeldDisks(CPipelayer& pipe, bool stored, std::ostream& report) {
 }
 
 // The summary is counted, and the stream's index gathered (when its target can have
-// one), as the stream is written: no second pass over it.
-std::unique_ptr<vsstream::IndexRecorder> TapStream(const std::string& out, CPipelayer& pipe, StreamCounter& counter) {
+// one), as the stream is written: no second pass over it. A stream whose index cannot be
+// gathered is written all the same.
+std::unique_ptr<vsstream::IndexRecorder> TapStream(const std::string& out, CPipelayer& pipe, StreamCounter& counter,
+                                                   std::ostream& report) {
     const std::string folder = IndexFolderOf(out);
-    auto recorder = folder.empty() ? nullptr : std::make_unique<vsstream::IndexRecorder>(folder);
+    std::unique_ptr<vsstream::IndexRecorder> recorder;
+    try {
+        if (!folder.empty()) recorder = std::make_unique<vsstream::IndexRecorder>(folder);
+    } catch (const std::runtime_error& e) {
+        report << "vsdm: no index of " << out << ": " << e.what() << " (vsstream index makes one)\n";
+    }
     if (recorder &&
         !vshost::TapPlaces(pipe, [r = recorder.get()](uint64_t index, uint64_t offset) { r->Place(index, offset); }))
         throw std::logic_error("the stream's places are asked for after its first record");
@@ -348,12 +355,13 @@ std::unique_ptr<vsstream::IndexRecorder> TapStream(const std::string& out, CPipe
 }
 
 // A complete stream gets its index beside it; any other loses the one an earlier stream
-// of its name left. An index that cannot be written costs the stream nothing: it is
-// said, and `vsstream index` makes it.
-void PublishIndexOf(const std::string& out, vsstream::IndexRecorder& index, bool stored, uint64_t streamBytes,
+// of its name left (standard output, a FIFO or a device has none). An index that cannot
+// be written costs the stream nothing: it is said, and `vsstream index` makes it.
+void PublishIndexOf(const std::string& out, vsstream::IndexRecorder* index, bool stored, uint64_t streamBytes,
                     std::ostream& report) {
+    if (IndexFolderOf(out).empty()) return;
     std::string why;
-    if (stored && index.complete() && PublishIndex(out, index, streamBytes, why)) return;
+    if (index && stored && index->complete() && PublishIndex(out, *index, streamBytes, why)) return;
     RemoveIndex(out);
     if (!why.empty()) report << "vsdm: no index of " << out << ": " << why << " (vsstream index makes one)\n";
 }
@@ -386,7 +394,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     std::unique_ptr<CPipelayer> pipe = OpenPipeline(*target, options);
 
     StreamCounter counter;
-    const std::unique_ptr<vsstream::IndexRecorder> index = TapStream(job.out, *pipe, counter);
+    const std::unique_ptr<vsstream::IndexRecorder> index = TapStream(job.out, *pipe, counter, report);
 
     KtEvent ownStop;
     KtEvent& stop = options.stop ? *options.stop : ownStop;
@@ -448,7 +456,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     // An object that was not stored is no stream at all, whatever its writer finished.
     s.streamComplete = pipe->Finished() && (written || !target->StoredOnlyWhenPublished());
     if (opened) counter.CountInto(s);
-    if (index && opened) PublishIndexOf(job.out, *index, written && !stopped, s.streamBytes, report);
+    if (opened) PublishIndexOf(job.out, index.get(), written && !stopped, s.streamBytes, report);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     s.status = ExitStatusOf(written, stopped, opened, s, writeError, report);
