@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
@@ -375,8 +376,16 @@ void CloseFd(int& fd) {
 
 }  // namespace
 
-ObjectWriter::ObjectWriter(const S3Settings& settings, S3Location at)
-    : m_client(std::make_unique<S3Client>(settings)), m_at(std::move(at)) {
+uint64_t ObjectWriter::PartBytes(int number) {
+    return uint64_t{kPartBytes} << std::min((number - 1) / 1000, 9);
+}
+
+ObjectWriter::ObjectWriter(const S3Settings& settings, S3Location at, std::string spool)
+    : m_client(std::make_unique<S3Client>(settings)), m_at(std::move(at)), m_spool(std::move(spool)) {
+    if (m_spool.empty()) {
+        const char* tmp = std::getenv("TMPDIR");
+        m_spool = tmp && *tmp ? tmp : "/tmp";
+    }
     m_uploadId = m_client->StartUpload(m_at);
     MakePipe(m_read, m_write);
     m_thread = std::thread([this] { Upload(); });
@@ -386,43 +395,108 @@ ObjectWriter::~ObjectWriter() {
     if (!m_done) Abort();
 }
 
+namespace {
+
+// A part on its way: an unlinked file its bytes are gathered in, mapped when it is sent
+// (the page cache holds it, not the process's heap).
+class SpooledPart {
+public:
+    explicit SpooledPart(const std::string& folder) {
+        m_fd = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+        if (m_fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR)) {
+            // A file system without unnamed files: a named one, unlinked at once.
+            std::string name = folder + "/vs-part-XXXXXX";
+            m_fd = ::mkostemp(name.data(), O_CLOEXEC);
+            if (m_fd >= 0) ::unlink(name.c_str());
+        }
+        if (m_fd < 0)
+            throw S3Error("object storage: cannot make a part's file in " + folder + ": " + std::strerror(errno), 0);
+    }
+    ~SpooledPart() { ::close(m_fd); }
+    SpooledPart(const SpooledPart&) = delete;
+    SpooledPart& operator=(const SpooledPart&) = delete;
+
+    void Append(const char* data, size_t n) {
+        for (size_t done = 0; done < n;) {
+            const ssize_t w = ::pwrite(m_fd, data + done, n - done, static_cast<off_t>(m_size + done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) throw S3Error(std::string("object storage: writing a part's file: ") + std::strerror(errno), 0);
+            done += static_cast<size_t>(w);
+        }
+        m_size += n;
+    }
+    void Reset() {
+        if (::ftruncate(m_fd, 0) != 0)
+            throw S3Error(std::string("object storage: cannot reuse a part's file: ") + std::strerror(errno), 0);
+        m_size = 0;
+    }
+    // Uploads the part as part `number` of `uploadId`; its ETag.
+    std::string Send(S3Client& client, const S3Location& at, const std::string& uploadId, int number) const {
+        if (m_size == 0) return client.PutPart(at, uploadId, number, nullptr, 0);
+        void* bytes = ::mmap(nullptr, m_size, PROT_READ, MAP_SHARED, m_fd, 0);
+        if (bytes == MAP_FAILED)
+            throw S3Error(std::string("object storage: cannot map a part's file: ") + std::strerror(errno), 0);
+        try {
+            std::string etag = client.PutPart(at, uploadId, number, static_cast<const char*>(bytes), m_size);
+            ::munmap(bytes, m_size);
+            return etag;
+        } catch (...) {
+            ::munmap(bytes, m_size);
+            throw;
+        }
+    }
+    uint64_t size() const { return m_size; }
+
+private:
+    int m_fd = -1;
+    size_t m_size = 0;
+};
+
+}  // namespace
+
 void ObjectWriter::Upload() {
     BlockSigpipe();
-    // Two parts: one is sent while the next fills, so the stream's writer does not wait
-    // on each request.
-    std::vector<char> parts[2] = {std::vector<char>(kPartBytes), std::vector<char>(kPartBytes)};
-    int filling = 0;
-    size_t used = 0;
-    bool end = false;
+    std::vector<char> buf(1u << 20);
+    // Two parts: one is sent while the next fills, so the stream's writer does not wait on
+    // each request. Declared before the request, so that they outlive it.
+    std::unique_ptr<SpooledPart> parts[2];
     std::future<std::string> sending;
     const auto sent = [&] {
         if (sending.valid()) m_etags.push_back(sending.get());
     };
     try {
+        for (auto& part : parts) part = std::make_unique<SpooledPart>(m_spool);
+        int filling = 0;
+        bool end = false;
         while (!end) {
-            std::vector<char>& part = parts[filling];
-            const ssize_t n = ::read(m_read, part.data() + used, part.size() - used);
+            SpooledPart& part = *parts[filling];
+            const int number = static_cast<int>(m_etags.size()) + (sending.valid() ? 2 : 1);
+            const uint64_t room = PartBytes(number) - part.size();
+            const ssize_t n = ::read(m_read, buf.data(), static_cast<size_t>(std::min<uint64_t>(buf.size(), room)));
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) throw S3Error(std::string("object storage: reading the stream: ") + std::strerror(errno), 0);
             end = n == 0;
-            used += static_cast<size_t>(n);
             if (m_abandoned) break;
+            part.Append(buf.data(), static_cast<size_t>(n));
             // A full part goes out; the last one may be short (or empty, for an empty stream).
-            if (used == part.size() || (end && (used > 0 || (m_etags.empty() && !sending.valid())))) {
+            if (part.size() == PartBytes(number) ||
+                (end && (part.size() > 0 || (m_etags.empty() && !sending.valid())))) {
                 sent();
-                const int number = static_cast<int>(m_etags.size()) + 1;
-                sending = std::async(std::launch::async, [this, number, data = part.data(), used] {
-                    return m_client->PutPart(m_at, m_uploadId, number, data, used);
-                });
+                sending = std::async(std::launch::async,
+                                     [this, number, &part] { return part.Send(*m_client, m_at, m_uploadId, number); });
                 filling ^= 1;
-                used = 0;
+                // The other part's file is free once its request has ended.
+                if (!end) {
+                    SpooledPart& next = *parts[filling];
+                    if (next.size() > 0) next.Reset();
+                }
             }
         }
         sent();
     } catch (const std::exception& e) {
         m_error = e.what();
     }
-    // A part still on its way is waited for before its buffer goes.
+    // A part still on its way is waited for before its file goes.
     if (sending.valid()) sending.wait();
     // After a failure the writer's next write fails (EPIPE) instead of waiting on a pipe
     // nobody drains.

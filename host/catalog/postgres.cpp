@@ -31,13 +31,22 @@ constexpr size_t kIdlePerTarget = 4;
 constexpr const char* kSession =
     "SELECT set_config('lock_timeout', '30s', false) WHERE current_setting('lock_timeout') = '0'";
 
-std::string TrimEnd(std::string s) {
+// libpq's messages end in a newline and may hold more lines (a hint after "\n\t"): one
+// line each, so that a reason quoted in a report or a job's status stays on its line.
+std::string OneLine(std::string s) {
     while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
-    return s;
+    std::string out;
+    for (const char c : s) {
+        if (c != '\n' && c != '\t')
+            out += c;
+        else if (!out.empty() && out.back() != ' ')
+            out += ' ';
+    }
+    return out;
 }
 
 [[noreturn]] void Fail(const std::string& what, const std::string& why) {
-    throw std::runtime_error("catalog: " + what + ": " + TrimEnd(why));
+    throw std::runtime_error("catalog: " + what + ": " + OneLine(why));
 }
 
 // Connections are dear on PostgreSQL (a server process each), while the catalog's

@@ -176,8 +176,19 @@ bool TellsOfError(std::string_view text) {
 
 // Why an item failed: the pending causes it raised, else the first line it logged of an
 // error (or its last line), without the line's process, thread, time and job fields.
+// The job's pending causes; none, and why said once to `report`, when the catalog that
+// holds them cannot be read (a reason or a summary must not fail for want of them).
+std::vector<vshost::PendingCause> CausesOrNone(KTJobID jobId, std::ostream* report) {
+    try {
+        return vshost::PendingCauses(jobId);
+    } catch (const std::exception& e) {
+        if (report) *report << "  pending causes not read: " << e.what() << "\n";
+        return {};
+    }
+}
+
 std::string FailureReason(const vshost::LogCapture& log, KTJobID jobId, size_t& causesSeen) {
-    const auto causes = vshost::PendingCauses(jobId);
+    const auto causes = CausesOrNone(jobId, nullptr);
     std::string reason;
     for (size_t i = causesSeen; i < causes.size(); ++i) reason += (reason.empty() ? "" : "; ") + CauseText(causes[i]);
     causesSeen = causes.size();
@@ -289,7 +300,7 @@ void RunItems(DataReaderVSBase& reader, DataReaderVMware* fileLevel, const DataM
     // What an item raised and the first lines it logged of an error are kept until it
     // ends, to tell why it failed; a few lines, however many files or extents it logs.
     vshost::LogCapture itemLog(TellsOfError, 4);
-    size_t causesSeen = vshost::PendingCauses(job.host.jobId).size();
+    size_t causesSeen = CausesOrNone(job.host.jobId, nullptr).size();
     for (const JobItem& item : job.items) {
         if (stop.wait(0)) break;
         itemLog.Clear();
@@ -495,8 +506,7 @@ void PrintSummary(const DataMoverJob& job, const RunSummary& s, std::ostream& ou
     }
     // A sound stream is not a whole backup of a disk its reader did not finish.
     for (const std::string& disk : s.incompleteDisks) out << "    disk NOT WHOLE " << disk << "\n";
-    const auto causes = vshost::PendingCauses(job.host.jobId);
-    for (const auto& c : causes) {
+    for (const auto& c : CausesOrNone(job.host.jobId, &out)) {
         out << "  pending cause 0x" << std::hex << std::uppercase << c.causeId << std::dec << std::nouppercase;
         for (const auto& a : c.eventArgs) out << " [" << a << "]";
         out << "\n";

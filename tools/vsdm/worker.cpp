@@ -261,7 +261,7 @@ std::string FailureOf(const std::string& text) {
     return why.empty() ? "the run failed; see the worker's output and log" : why;
 }
 
-enum class ItemEnd { Done, Failed, Lost, Stopped };
+enum class ItemEnd { Done, Failed, Lost, Stopped, StreamLost };
 
 struct Attempt {
     RunSummary summary;
@@ -318,8 +318,12 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
         return ItemEnd::Lost;
     }
     const bool stopped = a.ran && a.summary.status == kExitStopped;
+    // A stream that could not be written (its store went away, its disk filled) says
+    // nothing of the item: it goes back to the queue, and this worker, whose target
+    // fails, takes no more.
+    const bool streamLost = a.ran && a.summary.status == kExitStreamFailed;
     queue::Outcome outcome = queue::Outcome::Failed;
-    if (stopped)
+    if (stopped || streamLost)
         outcome = queue::Outcome::GivenBack;
     else if (a.ran && a.summary.status == kExitOk)
         outcome = queue::Outcome::Done;
@@ -331,7 +335,9 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
     try {
         recorded = queue::Finish(lease, outcome, failure, stream, progress);
     } catch (const std::exception& e) {
-        report << "worker: the outcome of item " << item.itemNo << " could not be recorded: " << e.what() << "\n";
+        report << "worker: the outcome of item " << item.itemNo << " of job " << item.jobId
+               << " could not be recorded (" << e.what()
+               << "); this attempt records nothing, and the item goes to the next worker once its lease expires\n";
         return ItemEnd::Lost;
     }
     if (!recorded) {
@@ -341,7 +347,21 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
         return ItemEnd::Lost;
     }
     if (stopped) return ItemEnd::Stopped;
+    if (streamLost) {
+        report << "worker: item " << item.itemNo << " of job " << item.jobId
+               << " is given back: its stream could not be written (" << FailureOf(captured.str()) << ")\n";
+        return ItemEnd::StreamLost;
+    }
     return outcome == queue::Outcome::Done ? ItemEnd::Done : ItemEnd::Failed;
+}
+
+// Items another worker holds may still come free, if that worker died: waits until every
+// item has ended (false) or a lease has expired (true).
+bool AwaitExpiry(int64_t jobId) {
+    std::optional<int64_t> next;
+    while ((next = queue::NextExpiry(jobId)) && *next >= Now() && !g_stopWorker.load())
+        std::this_thread::sleep_for(kIdlePoll);
+    return next.has_value();
 }
 
 }  // namespace
@@ -355,19 +375,25 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
     unsigned done = 0, failed = 0, lost = 0;
     bool stopped = false, empty = false;
     report << "worker " << owner << ": leases of " << seconds << " s\n";
+    std::string unreachable;
+    bool streamLost = false;
     while (!g_stopWorker.load()) {
-        const auto item = queue::LeaseNext(options.jobId, owner, Now(), seconds);
-        if (!item) {
-            // Items another worker holds may still come free, if that worker died: wait
-            // until every item has ended or a lease has expired.
-            std::optional<int64_t> next;
-            while ((next = queue::NextExpiry(options.jobId)) && *next >= Now() && !g_stopWorker.load())
-                std::this_thread::sleep_for(kIdlePoll);
-            empty = !next;
-            if (empty) break;
-            continue;
+        std::optional<queue::Item> item;
+        std::optional<queue::WorkJob> work;
+        try {
+            item = queue::LeaseNext(options.jobId, owner, Now(), seconds);
+            if (!item) {
+                empty = !AwaitExpiry(options.jobId);
+                if (empty) break;
+                continue;
+            }
+            work = queue::FindJob(item->jobId);
+        } catch (const std::exception& e) {
+            // Without the catalog there is nothing to lease nor anything to record: the
+            // worker ends, and the item it may just have leased goes on when that expires.
+            unreachable = e.what();
+            break;
         }
-        const auto work = queue::FindJob(item->jobId);
         if (!work) throw std::runtime_error("job " + std::to_string(item->jobId) + " has items but no job record");
         switch (RunItem(*item, *work, owner, seconds, report)) {
             case ItemEnd::Done:
@@ -383,10 +409,17 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
                 stopped = true;
                 g_stopWorker.store(true);
                 break;
+            case ItemEnd::StreamLost:
+                streamLost = true;
+                break;
         }
+        if (streamLost) break;
         if (options.once) break;
     }
     stopped = stopped || g_stopWorker.load();
+    if (!unreachable.empty())
+        report << "worker " << owner << ": the catalog cannot be reached: " << unreachable << "\n";
+    if (streamLost) report << "worker " << owner << ": its streams cannot be written; it takes no more items\n";
     report << "worker " << owner << ": " << done << " item(s) done, " << failed << " failed, " << lost
            << " lost to another worker"
            << (stopped ? "; stopped"
@@ -394,6 +427,7 @@ int RunWorker(const WorkerOptions& options, std::ostream& report) {
                        : "")
            << "\n";
     if (stopped) return kExitStopped;
+    if (!unreachable.empty() || streamLost) return kExitJobFailed;
     return failed + lost > 0 ? kExitItemsFailed : kExitOk;
 }
 

@@ -86,15 +86,21 @@ private:
 };
 
 // A stream written to an object through a pipe: what is written into fd() is uploaded
-// in parts of kPartBytes by a thread of its own (one part sent while the next fills:
-// 16 MiB of buffers), so the writer needs no notion of S3.
+// in parts by a thread of its own, so the writer needs no notion of S3. A part is
+// gathered in an unlinked file of `spool` (one part sent while the next fills) and sent
+// from the page cache, so the process's memory stays the same whatever the part size
+// (the files take up to two parts of room in `spool`): parts are
+// kPartBytes, doubling every 1000 parts, as a store takes at most 10,000 parts (8 TiB).
 // Finish completes the upload; Abort (and the destructor, without Finish) aborts it, so
 // no part is left behind in the store.
 class ObjectWriter {
 public:
     static constexpr size_t kPartBytes = 8u << 20;
+    static uint64_t PartBytes(int number);  // of part `number`, from 1
 
-    ObjectWriter(const S3Settings& settings, S3Location at);  // starts the upload; throws S3Error
+    // Starts the upload; throws S3Error. `spool`: a folder for the parts on their way
+    // (by default $TMPDIR, else /tmp).
+    ObjectWriter(const S3Settings& settings, S3Location at, std::string spool = {});
     ~ObjectWriter();
     ObjectWriter(const ObjectWriter&) = delete;
     ObjectWriter& operator=(const ObjectWriter&) = delete;
@@ -108,6 +114,7 @@ private:
     void Upload();
     std::unique_ptr<S3Client> m_client;
     S3Location m_at;
+    std::string m_spool;
     std::string m_uploadId;
     int m_read = -1, m_write = -1;
     std::thread m_thread;

@@ -469,6 +469,18 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
 
     vsobj::S3Client client(vsobj::SettingsFromEnvironment());
     {
+        // A store that goes away fails no item: the worker gives its item back and stops.
+        StoreThatDies store(200000);
+        const pid_t gone = Start(
+            "env AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " worker --job " + job + " --home " + homes[0],
+            scratch.sub("gone.out"));
+        const int status = Wait(gone);
+        const std::string told = vstest::ReadAll(scratch.sub("gone.out"));
+        EXPECT_EQ(status, 2) << told;
+        EXPECT_NE(told.find("is given back: its stream could not be written"), std::string::npos) << told;
+        EXPECT_NE(told.find("0 item(s) done, 0 failed"), std::string::npos) << told;
+    }
+    {
         // The store stops taking bytes inside the second part; once the first is stored,
         // the worker is killed.
         StoreThatDies store(12u << 20, Fault::Stall);
@@ -487,7 +499,8 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
         ASSERT_TRUE(store.stalled() && stored == 1) << stored << vstest::ReadAll(scratch.sub("a.out"));
     }
     const pid_t b = Start(kVsdm + " worker --job " + job + " --home " + homes[1], scratch.sub("b.out"));
-    const std::string said = (Wait(b), vstest::ReadAll(scratch.sub("b.out")));
+    EXPECT_EQ(Wait(b), 0);
+    const std::string said = vstest::ReadAll(scratch.sub("b.out"));
     EXPECT_NE(said.find("its upload was never completed: the 8388608 bytes of its parts stored are kept"),
               std::string::npos)
         << said;
@@ -497,14 +510,16 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
     vshost::OpenHome(homes[1]);
     const auto items = vshost::queue::Items(std::stoll(job));
     ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(std::make_tuple(items[0].state, items[0].generation), std::make_tuple(std::string("done"), int64_t{2}));
-    ASSERT_EQ(items[0].streams.size(), 2u);
+    EXPECT_EQ(std::make_tuple(items[0].state, items[0].generation), std::make_tuple(std::string("done"), int64_t{3}));
+    ASSERT_EQ(items[0].streams.size(), 3u);
     EXPECT_EQ(vshost::changetrack::JobDisks(std::stoll(job)).size(), 1u);
-    // The kept stream is cut off (2); the second completes the disk.
+    // The first attempt stored nothing (its upload aborted by the next); the kept stream is
+    // cut off (2); the third completes the disk.
+    EXPECT_NE(said.find(items[0].streams[0] + ": no part of its upload was stored"), std::string::npos) << said;
     const std::string restored = scratch.sub("r");
-    r = Shell(kVsstream + " restore " + items[0].streams[0] + " --to " + restored);
+    r = Shell(kVsstream + " restore " + items[0].streams[1] + " --to " + restored);
     EXPECT_EQ(r.status, 2) << r.output;
-    r = Shell(kVsstream + " restore " + items[0].streams[1] + " --onto " + restored);
+    r = Shell(kVsstream + " restore " + items[0].streams[2] + " --onto " + restored);
     EXPECT_EQ(r.status, 0) << r.output;
     const vssample::SampleVM& vm = s.vms.at(0);
     EXPECT_TRUE(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + vm.disks.at(0).name) == vstest::ReadAll(image));

@@ -14,11 +14,20 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <libpq-fe.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -74,43 +83,40 @@ public:
     // worker, and leaves what was read as a regular file in the FIFO's place: the stream
     // of a worker that died there.
     std::string CutInTheSecondDisk(pid_t worker) {
-        std::string bytes;
+        ReadIntoTheSecondDisk();
+        kill(worker, SIGKILL);
+        return KeepAsFile();
+    }
+    // The same, without killing the worker.
+    void ReadIntoTheSecondDisk() {
         char buf[4096];
-        for (int i = 0; i < 60000 && !InTheSecondDisk(bytes); ++i) {
+        for (int i = 0; i < 60000 && !InTheSecondDisk(m_bytes); ++i) {
             const ssize_t n = read(m_fd, buf, sizeof buf);
             if (n > 0)
-                bytes.append(buf, static_cast<size_t>(n));
+                m_bytes.append(buf, static_cast<size_t>(n));
             else
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        kill(worker, SIGKILL);
-        close(m_fd);
-        m_fd = -1;
-        unlink(m_path.c_str());
-        vstest::WriteFile(m_path, bytes);
-        return bytes;
     }
-
     // Reads on until the worker closes the stream (its attempt ended).
     void DrainToEnd() {
         char buf[4096];
         for (int i = 0; i < 60000; ++i) {
             const ssize_t n = read(m_fd, buf, sizeof buf);
             if (n == 0) return;
-            if (n < 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-    // The same, without killing the worker.
-    void ReadIntoTheSecondDisk() {
-        std::string bytes;
-        char buf[4096];
-        for (int i = 0; i < 60000 && !InTheSecondDisk(bytes); ++i) {
-            const ssize_t n = read(m_fd, buf, sizeof buf);
             if (n > 0)
-                bytes.append(buf, static_cast<size_t>(n));
+                m_bytes.append(buf, static_cast<size_t>(n));
             else
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
+    }
+    // Leaves what was read as a regular file in the FIFO's place, as the stream's file.
+    std::string KeepAsFile() {
+        close(m_fd);
+        m_fd = -1;
+        unlink(m_path.c_str());
+        vstest::WriteFile(m_path, m_bytes);
+        return m_bytes;
     }
 
 private:
@@ -127,6 +133,134 @@ private:
     }
     std::string m_path;
     int m_fd = -1;
+    std::string m_bytes;
+};
+
+// The database server's end as the workers see it: a Unix socket in `dir` (libpq's
+// DIR/.s.PGSQL.PORT) whose connections pass to the server `server` names, until Down()
+// cuts every one of them and refuses new ones, as when the server is killed; Up() lets
+// them through again. A true process boundary: the server behind it stays up.
+class DatabaseRelay {
+public:
+    DatabaseRelay(const std::string& server, std::string dir) : m_dir(std::move(dir)) {
+        char* error = nullptr;
+        PQconninfoOption* options = PQconninfoParse(server.c_str(), &error);
+        PQfreemem(error);
+        std::string host, port = "5432";
+        for (const PQconninfoOption* o = options; o && o->keyword; ++o) {
+            if (o->val && std::string(o->keyword) == "host") host = o->val;
+            if (o->val && *o->val && std::string(o->keyword) == "port") port = o->val;
+        }
+        PQconninfoFree(options);
+        if (host.empty() || host[0] != '/') throw std::runtime_error("VS_TEST_PG names no Unix socket: " + server);
+        m_upstream = host + "/.s.PGSQL." + port;
+        m_port = port;
+        fs::create_directory(m_dir);
+        Listen();
+        m_thread = std::thread([this] { Loop(); });
+    }
+    ~DatabaseRelay() {
+        m_stop = true;
+        m_thread.join();
+    }
+    DatabaseRelay(const DatabaseRelay&) = delete;
+    DatabaseRelay& operator=(const DatabaseRelay&) = delete;
+
+    // `conninfo` through the relay (in a connection string, the last of a keyword wins).
+    std::string Through(const std::string& conninfo) const { return conninfo + " host=" + m_dir + " port=" + m_port; }
+    void Down() { Want(true); }
+    void Up() { Want(false); }
+
+private:
+    static sockaddr_un Address(const std::string& path) {
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        if (path.size() >= sizeof a.sun_path) throw std::runtime_error("too long for a socket: " + path);
+        std::memcpy(a.sun_path, path.c_str(), path.size() + 1);
+        return a;
+    }
+    void Listen() {
+        const std::string path = m_dir + "/.s.PGSQL." + m_port;
+        ::unlink(path.c_str());
+        const sockaddr_un a = Address(path);
+        m_listen = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (::bind(m_listen, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 || ::listen(m_listen, 16) != 0)
+            throw std::runtime_error("relay: cannot listen on " + path);
+    }
+    int Upstream() const {
+        const sockaddr_un a = Address(m_upstream);
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) {
+            ::close(fd);
+            return -1;
+        }
+        return fd;
+    }
+    void Want(bool down) {
+        m_wantDown = down;
+        while (m_isDown != down) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    static void Close(const std::array<int, 2>& pair) {
+        ::close(pair[0]);
+        ::close(pair[1]);
+    }
+    static bool Pass(int from, int to) {
+        char buf[65536];
+        const ssize_t n = ::read(from, buf, sizeof buf);
+        for (ssize_t off = 0; n > 0 && off < n;) {
+            const ssize_t w = ::write(to, buf + off, static_cast<size_t>(n - off));
+            if (w <= 0) return false;
+            off += w;
+        }
+        return n > 0;
+    }
+    void Loop() {
+        std::vector<std::array<int, 2>> pairs;  // client, server
+        while (!m_stop) {
+            if (m_wantDown != m_isDown) {
+                // Killed: every session ends, and the socket is left with no one behind it.
+                for (const auto& p : pairs) Close(p);
+                pairs.clear();
+                if (m_wantDown) {
+                    ::close(m_listen);
+                    m_listen = -1;
+                } else {
+                    Listen();
+                }
+                m_isDown = m_wantDown.load();
+            }
+            std::vector<pollfd> fds{{m_listen, POLLIN, 0}};
+            for (const auto& p : pairs) fds.insert(fds.end(), {{p[0], POLLIN, 0}, {p[1], POLLIN, 0}});
+            if (::poll(fds.data(), fds.size(), 20) <= 0) continue;
+            std::vector<std::array<int, 2>> kept;
+            for (size_t i = 0; i < pairs.size(); ++i) {
+                bool open = true;
+                for (int side = 0; side < 2 && open; ++side)
+                    if (fds[1 + 2 * i + side].revents & (POLLIN | POLLHUP | POLLERR))
+                        open = Pass(pairs[i][side], pairs[i][1 - side]);
+                if (open)
+                    kept.push_back(pairs[i]);
+                else
+                    Close(pairs[i]);
+            }
+            pairs = std::move(kept);
+            if (fds[0].revents & POLLIN) {
+                const int c = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
+                const int u = c >= 0 ? Upstream() : -1;
+                if (u >= 0)
+                    pairs.push_back({c, u});
+                else if (c >= 0)
+                    ::close(c);
+            }
+        }
+        for (const auto& p : pairs) Close(p);
+        if (m_listen >= 0) ::close(m_listen);
+    }
+
+    std::string m_dir, m_upstream, m_port;
+    int m_listen = -1;
+    std::atomic<bool> m_stop{false}, m_wantDown{false}, m_isDown{false};
+    std::thread m_thread;
 };
 
 // Homes a, b and c of one catalog (a SQLite file they share, or this test's PostgreSQL
@@ -163,6 +297,50 @@ std::string CreateJob(const Cluster& c, const std::string& args) {
                                             args + " --home " + c.homes[1] + " 2>/dev/null)");
     if (created.status != 0) throw std::runtime_error(created.output);
     return created.output.substr(0, created.output.find('\n'));
+}
+
+// Every item of the job done, taken over once (item 1, attempt 2); every disk whole in
+// exactly one of the job's streams and recorded for the job once; and the streams,
+// restored one after another, equal the source. `cut` is the stream of an attempt that
+// ended without its trailer.
+void ExpectBackedUpOnce(const Cluster& c, const vstest::TempHome& scratch, const std::string& job,
+                        const std::string& cut) {
+    size_t disks = 0;
+    for (const auto& vm : c.s.vms) disks += vm.disks.size();
+    const std::string n = std::to_string(c.s.vms.size());
+    const vstest::RunResult status = Shell(vstest::Vsdm() + " job status " + job + " --home " + c.homes[2]);
+    EXPECT_NE(status.output.find(n + " item(s), " + n + " done, 0 running, 0 queued, 0 failed"), std::string::npos)
+        << status.output;
+
+    vshost::OpenHome(c.homes[2]);
+    std::vector<std::string> streams;
+    std::multiset<std::string> whole;
+    for (const auto& item : vshost::queue::Items(std::stoll(job))) {
+        EXPECT_EQ(item.generation, item.itemNo == 1 ? 2 : 1) << item.path;
+        for (const std::string& stream : item.streams) {
+            streams.push_back(stream);
+            for (const std::string& disk : CompletedDisks(vstest::ReadAll(stream))) whole.insert(disk);
+        }
+    }
+    std::set<std::string> recorded;
+    for (const auto& d : vshost::changetrack::JobDisks(std::stoll(job))) recorded.insert(d.vmGuid + "/" + d.diskName);
+    EXPECT_EQ(recorded.size(), disks);
+    EXPECT_EQ(whole, std::multiset<std::string>(recorded.begin(), recorded.end()));
+
+    const std::string restored = scratch.sub("r");
+    // (The cut stream is incomplete: 2.)
+    for (size_t i = 0; i < streams.size(); ++i)
+        ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + streams[i] + (i ? " --onto " : " --to ") + restored).status,
+                  streams[i] == cut ? 2 : 0)
+            << streams[i];
+    for (const auto& vm : c.s.vms)
+        for (const auto& disk : vm.disks) {
+            const std::string source =
+                disk.name.ends_with(".vmdk") ? vm.folder + "/" + vm.name + "-flat.vmdk" : disk.path;
+            EXPECT_EQ(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + vstest::RestoredBytes(disk.name)),
+                      vstest::ReadAll(source))
+                << vm.name << " " << disk.name;
+        }
 }
 
 // A worker stopped by SIGTERM gives its item back. A worker stopped (SIGSTOP) inside its
@@ -217,7 +395,6 @@ TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
     const Cluster cluster =
         MakeCluster(scratch, OnPostgres() ? CatalogConnection() : "file:" + scratch.sub("shared.db"), 6);
     const std::vector<std::string>& homes = cluster.homes;
-    const vssample::SampleSnapshot& s = cluster.s;
     const std::string& out = cluster.out;
     const std::string job = CreateJob(cluster, "");
 
@@ -238,40 +415,61 @@ TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
     EXPECT_NE(said.find("going on from the earlier attempt's stream " + held), std::string::npos) << said;
     EXPECT_NE(said.find("1 disk(s) already read, 1 going on"), std::string::npos) << said;
 
-    const vstest::RunResult status = Shell(vstest::Vsdm() + " job status " + job + " --home " + homes[2]);
-    EXPECT_NE(status.output.find("6 item(s), 6 done, 0 running, 0 queued, 0 failed"), std::string::npos)
-        << status.output;
+    ExpectBackedUpOnce(cluster, scratch, job, held);
+}
 
-    // Every disk is in exactly one stream whole, and recorded for the job once.
-    vshost::OpenHome(homes[2]);
-    std::vector<std::string> streams;
-    std::multiset<std::string> whole;
-    for (const auto& item : vshost::queue::Items(std::stoll(job))) {
-        EXPECT_EQ(item.generation, item.itemNo == 1 ? 2 : 1) << item.path;
-        for (const std::string& stream : item.streams) {
-            streams.push_back(stream);
-            for (const std::string& disk : CompletedDisks(vstest::ReadAll(stream))) whole.insert(disk);
-        }
+// The database goes away while a worker is inside an item: the worker cannot renew its
+// lease, ends the attempt when the lease runs out, says why, and records nothing false
+// (no outcome, no disk its stream does not hold whole). Once the database is back, the
+// next worker takes the item over after the lease and finishes the job.
+TEST_P(VsdmWorkers, ADatabaseThatGoesAwayMidItemFailsTheAttemptAndTheNextWorkerGoesOn) {
+    if (!OnPostgres()) GTEST_SKIP() << "a database server to lose: PostgreSQL only";
+    vstest::TempHome scratch;
+    DatabaseRelay db(vstest::TestServer(), scratch.sub("db"));
+    const Cluster c = MakeCluster(scratch, db.Through(CatalogConnection()), 2);
+    // The test's own view of the catalog does not pass through the relay.
+    const std::string direct = scratch.sub("direct");
+    fs::create_directory(direct);
+    std::ofstream(direct + "/settings.ini") << "[Catalog]\nsConnection=" << CatalogConnection() << "\n";
+    const std::string job = CreateJob(c, "");
+    const std::string held = c.out + "job" + job + ".item1.1";
+    HeldStream fifo(held);
+    const pid_t a = StartWorker(c.homes[0], "--job " + job, scratch.sub("a.err"));
+    ASSERT_GT(a, 0);
+    fifo.ReadIntoTheSecondDisk();
+    db.Down();
+    // The worker, held on its stream, cannot renew the lease: let it go on once the lease
+    // has run out and its keeper (every third of the lease) has found so.
+    vshost::OpenHome(direct);
+    namespace q = vshost::queue;
+    const int64_t expires = q::Items(std::stoll(job)).at(0).leaseExpires;
+    while (std::time(nullptr) <= expires + 1) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    fifo.DrainToEnd();
+    const int status = Wait(a);
+    const std::string said = vstest::ReadAll(scratch.sub("a.err"));
+    EXPECT_EQ(status, 2) << said;
+    // One line tells why, in the server's words, and what became of the attempt.
+    std::string lost;
+    std::istringstream lines(said);
+    while (std::getline(lines, lost) && lost.find("the lease could not be renewed") == std::string::npos) {
     }
-    std::set<std::string> recorded;
-    for (const auto& d : vshost::changetrack::JobDisks(std::stoll(job))) recorded.insert(d.vmGuid + "/" + d.diskName);
-    EXPECT_EQ(recorded.size(), 12u);
-    EXPECT_EQ(whole, std::multiset<std::string>(recorded.begin(), recorded.end()));
+    EXPECT_NE(lost.find("(catalog: cannot connect to PostgreSQL"), std::string::npos) << said;
+    EXPECT_NE(lost.find("Connection refused"), std::string::npos) << said;
+    EXPECT_TRUE(lost.ends_with(" and expired; this attempt records nothing")) << said;
+    EXPECT_NE(said.find(": the catalog cannot be reached: catalog: "), std::string::npos) << said;
 
-    // Restored stream after stream, every disk equals its source.
-    const std::string restored = scratch.sub("r");
-    // (The killed attempt's stream is incomplete: 2.)
-    for (size_t i = 0; i < streams.size(); ++i)
-        ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + streams[i] + (i ? " --onto " : " --to ") + restored).status,
-                  streams[i] == held ? 2 : 0);
-    for (const auto& vm : s.vms)
-        for (const auto& disk : vm.disks) {
-            const std::string source =
-                disk.name.ends_with(".vmdk") ? vm.folder + "/" + vm.name + "-flat.vmdk" : disk.path;
-            EXPECT_EQ(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + vstest::RestoredBytes(disk.name)),
-                      vstest::ReadAll(source))
-                << vm.name << " " << disk.name;
-        }
+    // Nothing claims the item done; a disk recorded is one the stream holds whole.
+    const std::vector<std::string> whole = CompletedDisks(fifo.KeepAsFile());
+    const auto items = q::Items(std::stoll(job));
+    EXPECT_EQ(std::make_tuple(items.at(0).state, items.at(0).generation, items.at(1).state),
+              std::make_tuple(std::string("running"), int64_t{1}, std::string("queued")));
+    for (const auto& d : vshost::changetrack::JobDisks(std::stoll(job)))
+        EXPECT_NE(std::find(whole.begin(), whole.end(), d.vmGuid + "/" + d.diskName), whole.end()) << d.diskName;
+
+    db.Up();
+    const pid_t b = StartWorker(c.homes[1], "--job " + job, scratch.sub("b.err"));
+    EXPECT_EQ(Wait(b), 0) << vstest::ReadAll(scratch.sub("b.err"));
+    ExpectBackedUpOnce(c, scratch, job, held);
 }
 
 }  // namespace

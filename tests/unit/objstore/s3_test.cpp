@@ -135,3 +135,18 @@ int main(int argc, char** argv) {
     ::testing::AddGlobalTestEnvironment(new vstest::S3Server);
     return RUN_ALL_TESTS();
 }
+
+// Parts grow so that the 10,000 a store takes hold the largest object it takes (5 TiB),
+// none larger than a part may be (5 GiB), none but the last under 5 MiB.
+TEST(ObjectStore, PartsGrowToHoldTheLargestObjectInTheLargestPartCount) {
+    uint64_t total = 0, largest = 0, smallest = UINT64_MAX;
+    for (int n = 1; n <= 10000; ++n) {
+        const uint64_t bytes = vsobj::ObjectWriter::PartBytes(n);
+        EXPECT_GE(bytes, vsobj::ObjectWriter::PartBytes(std::max(n - 1, 1))) << n;
+        total += bytes, largest = std::max(largest, bytes), smallest = std::min(smallest, bytes);
+    }
+    EXPECT_GE(total, uint64_t{5} << 40);
+    EXPECT_LE(largest, uint64_t{5} << 30);
+    EXPECT_GE(smallest, uint64_t{5} << 20);
+    EXPECT_EQ(vsobj::ObjectWriter::PartBytes(1000), vsobj::ObjectWriter::kPartBytes);  // the first 8 GiB as before
+}
