@@ -114,19 +114,23 @@ int StreamEncoder::Frame(Kind kind, const char* payload, size_t length) {
     PutLE(frame + 8, FrameCheck(frame, m_index), 4);
     char sum[stream::kChecksumBytes];
     const char* prologue = m_index == 0 ? m_prologue : nullptr;
-    PutLE(sum, RecordChecksum(prologue, sizeof m_prologue, frame, sizeof frame, payload, length, m_index), 8);
+    const uint64_t checksum =
+        RecordChecksum(prologue, sizeof m_prologue, frame, sizeof frame, payload, length, m_index);
+    PutLE(sum, checksum, 8);
+    m_sink.RecordBegins(m_index);
     if (!m_sink.Write(frame, sizeof frame) || !m_sink.Write(payload, length) || !m_sink.Write(sum, sizeof sum))
         return Fail(vsArchive::kErrPipeline, m_sink.Error());
-    const int tapped = m_tap ? Tap(kind, std::string_view(payload, length)) : vsArchive::kOk;
+    const int tapped = m_tap ? Tap(kind, std::string_view(payload, length), checksum) : vsArchive::kOk;
     ++m_index;
     if (kind != Kind::Trailer) ++m_totals.records;
     return tapped;
 }
 
-int StreamEncoder::Tap(Kind kind, std::string_view payload) {
+int StreamEncoder::Tap(Kind kind, std::string_view payload, uint64_t checksum) {
     StreamRecord record;
     record.kind = kind;
     record.index = m_index;
+    record.checksum = checksum;
     std::string why;
     // Written from the same layouts the decoder reads: a record it cannot read back is a
     // fault of this program, and the call that wrote it fails rather than count it wrong.

@@ -18,7 +18,7 @@ using stream::Kind;
 namespace {
 
 // Reads exactly `length` bytes at `at`; false at the end of the file or on an error.
-bool ReadAt(int fd, char* out, size_t length, uint64_t at) {
+bool PreadExactly(int fd, char* out, size_t length, uint64_t at) {
     while (length > 0) {
         const ssize_t n = ::pread(fd, out, length, static_cast<off_t>(at));
         if (n < 0 && errno == EINTR) continue;
@@ -32,7 +32,10 @@ bool ReadAt(int fd, char* out, size_t length, uint64_t at) {
 
 }  // namespace
 
-RecordSeeker::RecordSeeker(int fd) : m_fd(fd) {}
+RecordSeeker::RecordSeeker(int fd)
+    : m_read([fd](char* out, size_t length, uint64_t at) { return PreadExactly(fd, out, length, at); }) {}
+
+RecordSeeker::RecordSeeker(ReadAt read) : m_read(std::move(read)) {}
 
 RecordSeeker::~RecordSeeker() = default;
 
@@ -42,7 +45,7 @@ bool RecordSeeker::Fail(uint64_t offset, const std::string& what, std::string& w
 }
 
 bool RecordSeeker::Open(std::string& why) {
-    if (!ReadAt(m_fd, m_prologue, sizeof m_prologue, 0)) return Fail(0, "cannot read the prologue", why);
+    if (!m_read(m_prologue, sizeof m_prologue, 0)) return Fail(0, "cannot read the prologue", why);
     if (std::memcmp(m_prologue, stream::kMagic, sizeof stream::kMagic) != 0)
         return Fail(0, "not a backup stream (wrong magic)", why);
     if (GetLE(m_prologue + 8, 2) != stream::kMajorVersion) return Fail(8, "format version not supported", why);
@@ -52,7 +55,7 @@ bool RecordSeeker::Open(std::string& why) {
 
 bool RecordSeeker::Read(uint64_t offset, uint64_t index, StreamRecord& record, uint64_t& next, std::string& why) {
     char frame[stream::kFrameBytes];
-    if (!ReadAt(m_fd, frame, sizeof frame, offset)) return Fail(offset, "the stream ends before this record", why);
+    if (!m_read(frame, sizeof frame, offset)) return Fail(offset, "the stream ends before this record", why);
     if (static_cast<uint32_t>(GetLE(frame + 8, 4)) != detail::FrameCheck(frame, index))
         return Fail(offset, "frame check of record #" + std::to_string(index) + " fails", why);
     const auto kind = static_cast<Kind>(GetLE(frame, 2));
@@ -60,7 +63,7 @@ bool RecordSeeker::Read(uint64_t offset, uint64_t index, StreamRecord& record, u
     const auto length = static_cast<uint32_t>(GetLE(frame + 4, 4));
     if (length > stream::kMaxPayload) return Fail(offset, "payload over the limit", why);
     m_payload.resize(length + stream::kChecksumBytes);
-    if (!ReadAt(m_fd, m_payload.data(), m_payload.size(), offset + sizeof frame))
+    if (!m_read(m_payload.data(), m_payload.size(), offset + sizeof frame))
         return Fail(offset, "the stream ends inside record #" + std::to_string(index), why);
     const char* prologue = index == 0 ? m_prologue : nullptr;
     if (GetLE(m_payload.data() + length, 8) !=

@@ -181,4 +181,9 @@ void TapRecords(CPipelayer& pipe, std::function<void(const StreamRecord&)> tap) 
     pipe.Internal().encoder.SetTap(std::move(tap));
 }
 
+bool TapPlaces(CPipelayer& pipe, std::function<void(uint64_t index, uint64_t offset)> places) {
+    return pipe.Internal().ring.SetPlaces(
+        [places = std::move(places)](uint64_t index, unsigned long long offset) { places(index, offset); });
+}
+
 }  // namespace vshost

@@ -25,6 +25,7 @@ struct CPipelayer::State final : vshost::detail::StreamSink {
     bool Sync();
     bool Close();
     void NoteProgress(const vsStreamTotals& totals, const std::string* entry) override;
+    void RecordBegins(uint64_t index) override { ring.Mark(index); }
 
     int fd;
     bool owned;

@@ -53,6 +53,19 @@ bool WriteRing::SetCompression(int level, unsigned threads) {
     return true;
 }
 
+bool WriteRing::SetPlaces(std::function<void(uint64_t, unsigned long long)> places) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_threads.empty() || m_nextSeq > 0 || !Filling().items.empty()) return false;
+    m_places = std::move(places);
+    return true;
+}
+
+void WriteRing::Mark(uint64_t index) {
+    if (!m_places) return;
+    Slot& s = Filling();
+    s.items.push_back({false, index, s.inUsed, 0, true});
+}
+
 WriteRing::~WriteRing() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -87,9 +100,9 @@ bool WriteRing::Put(const void* data, std::size_t length) {
         const std::size_t n = std::min(kInBytes - s.inUsed, length);
         std::memcpy(s.in.get() + s.inUsed, p, n);
         if (!s.items.empty() && !s.items.back().data)
-            s.items.back().length += n;
+            s.items.back().length += n;  // a marked item takes the record that follows it
         else
-            s.items.push_back({false, 0, s.inUsed, n});
+            s.items.push_back({false, 0, s.inUsed, n, false});
         s.inUsed += n;
         p += n;
         length -= n;
@@ -107,7 +120,7 @@ bool WriteRing::PutData(uint64_t index, const char* data, std::size_t length) {
         s = &Filling();
     }
     std::memcpy(s->in.get() + s->inUsed, data, length);
-    s->items.push_back({true, index, s->inUsed, length});
+    s->items.push_back({true, index, s->inUsed, length, false});
     s->inUsed += length;
     s->outBound += bound;
     return s->inUsed < kBatchBytes || NextSlot();
@@ -197,15 +210,18 @@ void WriteRing::Work() {
 }
 
 void WriteRing::Pack(Slot& slot, DataPacker& packer) {
-    std::size_t outUsed = 0;
+    std::size_t outUsed = 0, at = 0;
     for (const Item& item : slot.items) {
         const char* in = slot.in.get() + item.offset;
+        if (m_places && (item.data || item.marked)) slot.places.push_back({item.index, at});
         if (!item.data) {
             slot.pieces.push_back({in, item.length});
+            at += item.length;
             continue;
         }
         const FramedRecord r = packer.Pack(item.index, in, item.length, slot.out.get() + outUsed);
         outUsed += r.outBytes;
+        at += r.bytes;
         if (r.zeroBytes > 0) m_zeros.fetch_add(r.zeroBytes, std::memory_order_release);
         slot.pieces.insert(slot.pieces.end(), r.pieces, r.pieces + r.count);
     }
@@ -221,12 +237,15 @@ void WriteRing::WriteInOrder(std::unique_lock<std::mutex>& lock) {
         if (!next) return;
         m_writing = true;
         lock.unlock();
-        if (!Failed()) WriteSlot(*next);
+        const unsigned long long base = Written();
+        if (!Failed() && WriteSlot(*next) && m_places)
+            for (const Place& p : next->places) m_places(p.index, base + p.at);
         lock.lock();
         m_writing = false;
         next->inUsed = next->outBound = 0;
         next->items.clear();
         next->pieces.clear();
+        next->places.clear();
         next->stage = Stage::Free;
         ++m_nextWrite;
         m_freed.notify_all();

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -36,6 +37,13 @@ public:
     // byte is put; false afterwards.
     bool SetCompression(int level, unsigned threads);
 
+    // Where each record lands: `places` hears the record number and stream offset of each
+    // data record and each record marked (Mark), once its bytes are written, in stream
+    // order, on a writer thread. Only before the first byte is put; false afterwards.
+    bool SetPlaces(std::function<void(uint64_t index, unsigned long long offset)> places);
+    // Record `index` begins with the next byte put (a no-op unless places are heard).
+    void Mark(uint64_t index);
+
     // Framed bytes, copied into the ring. False once the ring failed.
     bool Put(const void* data, std::size_t length);
     // A data record's payload, copied into the ring and framed on the writer thread.
@@ -61,12 +69,18 @@ private:
         bool data = false;
         uint64_t index = 0;
         std::size_t offset = 0, length = 0;
+        bool marked = false;  // a record whose place is heard begins here
+    };
+    struct Place {
+        uint64_t index = 0;
+        std::size_t at = 0;  // from the slot's first byte written
     };
     struct Slot {
         std::unique_ptr<char[]> in, out;
         std::size_t inUsed = 0, outBound = 0;
         std::vector<Item> items;
         std::vector<FramedRecord::Piece> pieces;
+        std::vector<Place> places;
         Stage stage = Stage::Free;
         uint64_t seq = 0;
     };
@@ -103,6 +117,7 @@ private:
     unsigned long long m_kicked = 0;
     std::vector<std::thread> m_threads;
     unsigned m_workers = 1;
+    std::function<void(uint64_t, unsigned long long)> m_places;
 
     std::mutex m_errorMutex;
     std::atomic<bool> m_failed{false};

@@ -143,6 +143,54 @@ bool PublishStreamSet(const std::string& path, const vshost::StreamSet& set, std
     }
 }
 
+std::string IndexFolderOf(const std::string& out) {
+    if (IsObject(out)) return std::filesystem::temp_directory_path().string();
+    if (out == "-") return {};
+    struct stat sb {};
+    if (::stat(out.c_str(), &sb) == 0 && !S_ISREG(sb.st_mode)) return {};
+    const std::string folder = std::filesystem::path(out).parent_path().string();
+    return folder.empty() ? "." : folder;
+}
+
+bool PublishIndex(const std::string& out, vsstream::IndexRecorder& recorder, uint64_t streamBytes, std::string& why) {
+    const auto fill = [&](vsstream::IndexEncoder& encoder, std::string& what) {
+        return recorder.Write(encoder, streamBytes, what);
+    };
+    vsobj::S3Location at;
+    if (!IsObject(out, &at)) return vsstream::WriteIndexFile(vsstream::IndexPath(out), fill, true, why);
+    at.key = vsstream::IndexPath(at.key);
+    try {
+        // Through the pipe of an upload, as a stream is: the index is never held whole.
+        vsobj::ObjectWriter writer(ObjectStoreSettings(), at);
+        vsstream::IndexEncoder encoder(writer.fd());
+        std::string what;
+        if (!fill(encoder, what) || !encoder.Finish(what)) {
+            writer.Abort();
+            why = "cannot write " + at.Url() + ": " + what;
+            return false;
+        }
+        if (writer.Finish(what)) return true;
+        why = "cannot store " + at.Url() + ": " + what;
+    } catch (const std::exception& e) {
+        why = "cannot store " + at.Url() + ": " + e.what();
+    }
+    return false;
+}
+
+void RemoveIndex(const std::string& out) {
+    vsobj::S3Location at;
+    if (IsObject(out, &at)) {
+        at.key = vsstream::IndexPath(at.key);
+        try {
+            vsobj::S3Client(ObjectStoreSettings()).Delete(at);
+        } catch (const std::exception&) {
+            // None there, or the store is away: a reader then finds none, or one that does not match.
+        }
+        return;
+    }
+    if (out != "-") ::unlink(vsstream::IndexPath(out).c_str());
+}
+
 void RemoveStream(const std::string& path) {
     vsobj::S3Location at;
     if (IsObject(path, &at)) {

@@ -8,6 +8,8 @@
 
 #include "output.h"
 
+#include "indexrecorder.h"
+
 #include "hostapi/fd.h"
 #include "vscodec/streamset.h"
 #include "vsobj/s3.h"
@@ -74,6 +76,20 @@ bool KeepCutObject(const std::string& path, std::string& said);
 // Writes a stream set's manifest to `path`, a file (written atomically, its folder
 // synced) or an object; false with `why`.
 bool PublishStreamSet(const std::string& path, const vshost::StreamSet& set, std::string& why);
+
+// Where the index of the stream `out` is gathered while it is written (beside a file, in
+// the temporary folder for an object), or empty when `out` gets none: standard output, a
+// FIFO or a device hands its bytes on and cannot be read at an offset.
+std::string IndexFolderOf(const std::string& out);
+
+// Writes the index `recorder` gathered beside the complete stream `out`, `streamBytes`
+// long: `out`.idx, written aside, synced and renamed, its folder synced; for an object,
+// the object KEY.idx, stored after the stream. False with `why`.
+bool PublishIndex(const std::string& out, vsstream::IndexRecorder& recorder, uint64_t streamBytes, std::string& why);
+
+// Removes the index an earlier stream of the name `out` left, which cannot be the index
+// of the stream now there.
+void RemoveIndex(const std::string& out);
 
 // Removes the stream a run left at `path` (a regular file or an object), so that it
 // cannot pass for a later run's.

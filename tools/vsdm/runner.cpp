@@ -343,6 +343,40 @@ void RecordHeldDisks(CPipelayer& pipe, bool stored, std::ostream& report) {
         report << "vsdm: " << held << " completed disk(s) not recorded: " << why << "\n";
 }
 
+// The summary is counted, and the stream's index gathered (when its target can have
+// one), as the stream is written: no second pass over it. A stream whose index cannot be
+// gathered is written all the same.
+std::unique_ptr<vsstream::IndexRecorder> TapStream(const std::string& out, CPipelayer& pipe, StreamCounter& counter,
+                                                   std::ostream& report) {
+    const std::string folder = IndexFolderOf(out);
+    std::unique_ptr<vsstream::IndexRecorder> recorder;
+    try {
+        if (!folder.empty()) recorder = std::make_unique<vsstream::IndexRecorder>(folder);
+    } catch (const std::runtime_error& e) {
+        report << "vsdm: no index of " << out << ": " << e.what() << " (vsstream index makes one)\n";
+    }
+    if (recorder &&
+        !vshost::TapPlaces(pipe, [r = recorder.get()](uint64_t index, uint64_t offset) { r->Place(index, offset); }))
+        throw std::logic_error("the stream's places are asked for after its first record");
+    vshost::TapRecords(pipe, [&counter, r = recorder.get()](const vshost::StreamRecord& record) {
+        counter.Apply(record);
+        if (r) r->Take(record);
+    });
+    return recorder;
+}
+
+// A complete stream gets its index beside it; any other loses the one an earlier stream
+// of its name left (standard output, a FIFO or a device has none). An index that cannot
+// be written costs the stream nothing: it is said, and `vsstream index` makes it.
+void PublishIndexOf(const std::string& out, vsstream::IndexRecorder* index, bool stored, uint64_t streamBytes,
+                    std::ostream& report) {
+    if (IndexFolderOf(out).empty()) return;
+    std::string why;
+    if (index && stored && index->complete() && PublishIndex(out, *index, streamBytes, why)) return;
+    RemoveIndex(out);
+    if (!why.empty()) report << "vsdm: no index of " << out << ": " << why << " (vsstream index makes one)\n";
+}
+
 int ExitStatusOf(bool written, bool stopped, bool opened, const RunSummary& s, const std::string& writeError,
                  std::ostream& report) {
     if (!written) {
@@ -370,9 +404,8 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     const std::unique_ptr<Target> target = OpenTarget(job.out);
     std::unique_ptr<CPipelayer> pipe = OpenPipeline(*target, options);
 
-    // The summary is counted as the stream is written: no second pass over it.
     StreamCounter counter;
-    vshost::TapRecords(*pipe, [&counter](const vshost::StreamRecord& r) { counter.Apply(r); });
+    const std::unique_ptr<vsstream::IndexRecorder> index = TapStream(job.out, *pipe, counter, report);
 
     KtEvent ownStop;
     KtEvent& stop = options.stop ? *options.stop : ownStop;
@@ -434,6 +467,7 @@ RunSummary RunJob(DataMoverJob job, const RunOptions& options, std::ostream& rep
     // An object that was not stored is no stream at all, whatever its writer finished.
     s.streamComplete = pipe->Finished() && (written || !target->StoredOnlyWhenPublished());
     if (opened) counter.CountInto(s);
+    if (opened) PublishIndexOf(job.out, index.get(), written && !stopped, s.streamBytes, report);
     s.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     s.status = ExitStatusOf(written, stopped, opened, s, writeError, report);

@@ -23,9 +23,10 @@ enum ExitCode : int {
 
 // Each reads the stream from `fd` to its end or its first fault.
 int RunList(int fd, std::ostream& out, std::ostream& err);
-// `path` names the stream file (empty for a pipe): its index, when there is one, must
-// match the stream; `built` receives the index the stream's records give.
-int RunVerify(int fd, std::ostream& out, std::ostream& err, const std::string& path = "", StreamIndex* built = nullptr);
+// `indexed` is the stream read at any offset (null for a pipe): its index, when there is
+// one, must match the stream; `built` receives the index the stream's records give.
+int RunVerify(int fd, std::ostream& out, std::ostream& err, StreamBytes* indexed = nullptr,
+              StreamIndex* built = nullptr);
 // Reads every disk of a chain (a full, then its incrementals) through the indexes, as
 // serve does, and checks each extent against the digest its index recorded.
 int RunDeepVerify(const std::vector<std::string>& chain, const std::vector<const StreamIndex*>& built,

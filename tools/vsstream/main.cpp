@@ -1,6 +1,7 @@
 // vsstream: lists, verifies and restores backup streams and stream sets.
 #include "commands.h"
 #include "lineprefix.h"
+#include "objectbytes.h"
 
 #include "hostapi/fd.h"
 #include "vscodec/streamset.h"
@@ -235,11 +236,12 @@ int Parse(int argc, char** argv, Command& cmd) {
     verify->add_flag("--deep", cmd.deep,
                      "the streams are a full and its incrementals, oldest first: read every disk of the chain "
                      "through the index as serve does and check each extent against the digest recorded for it");
-    CLI::App* index = app.add_subcommand("index", "write the index of a stream file beside it (STREAM.idx)");
-    index->add_option("STREAM", cmd.names, "stream files")->required();
+    CLI::App* index = app.add_subcommand(
+        "index", "write the index of a stream beside it (STREAM.idx; for s3://BUCKET/KEY the object KEY.idx)");
+    index->add_option("STREAM", cmd.names, "stream files or objects")->required();
     CLI::App* serve = app.add_subcommand(
         "serve", "export one disk of a full backup and its incrementals (oldest first) read-only over NBD");
-    serve->add_option("STREAM", cmd.names, "stream files, each with its index")->required();
+    serve->add_option("STREAM", cmd.names, "stream files or objects, each with its index")->required();
     serve->add_option("--disk", cmd.disk, "the disk: \\VM\\DISK, VM/DISK, or its name alone")->required();
     serve->add_option("--socket", cmd.socket, "the Unix socket to serve on")->required();
     CLI::App* restore = app.add_subcommand("restore", "rebuild files and sparse disk images below a folder");
@@ -305,11 +307,14 @@ int ListOrVerify(const Command& cmd, const Inputs& in, bool several) {
         if (several && list) out << "== " << s.name << "\n";
         outPrefix.SetPrefix(several && !list ? s.name + ": " : "");
         errPrefix.SetPrefix(several ? s.name + ": " : "");
-        // A file's index is checked; a pipe or an object has none.
-        const bool file = s.name != "-" && !in.OfObject(s.fd);
+        // The index of a file or an object is checked; a pipe has none.
+        std::unique_ptr<vsstream::StreamBytes> indexed;
+        std::string why;
+        if (!list && s.name != "-")
+            indexed = in.OfObject(s.fd) ? vsstream::OpenStreamBytes(s.name, why) : vsstream::FileBytes(s.fd, s.name);
         built.emplace_back();
         const int one = list ? vsstream::RunList(s.fd, out, err)
-                             : vsstream::RunVerify(s.fd, out, err, file ? s.name : "", &built.back());
+                             : vsstream::RunVerify(s.fd, out, err, indexed.get(), &built.back());
         code = vsstream::WorseCode(code, one);
     }
     if (cmd.deep && code != vsstream::kExitCorrupt && code != vsstream::kExitUnreadable) {
@@ -329,6 +334,7 @@ int ListOrVerify(const Command& cmd, const Inputs& in, bool several) {
 }
 
 int Run(int argc, char** argv) {
+    vsstream::ReadObjects();
     Command cmd;
     if (const int status = Parse(argc, argv, cmd); status != kGoOn) return status;
     if (cmd.kind == Command::kIndex) {

@@ -4,6 +4,7 @@
 #define NBDKIT_API_VERSION 2
 #include <nbdkit-plugin.h>
 
+#include "objectbytes.h"
 #include "streamindex.h"
 
 #include <cerrno>
@@ -38,6 +39,7 @@ int ConfigComplete() {
         nbdkit_error("stream=FILE (oldest first, repeated) and disk=NAME are needed");
         return -1;
     }
+    vsstream::ReadObjects();
     vsstream::ChainDisk probe;
     std::string why;
     if (!probe.Open(g_streams, g_disk, why)) {
@@ -100,7 +102,9 @@ nbdkit_plugin MakePlugin() {
     p.description = "Exports one disk of a full backup stream and its incrementals read-only.";
     p.config = Config;
     p.config_complete = ConfigComplete;
-    p.config_help = "stream=FILE   a stream with its index, oldest first (repeat)\ndisk=NAME     the disk to export";
+    p.config_help =
+        "stream=FILE   a stream with its index (a file, or s3://BUCKET/KEY), oldest first (repeat)\n"
+        "disk=NAME     the disk to export";
     p.open = OpenDisk;
     p.close = CloseDisk;
     p.get_size = GetSize;

@@ -45,7 +45,9 @@ int RunServe(const std::vector<std::string>& streams, const std::string& disk, c
         << " stream(s)) read-only on " << socket << "\n";
     err.flush();
     std::vector<std::string> args = {nbdkit, "--foreground", "--readonly", "--unix", socket, plugin};
-    for (const std::string& s : streams) args.push_back("stream=" + std::filesystem::absolute(s).string());
+    // nbdkit runs in another folder; an object is named the same from anywhere.
+    for (const std::string& s : streams)
+        args.push_back("stream=" + (s.rfind("s3://", 0) == 0 ? s : std::filesystem::absolute(s).string()));
     args.push_back("disk=" + probe.key());
     std::vector<char*> argv = Argv(args);
     // nbdkit takes this process's place: a signal that stops the server reaches it.

@@ -58,17 +58,86 @@ bool ReadWhole(const std::string& path, std::string& out, std::string& why) {
 
 // The checksum of the stream header (record 0): it covers the job id and the time the
 // stream was made, so two streams never share it. 0 when it cannot be read.
-uint64_t HeaderChecksum(int fd) {
+uint64_t HeaderChecksum(StreamBytes& bytes) {
     char frame[vshost::stream::kFrameBytes];
-    const off_t at = vshost::stream::kPrologueBytes;
-    if (::pread(fd, frame, sizeof frame, at) != static_cast<ssize_t>(sizeof frame)) return 0;
+    const uint64_t at = vshost::stream::kPrologueBytes;
+    if (!bytes.ReadAt(frame, sizeof frame, at)) return 0;
     const uint64_t length = vshost::detail::GetLE(frame + 4, 4);
     char sum[8];
-    if (::pread(fd, sum, sizeof sum, at + static_cast<off_t>(sizeof frame + length)) != 8) return 0;
+    if (!bytes.ReadAt(sum, sizeof sum, at + sizeof frame + length)) return 0;
     return vshost::detail::GetLE(sum, 8);
 }
 
+// A stream file: its descriptor read with pread, its index the file beside it.
+class File final : public StreamBytes {
+public:
+    File(vshost::Fd owned, int fd, std::string name) : m_owned(std::move(owned)), m_fd(fd), m_name(std::move(name)) {}
+    bool ReadAt(char* out, size_t length, uint64_t offset) override {
+        while (length > 0) {
+            const ssize_t n = ::pread(m_fd, out, length, static_cast<off_t>(offset));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return false;
+            out += n;
+            length -= static_cast<size_t>(n);
+            offset += static_cast<uint64_t>(n);
+        }
+        return true;
+    }
+    bool Size(uint64_t& size, std::string& why) override {
+        struct stat st {};
+        if (::fstat(m_fd, &st) != 0) {
+            why = "cannot read " + m_name + ": " + std::strerror(errno);
+            return false;
+        }
+        size = static_cast<uint64_t>(st.st_size);
+        return true;
+    }
+    int Sequential(std::string&) override { return m_fd; }
+    bool IndexExists() override {
+        struct stat st {};
+        return ::stat(IndexPath(m_name).c_str(), &st) == 0;
+    }
+    bool ReadIndex(std::string& text, std::string& why) override { return ReadWhole(IndexPath(m_name), text, why); }
+    bool SaveIndex(const StreamIndex& index, std::string& why) override {
+        return vsstream::SaveIndex(index, IndexPath(m_name), why);
+    }
+    std::string IndexName() const override { return IndexPath(m_name); }
+
+private:
+    vshost::Fd m_owned;
+    int m_fd;
+    std::string m_name;
+};
+
+ObjectOpener& Opener() {
+    static ObjectOpener opener;
+    return opener;
+}
+
 }  // namespace
+
+void SetObjectOpener(ObjectOpener opener) {
+    Opener() = std::move(opener);
+}
+
+std::unique_ptr<StreamBytes> OpenStreamBytes(const std::string& name, std::string& why) {
+    if (name.rfind("s3://", 0) == 0) {
+        if (Opener()) return Opener()(name, why);
+        why = name + ": objects are not read here";
+        return nullptr;
+    }
+    vshost::Fd fd(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        why = "cannot open " + name + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    const int raw = fd.get();
+    return std::make_unique<File>(std::move(fd), raw, name);
+}
+
+std::unique_ptr<StreamBytes> FileBytes(int fd, const std::string& name) {
+    return std::make_unique<File>(vshost::Fd(), fd, name);
+}
 
 void ExtentDigest(const char* bytes, uint64_t length, uint64_t& low, uint64_t& high) {
     const XXH128_hash_t h = XXH3_128bits(bytes, length);
@@ -91,6 +160,7 @@ struct IndexBuilder::Open {
 };
 
 IndexBuilder::IndexBuilder() = default;
+IndexBuilder::IndexBuilder(ExtentSink sink) : m_sink(std::move(sink)) {}
 IndexBuilder::~IndexBuilder() = default;
 
 void IndexBuilder::Take(const vshost::StreamRecord& record, const EntryModel& model, bool usable) {
@@ -145,6 +215,11 @@ void IndexBuilder::Take(const vshost::StreamRecord& record, const EntryModel& mo
                 vshost::detail::AfterVectorHash();
                 e.digestLow = h.low64;
                 e.digestHigh = h.high64;
+                if (m_sink) {
+                    m_sink(m_open->disk, g, m_open->number, e);
+                    m_open.reset();
+                    break;
+                }
                 IndexedDisk& d = m_index.disks[m_open->disk];
                 if (g) {
                     d.size = g->size;
@@ -160,71 +235,155 @@ void IndexBuilder::Take(const vshost::StreamRecord& record, const EntryModel& mo
 }
 
 StreamIndex IndexBuilder::Finish(const vshost::StreamReader& reader, int fd) {
+    return Finish(reader, *FileBytes(fd, ""));
+}
+
+StreamIndex IndexBuilder::Finish(const vshost::StreamReader& reader, StreamBytes& bytes) {
     m_open.reset();
     // The bytes of whole records: a cut stream's index covers what was read whole.
     const bool cut = reader.state() != vshost::StreamReader::State::Complete;
     m_index.complete = !cut;
     m_index.streamBytes = cut ? reader.errorOffset() : reader.offset();
     char sum[8] = {};
-    if (m_index.streamBytes >= 8 && ::pread(fd, sum, sizeof sum, static_cast<off_t>(m_index.streamBytes - 8)) == 8)
+    if (m_index.streamBytes >= 8 && bytes.ReadAt(sum, sizeof sum, m_index.streamBytes - 8))
         m_index.lastChecksum = vshost::detail::GetLE(sum, 8);
-    m_index.headerChecksum = HeaderChecksum(fd);
+    m_index.headerChecksum = HeaderChecksum(bytes);
     StreamIndex out = std::move(m_index);
     m_index = StreamIndex{};
     return out;
 }
 
-bool SaveIndex(const StreamIndex& index, const std::string& path, std::string& why) {
+IndexEncoder::IndexEncoder(int fd) : m_fd(fd), m_state(std::make_unique<XXH3_state_t>()) {
+    XXH3_INITSTATE(m_state.get());
+    XXH3_64bits_reset(m_state.get());
+    Put(std::string(kMagic, sizeof kMagic));
+}
+
+void IndexEncoder::Header(const StreamIndex& index, uint32_t disks) {
     vshost::detail::PayloadBuilder b;
     b.U16(kMajor).U16(kMinor).U64(index.streamBytes).U64(index.headerChecksum).U64(index.lastChecksum);
-    b.Bool(index.complete);
-    b.U32(index.disks.size());
-    for (const auto& [key, d] : index.disks) {
-        b.Bytes(key).U64(d.size).U64(d.extentSize).U64(d.extents.size());
-        for (const auto& [number, e] : d.extents)
-            b.U64(number)
-                .U64(e.offset)
-                .U64(e.index)
-                .U32(e.records)
-                .Bool(e.holes)
-                .U64(e.length)
-                .U64(e.digestLow)
-                .U64(e.digestHigh);
-    }
-    std::string text(kMagic, sizeof kMagic);
-    text += b.str();
-    char sum[8];
-    vshost::detail::PutLE(sum, XXH3_64bits(text.data(), text.size()), 8);
+    b.Bool(index.complete).U32(disks);
+    Put(b.str());
+}
+
+void IndexEncoder::Disk(const std::string& key, uint64_t size, uint64_t extentSize, uint64_t extents) {
+    vshost::detail::PayloadBuilder b;
+    b.Bytes(key).U64(size).U64(extentSize).U64(extents);
+    Put(b.str());
+}
+
+void IndexEncoder::Extent(uint64_t number, const IndexedExtent& e) {
+    vshost::detail::PayloadBuilder b;
+    b.U64(number)
+        .U64(e.offset)
+        .U64(e.index)
+        .U32(e.records)
+        .Bool(e.holes)
+        .U64(e.length)
+        .U64(e.digestLow)
+        .U64(e.digestHigh);
+    Put(b.str());
+}
+
+void IndexEncoder::Put(const std::string& bytes) {
+    XXH3_64bits_update(m_state.get(), bytes.data(), bytes.size());
     vshost::detail::AfterVectorHash();
-    text.append(sum, sizeof sum);
-    // Written aside and renamed: a reader never finds half an index. Private, as the
-    // stream is.
+    m_buffer += bytes;
+    if (m_buffer.size() >= size_t{64} << 10) Drain();
+}
+
+bool IndexEncoder::Drain() {
+    size_t done = 0;
+    while (!m_failed && done < m_buffer.size()) {
+        const ssize_t n = ::write(m_fd, m_buffer.data() + done, m_buffer.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            m_failed = true;
+            m_errno = n < 0 ? errno : EIO;
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    m_buffer.clear();
+    return !m_failed;
+}
+
+bool IndexEncoder::Finish(std::string& why) {
+    char sum[8];
+    vshost::detail::PutLE(sum, XXH3_64bits_digest(m_state.get()), 8);
+    vshost::detail::AfterVectorHash();
+    m_buffer.append(sum, sizeof sum);
+    if (Drain()) return true;
+    why = std::strerror(m_errno);
+    return false;
+}
+
+bool WriteIndexFile(const std::string& path, const std::function<bool(IndexEncoder&, std::string&)>& fill, bool durable,
+                    std::string& why) {
+    // Written aside and renamed: a reader never finds half an index.
     const std::string aside = path + ".part";
     {
         const vshost::Fd fd(::open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-        size_t done = 0;
-        while (fd.valid() && done < text.size()) {
-            const ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-        if (done < text.size()) {
+        if (!fd.valid()) {
             why = "cannot write " + aside + ": " + std::strerror(errno);
+            return false;
+        }
+        IndexEncoder encoder(fd.get());
+        std::string what;
+        bool written = fill(encoder, what) && encoder.Finish(what);
+        if (written && durable && ::fsync(fd.get()) != 0) {
+            what = std::strerror(errno);
+            written = false;
+        }
+        if (!written) {
+            why = "cannot write " + aside + ": " + what;
             ::unlink(aside.c_str());
             return false;
         }
     }
     if (::rename(aside.c_str(), path.c_str()) != 0) {
         why = "cannot write " + path + ": " + std::strerror(errno);
+        ::unlink(aside.c_str());
+        return false;
+    }
+    if (!durable) return true;
+    const std::string folder = path.find('/') == std::string::npos ? "." : path.substr(0, path.rfind('/') + 1);
+    const vshost::Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir.valid() || ::fsync(dir.get()) != 0) {
+        why = "cannot sync the folder of " + path + ": " + std::strerror(errno);
         return false;
     }
     return true;
 }
 
+void EncodeIndex(const StreamIndex& index, IndexEncoder& out) {
+    out.Header(index, static_cast<uint32_t>(index.disks.size()));
+    for (const auto& [key, d] : index.disks) {
+        out.Disk(key, d.size, d.extentSize, d.extents.size());
+        for (const auto& [number, e] : d.extents) out.Extent(number, e);
+    }
+}
+
+bool SaveIndex(const StreamIndex& index, const std::string& path, std::string& why) {
+    return WriteIndexFile(
+        path,
+        [&index](IndexEncoder& out, std::string&) {
+            EncodeIndex(index, out);
+            return true;
+        },
+        false, why);
+}
+
 bool LoadIndex(const std::string& path, StreamIndex& index, std::string& why) {
     std::string text;
-    if (!ReadWhole(path, text, why)) return false;
+    return ReadWhole(path, text, why) && ParseIndex(text, path, index, why);
+}
+
+bool ParseIndex(const std::string& text, const std::string& path, StreamIndex& index, std::string& why) {
+    if (text.size() > kMaxIndexBytes) {
+        why = path + " is too large for an index";
+        return false;
+    }
     why = path + " is not a sound stream index";
     if (text.size() < sizeof kMagic + 8 || std::memcmp(text.data(), kMagic, sizeof kMagic) != 0) return false;
     const uint64_t stated = vshost::detail::GetLE(text.data() + text.size() - 8, 8);
@@ -262,18 +421,19 @@ bool LoadIndex(const std::string& path, StreamIndex& index, std::string& why) {
 }
 
 int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err) {
-    const vshost::Fd fd(::open(stream.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) {
-        err << "cannot open " << stream << ": " << std::strerror(errno) << "\n";
+    std::string why;
+    const std::unique_ptr<StreamBytes> bytes = OpenStreamBytes(stream, why);
+    const int fd = bytes ? bytes->Sequential(why) : -1;
+    if (fd < 0) {
+        err << why << "\n";
         return kExitUnreadable;
     }
-    vshost::StreamReader reader(fd.get());
+    vshost::StreamReader reader(fd);
     EntryModel model;
     IndexBuilder builder;
     vshost::StreamRecord record;
     bool problems = false;
     while (reader.Next(record)) {
-        std::string why;
         const bool usable = model.Apply(record, why);
         if (!usable) {
             err << "offset " << record.offset << ": " << why << "\n";
@@ -283,15 +443,14 @@ int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err) {
     }
     const int code = Conclude(reader, problems, err);
     if (code == kExitUnreadable || code == kExitCorrupt) return code;
-    const StreamIndex index = builder.Finish(reader, fd.get());
-    std::string why;
-    if (!SaveIndex(index, IndexPath(stream), why)) {
+    const StreamIndex index = builder.Finish(reader, *bytes);
+    if (!bytes->SaveIndex(index, why)) {
         err << why << "\n";
         return kExitUnreadable;
     }
     uint64_t extents = 0;
     for (const auto& [key, d] : index.disks) extents += d.extents.size();
-    out << "index " << IndexPath(stream) << ": " << index.disks.size() << " disks, " << extents << " extents"
+    out << "index " << bytes->IndexName() << ": " << index.disks.size() << " disks, " << extents << " extents"
         << (index.complete ? "" : ", of the stream's whole records (it is incomplete)") << "\n";
     return code;
 }
@@ -299,7 +458,7 @@ int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err) {
 // One stream of a chain: its file, its index and a reader of its records.
 struct ChainDisk::Stream {
     std::string name;
-    vshost::Fd fd;
+    std::unique_ptr<StreamBytes> bytes;
     StreamIndex index;
     std::unique_ptr<vshost::RecordSeeker> seeker;
 };
@@ -330,27 +489,26 @@ bool ChainDisk::Open(const std::vector<std::string>& streams, const std::string&
         const std::string& name = streams[i];
         auto s = std::make_unique<Stream>();
         s->name = name;
-        s->fd = vshost::Fd(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!s->fd.valid()) {
-            why = "cannot open " + name + ": " + std::strerror(errno);
-            return false;
-        }
+        s->bytes = OpenStreamBytes(name, why);
+        if (!s->bytes) return false;
+        std::string text;
         if (i < built.size() && built[i])
             s->index = *built[i];
-        else if (!LoadIndex(IndexPath(name), s->index, why))
+        else if (!s->bytes->ReadIndex(text, why) || !ParseIndex(text, s->bytes->IndexName(), s->index, why))
             return false;
-        struct stat st {};
+        uint64_t size = 0;
+        if (!s->bytes->Size(size, why)) return false;
         char sum[8] = {};
         const uint64_t at = s->index.streamBytes;
-        if (::fstat(s->fd.get(), &st) != 0 || static_cast<uint64_t>(st.st_size) < at ||
-            (s->index.complete && static_cast<uint64_t>(st.st_size) != at) ||
-            HeaderChecksum(s->fd.get()) != s->index.headerChecksum ||
-            (at >= 8 && (::pread(s->fd.get(), sum, 8, static_cast<off_t>(at - 8)) != 8 ||
-                         vshost::detail::GetLE(sum, 8) != s->index.lastChecksum))) {
-            why = IndexPath(name) + " is not the index of " + name + " (vsstream index makes it anew)";
+        if (size < at || (s->index.complete && size != at) || HeaderChecksum(*s->bytes) != s->index.headerChecksum ||
+            (at >= 8 &&
+             (!s->bytes->ReadAt(sum, 8, at - 8) || vshost::detail::GetLE(sum, 8) != s->index.lastChecksum))) {
+            why = s->bytes->IndexName() + " is not the index of " + name + " (vsstream index makes it anew)";
             return false;
         }
-        s->seeker = std::make_unique<vshost::RecordSeeker>(s->fd.get());
+        StreamBytes* bytes = s->bytes.get();
+        s->seeker = std::make_unique<vshost::RecordSeeker>(
+            [bytes](char* out, size_t length, uint64_t offset) { return bytes->ReadAt(out, length, offset); });
         if (!s->seeker->Open(why)) {
             why = name + ": " + why;
             return false;

@@ -6,8 +6,10 @@
 
 #include "entrymodel.h"
 #include "vscodec/streamseek.h"
+#include "vscodec/xxh3.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <ostream>
@@ -47,29 +49,96 @@ struct StreamIndex {
 // Where the index of the stream file `stream` is kept.
 std::string IndexPath(const std::string& stream);
 
-// Gathers the index while a stream is read in order.
+// A stream's bytes read at any offset, and its index beside it: a file, or an object
+// (s3://BUCKET/KEY, its index the object KEY.idx) through the opener set by a program
+// that reaches the object store.
+class StreamBytes {
+public:
+    virtual ~StreamBytes() = default;
+    // Exactly `length` bytes at `offset`; false at the end of the stream or on an error.
+    virtual bool ReadAt(char* out, size_t length, uint64_t offset) = 0;
+    virtual bool Size(uint64_t& size, std::string& why) = 0;
+    // A descriptor that reads the stream from its start (not owned). -1 with `why`.
+    virtual int Sequential(std::string& why) = 0;
+    // Whether an index is kept beside it.
+    virtual bool IndexExists() = 0;
+    // The index kept beside it, whole; false with `why` when there is none.
+    virtual bool ReadIndex(std::string& text, std::string& why) = 0;
+    virtual bool SaveIndex(const StreamIndex& index, std::string& why) = 0;
+    // Where its index is kept, for messages.
+    virtual std::string IndexName() const = 0;
+};
+using ObjectOpener = std::function<std::unique_ptr<StreamBytes>(const std::string& url, std::string& why)>;
+void SetObjectOpener(ObjectOpener opener);
+// The stream `name`: a file, or an object when an opener is set. Null with `why`.
+std::unique_ptr<StreamBytes> OpenStreamBytes(const std::string& name, std::string& why);
+// The stream file `fd` (not owned), named `name`.
+std::unique_ptr<StreamBytes> FileBytes(int fd, const std::string& name);
+
+// Gathers the index while a stream is read (or written) in order.
 class IndexBuilder {
 public:
+    // Each extent closed whole, with the geometry of its disk at that point (null when
+    // the disk has none yet): where an extent goes instead of the index Finish returns.
+    using ExtentSink =
+        std::function<void(const std::string& disk, const DiskGeometry* g, uint64_t number, const IndexedExtent& e)>;
     IndexBuilder();
+    explicit IndexBuilder(ExtentSink sink);
     ~IndexBuilder();
     IndexBuilder(const IndexBuilder&) = delete;
     IndexBuilder& operator=(const IndexBuilder&) = delete;
     // Each record once `model` has taken it; `usable` as the model said.
     void Take(const vshost::StreamRecord& record, const EntryModel& model, bool usable);
-    // The index of what `reader` read from the stream file `fd`.
+    // The index of what `reader` read from the stream file `fd`, or from `bytes`.
     StreamIndex Finish(const vshost::StreamReader& reader, int fd);
+    StreamIndex Finish(const vshost::StreamReader& reader, StreamBytes& bytes);
 
 private:
     struct Open;
     std::unique_ptr<Open> m_open;  // the extent being read
     StreamIndex m_index;
+    ExtentSink m_sink;
 };
 
+// Encodes an index piece by piece in its layout (header, then each disk followed by its
+// extents in ascending number) into a descriptor, with its check at the end: an index is
+// written without being held whole.
+class IndexEncoder {
+public:
+    explicit IndexEncoder(int fd);  // not owned
+    // The fields of `index` before its disks (its disks are not read).
+    void Header(const StreamIndex& index, uint32_t disks);
+    void Disk(const std::string& key, uint64_t size, uint64_t extentSize, uint64_t extents);
+    void Extent(uint64_t number, const IndexedExtent& e);
+    // Writes the check and what is buffered. False with `why`.
+    bool Finish(std::string& why);
+
+private:
+    void Put(const std::string& bytes);
+    bool Drain();
+    int m_fd;
+    std::string m_buffer;
+    std::unique_ptr<XXH3_state_t> m_state;
+    bool m_failed = false;
+    int m_errno = 0;
+};
+
+// Writes an index to `path` whole or not at all: `fill` encodes it into a file beside it
+// (private, as the stream is), which is then renamed over `path`. `durable`: the file is
+// synced before and its folder after the rename.
+bool WriteIndexFile(const std::string& path, const std::function<bool(IndexEncoder&, std::string&)>& fill, bool durable,
+                    std::string& why);
+
+// Encodes `index` whole.
+void EncodeIndex(const StreamIndex& index, IndexEncoder& out);
 bool SaveIndex(const StreamIndex& index, const std::string& path, std::string& why);
 // False with `why` when there is none, or it is damaged.
 bool LoadIndex(const std::string& path, StreamIndex& index, std::string& why);
+// The index `text`, kept at `name`; false with `why` when it is damaged.
+bool ParseIndex(const std::string& text, const std::string& name, StreamIndex& index, std::string& why);
 
-// `vsstream index STREAM`: reads the stream file whole and writes its index beside it.
+// `vsstream index STREAM`: reads the stream (a file, or an object) whole and writes its
+// index beside it.
 int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err);
 
 // One disk of a chain of stream files (a full, then its incrementals, oldest first) read

@@ -5,33 +5,30 @@
 #include "entrymodel.h"
 #include "streamindex.h"
 
-#include <sys/stat.h>
-
 namespace vsstream {
 
 namespace {
 
-// A stream file's index beside it against the one its records give.
-int CheckIndex(const std::string& path, const StreamIndex& built, std::ostream& out, std::ostream& err) {
-    struct stat st {};
-    if (::stat(IndexPath(path).c_str(), &st) != 0) return kExitOk;  // none: the stream is read in order
+// A stream's index beside it against the one its records give.
+int CheckIndex(StreamBytes& stream, const StreamIndex& built, std::ostream& out, std::ostream& err) {
+    if (!stream.IndexExists()) return kExitOk;  // none: the stream is read in order
     StreamIndex kept;
-    std::string why;
-    if (!LoadIndex(IndexPath(path), kept, why)) {
+    std::string text, why;
+    if (!stream.ReadIndex(text, why) || !ParseIndex(text, stream.IndexName(), kept, why)) {
         err << why << " (vsstream index makes it anew)\n";
         return kExitCorrupt;
     }
     if (!(kept == built)) {
-        err << IndexPath(path) << " does not match the stream (vsstream index makes it anew)\n";
+        err << stream.IndexName() << " does not match the stream (vsstream index makes it anew)\n";
         return kExitCorrupt;
     }
-    out << "index " << IndexPath(path) << ": matches the stream\n";
+    out << "index " << stream.IndexName() << ": matches the stream\n";
     return kExitOk;
 }
 
 }  // namespace
 
-int RunVerify(int fd, std::ostream& out, std::ostream& err, const std::string& path, StreamIndex* built) {
+int RunVerify(int fd, std::ostream& out, std::ostream& err, StreamBytes* indexed, StreamIndex* built) {
     vshost::StreamReader reader(fd);
     EntryModel model;
     IndexBuilder builder;
@@ -63,9 +60,9 @@ int RunVerify(int fd, std::ostream& out, std::ostream& err, const std::string& p
         << " hole bytes, " << reader.offset() << " bytes read\n";
     for (const std::string& disk : incompleteDisks)
         out << "disk " << disk << ": incomplete, " << EntryModel::IncompleteWhy(*model.Disk(disk)) << "\n";
-    if (!path.empty() && reader.state() != vshost::StreamReader::State::ReadError) {
-        StreamIndex index = builder.Finish(reader, fd);
-        if (code != kExitCorrupt) code = WorseCode(code, CheckIndex(path, index, out, err));
+    if (indexed && reader.state() != vshost::StreamReader::State::ReadError) {
+        StreamIndex index = builder.Finish(reader, *indexed);
+        if (code != kExitCorrupt) code = WorseCode(code, CheckIndex(*indexed, index, out, err));
         if (built) *built = std::move(index);
     }
     return code;

@@ -48,6 +48,9 @@ public:
     virtual unsigned long long PackedZeros() const = 0;
     // Totals and the entry opened last (null: unchanged), for a progress display.
     virtual void NoteProgress(const vsStreamTotals& totals, const std::string* entry) = 0;
+    // Record `index`, framed by the encoder, begins with the next byte Write takes: a
+    // sink that reports where records land in the stream marks it there.
+    virtual void RecordBegins(uint64_t index) { (void)index; }
 
 protected:
     ~StreamSink() = default;
@@ -69,8 +72,9 @@ public:
     void Abandon() { m_abandoned = true; }
 
     // Hands every record to `tap` as it is written, decoded as a decoder would read it
-    // (a data record's bytes are valid during the call only; offsets are not set). For
-    // counts taken while the stream is written rather than by reading it again.
+    // (a data record's bytes are valid during the call only; offsets are not set; every
+    // record the encoder frames itself carries its checksum). For counts and the stream
+    // index taken while the stream is written rather than by reading it again.
     using RecordTap = std::function<void(const StreamRecord&)>;
     void SetTap(RecordTap tap) { m_tap = std::move(tap); }
 
@@ -105,7 +109,7 @@ private:
     int CheckLength(stream::Kind kind, size_t length);
     int Prepare();
     int Frame(stream::Kind kind, const char* payload, size_t length);
-    int Tap(stream::Kind kind, std::string_view payload);
+    int Tap(stream::Kind kind, std::string_view payload, uint64_t checksum);
 
     StreamSink& m_sink;
     StreamIdentity m_identity;

@@ -142,6 +142,8 @@ struct StreamRecord {
     uint16_t flags = 0;
     uint64_t offset = 0;  // of the record's first byte in the stream
     uint64_t index = 0;   // 0 is the stream header
+    // Its checksum, as the stream holds it (the encoder's tap only; 0 when read).
+    uint64_t checksum = 0;
     RecordBody body;
 };
 

@@ -9,6 +9,7 @@
 #include "vscodec/streamreader.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,8 +18,12 @@ namespace vshost {
 
 class VS_CODEC_API RecordSeeker {
 public:
+    // Reads exactly `length` bytes at `offset`; false at the end of the stream or on an error.
+    using ReadAt = std::function<bool(char* out, size_t length, uint64_t offset)>;
     // `fd` (not owned) is read with pread only: several seekers may share it.
     explicit RecordSeeker(int fd);
+    // A stream read through `read`: an object read with ranged requests.
+    explicit RecordSeeker(ReadAt read);
     ~RecordSeeker();
     RecordSeeker(const RecordSeeker&) = delete;
     RecordSeeker& operator=(const RecordSeeker&) = delete;
@@ -34,7 +39,7 @@ public:
 private:
     bool Fail(uint64_t offset, const std::string& what, std::string& why);
 
-    int m_fd;
+    ReadAt m_read;
     char m_prologue[stream::kPrologueBytes] = {};
     uint16_t m_minor = 0;
     std::vector<char> m_payload;

@@ -6,6 +6,7 @@
 #include "hostapi/types.h"
 #include "vscodec/streamreader.h"
 
+#include <cstdint>
 #include <functional>
 
 namespace vshost {
@@ -14,5 +15,11 @@ namespace vshost {
 // thread of the writer that wrote it; a data record's bytes are valid during the call
 // only, and offsets are not set. Set before the first record.
 VS_HOST_API void TapRecords(CPipelayer& pipe, std::function<void(const StreamRecord&)> tap);
+
+// `places` hears where each record lands in the stream (its number and offset) once its
+// bytes are written, in stream order, on a thread of the pipeline's writer; what a tap
+// cannot know while packing and compression still run behind it. Set before the first
+// record; false afterwards.
+VS_HOST_API bool TapPlaces(CPipelayer& pipe, std::function<void(uint64_t index, uint64_t offset)> places);
 
 }  // namespace vshost

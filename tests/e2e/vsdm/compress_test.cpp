@@ -1,6 +1,7 @@
 // `vsdm run --compress zstd[:LEVEL]`: a compressed stream, one stream or a set, verifies
 // and restores to what an uncompressed one gives, and costs less where the data
-// compresses.
+// compresses. Each stream leaves the index that `vsstream index` would make of it, though
+// its writer knew where its packed records landed only once they were written.
 #include "run_support.h"
 
 #include "vssample/sample.h"
@@ -45,6 +46,17 @@ TEST(VsdmCompress, ACompressedStreamRestoresWhatAPlainOneDoes) {
         ASSERT_EQ(run.status, 0) << run.output;
         const RunResult verify = Shell(vstest::Vsstream() + " verify " + out);
         EXPECT_EQ(verify.status, 0) << verify.output;
+        const bool set = r.args.find("--streams") != std::string::npos;
+        // One item: the set has one stream.
+        for (const std::string& stream : std::vector{set ? out + ".1" : out}) {
+            const std::string written = vstest::ReadAll(stream + ".idx");
+            EXPECT_GT(written.size(), 100u) << stream;
+            EXPECT_NE(verify.output.find("index " + stream + ".idx: matches the stream"), std::string::npos)
+                << verify.output;
+            ASSERT_EQ(Shell(vstest::Vsstream() + " index " + stream).status, 0);
+            EXPECT_TRUE(vstest::ReadAll(stream + ".idx") == written) << stream;
+        }
+        EXPECT_FALSE(fs::exists(out + ".idx") && set) << "a stream set's manifest has no index";
         const RunResult restore =
             Shell(vstest::Vsstream() + " restore " + out + " --to " + home.sub(std::string(r.name) + ".restored"));
         ASSERT_EQ(restore.status, 0) << restore.output;

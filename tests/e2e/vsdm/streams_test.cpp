@@ -90,6 +90,11 @@ TEST(VsdmStreams, TwoStreamsRestoreTheSameTreeAsOneAndRecordEveryDisk) {
     r = Shell(kVsstream + " verify " + home.sub("two.set"));
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("streams: 2 of 2 read, complete"), std::string::npos) << r.output;
+    // Each stream of the set has its own index, written by its own process.
+    for (const char* member : {"two.set.1", "two.set.2"})
+        EXPECT_NE(r.output.find("index " + home.sub(member) + ".idx: matches the stream"), std::string::npos)
+            << r.output;
+    EXPECT_FALSE(fs::exists(home.sub("two.set.idx")));
 
     r = Shell(kVsstream + " restore " + home.sub("one.stream") + " --to " + home.sub("r1"));
     ASSERT_EQ(r.status, 0) << r.output;

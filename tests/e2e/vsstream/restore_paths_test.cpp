@@ -138,14 +138,17 @@ TEST(VsstreamServe, AFullAndTwoIncrementalsServeTheDiskAtTheLastBackup) {
     const std::string disk = " --disk " + web.biosUuid + "/web01.vmdk";
     const std::string socket = home.sub("web01.sock");
 
-    // Streams without an index are served once it is made; verify --deep needs none.
+    // The writer left each stream's index; one without it is served once it is made
+    // again, and verify --deep needs none.
+    for (const std::string& stream : streams) EXPECT_TRUE(fs::is_regular_file(stream + ".idx")) << stream;
+    fs::remove(streams[1] + ".idx");
     RunResult r = Shell("timeout 60 " + vstest::Vsstream() + " serve " + chain + disk + " --socket " + socket);
     EXPECT_EQ(r.status, vsstream::kExitUnreadable);
     EXPECT_NE(r.output.find("vsstream index makes one"), std::string::npos) << r.output;
     r = Shell(vstest::Vsstream() + " verify --deep " + chain);
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("web01.vmdk: "), std::string::npos) << r.output;
-    ASSERT_EQ(Shell(vstest::Vsstream() + " index " + chain).status, 0);
+    ASSERT_EQ(Shell(vstest::Vsstream() + " index " + streams[1]).status, 0);
 
     r = Shell(vstest::Vsstream() + " serve " + chain + disk + " --socket " + socket + " >" + home.sub("serve.log") +
               " 2>&1 & echo $!");

@@ -6,6 +6,7 @@
 #include "stream_support.h"
 #include "vscodec/streambytes.h"
 #include "vscodec/streamcheck.h"
+#include "vshost/streamtap.h"
 
 #include <gtest/gtest.h>
 
@@ -271,4 +272,37 @@ TEST(PackedData, RestoreLeavesZeroRunsAsHolesAndClearsThemOnAnEarlierImage) {
     EXPECT_TRUE(ReadFile(home.sub("old/vm1/disk0")) == v2);
     ASSERT_EQ(stat(home.sub("old/vm1/disk0").c_str(), &st), 0);
     EXPECT_LE(static_cast<size_t>(st.st_blocks) * 512, 4 * 16 * kBlock + 4 * kBlock);
+}
+
+// Where each record lands, as the pipeline's writer reports it once the record is
+// written: the offset the decoder finds it at, for every record, plain and packed, at
+// one and several writer threads (the stream index is made from these).
+TEST(PackedData, ThePlacesOfRecordsAreWhereTheDecoderFindsThem) {
+    TempHome home;
+    const size_t mib = 1u << 20;
+    for (const int level : {0, 3}) {
+        SCOPED_TRACE(level);
+        StreamFile f(home.sub("places" + std::to_string(level) + ".stream"));
+        ASSERT_TRUE(f.pipe->SetCompression(level));
+        std::vector<std::pair<uint64_t, uint64_t>> places;
+        ASSERT_TRUE(
+            vshost::TapPlaces(*f.pipe, [&](uint64_t index, uint64_t offset) { places.emplace_back(index, offset); }));
+        SendVM(f.writer, "vm");
+        const std::string extents[] = {Text(mib), WithZeros(mib, {{kBlock, 5 * kBlock}}, 11), Random(mib, 12),
+                                       std::string(3 * mib, 'x')};
+        for (size_t i = 0; i < std::size(extents); ++i) {
+            ASSERT_EQ(Header(f.writer, "\\vm\\disk\\Extent" + std::to_string(i), extents[i].size(), false), 0);
+            ASSERT_EQ(f.writer.sendHole(4096), 0);
+            ASSERT_EQ(f.writer.allocateAndSendDataBuffer(extents[i].data(), extents[i].size()), 0);
+            ASSERT_EQ(f.writer.sendEOF(true, 0), 0);
+        }
+        ASSERT_EQ(f.writer.close(true), 0);
+        ASSERT_TRUE(f.pipe->Close());
+        const DecodeResult r = DecodeBytes(f.Bytes());
+        ASSERT_EQ(r.state, State::Complete) << r.error;
+        std::vector<std::pair<uint64_t, uint64_t>> found;
+        for (const Decoded& d : r.records) found.emplace_back(d.record.index, d.record.offset);
+        EXPECT_EQ(places, found);
+        EXPECT_GT(found.size(), 20u);
+    }
 }
