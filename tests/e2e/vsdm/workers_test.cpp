@@ -374,7 +374,9 @@ TEST_P(VsdmWorkers, AStoppedWorkerGivesItsItemBackOneThatLostItsLeaseRecordsNoth
     fifo.DrainToEnd();
     EXPECT_EQ(Wait(a), 1);
     const std::string said = vstest::ReadAll(scratch.sub("a.err"));
-    EXPECT_NE(said.find("the lease went to another worker; this attempt records nothing"), std::string::npos) << said;
+    // Whether a renewal or the outcome's record finds the lease gone first is a matter of timing.
+    EXPECT_NE(said.find("the lease went to another worker"), std::string::npos) << said;
+    EXPECT_NE(said.find("; this attempt records nothing"), std::string::npos) << said;
     EXPECT_TRUE(vshost::changetrack::JobDisks(std::stoll(job)).empty());
     const auto items = q::Items(std::stoll(job));
     ASSERT_EQ(items.size(), 1u);
