@@ -97,9 +97,9 @@ std::optional<DiskDigests> Load(const std::string& changeId) {
     return d;
 }
 
-void LeaveCompletedPass(const DiskDigests& digests) {
+void LeaveCompletedPass(DiskDigests digests) {
     std::lock_guard<std::mutex> lock(g_passMutex);
-    g_completedPass = digests;
+    g_completedPass = std::move(digests);
 }
 
 std::optional<LoadedBase> TakeLoadedBase() {

@@ -281,8 +281,8 @@ CQiError CArchiveVirtualDiskFile::GetNextBlock(CAutoMemory<char>& buffer, unsign
     if (!allocated && !before) {
         buffer.SetSize(0);
         d.inPass = false;
-        if (d.passWhole) ct::LeaveCompletedPass(d.pass);
-        d.pass.extents.clear();
+        if (d.passWhole) ct::LeaveCompletedPass(std::move(d.pass));
+        d.pass = ct::DiskDigests{};
         return CQiError::VS(VS_ERROR_END_OF_DISK, "end of disk " + d.path);
     }
     const unsigned long long n = allocated && before ? std::min(*allocated, *before) : allocated ? *allocated : *before;

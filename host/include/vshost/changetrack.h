@@ -7,12 +7,14 @@
 
 #include "hostapi/types.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vshost::changetrack {
@@ -26,12 +28,54 @@ struct Digest {
 // XXH3-128 of an extent's bytes.
 VS_HOST_API Digest DigestOf(const void* data, size_t length);
 
+// Digests by extent number, kept in one sorted array: 24 bytes an extent (a node of a
+// std::map took about 80), as a pass holds one per extent with data of the disk and an
+// incremental holds its base's too. A pass adds extents in ascending order, at the end.
+class ExtentDigests {
+public:
+    using Entry = std::pair<uint64_t, Digest>;
+    using const_iterator = std::vector<Entry>::const_iterator;
+
+    Digest& operator[](uint64_t extent) {
+        if (m_entries.empty() || m_entries.back().first < extent)
+            return m_entries.emplace_back(extent, Digest{}).second;
+        auto it = Lower(extent);
+        if (it == m_entries.end() || it->first != extent) it = m_entries.insert(it, Entry{extent, Digest{}});
+        return it->second;
+    }
+    const_iterator lower_bound(uint64_t extent) const { return Lower(extent); }
+    const_iterator find(uint64_t extent) const {
+        const auto it = Lower(extent);
+        return it != end() && it->first == extent ? it : end();
+    }
+    size_t count(uint64_t extent) const { return find(extent) != end() ? 1 : 0; }
+    void erase(uint64_t extent) {
+        if (const auto it = find(extent); it != end()) m_entries.erase(it);
+    }
+    void clear() { std::vector<Entry>().swap(m_entries); }
+    size_t size() const { return m_entries.size(); }
+    const_iterator begin() const { return m_entries.begin(); }
+    const_iterator end() const { return m_entries.end(); }
+    bool operator==(const ExtentDigests&) const = default;
+
+private:
+    std::vector<Entry>::iterator Lower(uint64_t extent) {
+        return std::lower_bound(m_entries.begin(), m_entries.end(), extent,
+                                [](const Entry& e, uint64_t n) { return e.first < n; });
+    }
+    const_iterator Lower(uint64_t extent) const {
+        return std::lower_bound(m_entries.begin(), m_entries.end(), extent,
+                                [](const Entry& e, uint64_t n) { return e.first < n; });
+    }
+    std::vector<Entry> m_entries;
+};
+
 // The digests of one state of a disk: one per extent that held data; extents not listed
 // held none.
 struct DiskDigests {
     uint64_t diskSize = 0;
     uint64_t extentSize = 0;
-    std::map<uint64_t, Digest> extents;
+    ExtentDigests extents;
 };
 
 // Catalog storage, by change id. Store replaces what the id held; throws on a catalog error.
@@ -41,7 +85,7 @@ VS_HOST_API std::optional<DiskDigests> Load(const std::string& changeId);
 // Hand-over from the disk reader to the archive writer within one process: the digests
 // of the last pass that covered a whole disk. Taking them empties the slot, and a pass
 // that does not cover the whole disk clears it.
-VS_HOST_API void LeaveCompletedPass(const DiskDigests& digests);
+VS_HOST_API void LeaveCompletedPass(DiskDigests digests);
 VS_HOST_API void ClearCompletedPass();
 VS_HOST_API std::optional<DiskDigests> TakeCompletedPass();
 

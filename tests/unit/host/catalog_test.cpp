@@ -10,7 +10,9 @@
 #include "vshost/vmclients.h"
 
 #include <gtest/gtest.h>
+
 #include <sqlite3.h>
+#include <algorithm>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -365,11 +367,17 @@ TEST_P(CatalogOn, TheLatestDiskIsTheLastRecordedAndDigestsKeepEveryByte) {
     EXPECT_EQ(Words(ct::LatestDisks()), "vm1/a.vmdk=c20a2 vm1/b.vmdk=c20b vm2/a.vmdk=c30");
     EXPECT_EQ(Words(ct::JobDisks(20)), "vm1/b.vmdk=c20b vm1/a.vmdk=c20a2");
 
-    // Every byte value, NUL first, survives the trip; storing again replaces.
+    // Every byte value, NUL first, survives the trip, set in any order; storing again replaces.
     ct::DiskDigests digests;
     digests.diskSize = (1ull << 40) + 3;
     digests.extentSize = 1 << 20;
-    for (uint64_t i = 0; i < 256; ++i) digests.extents[i] = ct::Digest{i * 0x0101010101010101ull, ~i};
+    for (uint64_t k = 0; k < 256; ++k) {
+        const uint64_t i = k * 101 % 256;
+        digests.extents[i] = ct::Digest{i * 0x0101010101010101ull, ~i};
+    }
+    ASSERT_EQ(digests.extents.size(), 256u);
+    EXPECT_TRUE(std::is_sorted(digests.extents.begin(), digests.extents.end(),
+                               [](const auto& a, const auto& b) { return a.first < b.first; }));
     ct::Store("cid", digests);
     auto back = ct::Load("cid");
     ASSERT_TRUE(back.has_value());
