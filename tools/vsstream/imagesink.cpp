@@ -38,18 +38,6 @@ std::string Stem(const std::string& name) {
     return ext == ".vmdk" || ext == ".qcow2" || ext == ".img" || ext == ".raw" ? name.substr(0, dot) : name;
 }
 
-bool WriteAt(int fd, const char* data, uint64_t length, uint64_t at) {
-    while (length > 0) {
-        const ssize_t n = ::pwrite(fd, data, length, static_cast<off_t>(at));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data += n;
-        length -= static_cast<uint64_t>(n);
-        at += static_cast<uint64_t>(n);
-    }
-    return true;
-}
-
 // Calls `write(from, length)` for each run of `data` that holds something other than
 // zeros, in 4 KiB blocks of the image (its unit of allocation).
 template <class Write>
@@ -76,10 +64,11 @@ public:
     explicit Raw(vshost::Fd fd) : m_fd(std::move(fd)) {}
     bool Write(const char* data, uint64_t length, uint64_t at, bool sparse) override {
         const int fd = m_fd.get();
-        const bool ok =
-            sparse ? ForEachDataRun(data, length, at,
-                                    [&](uint64_t from, uint64_t n) { return WriteAt(fd, data + from, n, at + from); })
-                   : WriteAt(fd, data, length, at);
+        const bool ok = sparse ? ForEachDataRun(data, length, at,
+                                                [&](uint64_t from, uint64_t n) {
+                                                    return vshost::PwriteAll(fd, data + from, n, at + from);
+                                                })
+                               : vshost::PwriteAll(fd, data, length, at);
         return ok || Fail(std::strerror(errno));
     }
     bool Zero(uint64_t at, uint64_t length) override {
@@ -92,7 +81,7 @@ public:
         static const char zeros[64 * 1024] = {};
         while (length > 0) {
             const uint64_t n = std::min<uint64_t>(length, sizeof zeros);
-            if (!WriteAt(m_fd.get(), zeros, n, at)) return Fail(std::strerror(errno));
+            if (!vshost::PwriteAll(m_fd.get(), zeros, n, at)) return Fail(std::strerror(errno));
             at += n;
             length -= n;
         }

@@ -1,6 +1,7 @@
 // Applying records to files below the restore folder.
 #include "restore.h"
 
+#include "hostapi/fd.h"
 #include "hostapi/zeroscan.h"
 
 #include <fcntl.h>
@@ -15,18 +16,6 @@ namespace vsstream {
 using vshost::stream::Kind;
 
 namespace {
-
-bool WriteAt(int fd, const char* data, uint64_t length, uint64_t at) {
-    while (length > 0) {
-        const ssize_t n = ::pwrite(fd, data, length, static_cast<off_t>(at));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data += n;
-        length -= static_cast<uint64_t>(n);
-        at += static_cast<uint64_t>(n);
-    }
-    return true;
-}
 
 timespec FromNs(long long ns) {
     long long sec = ns / 1000000000;
@@ -341,7 +330,8 @@ bool Restorer::EnsureFile(uint64_t offset) {
 void Restorer::Write(const char* data, uint64_t length, uint64_t offset) {
     if (m_target == Target::File && !EnsureFile(offset)) return;
     if (m_target == Target::File) {
-        if (!WriteAt(m_file.get(), data, length, m_pos)) return Stop(offset, Why(("cannot write " + m_shown).c_str()));
+        if (!vshost::PwriteAll(m_file.get(), data, length, m_pos))
+            return Stop(offset, Why(("cannot write " + m_shown).c_str()));
         m_pos += length;
         return;
     }

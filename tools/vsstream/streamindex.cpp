@@ -2,6 +2,7 @@
 #include "streamindex.h"
 
 #include "commands.h"
+#include "hostapi/fd.h"
 #include "vscodec/streambytes.h"
 #include "vscodec/xxh3.h"
 
@@ -73,15 +74,7 @@ class File final : public StreamBytes {
 public:
     File(vshost::Fd owned, int fd, std::string name) : m_owned(std::move(owned)), m_fd(fd), m_name(std::move(name)) {}
     bool ReadAt(char* out, size_t length, uint64_t offset) override {
-        while (length > 0) {
-            const ssize_t n = ::pread(m_fd, out, length, static_cast<off_t>(offset));
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) return false;
-            out += n;
-            length -= static_cast<size_t>(n);
-            offset += static_cast<uint64_t>(n);
-        }
-        return true;
+        return vshost::PreadAll(m_fd, out, length, offset);
     }
     bool Size(uint64_t& size, std::string& why) override {
         struct stat st {};

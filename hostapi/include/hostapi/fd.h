@@ -2,8 +2,37 @@
 #pragma once
 
 #include <unistd.h>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
 
 namespace vshost {
+
+// Exactly `length` bytes at `at`, short reads and EINTR retried; false at the end of the
+// file or on an error (errno then says which).
+inline bool PreadAll(int fd, char* out, size_t length, uint64_t at) {
+    while (length > 0) {
+        const ssize_t n = ::pread(fd, out, length, static_cast<off_t>(at));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        out += n;
+        length -= static_cast<size_t>(n);
+        at += static_cast<uint64_t>(n);
+    }
+    return true;
+}
+
+inline bool PwriteAll(int fd, const char* data, uint64_t length, uint64_t at) {
+    while (length > 0) {
+        const ssize_t n = ::pwrite(fd, data, length, static_cast<off_t>(at));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data += n;
+        length -= static_cast<uint64_t>(n);
+        at += static_cast<uint64_t>(n);
+    }
+    return true;
+}
 
 class Fd {
 public:
