@@ -70,6 +70,24 @@ struct Args {
     bool once = false;    // worker --once
 };
 
+// A command of `parent` that works on a host home it is told with --home.
+CLI::App* AddHomeCommand(CLI::App& parent, const char* name, const char* help, Args& a) {
+    CLI::App* sub = parent.add_subcommand(name, help);
+    sub->add_option("--home", a.home, "host home (else $VSHOST_HOME)");
+    return sub;
+}
+
+// What vsdm backup and vsdm job create both take: the snapshot, its VMs, how to read them
+// and where the streams go.
+void AddBackupOptions(CLI::App& sub, Args& a, const char* outHelp, const char* compressHelp) {
+    sub.add_option("--snapshot", a.snapJob, "the snapshot's job id")->required();
+    sub.add_option("--vm", a.vms, "a VM by name or UUID (repeatable; default: every VM)");
+    sub.add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
+    sub.add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
+    sub.add_option("--out", a.out, outHelp)->required();
+    sub.add_option("--compress", a.compress, compressHelp);
+}
+
 // vsdm job create|status and vsdm worker.
 struct QueueCommands {
     CLI::App* create;
@@ -77,31 +95,25 @@ struct QueueCommands {
     CLI::App* worker;
 };
 
-QueueCommands AddQueueCommands(CLI::App& app, Args& a, const char* homeHelp) {
+QueueCommands AddQueueCommands(CLI::App& app, Args& a) {
     CLI::App* job = app.add_subcommand("job", "jobs whose items workers on many hosts share through the catalog");
     job->require_subcommand(1);
-    CLI::App* create = job->add_subcommand(
-        "create",
+    CLI::App* create = AddHomeCommand(
+        *job, "create",
         "queue the job backup would make (one item per VM) for vsdm worker; prints its id. Each item's stream "
-        "is PREFIXjob<ID>.item<N>.<ATTEMPT>");
-    create->add_option("--snapshot", a.snapJob, "the snapshot's job id")->required();
-    create->add_option("--vm", a.vms, "a VM by name or UUID (repeatable; default: every VM)");
-    create->add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
-    create->add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
-    create->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the streams' data records");
-    create->add_option("--out", a.out, "PREFIX of every item's stream: a folder ending in /, or a name's start")
-        ->required();
-    create->add_option("--home", a.home, homeHelp);
-    CLI::App* status = job->add_subcommand("status", "each item's state, host, progress and failure reason");
+        "is PREFIXjob<ID>.item<N>.<ATTEMPT>",
+        a);
+    AddBackupOptions(*create, a, "PREFIX of every item's stream: a folder ending in /, or a name's start",
+                     "zstd[:LEVEL]: compress the streams' data records");
+    CLI::App* status = AddHomeCommand(*job, "status", "each item's state, host, progress and failure reason", a);
     status->add_option("JOBID", a.jobId, "the job's id")->required();
-    status->add_option("--home", a.home, homeHelp);
-    CLI::App* worker = app.add_subcommand(
-        "worker",
+    CLI::App* worker = AddHomeCommand(
+        app, "worker",
         "lease items of queued jobs one at a time and back them up, until none is left (any number of workers, "
-        "on any hosts that share the catalog)");
+        "on any hosts that share the catalog)",
+        a);
     worker->add_option("--job", a.jobId, "take items of this job only");
     worker->add_flag("--once", a.once, "stop after one item");
-    worker->add_option("--home", a.home, homeHelp);
     return {create, status, worker};
 }
 
@@ -139,38 +151,30 @@ int Parse(int argc, char** argv, Args& a) {
     CLI::App* demo = app.add_subcommand("demo", "back up a generated sample snapshot, restore it, compare");
     demo->add_option("--keep", a.keep, "build in this (new or empty) folder and leave it there");
 
-    const char* homeHelp = "host home (else $VSHOST_HOME)";
     CLI::App* snapshot = app.add_subcommand("snapshot", "register, list and remove datastore snapshots of the home");
     snapshot->require_subcommand(1);
-    CLI::App* add = snapshot->add_subcommand(
-        "add",
+    CLI::App* add = AddHomeCommand(
+        *snapshot, "add",
         "register a snapshot whose volumes are the given folders (nothing is written into them); makes the "
-        "home if it does not exist yet");
+        "home if it does not exist yet",
+        a);
     add->add_option("--snap-job", a.add.snapJobId, "the snapshot job that made the snapshot")->required();
     add->add_option("--engine", a.add.snapEngineId, "its snap engine id (default 0)");
     add->add_option("--media-agent", a.add.mediaAgent, "this backup host's name in the catalog (default: host name)");
-    add->add_option("--home", a.home, homeHelp);
     add->add_option("VOLUME", a.volumes, "DATASTORE=FOLDER, one per datastore volume")->required();
     CLI::App* list =
-        snapshot->add_subcommand("list", "the snapshots, their volumes and VMs, and what would be refused");
-    list->add_option("--home", a.home, homeHelp);
-    CLI::App* remove = snapshot->add_subcommand("remove", "forget a snapshot (its volumes are untouched)");
+        AddHomeCommand(*snapshot, "list", "the snapshots, their volumes and VMs, and what would be refused", a);
+    CLI::App* remove = AddHomeCommand(*snapshot, "remove", "forget a snapshot (its volumes are untouched)", a);
     remove->add_option("SNAPJOB", a.snapJob, "the snapshot's job id")->required();
-    remove->add_option("--home", a.home, homeHelp);
 
-    CLI::App* backup = app.add_subcommand(
-        "backup",
+    CLI::App* backup = AddHomeCommand(
+        app, "backup",
         "back up VMs of a registered snapshot: makes the job (a new job id, every VM or those named, change "
-        "tracking on) and runs it as run does");
-    backup->add_option("--snapshot", a.snapJob, "the snapshot's job id")->required();
-    backup->add_option("--vm", a.vms, "a VM by name or UUID (repeatable; default: every VM)");
-    backup->add_flag("--incremental", a.incremental, "read each disk against its last completed backup");
-    backup->add_option("--reader", a.readerText, "extent (default), fileCollection or fileLevel");
-    backup->add_option("--out", a.out, "stream file, s3://BUCKET/KEY (an object), or - for standard output")
-        ->required();
-    backup->add_option("--compress", a.compress, "zstd[:LEVEL]: compress the stream's data records, as run does");
-    backup->add_option("--home", a.home, homeHelp);
-    const QueueCommands queue = AddQueueCommands(app, a, homeHelp);
+        "tracking on) and runs it as run does",
+        a);
+    AddBackupOptions(*backup, a, "stream file, s3://BUCKET/KEY (an object), or - for standard output",
+                     "zstd[:LEVEL]: compress the stream's data records, as run does");
+    const QueueCommands queue = AddQueueCommands(app, a);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -206,9 +210,35 @@ vsdm::ReaderKind ReaderOf(const std::string& text) {
     throw vsdm::UsageError("--reader must be extent, fileCollection or fileLevel, not \"" + text + "\"");
 }
 
+// Runs a command: the status it returns, or that of what it throws (a fault of what the
+// user gave is a usage error, any other a failed job).
+template <typename Command>
+int StatusOf(std::ostream& err, Command&& command) {
+    try {
+        return command();
+    } catch (const vsdm::UsageError& e) {
+        err << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitUsage;
+    } catch (const std::exception& e) {
+        err << "vsdm: " << e.what() << "\n";
+        return vsdm::kExitJobFailed;
+    }
+}
+
+// What vsdm backup and vsdm job create read from the command line.
+vsdm::BackupRequest BackupRequestOf(const Args& a) {
+    vsdm::BackupRequest request;
+    request.snapJobId = a.snapJob;
+    request.vms = a.vms;
+    request.incremental = a.incremental;
+    request.reader = ReaderOf(a.readerText);
+    request.out = a.out;
+    return request;
+}
+
 // The snapshot commands; the status to exit with.
 int RunSnapshotCommand(Args& a) {
-    try {
+    return StatusOf(std::cerr, [&] {
         OpenChosenHome(a.home, a.command == "snapshot add");
         if (a.command == "snapshot add") {
             for (const std::string& v : a.volumes) a.add.volumes.push_back(vsdm::ParseVolumeArg(v));
@@ -219,13 +249,7 @@ int RunSnapshotCommand(Args& a) {
             vsdm::RemoveSnapshot(a.snapJob, std::cout);
         }
         return 0;
-    } catch (const vsdm::UsageError& e) {
-        std::cerr << "vsdm: " << e.what() << "\n";
-        return vsdm::kExitUsage;
-    } catch (const std::exception& e) {
-        std::cerr << "vsdm: " << e.what() << "\n";
-        return vsdm::kExitJobFailed;
-    }
+    });
 }
 
 // "--compress zstd[:LEVEL]": the level, 1 when none is given.
@@ -275,7 +299,7 @@ void Prepare(const Args& a, unsigned streams, vsdm::DataMoverJob& job, vsdm::Run
 }
 
 int RunParallel(const Args& a, const vsdm::DataMoverJob& job, unsigned streams) {
-    try {
+    return StatusOf(std::cerr, [&] {
         vsdm::StreamsOptions parallel;
         parallel.jobFile = a.jobFile;
         parallel.home = vshost::HomeDir();
@@ -285,13 +309,7 @@ int RunParallel(const Args& a, const vsdm::DataMoverJob& job, unsigned streams) 
         const vsdm::RunSummary summary = vsdm::RunStreams(job, parallel, std::cerr);
         vsdm::PrintSummary(job, summary, std::cerr);
         return summary.status;
-    } catch (const vsdm::UsageError& e) {
-        std::cerr << "vsdm: " << e.what() << "\n";
-        return vsdm::kExitUsage;
-    } catch (const std::exception& e) {
-        std::cerr << "vsdm: " << e.what() << "\n";
-        return vsdm::kExitJobFailed;
-    }
+    });
 }
 
 // One stream: the whole job, or a child's share of a parallel run.
@@ -302,7 +320,7 @@ int RunOne(const Args& a, const vsdm::DataMoverJob& job, vsdm::RunOptions& optio
     options.incrementalFrom = a.incrementalFrom;
     options.resumeFrom = a.resume;
     options.progress = !child && isatty(STDERR_FILENO) != 0;
-    try {
+    return StatusOf(err, [&] {
         const vsdm::RunSummary summary = vsdm::RunJob(job, options, err);
         if (child) {
             // The parent merges and prints; it counts a stream without a report as failed.
@@ -312,13 +330,7 @@ int RunOne(const Args& a, const vsdm::DataMoverJob& job, vsdm::RunOptions& optio
         }
         vsdm::PrintSummary(job, summary, std::cerr);
         return summary.status;
-    } catch (const vsdm::UsageError& e) {
-        err << "vsdm: " << e.what() << "\n";
-        return vsdm::kExitUsage;
-    } catch (const std::exception& e) {
-        err << "vsdm: " << e.what() << "\n";
-        return vsdm::kExitJobFailed;
-    }
+    });
 }
 
 // vsdm backup: the job made from the catalog, then run as `vsdm run` runs one.
@@ -327,14 +339,8 @@ int RunBackup(const Args& a) {
     vsdm::RunOptions options;
     try {
         OpenChosenHome(a.home, false);
-        vsdm::BackupRequest request;
-        request.snapJobId = a.snapJob;
-        request.vms = a.vms;
-        request.incremental = a.incremental;
-        request.reader = ReaderOf(a.readerText);
-        request.out = a.out;
         if (!a.compress.empty()) options.compressLevel = ParseCompress(a.compress);
-        job = vsdm::MakeBackupJob(request, std::cerr);
+        job = vsdm::MakeBackupJob(BackupRequestOf(a), std::cerr);
     } catch (const std::exception& e) {
         std::cerr << "vsdm: " << e.what() << "\n";
         return vsdm::kExitUsage;
@@ -344,15 +350,11 @@ int RunBackup(const Args& a) {
 
 // vsdm job create|status and vsdm worker; the status to exit with.
 int RunQueueCommand(const Args& a) {
-    try {
+    return StatusOf(std::cerr, [&] {
         OpenChosenHome(a.home, false);
         if (a.command == "job create") {
             vsdm::QueuedJobRequest request;
-            request.backup.snapJobId = a.snapJob;
-            request.backup.vms = a.vms;
-            request.backup.incremental = a.incremental;
-            request.backup.reader = ReaderOf(a.readerText);
-            request.backup.out = a.out;
+            request.backup = BackupRequestOf(a);
             if (!a.compress.empty()) request.compressLevel = ParseCompress(a.compress);
             std::cout << vsdm::CreateQueuedJob(request, std::cerr) << "\n";
             return 0;
@@ -365,13 +367,7 @@ int RunQueueCommand(const Args& a) {
         options.jobId = a.jobId;
         options.once = a.once;
         return vsdm::RunWorker(options, std::cerr);
-    } catch (const vsdm::UsageError& e) {
-        std::cerr << "vsdm: " << e.what() << "\n";
-        return vsdm::kExitUsage;
-    } catch (const std::exception& e) {
-        std::cerr << "vsdm: " << e.what() << "\n";
-        return vsdm::kExitJobFailed;
-    }
+    });
 }
 
 int Run(int argc, char** argv) {
