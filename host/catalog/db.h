@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace vshost::db {
 
@@ -83,11 +84,11 @@ private:
     std::unique_ptr<Cursor> m_cursor;
 };
 
-// Runs `body` inside one write transaction (Connection::Begin); an exception rolls it
-// back and goes on.
+// Runs `body` inside one write transaction that `begin` (Connection::Begin or
+// Connection::BeginRowLocked) starts; an exception rolls it back and goes on.
 template <class Body>
-void InTransaction(Connection& db, Body&& body) {
-    db.Begin();
+void InTransactionBegunBy(Connection& db, void (Connection::*begin)(), Body&& body) {
+    (db.*begin)();
     try {
         body();
         db.Commit();
@@ -97,17 +98,16 @@ void InTransaction(Connection& db, Body&& body) {
     }
 }
 
-// The same, in a transaction begun with Connection::BeginRowLocked.
+// In a transaction begun with Connection::Begin.
+template <class Body>
+void InTransaction(Connection& db, Body&& body) {
+    InTransactionBegunBy(db, &Connection::Begin, std::forward<Body>(body));
+}
+
+// In a transaction begun with Connection::BeginRowLocked.
 template <class Body>
 void InRowLockedTransaction(Connection& db, Body&& body) {
-    db.BeginRowLocked();
-    try {
-        body();
-        db.Commit();
-    } catch (...) {
-        db.Rollback();
-        throw;
-    }
+    InTransactionBegunBy(db, &Connection::BeginRowLocked, std::forward<Body>(body));
 }
 
 // Brings the schema of `db` to the latest version, in one transaction.

@@ -60,6 +60,29 @@ bool StillHeld(db::Connection& conn, const Lease& lease) {
     return q.Step();
 }
 
+// Runs `write` on the catalog in one row-locked transaction if `lease` is still held;
+// whether it was.
+template <typename Write>
+bool WhileHeld(const Lease& lease, Write&& write) {
+    db::Connection conn(Catalog().Path());
+    bool held = false;
+    db::InRowLockedTransaction(conn, [&] {
+        held = StillHeld(conn, lease);
+        if (held) write(conn);
+    });
+    return held;
+}
+
+// Sets columns of the leased item: `set` assigns them from ?3 on, bound to `values` in turn.
+template <typename... Values>
+void UpdateLeased(db::Connection& conn, const Lease& lease, const std::string& set, const Values&... values) {
+    db::Statement q(conn, ("UPDATE work_items SET " + set + " WHERE job_id = ?1 AND item_no = ?2").c_str());
+    q.Bind(1, lease.jobId).Bind(2, lease.itemNo);
+    int index = 3;
+    (q.Bind(index++, values), ...);
+    q.Run();
+}
+
 std::mutex g_heldMutex;
 std::optional<Lease> g_held;
 
@@ -168,50 +191,21 @@ std::optional<int64_t> NextExpiry(int64_t jobId) {
 }
 
 bool Renew(const Lease& lease, int64_t now, int seconds, int64_t progress) {
-    db::Connection conn(Catalog().Path());
-    bool held = false;
-    db::InRowLockedTransaction(conn, [&] {
-        held = StillHeld(conn, lease);
-        if (!held) return;
-        db::Statement(conn,
-                      "UPDATE work_items SET lease_expires = ?3, progress = ?4, updated = ?5 "
-                      "WHERE job_id = ?1 AND item_no = ?2")
-            .Bind(1, lease.jobId)
-            .Bind(2, lease.itemNo)
-            .Bind(3, now + seconds)
-            .Bind(4, progress)
-            .Bind(5, now)
-            .Run();
+    return WhileHeld(lease, [&](db::Connection& conn) {
+        UpdateLeased(conn, lease, "lease_expires = ?3, progress = ?4, updated = ?5", now + seconds, progress, now);
     });
-    return held;
 }
 
 bool RecordStream(const Lease& lease, const std::string& key) {
-    db::Connection conn(Catalog().Path());
-    bool held = false;
-    db::InRowLockedTransaction(conn, [&] {
-        held = StillHeld(conn, lease);
-        if (!held) return;
-        db::Statement(conn,
-                      "UPDATE work_items SET stream_key = ?3, streams = streams || ?3 || ?4, updated = ?5 "
-                      "WHERE job_id = ?1 AND item_no = ?2")
-            .Bind(1, lease.jobId)
-            .Bind(2, lease.itemNo)
-            .Bind(3, key)
-            .Bind(4, std::string("\n"))
-            .Bind(5, Now())
-            .Run();
+    return WhileHeld(lease, [&](db::Connection& conn) {
+        UpdateLeased(conn, lease, "stream_key = ?3, streams = streams || ?3 || ?4, updated = ?5", key,
+                     std::string("\n"), Now());
     });
-    return held;
 }
 
 bool Finish(const Lease& lease, Outcome outcome, const std::string& failure, const std::string& stream,
             int64_t progress) {
-    db::Connection conn(Catalog().Path());
-    bool held = false;
-    db::InRowLockedTransaction(conn, [&] {
-        held = StillHeld(conn, lease);
-        if (!held) return;
+    return WhileHeld(lease, [&](db::Connection& conn) {
         std::string streams;
         std::string key;
         {
@@ -231,20 +225,11 @@ bool Finish(const Lease& lease, Outcome outcome, const std::string& failure, con
             key = stream;
         }
         const char* state = outcome == Outcome::Done ? "done" : outcome == Outcome::Failed ? "failed" : "queued";
-        db::Statement(conn,
-                      "UPDATE work_items SET state = ?3, failure = ?4, stream_key = ?5, streams = ?6, progress = ?7, "
-                      "lease_expires = 0, updated = ?8 WHERE job_id = ?1 AND item_no = ?2")
-            .Bind(1, lease.jobId)
-            .Bind(2, lease.itemNo)
-            .Bind(3, std::string(state))
-            .Bind(4, failure)
-            .Bind(5, key)
-            .Bind(6, streams)
-            .Bind(7, progress)
-            .Bind(8, Now())
-            .Run();
+        UpdateLeased(conn, lease,
+                     "state = ?3, failure = ?4, stream_key = ?5, streams = ?6, progress = ?7, lease_expires = 0, "
+                     "updated = ?8",
+                     std::string(state), failure, key, streams, progress, Now());
     });
-    return held;
 }
 
 void HoldLease(const Lease& lease) {
