@@ -6,8 +6,8 @@
 #include "vscodec/streamcheck.h"
 #include "vscodec/streampack.h"
 
-#include <unistd.h>
-#include <cerrno>
+#include "hostapi/fd.h"
+
 #include <cstring>
 
 namespace vshost {
@@ -15,25 +15,8 @@ namespace vshost {
 using detail::GetLE;
 using stream::Kind;
 
-namespace {
-
-// Reads exactly `length` bytes at `at`; false at the end of the file or on an error.
-bool PreadExactly(int fd, char* out, size_t length, uint64_t at) {
-    while (length > 0) {
-        const ssize_t n = ::pread(fd, out, length, static_cast<off_t>(at));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        out += n;
-        length -= static_cast<size_t>(n);
-        at += static_cast<uint64_t>(n);
-    }
-    return true;
-}
-
-}  // namespace
-
 RecordSeeker::RecordSeeker(int fd)
-    : m_read([fd](char* out, size_t length, uint64_t at) { return PreadExactly(fd, out, length, at); }) {}
+    : m_read([fd](char* out, size_t length, uint64_t at) { return PreadAll(fd, out, length, at); }) {}
 
 RecordSeeker::RecordSeeker(ReadAt read) : m_read(std::move(read)) {}
 

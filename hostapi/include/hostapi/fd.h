@@ -8,23 +8,14 @@
 
 namespace vshost {
 
-// Exactly `length` bytes at `at`, short reads and EINTR retried; false at the end of the
-// file or on an error (errno then says which).
-inline bool PreadAll(int fd, char* out, size_t length, uint64_t at) {
-    while (length > 0) {
-        const ssize_t n = ::pread(fd, out, length, static_cast<off_t>(at));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        out += n;
-        length -= static_cast<size_t>(n);
-        at += static_cast<uint64_t>(n);
-    }
-    return true;
-}
+namespace detail {
 
-inline bool PwriteAll(int fd, const char* data, uint64_t length, uint64_t at) {
+// Calls `io` (pread or pwrite) until all `length` bytes at `at` are moved, short counts
+// and EINTR retried; false at the end of the file or on an error (errno then says which).
+template <typename Byte, typename Io>
+bool WholeAt(Io io, int fd, Byte* data, uint64_t length, uint64_t at) {
     while (length > 0) {
-        const ssize_t n = ::pwrite(fd, data, length, static_cast<off_t>(at));
+        const ssize_t n = io(fd, data, length, static_cast<off_t>(at));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         data += n;
@@ -32,6 +23,18 @@ inline bool PwriteAll(int fd, const char* data, uint64_t length, uint64_t at) {
         at += static_cast<uint64_t>(n);
     }
     return true;
+}
+
+}  // namespace detail
+
+// Exactly `length` bytes at `at`, short reads and EINTR retried; false at the end of the
+// file or on an error (errno then says which).
+inline bool PreadAll(int fd, char* out, size_t length, uint64_t at) {
+    return detail::WholeAt(::pread, fd, out, length, at);
+}
+
+inline bool PwriteAll(int fd, const char* data, uint64_t length, uint64_t at) {
+    return detail::WholeAt(::pwrite, fd, data, length, at);
 }
 
 class Fd {
