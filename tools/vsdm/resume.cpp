@@ -67,12 +67,13 @@ void CheckSameJob(const DataMoverJob& job, const StreamIdentity& stream, const s
                          IdList(mine));
 }
 
-ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identity) {
+bool StreamLeft(const std::string& stream, std::string& said) {
     // An object exists once its upload completed; an attempt killed before that (or whose
     // store went away) left the parts it stored, which become the stream to go on from.
-    if (std::string said; IsObject(stream) && !StreamExists(stream) && !KeepCutObject(stream, said))
-        throw UsageError("the stream to resume from, " + stream + ", is not on the object store (" + said +
-                         "): run the job again without --resume");
+    return !IsObject(stream) || StreamExists(stream) || KeepCutObject(stream, said);
+}
+
+ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identity) {
     StreamSource source = OpenSource(stream);
     vshost::StreamReader reader(source.fd());
     vsstream::EntryModel model;
@@ -154,6 +155,9 @@ void MergeResumePoints(ResumePoints& into, const ResumePoints& later) {
 }
 
 void ApplyResume(DataMoverJob& job, const std::string& stream, std::ostream& report) {
+    if (std::string said; !StreamLeft(stream, said))
+        throw UsageError("the stream to resume from, " + stream + ", is not on the object store (" + said +
+                         "): run the job again without --resume");
     StreamIdentity identity;
     ResumePoints points = ReadResumePoints(stream, &identity);
     CheckSameJob(job, identity, stream);

@@ -27,8 +27,15 @@ struct StreamIdentity {
     std::set<uint32_t> archiveFiles;  // every archive file id the stream names
 };
 
-// By VM guid, then disk name. Throws UsageError when the stream cannot be opened or
-// holds nothing a later attempt could build on.
+// Whether what a stopped attempt left of its stream `stream` can be read: a file as it is;
+// an object once its upload completed, or, when the attempt was cut off before (killed, or
+// its store gone), made of the parts it stored. `said` tells what was kept of a cut upload
+// or why nothing was; empty when the object was whole.
+bool StreamLeft(const std::string& stream, std::string& said);
+
+// What the stream `stream` holds (an object as StreamLeft left it), by VM guid, then
+// disk name. Throws UsageError when the stream cannot be opened or holds nothing a later
+// attempt could build on.
 ResumePoints ReadResumePoints(const std::string& stream, StreamIdentity* identity = nullptr);
 
 // Throws UsageError naming what differs when the stream is not of this job: another

@@ -209,14 +209,13 @@ public:
 // Where an earlier attempt's stream is now: as recorded, or, when that was the temporary
 // name of a stream since published, under its final name. Empty when it is gone.
 std::string EarlierStream(const std::string& key, std::ostream& report) {
-    // An object exists once its attempt stored it; a killed attempt's open upload is made
-    // into one of the parts it stored (the lease says that attempt is over).
+    // A killed attempt's open upload is made into one of the parts it stored (the lease
+    // says that attempt is over).
     if (IsObject(key)) {
-        if (StreamExists(key)) return key;
         std::string said;
-        const bool kept = KeepCutObject(key, said);
-        report << "the earlier attempt's stream " << key << ": " << said << "\n";
-        return kept ? key : std::string();
+        const bool left = StreamLeft(key, said);
+        if (!said.empty()) report << "the earlier attempt's stream " << key << ": " << said << "\n";
+        return left ? key : std::string();
     }
     std::error_code ec;
     if (fs::exists(key, ec)) return key;
