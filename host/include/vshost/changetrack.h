@@ -39,9 +39,9 @@ public:
     Digest& operator[](uint64_t extent) {
         if (m_entries.empty() || m_entries.back().first < extent)
             return m_entries.emplace_back(extent, Digest{}).second;
-        auto it = Lower(extent);
-        if (it == m_entries.end() || it->first != extent) it = m_entries.insert(it, Entry{extent, Digest{}});
-        return it->second;
+        const auto at = Lower(extent);
+        if (at != end() && at->first == extent) return m_entries[static_cast<size_t>(at - begin())].second;
+        return m_entries.insert(at, Entry{extent, Digest{}})->second;
     }
     const_iterator lower_bound(uint64_t extent) const { return Lower(extent); }
     const_iterator find(uint64_t extent) const {
@@ -59,10 +59,6 @@ public:
     bool operator==(const ExtentDigests&) const = default;
 
 private:
-    std::vector<Entry>::iterator Lower(uint64_t extent) {
-        return std::lower_bound(m_entries.begin(), m_entries.end(), extent,
-                                [](const Entry& e, uint64_t n) { return e.first < n; });
-    }
     const_iterator Lower(uint64_t extent) const {
         return std::lower_bound(m_entries.begin(), m_entries.end(), extent,
                                 [](const Entry& e, uint64_t n) { return e.first < n; });
