@@ -114,18 +114,19 @@ private:
 
 // Reads the stream to its end or its first fault, each record into `model`; a record the
 // model refuses is reported on `err` with its offset. `each` sees every record once the
-// model has taken it. True when the model refused none.
+// model has taken it, and whether the model could use it. True when the model refused none.
 template <class Each>
 bool ApplyAll(vshost::StreamReader& reader, EntryModel& model, std::ostream& err, Each&& each) {
     vshost::StreamRecord record;
     bool sound = true;
     while (reader.Next(record)) {
         std::string why;
-        if (!model.Apply(record, why)) {
+        const bool usable = model.Apply(record, why);
+        if (!usable) {
             err << "offset " << record.offset << ": " << why << "\n";
             sound = false;
         }
-        each(record);
+        each(record, usable);
     }
     return sound;
 }

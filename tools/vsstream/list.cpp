@@ -79,7 +79,7 @@ void OtherLine(const vshost::StreamRecord& r, std::ostream& out) {
 int RunList(int fd, std::ostream& out, std::ostream& err) {
     vshost::StreamReader reader(fd);
     EntryModel model;
-    const bool problems = !ApplyAll(reader, model, err, [&](const vshost::StreamRecord& record) {
+    const bool problems = !ApplyAll(reader, model, err, [&](const vshost::StreamRecord& record, bool) {
         if (record.kind == Kind::EndOfFile)
             EntryLine(model.entry(), out);
         else if (!vshost::stream::OpensEntry(record.kind))

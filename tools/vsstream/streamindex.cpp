@@ -424,16 +424,9 @@ int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err) {
     vshost::StreamReader reader(fd);
     EntryModel model;
     IndexBuilder builder;
-    vshost::StreamRecord record;
-    bool problems = false;
-    while (reader.Next(record)) {
-        const bool usable = model.Apply(record, why);
-        if (!usable) {
-            err << "offset " << record.offset << ": " << why << "\n";
-            problems = true;
-        }
+    const bool problems = !ApplyAll(reader, model, err, [&](const vshost::StreamRecord& record, bool usable) {
         builder.Take(record, model, usable);
-    }
+    });
     const int code = Conclude(reader, problems, err);
     if (code == kExitUnreadable || code == kExitCorrupt) return code;
     const StreamIndex index = builder.Finish(reader, *bytes);

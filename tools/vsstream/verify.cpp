@@ -32,17 +32,9 @@ int RunVerify(int fd, std::ostream& out, std::ostream& err, StreamBytes* indexed
     vshost::StreamReader reader(fd);
     EntryModel model;
     IndexBuilder builder;
-    vshost::StreamRecord record;
-    bool problems = false;
-    while (reader.Next(record)) {
-        std::string why;
-        const bool usable = model.Apply(record, why);
-        if (!usable) {
-            err << "offset " << record.offset << ": " << why << "\n";
-            problems = true;
-        }
+    const bool problems = !ApplyAll(reader, model, err, [&](const vshost::StreamRecord& record, bool usable) {
         builder.Take(record, model, usable);
-    }
+    });
     int code = Conclude(reader, problems, err);
     // A stream that ended cleanly but holds a disk its reader did not finish is not a
     // whole backup of that disk: it verifies as incomplete, never as complete.
