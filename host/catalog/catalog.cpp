@@ -197,14 +197,15 @@ std::vector<SHostCredentials> Catalog::CredentialsForServer(const std::string& s
     return out;
 }
 
-void Catalog::AddArchiveFile(const ArchiveFileRecord& afile) {
-    db::Connection conn(m_path);
+namespace {
+
+// Writes the row of `afile`; `then` follows the values (a conflict clause, or nothing).
+void InsertArchiveFile(db::Connection& conn, const ArchiveFileRecord& afile, const char* then) {
     db::Statement(conn,
-                  "INSERT INTO archive_files (afile_id, app_id2, backup_job_id, name, volume, snap_engine_id, "
-                  "snap_job_id, datastore) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8) ON CONFLICT (afile_id) DO UPDATE "
-                  "SET app_id2 = excluded.app_id2, backup_job_id = excluded.backup_job_id, name = excluded.name, "
-                  "volume = excluded.volume, snap_engine_id = excluded.snap_engine_id, "
-                  "snap_job_id = excluded.snap_job_id, datastore = excluded.datastore")
+                  (std::string("INSERT INTO archive_files (afile_id, app_id2, backup_job_id, name, volume, "
+                               "snap_engine_id, snap_job_id, datastore) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)") +
+                   then)
+                      .c_str())
         .Bind(1, static_cast<int64_t>(afile.afileId))
         .Bind(2, Id(afile.appId2))
         .Bind(3, afile.backupJobId)
@@ -214,6 +215,16 @@ void Catalog::AddArchiveFile(const ArchiveFileRecord& afile) {
         .Bind(7, afile.snapJobId)
         .Bind(8, afile.datastore)
         .Run();
+}
+
+}  // namespace
+
+void Catalog::AddArchiveFile(const ArchiveFileRecord& afile) {
+    db::Connection conn(m_path);
+    InsertArchiveFile(conn, afile,
+                      " ON CONFLICT (afile_id) DO UPDATE SET app_id2 = excluded.app_id2, backup_job_id = "
+                      "excluded.backup_job_id, name = excluded.name, volume = excluded.volume, snap_engine_id = "
+                      "excluded.snap_engine_id, snap_job_id = excluded.snap_job_id, datastore = excluded.datastore");
 }
 
 namespace {
@@ -273,18 +284,7 @@ std::vector<ArchiveFileRecord> Catalog::AddSnapshot(const SnapshotRecord& snapsh
             v.snapJobId = snapshot.snapJobId;
             v.snapEngineId = snapshot.snapEngineId;
             // A given id must be free: a volume never takes over another's archive file.
-            db::Statement(conn,
-                          "INSERT INTO archive_files (afile_id, app_id2, backup_job_id, name, volume, "
-                          "snap_engine_id, snap_job_id, datastore) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)")
-                .Bind(1, static_cast<int64_t>(v.afileId))
-                .Bind(2, Id(v.appId2))
-                .Bind(3, v.backupJobId)
-                .Bind(4, v.name)
-                .Bind(5, v.volume)
-                .Bind(6, static_cast<int64_t>(v.snapEngineId))
-                .Bind(7, v.snapJobId)
-                .Bind(8, v.datastore)
-                .Run();
+            InsertArchiveFile(conn, v, "");
         }
     });
     return volumes;
