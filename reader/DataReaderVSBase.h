@@ -101,6 +101,8 @@ protected:
     int CredentialsFromTask();
     int PasswordFromInstance();
     int DefaultRestoreSettings();
+    // The ESX server and its login, as a mount request carries them.
+    SHostCredentials EsxCredentials() const;
     // The snap mount path handed to the VM-info library; may replace m_sESXServerName
     // by a configured proxy ESX host.
     std::string getSnapMountPath();

@@ -8,6 +8,15 @@
 #include <filesystem>
 #include <string>
 
+SHostCredentials DataReaderVSBase::EsxCredentials() const {
+    SHostCredentials c;
+    c.sHost = m_sESXServerName;
+    c.sServer = m_sESXServerName;
+    c.sUser = m_sUserName;
+    c.sPassword = m_sPassword;
+    return c;
+}
+
 // The mount request of the snapshot: the job, its client, the ESX credentials, the
 // archive files of the list.
 void DataReaderVSBase::FillSnapMountCtx(MountCtx& ctx, unsigned long clientId) {
@@ -21,10 +30,7 @@ void DataReaderVSBase::FillSnapMountCtx(MountCtx& ctx, unsigned long clientId) {
     ctx.sJobResultsDir = m_sJobResultsDir;
     // Copied before the mount path is built: a configured proxy ESX host replaces the
     // member for the path only.
-    ctx.hostCredentials.sHost = m_sESXServerName;
-    ctx.hostCredentials.sServer = m_sESXServerName;
-    ctx.hostCredentials.sUser = m_sUserName;
-    ctx.hostCredentials.sPassword = m_sPassword;
+    ctx.hostCredentials = EsxCredentials();
     ctx.bMountFlag = true;
     ctx.bOption1 = false;
     ctx.sSnapMountPath = getSnapMountPath();

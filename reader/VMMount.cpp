@@ -47,10 +47,7 @@ int DataReaderVSBase::MountVM(const std::string& vmName, DataReaderVMCtx& out,
     ctx.bVMMountFlag = true;
     ctx.nSnapJobId = m_snapJobId;
     ctx.sJobResultsDir = m_sJobResultsFolder;
-    ctx.hostCredentials.sHost = m_sESXServerName;
-    ctx.hostCredentials.sServer = m_sESXServerName;
-    ctx.hostCredentials.sUser = m_sUserName;
-    ctx.hostCredentials.sPassword = m_sPassword;
+    ctx.hostCredentials = EsxCredentials();
     ctx.bOption1 = false;
     ctx.nSnapEngineId = static_cast<int32_t>(m_snapEngineId);
     GetDiskFiltersForRestore(ctx.diskFilters, diskNames);
