@@ -339,8 +339,9 @@ int RunBackup(const Args& a) {
     vsdm::RunOptions options;
     try {
         OpenChosenHome(a.home, false);
+        const vsdm::BackupRequest request = BackupRequestOf(a);
         if (!a.compress.empty()) options.compressLevel = ParseCompress(a.compress);
-        job = vsdm::MakeBackupJob(BackupRequestOf(a), std::cerr);
+        job = vsdm::MakeBackupJob(request, std::cerr);
     } catch (const std::exception& e) {
         std::cerr << "vsdm: " << e.what() << "\n";
         return vsdm::kExitUsage;
