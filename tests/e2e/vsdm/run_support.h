@@ -64,11 +64,6 @@ inline std::string Vsstream() {
     return "'" VSSTREAM_TOOL "'";
 }
 
-inline std::string ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 // An extent job over the sample snapshot with the given items (VM or disk paths), with
 // change tracking asked for when `cbt` is set.
 inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnapshot& s, int64_t jobId,
@@ -84,6 +79,10 @@ inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnap
     job["home"] = home.path();
     job["items"] = items;
     return job;
+}
+
+inline void WriteJob(const TempHome& home, const std::string& name, const nlohmann::json& job) {
+    std::ofstream(home.sub(name)) << job.dump();
 }
 
 // The file a restore holds a disk's bytes in: a VMDK is restored as one (a descriptor
