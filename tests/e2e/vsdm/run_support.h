@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -105,24 +104,12 @@ inline std::map<std::string, std::string> Tree(const std::string& folder) {
 // caught at a known point of its stream and signalled there.
 class SlowConsumerRun {
 public:
-    SlowConsumerRun(const TempHome& home, const std::string& jobFile, const std::vector<std::string>& extraArgs = {})
-        : m_errPath(home.sub("run.err")) {
+    SlowConsumerRun(const TempHome& home, const std::string& jobFile) : m_errPath(home.sub("run.err")) {
         const std::string fifo = home.sub("stream.fifo");
         ::unlink(fifo.c_str());
         if (mkfifo(fifo.c_str(), 0600) != 0) return;
         m_read = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // so that vsdm's open does not wait
-        const std::string tool = VSDM_TOOL;
-        std::vector<std::string> args = {tool, "run", jobFile, "--out", fifo};
-        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        if (posix_spawn(&m_pid, tool.c_str(), &actions, nullptr, argv.data(), environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        m_pid = StartShell(Vsdm() + " run " + jobFile + " --out " + fifo, m_errPath);
     }
     ~SlowConsumerRun() {
         if (m_pid > 0) {
