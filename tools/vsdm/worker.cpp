@@ -264,6 +264,7 @@ std::string FailureOf(const std::string& text) {
 enum class ItemEnd { Done, Failed, Lost, Stopped, StreamLost };
 
 struct Attempt {
+    DataMoverJob job;
     RunSummary summary;
     bool ran = false;
     std::string error;  // the run could not be made or threw
@@ -274,17 +275,16 @@ Attempt RunAttempt(const queue::Item& item, const queue::WorkJob& work, LeaseKee
                    std::ostream& out) {
     Attempt a;
     try {
-        DataMoverJob job = ItemJob(work.spec, item.spec, item.jobId, item.itemNo);
-        job.out = a.target = ItemStreamName(work.outPrefix, item.jobId, item.itemNo, item.generation);
-        ResumeFromEarlier(job, item.streams, out);
+        a.job = ItemJob(work.spec, item.spec, item.jobId, item.itemNo);
+        a.job.out = a.target = ItemStreamName(work.outPrefix, item.jobId, item.itemNo, item.generation);
+        ResumeFromEarlier(a.job, item.streams, out);
         RunOptions options;
-        options.out = job.out;
+        options.out = a.job.out;
         options.compressLevel = work.compress;
         options.stop = &stop;
         options.observer = &keeper;
-        a.summary = RunJob(job, options, out);
+        a.summary = RunJob(a.job, options, out);
         a.ran = true;
-        PrintSummary(job, a.summary, out);
     } catch (const std::exception& e) {
         a.error = e.what();
         out << "vsdm: " << e.what() << "\n";
@@ -312,7 +312,16 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
         if (keeper.Lost()) lostWhy = keeper.Why();
     }
     out.flush();
+    // The summary is told once the catalog has taken the outcome: an attempt whose lease
+    // went to another worker succeeded at nothing, whatever it read.
+    const auto summarize = [&](bool counts) {
+        if (!a.ran) return;
+        RunSummary s = a.summary;
+        if (!counts) s.itemsFailed = s.items;
+        PrintSummary(a.job, s, report);
+    };
     if (!lostWhy.empty()) {
+        summarize(false);
         report << "worker: item " << item.itemNo << " of job " << item.jobId << ": " << lostWhy
                << "; this attempt records nothing\n";
         return ItemEnd::Lost;
@@ -335,11 +344,13 @@ ItemEnd RunItem(const queue::Item& item, const queue::WorkJob& work, const std::
     try {
         recorded = queue::Finish(lease, outcome, failure, stream, progress);
     } catch (const std::exception& e) {
+        summarize(false);
         report << "worker: the outcome of item " << item.itemNo << " of job " << item.jobId
                << " could not be recorded (" << e.what()
                << "); this attempt records nothing, and the item goes to the next worker once its lease expires\n";
         return ItemEnd::Lost;
     }
+    summarize(recorded);
     if (!recorded) {
         report << "worker: item " << item.itemNo << " of job " << item.jobId
                << ": the lease went to another worker before the outcome was recorded; this attempt records "

@@ -414,27 +414,30 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     EXPECT_TRUE(Tree(home.sub("w")) == Tree(home.sub("r")));
 }
 
-// A worker killed while its stream is being uploaded leaves an open upload; the worker
-// that takes its item over keeps the parts stored as the dead attempt's stream and goes
-// on from what they hold, so the two streams restore the disk whole and no upload is left.
-TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
+// Three workers share a job on the object store; one is killed while its stream is being
+// uploaded. It leaves an open upload; the worker that takes its item over keeps the parts
+// stored as the dead attempt's stream and goes on from what they hold. Every disk is
+// recorded once, the streams restore every disk whole, and the bucket holds the job's
+// streams and nothing else.
+TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
     VS_NEEDS_S3();
     vstest::TempHome scratch;
-    const std::string image = scratch.sub("img.raw");
-    {
-        std::string bytes(24u << 20, '\0');
-        uint64_t x = 0x9e3779b97f4a7c15ull;
+    std::vector<std::string> images;
+    uint64_t x = 0x9e3779b97f4a7c15ull;
+    for (const size_t size : {24u << 20, 3u << 20, 3u << 20, 3u << 20}) {
+        std::string bytes(size, '\0');
         for (size_t i = 0; i < bytes.size(); i += 8) {
             x ^= x << 13, x ^= x >> 7, x ^= x << 17;
             std::memcpy(&bytes[i], &x, 8);
         }
-        vstest::WriteFile(image, bytes);
+        images.push_back(scratch.sub("img" + std::to_string(images.size()) + ".raw"));
+        vstest::WriteFile(images.back(), bytes);
     }
     vssample::SampleOptions options;
     options.snapJobId = 78;
-    const vssample::SampleSnapshot s = vssample::GenerateImageSnapshot(image, options);
+    const vssample::SampleSnapshot s = vssample::GenerateImagesSnapshot(images, options);
     std::vector<std::string> homes;
-    for (const char* name : {"a", "b"}) {
+    for (const char* name : {"a", "b", "c"}) {
         homes.push_back(scratch.sub(name));
         fs::create_directory(homes.back());
         std::ofstream(homes.back() + "/settings.ini")
@@ -447,6 +450,12 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
               " 2>/dev/null)");
     ASSERT_EQ(r.status, 0) << r.output;
     const std::string job = r.output.substr(0, r.output.find('\n'));
+    vshost::OpenHome(homes[1]);
+    const auto state = [&] {
+        std::string text;
+        for (const auto& item : vshost::queue::Items(std::stoll(job))) text += item.state + " ";
+        return text;
+    };
 
     vsobj::S3Client client(vsobj::SettingsFromEnvironment());
     {
@@ -461,9 +470,11 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
         EXPECT_NE(told.find("is given back: its stream could not be written"), std::string::npos) << told;
         EXPECT_NE(told.find("0 item(s) done, 0 failed"), std::string::npos) << told;
     }
+    pid_t b = 0, c = 0;
     {
-        // The store stops taking bytes inside the second part; once the first is stored,
-        // the worker is killed.
+        // Worker a takes item 1; the store stops taking its bytes inside the second part.
+        // Once the first is stored, b and c start, do the other items and wait on item 1;
+        // then a is killed.
         StoreThatDies store(12u << 20, Fault::Stall);
         const pid_t a = vstest::StartShell("env AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm +
                                                " worker --once --job " + job + " --home " + homes[0],
@@ -475,33 +486,48 @@ TEST(VsdmObjectStore, AWorkerKilledMidUploadIsTakenOverFromThePartsItStored) {
                 for (const std::string& id : client.UploadsOf({Bucket(), key}))
                     if (key.starts_with("taken/")) stored += client.Parts({Bucket(), key}, id).size();
         }
+        b = vstest::StartShell(kVsdm + " worker --job " + job + " --home " + homes[1], scratch.sub("b.out"));
+        c = vstest::StartShell(kVsdm + " worker --job " + job + " --home " + homes[2], scratch.sub("c.out"));
+        for (int i = 0; i < 600 && state() != "running done done done "; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(state(), "running done done done ");
         kill(a, SIGKILL);
         EXPECT_EQ(vstest::WaitFor(a), 128 + SIGKILL);
         ASSERT_TRUE(store.stalled() && stored == 1) << stored << vstest::ReadAll(scratch.sub("a.out"));
     }
-    const pid_t b = vstest::StartShell(kVsdm + " worker --job " + job + " --home " + homes[1], scratch.sub("b.out"));
     EXPECT_EQ(vstest::WaitFor(b), 0);
-    const std::string said = vstest::ReadAll(scratch.sub("b.out"));
+    EXPECT_EQ(vstest::WaitFor(c), 0);
+    const std::string said = vstest::ReadAll(scratch.sub("b.out")) + vstest::ReadAll(scratch.sub("c.out"));
     EXPECT_NE(said.find("its upload was never completed: the 8388608 bytes of its parts stored are kept"),
               std::string::npos)
         << said;
     EXPECT_NE(said.find("0 disk(s) already read, 1 going on"), std::string::npos) << said;
     EXPECT_EQ(OpenUploads(), std::vector<std::string>{});
 
-    vshost::OpenHome(homes[1]);
     const auto items = vshost::queue::Items(std::stoll(job));
-    ASSERT_EQ(items.size(), 1u);
+    ASSERT_EQ(items.size(), 4u);
     EXPECT_EQ(std::make_tuple(items[0].state, items[0].generation), std::make_tuple(std::string("done"), int64_t{3}));
     ASSERT_EQ(items[0].streams.size(), 3u);
-    EXPECT_EQ(vshost::changetrack::JobDisks(std::stoll(job)).size(), 1u);
-    // The first attempt stored nothing (its upload aborted by the next); the kept stream is
-    // cut off (2); the third completes the disk.
+    EXPECT_EQ(vshost::changetrack::JobDisks(std::stoll(job)).size(), 4u);
+    // Item 1's first attempt stored nothing (its upload aborted by the next); the kept
+    // stream is cut off (restore exits 2); the third completes the disk.
     EXPECT_NE(said.find(items[0].streams[0] + ": no part of its upload was stored"), std::string::npos) << said;
     const std::string restored = scratch.sub("r");
-    r = Shell(kVsstream + " restore " + items[0].streams[1] + " --to " + restored);
-    EXPECT_EQ(r.status, 2) << r.output;
-    r = Shell(kVsstream + " restore " + items[0].streams[2] + " --onto " + restored);
-    EXPECT_EQ(r.status, 0) << r.output;
-    const vssample::SampleVM& vm = s.vms.at(0);
-    EXPECT_TRUE(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + vm.disks.at(0).name) == vstest::ReadAll(image));
+    std::set<std::string> objects;
+    for (const auto& item : items) {
+        for (size_t i = item.itemNo == 1 ? 1 : 0; i < item.streams.size(); ++i) {
+            r = Shell(kVsstream + " restore " + item.streams[i] + (objects.empty() ? " --to " : " --onto ") + restored);
+            EXPECT_EQ(r.status, item.itemNo == 1 && i == 1 ? 2 : 0) << item.streams[i] << r.output;
+            objects.insert(item.streams[i]);
+            objects.insert(item.streams[i] + ".idx");
+        }
+    }
+    for (size_t i = 0; i < s.vms.size(); ++i) {
+        const vssample::SampleVM& vm = s.vms[i];
+        EXPECT_TRUE(vstest::ReadAll(restored + "/" + vm.biosUuid + "/" + vm.disks.at(0).name) ==
+                    vstest::ReadAll(images[i]))
+            << vm.name;
+    }
+    for (const std::string& key : client.Keys(Bucket(), "taken/"))
+        EXPECT_EQ(objects.count("s3://" + Bucket() + "/" + key), 1u) << key << " is not a stream of the job";
 }
