@@ -63,9 +63,9 @@ void MakeImage(const std::string& path, uint64_t size, uint64_t data, uint64_t r
 int main(int argc, char** argv) {
     CLI::App app{
         "mksnap: a host home with a datastore snapshot and a vsdm job file for it: one VM per IMAGE, the "
-        "image its disk (hard-linked, so every IMAGE must be on the same file system as HOME), or --vms small "
-        "VMs"};
-    std::string home, jobFile;
+        "image its disk (hard-linked, so every IMAGE must be on the same file system as HOME), --vms small "
+        "VMs, or one VM whose guest volume and file-collection disk hold the --files tree"};
+    std::string home, jobFile, filesDir, reader = "fileCollection";
     std::vector<std::string> images;
     long long jobId = 101;
     bool noCbt = false;
@@ -80,6 +80,14 @@ int main(int argc, char** argv) {
         app.add_option("--vms", vms, "a snapshot of this many VMs, each with two small disks, instead of IMAGE")
             ->check(CLI::Range(1u, 99999u))
             ->excludes(imageOpt);
+    auto* filesOpt = app.add_option("--files", filesDir,
+                                    "a folder: one VM whose guest volume C: and whose file-collection disk hold its "
+                                    "tree (hard-linked, so it must be on the same file system as HOME)")
+                         ->excludes(imageOpt)
+                         ->excludes(vmsOpt);
+    app.add_option("--reader", reader, "with --files: the job's reader, fileCollection (default) or fileLevel")
+        ->check(CLI::IsMember({"fileCollection", "fileLevel"}))
+        ->needs(filesOpt);
     app.add_option("--disk-mib", diskMiB, "size of each disk of --vms in MiB (default 4)")
         ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 20))
         ->needs(vmsOpt);
@@ -101,7 +109,7 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     try {
-        if (images.empty() && vms == 0) throw std::runtime_error("give --image or --vms");
+        if (images.empty() && vms == 0 && filesDir.empty()) throw std::runtime_error("give --image, --vms or --files");
         if (virtualSize != 0 && images.size() != 1) throw std::runtime_error("--make-image makes one --image");
         if (fs::exists(home) && !fs::is_empty(home)) throw std::runtime_error(home + " is not empty");
         if (virtualSize != 0) MakeImage(images.front(), virtualSize, dataSize ? dataSize : 64 * kMiB, runs, seed);
@@ -111,8 +119,9 @@ int main(int argc, char** argv) {
         for (std::string& image : images) image = fs::absolute(image).string();
         vssample::SampleOptions sampleOptions;
         sampleOptions.diskSize = diskMiB * kMiB;
-        const vssample::SampleSnapshot s =
-            vms ? vssample::GenerateFleet(vms, sampleOptions) : vssample::GenerateImagesSnapshot(images);
+        const vssample::SampleSnapshot s = vms                ? vssample::GenerateFleet(vms, sampleOptions)
+                                           : filesDir.empty() ? vssample::GenerateImagesSnapshot(images)
+                                                              : vssample::GenerateFilesSnapshot(filesDir);
 
         // As a full backup of a product job asks for it: change tracking on, so that the
         // reader digests every extent and the run leaves them for an incremental.
@@ -122,8 +131,10 @@ int main(int argc, char** argv) {
         nlohmann::json items = nlohmann::json::array();
         for (size_t i = 0; i < s.vms.size(); ++i) {
             const vssample::SampleVM& vm = s.vms[i];
-            if (vms) {
-                items.push_back({{"path", vm.biosUuid}, {"options", options.Serialize()}});
+            if (vms || !filesDir.empty()) {
+                // A file-level item is a guest volume, by name.
+                items.push_back(
+                    {{"path", vm.biosUuid + (reader == "fileLevel" ? "\\C:" : "")}, {"options", options.Serialize()}});
                 continue;
             }
             struct stat st {};
@@ -135,6 +146,7 @@ int main(int argc, char** argv) {
         nlohmann::json job = vssample::JobFor(s, jobId);
         job["home"] = home;
         job["items"] = items;
+        if (!filesDir.empty()) job["reader"] = reader;
         std::ofstream out(jobFile, std::ios::trunc);
         out << job.dump(2) << "\n";
         if (!out.flush()) throw std::runtime_error("cannot write " + jobFile);

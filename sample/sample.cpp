@@ -390,6 +390,43 @@ SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, co
     return s;
 }
 
+SampleSnapshot GenerateFilesSnapshot(const std::string& folder, const SampleOptions& options) {
+    const std::string home = vshost::HomeDir();
+    if (home.empty()) throw std::runtime_error("no host home is open");
+    std::error_code ec;
+    if (!fs::is_directory(folder, ec)) throw std::runtime_error(folder + " is not a folder");
+
+    SampleSnapshot s = Identity(options, {"ds1"});
+    SampleVM vm;
+    vm.name = "files01";
+    vm.biosUuid = "564d5a11-0b0c-4d0e-8f10-11121314f001";
+    vm.vcUuid = "5003a0b1-c2d3-e4f5-0617-28394a5bf001";
+    const fs::path vmFolder = fs::path(home) / "Snapshots" / std::to_string(s.snapJobId) / "ds1" / vm.name;
+    vm.folder = vmFolder.string();
+    ConfigFiles(vm, vmFolder, Vmx(vm, {{"scsi0:0.present", "TRUE"}, {"scsi0:0.fileName", "files01.vmdk"}}));
+    // Links, not copies: the tree may be large, and what is read must be its files.
+    const fs::path files = vmFolder / "files";
+    fs::copy(folder, files, fs::copy_options::recursive | fs::copy_options::create_hard_links, ec);
+    if (ec)
+        throw std::runtime_error("cannot link " + folder + " into the snapshot as " + files.string() + ": " +
+                                 ec.message() + " (the folder must be on the host home's file system)");
+    vm.guestVolumeGuids = {"{0f11e5a1-0000-4000-8000-00000000f001}"};
+    const nlohmann::json sidecar = {{"fileCollectionDisks", {{{"name", "files01.vmdk"}, {"folder", "files"}}}},
+                                    {"guestVolumes",
+                                     {{{"guid", vm.guestVolumeGuids[0]},
+                                       {"name", "C:"},
+                                       {"folder", "files"},
+                                       {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[0] + "\\"}}}}};
+    WriteText(vmFolder / "vmguest.json", sidecar.dump(2));
+    uint64_t bytes = 0;
+    for (const auto& e : fs::recursive_directory_iterator(files))
+        if (e.is_regular_file()) bytes += e.file_size();
+    vm.disks = {Disk("files01.vmdk", "ds1", vm.name, files, bytes, 2)};
+    s.vms.push_back(std::move(vm));
+    AddCatalogRows(s, options);
+    return s;
+}
+
 SampleSnapshot GenerateFleet(unsigned count, const SampleOptions& options) {
     const std::string home = vshost::HomeDir();
     if (home.empty()) throw std::runtime_error("no host home is open");

@@ -269,9 +269,9 @@ void CheckHeldLease(db::Connection& conn, int64_t jobId) {
     }
     if (!held || held->jobId != jobId) return;
     if (!queue::StillHeld(conn, *held))
-        throw std::runtime_error("the lease of item " + std::to_string(held->itemNo) + " of job " +
-                                 std::to_string(jobId) + " (generation " + std::to_string(held->generation) +
-                                 ") is no longer this worker's: nothing recorded");
+        throw queue::LeaseLost("the lease of item " + std::to_string(held->itemNo) + " of job " +
+                               std::to_string(jobId) + " (generation " + std::to_string(held->generation) +
+                               ") is no longer this worker's: nothing recorded");
 }
 
 }  // namespace vshost::detail

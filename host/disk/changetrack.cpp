@@ -4,6 +4,7 @@
 #include "detail.h"
 #include "vscodec/xxh3.h"
 #include "vshost/catalog.h"
+#include "vshost/queue.h"
 
 #include <cstring>
 #include <mutex>
@@ -196,20 +197,23 @@ bool CompletedDisks::Due() const {
 
 void CompletedDisks::Flush() {
     if (m_disks.empty()) return;
-    std::vector<Row> rows = std::move(m_disks);
-    m_disks.clear();
-    m_bytes = 0;
-    db::Connection conn(Catalog().Path());
-    db::InTransaction(conn, [&] {
-        // A worker that lost its item's lease records none of its disks.
-        int64_t checked = -1;
-        for (const Row& row : rows)
-            if (row.jobId != checked) detail::CheckHeldLease(conn, checked = row.jobId);
-        for (const Row& row : rows) {
-            WriteJobDisk(conn, row.jobId, row.disk);
-            if (row.hasDigests) WriteDigests(conn, row.disk.changeId, row.diskSize, row.extentSize, row.digests);
-        }
-    });
+    try {
+        db::Connection conn(Catalog().Path());
+        db::InTransaction(conn, [&] {
+            // A worker that lost its item's lease records none of its disks.
+            int64_t checked = -1;
+            for (const Row& row : m_disks)
+                if (row.jobId != checked) detail::CheckHeldLease(conn, checked = row.jobId);
+            for (const Row& row : m_disks) {
+                WriteJobDisk(conn, row.jobId, row.disk);
+                if (row.hasDigests) WriteDigests(conn, row.disk.changeId, row.diskSize, row.extentSize, row.digests);
+            }
+        });
+    } catch (const queue::LeaseLost&) {
+        Drop();
+        throw;
+    }
+    Drop();
 }
 
 }  // namespace vshost::changetrack

@@ -86,10 +86,16 @@ void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
     try {
         m_state->completed->Flush();
     } catch (const std::exception& e) {
-        KTlog(m_state->log, 1,
-              "Cannot record [%zu] completed disk(s) and their digests: %s; an incremental from this job "
-              "reads them whole",
-              waiting, e.what());
+        if (m_state->completed->Waiting() > 0)
+            KTlog(m_state->log, 1,
+                  "Cannot record [%zu] completed disk(s) and their digests yet: %s; tried again with the next "
+                  "disk and at the close",
+                  waiting, e.what());
+        else
+            KTlog(m_state->log, 1,
+                  "Cannot record [%zu] completed disk(s) and their digests: %s; an incremental from this job "
+                  "reads them whole",
+                  waiting, e.what());
     }
 }
 

@@ -116,6 +116,11 @@ int CompareTree(const fs::path& source, const fs::path& restored, const std::str
     return bad;
 }
 
+void NewOrEmpty(const std::string& folder, const char* option) {
+    if (fs::exists(folder) && !fs::is_empty(folder))
+        throw std::runtime_error(folder + " is not empty; give an empty or new folder to " + option);
+}
+
 // The demo's folder: the one asked for (new or empty), or a temporary one.
 std::string DemoRoot(const std::string& keep) {
     if (keep.empty()) {
@@ -124,8 +129,7 @@ std::string DemoRoot(const std::string& keep) {
         if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary folder");
         return pattern;
     }
-    if (fs::exists(keep) && !fs::is_empty(keep))
-        throw std::runtime_error(keep + " is not empty; give an empty or new folder to --keep");
+    NewOrEmpty(keep, "--keep");
     return keep;
 }
 
@@ -212,12 +216,14 @@ int GuestFiles(const vssample::SampleSnapshot& s, const std::string& root, std::
 
 }  // namespace
 
-int RunDemo(const std::string& keep, std::ostream& out) {
+int RunDemo(const std::string& keep, const std::string& homeDir, std::ostream& out) {
+    if (!homeDir.empty()) NewOrEmpty(homeDir, "--home");
     const std::string root = DemoRoot(keep);
-    fs::create_directories(root + "/home/JobResults");
-    vshost::OpenHome(root + "/home");
+    const std::string home = homeDir.empty() ? root + "/home" : homeDir;
+    fs::create_directories(home + "/JobResults");
+    vshost::OpenHome(home);
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    out << "sample snapshot of job " << s.snapJobId << " in " << root << "/home/Snapshots: ";
+    out << "sample snapshot of job " << s.snapJobId << " in " << home << "/Snapshots: ";
     for (const auto& vm : s.vms) out << vm.name << " ";
     out << "\n";
 

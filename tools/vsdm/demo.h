@@ -8,7 +8,8 @@
 namespace vsdm {
 
 // `keep`: folder to build in and leave behind; empty for a temporary folder that is
-// removed afterwards. Returns the exit status.
-int RunDemo(const std::string& keep, std::ostream& out);
+// removed afterwards. `home`: the host home to make the sample snapshot in (new or
+// empty), left in place; empty for one inside the demo's folder. Returns the exit status.
+int RunDemo(const std::string& keep, const std::string& home, std::ostream& out);
 
 }  // namespace vsdm

@@ -138,6 +138,8 @@ int Parse(int argc, char** argv, Args& a) {
 
     CLI::App* demo = app.add_subcommand("demo", "back up a generated sample snapshot, restore it, compare");
     demo->add_option("--keep", a.keep, "build in this (new or empty) folder and leave it there");
+    demo->add_option("--home", a.home,
+                     "make the sample snapshot in this host home (a new or empty folder) and leave it there");
 
     const char* homeHelp = "host home (else $VSHOST_HOME)";
     CLI::App* snapshot = app.add_subcommand("snapshot", "register, list and remove datastore snapshots of the home");
@@ -382,7 +384,7 @@ int Run(int argc, char** argv) {
     if (a.command == "worker" || a.command.rfind("job ", 0) == 0) return RunQueueCommand(a);
     if (a.command == "demo") {
         try {
-            return vsdm::RunDemo(a.keep, std::cout);
+            return vsdm::RunDemo(a.keep, a.home, std::cout);
         } catch (const std::exception& e) {
             std::cerr << "vsdm demo: " << e.what() << "\n";
             return 1;

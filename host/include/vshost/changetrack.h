@@ -133,7 +133,9 @@ public:
     bool Add(int64_t jobId, const JobDisk& disk);
     // Whether Add's caller should Flush now.
     bool Due() const;
-    // Writes what waits; on a catalog error throws, and what waited is dropped.
+    // Writes what waits. On a catalog error throws and keeps what waited for the next
+    // Flush (a catalog back from a short outage takes it then); when the lease of the
+    // item is no longer held, throws queue::LeaseLost and drops it.
     void Flush();
     // Forgets what waits (its stream could not be made durable).
     void Drop();

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -90,7 +91,10 @@ VS_HOST_API bool Finish(const Lease& lease, Outcome outcome, const std::string& 
 
 // While a lease is held by this process, every completed disk recorded for its job
 // (vshost/changetrack.h) is recorded only under it: the transaction that writes the
-// disks checks the lease, and writes nothing (throws) when it is no longer held.
+// disks checks the lease, and writes nothing (throws LeaseLost) when it is no longer held.
+struct VS_HOST_API LeaseLost : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 VS_HOST_API void HoldLease(const Lease& lease);
 VS_HOST_API void ReleaseLease();
 

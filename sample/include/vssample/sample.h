@@ -69,6 +69,12 @@ SampleSnapshot GenerateImageSnapshot(const std::string& image, const SampleOptio
 // The same with one VM per image: img01, img02, ... in the order given.
 SampleSnapshot GenerateImagesSnapshot(const std::vector<std::string>& images, const SampleOptions& options = {});
 
+// A snapshot of one VM, files01 on datastore ds1, whose guest volume C: and whose one
+// disk, read as a file collection (files01.vmdk), both hold the tree under `folder`
+// (hard-linked into the VM folder, so `folder` must be on the home's file system), with
+// its catalog rows. For the file-level and file-collection readers over real trees.
+SampleSnapshot GenerateFilesSnapshot(const std::string& folder, const SampleOptions& options = {});
+
 // A snapshot of `count` VMs (vm0001, vm0002, ...) spread over datastores ds1 and ds2,
 // each with a flat VMDK on its own datastore and a raw image on the other, both of
 // options.diskSize (1 MiB or more) with a little data at the start, the middle and the end. For

@@ -98,11 +98,18 @@ TEST(VsdmRun, StopSignalEndsTheStreamCleanlyButIncomplete) {
     EXPECT_LT(extents(stoppedList.output), extents(fullList.output));
 }
 
-TEST(VsdmDemo, RestoresWhatItBacksUp) {
-    const RunResult r = Shell(Vsdm() + " demo");
+TEST(VsdmDemo, RestoresWhatItBacksUpAndLeavesTheHomeAskedFor) {
+    vstest::TempHome scratch;
+    RunResult r = Shell(Vsdm() + " demo --home " + scratch.sub("demo"));
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("demo passed"), std::string::npos) << r.output;
     EXPECT_EQ(r.output.find("MISMATCH"), std::string::npos) << r.output;
+    r = Shell(Vsdm() + " snapshot list --home " + scratch.sub("demo"));
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("web01"), std::string::npos) << r.output;
+    r = Shell(Vsdm() + " demo --home " + scratch.sub("demo"));
+    EXPECT_NE(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("is not empty; give an empty or new folder to --home"), std::string::npos) << r.output;
 }
 
 // One job over a snapshot of 200 VMs: every VM and every disk is in the stream exactly

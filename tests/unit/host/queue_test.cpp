@@ -7,6 +7,7 @@
 #include "vshost/home.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <map>
 
 namespace {
@@ -64,9 +65,29 @@ TEST_P(QueueOn, AnExpiredLeaseGoesToTheNextWorkerAndTheOldOneRecordsNothing) {
     EXPECT_THROW(ct::RecordJobDisk(9, {"vm1", "a.vmdk", "c1"}), std::runtime_error);
     ct::CompletedDisks batch;
     batch.Add(9, {"vm1", "b.vmdk", "c2"});
-    EXPECT_THROW(batch.Flush(), std::runtime_error);
+    EXPECT_THROW(batch.Flush(), q::LeaseLost);
+    EXPECT_EQ(batch.Waiting(), 0u);
     ct::RecordJobDisk(8, {"vm1", "a.vmdk", "c0"});  // another job's disks are not this lease's
     EXPECT_TRUE(ct::JobDisks(9).empty());
+    // A catalog that cannot take a batch keeps it for the next Flush, which records it once.
+    const auto rename = [&](const std::string& from, const std::string& to) {
+        const std::string sql = "ALTER TABLE " + from + " RENAME TO " + to;
+        if (OnPostgres())
+            return vstest::ServerExec(vstest::TestServer(), "SET search_path = " + Schema().Name() + "; " + sql);
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(home.sub("catalog.db").c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+        sqlite3_close(db);
+    };
+    ct::CompletedDisks waiting;
+    waiting.Add(8, {"vm1", "b.vmdk", "c3"});
+    rename("job_disks", "job_disks_away");
+    EXPECT_THROW(waiting.Flush(), std::runtime_error);
+    EXPECT_EQ(waiting.Waiting(), 1u);
+    rename("job_disks_away", "job_disks");
+    waiting.Flush();
+    EXPECT_EQ(waiting.Waiting(), 0u);
+    EXPECT_EQ(ct::JobDisks(8).size(), 2u);
 
     q::HoldLease(LeaseOf(*d));
     ct::RecordJobDisk(9, {"vm1", "a.vmdk", "c1"});
