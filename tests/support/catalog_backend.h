@@ -8,14 +8,19 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
+#include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <ostream>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace vstest {
 
@@ -102,6 +107,66 @@ private:
     std::string m_server;
     std::string m_name;
 };
+
+// Runs `body(i)` in `n` child processes at once; true when every one exited 0.
+template <class Body>
+bool InProcesses(int n, Body body) {
+    std::vector<pid_t> pids;
+    for (int i = 0; i < n; ++i) {
+        const pid_t pid = fork();
+        if (pid < 0) return false;
+        if (pid == 0) {
+            int rc = 0;
+            try {
+                rc = body(i);
+            } catch (const std::exception& e) {
+                (void)std::fprintf(stderr, "child %d: %s\n", i, e.what());
+                rc = 1;
+            }
+            _exit(rc);
+        }
+        pids.push_back(pid);
+    }
+    bool ok = true;
+    for (pid_t pid : pids) {
+        int status = 0;
+        ok = waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0 && ok;
+    }
+    return ok;
+}
+
+// The numbers `take(process, thread)` returned in `processes` child processes of
+// `threads` threads each, all running at once (handed back through files in `folder`);
+// none when any of them failed.
+template <class Take>
+std::vector<int64_t> TakenInProcesses(const std::string& folder, int processes, int threads, Take take) {
+    const auto file = [&](int p) { return folder + "/taken" + std::to_string(p); };
+    const bool ok = InProcesses(processes, [&](int p) {
+        std::vector<std::vector<int64_t>> got(static_cast<size_t>(threads));
+        std::atomic<int> failed = 0;
+        std::vector<std::thread> running;
+        for (int t = 0; t < threads; ++t)
+            running.emplace_back([&, t] {
+                try {
+                    got[static_cast<size_t>(t)] = take(p, t);
+                } catch (const std::exception& e) {
+                    (void)std::fprintf(stderr, "%s\n", e.what());
+                    ++failed;
+                }
+            });
+        for (auto& th : running) th.join();
+        std::ofstream out(file(p));
+        for (const auto& list : got)
+            for (int64_t n : list) out << n << "\n";
+        return failed == 0 && out.flush() ? 0 : 1;
+    });
+    std::vector<int64_t> all;
+    for (int p = 0; ok && p < processes; ++p) {
+        std::ifstream in(file(p));
+        for (int64_t n = 0; in >> n;) all.push_back(n);
+    }
+    return all;
+}
 
 // A test run once on each database: TempHome(CatalogConnection()) is a home whose catalog
 // is on this test's database.

@@ -11,7 +11,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <stdexcept>
@@ -58,6 +58,22 @@ inline void Fill(const std::string& path, uint64_t offset, uint64_t length, uint
         fd >= 0 && ::pwrite(fd, bytes.data(), length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length);
     if (fd >= 0) ::close(fd);
     if (!ok) throw std::runtime_error("cannot write " + path);
+}
+
+// qemu-nbd processes holding a file under `dir` open (serving a disk, or left behind).
+inline size_t QemuNbdUsing(const std::string& dir) {
+    size_t n = 0;
+    std::error_code ec;
+    for (const auto& proc : std::filesystem::directory_iterator("/proc", ec)) {
+        std::string comm;
+        if (!(std::ifstream(proc.path() / "comm") >> comm) || comm != "qemu-nbd") continue;
+        for (const auto& fd : std::filesystem::directory_iterator(proc.path() / "fd", ec))
+            if (std::filesystem::read_symlink(fd.path(), ec).string().rfind(dir, 0) == 0) {
+                ++n;
+                break;
+            }
+    }
+    return n;
 }
 
 // `qemu-img compare` of two images (formats given, "" to let qemu-img tell): empty when

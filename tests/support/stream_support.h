@@ -21,20 +21,6 @@
 
 namespace vstest {
 
-inline std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-// Its folder made first when missing.
-inline void WriteFile(const std::string& path, const std::string& bytes) {
-    if (const auto dir = std::filesystem::path(path).parent_path(); !dir.empty())
-        std::filesystem::create_directories(dir);
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
 // A record with its data copied out of the decoder's buffer.
 struct Decoded {
     vshost::StreamRecord record;
@@ -167,7 +153,7 @@ inline StreamView ViewBytes(const std::string& bytes) {
 }
 
 inline StreamView ViewFile(const std::string& path) {
-    return ViewBytes(ReadFile(path));
+    return ViewBytes(ReadAll(path));
 }
 
 // A writer attached to a new stream file, as a reader's Initialize leaves it.
@@ -179,7 +165,7 @@ struct StreamFile {
         InitKTlog(&log, "DM_TEST\t", "", 0);
         EXPECT_EQ(writer.init(pipe.get(), &log, "client1"), 0);
     }
-    std::string Bytes() const { return ReadFile(path); }
+    std::string Bytes() const { return ReadAll(path); }
 
     std::string path;
     std::unique_ptr<CPipelayer> pipe;
@@ -270,7 +256,7 @@ inline ToolRun Tool(const TempHome& home, const std::string& args, const std::st
     const std::string out = home.sub("tool.out"), err = home.sub("tool.err");
     const std::string line = before + "'" + VS_STREAM_TOOL + "' " + args + " >'" + out + "' 2>'" + err + "'";
     const int status = std::system(("bash -c \"" + line + "\"").c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out), ReadFile(err)};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadAll(out), ReadAll(err)};
 }
 #endif
 

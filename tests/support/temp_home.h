@@ -3,11 +3,14 @@
 
 #include "vshost/home.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -50,6 +53,32 @@ inline std::vector<std::string> FilesHoldingSecrets(const std::string& dir) {
         for (const std::string& secret : hits) found.push_back(it->path().string() + ": " + secret);
     }
     return found;
+}
+
+inline std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Its folder made first when missing.
+inline void WriteFile(const std::string& path, const std::string& bytes) {
+    if (const auto dir = std::filesystem::path(path).parent_path(); !dir.empty())
+        std::filesystem::create_directories(dir);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// Every entry under `dir` (links not followed) with its size and its change and
+// modification times: what a folder that must stay as it was is compared by.
+inline std::map<std::string, std::string> FileStates(const std::string& dir) {
+    std::map<std::string, std::string> out;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(dir)) {
+        struct stat st {};
+        ::lstat(e.path().c_str(), &st);
+        out[e.path().string()] = std::to_string(st.st_size) + " " + std::to_string(st.st_ctim.tv_sec) + "." +
+                                 std::to_string(st.st_ctim.tv_nsec) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+                                 std::to_string(st.st_mtim.tv_nsec);
+    }
+    return out;
 }
 
 class TempHome {

@@ -3,8 +3,8 @@
 // completes. Nothing may be reported as done that the stream does not hold, and no job
 // leaves its temporary folders behind.
 #include "run_support.h"
+#include "stream_support.h"
 
-#include "vscodec/streamreader.h"
 #include "vshost/changetrack.h"
 #include "vshost/home.h"
 
@@ -19,6 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using vstest::RunResult;
 using vstest::Shell;
+using vstest::WriteJob;
 
 std::set<std::string> CatalogDisks(int64_t jobId) {
     std::set<std::string> out;
@@ -29,18 +30,10 @@ std::set<std::string> CatalogDisks(int64_t jobId) {
 // The disks a stream marks as completely read, and the offset just past each marker.
 std::vector<std::pair<std::string, uint64_t>> DoneMarkers(const std::string& path) {
     std::vector<std::pair<std::string, uint64_t>> out;
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return out;
-    vshost::StreamReader reader(fd);
-    vshost::StreamRecord record;
-    std::string pending;
-    while (reader.Next(record)) {
-        if (!pending.empty()) out.emplace_back(pending, record.offset);
-        pending.clear();
-        if (auto* d = std::get_if<vshost::DiskReadCompletedRecord>(&record.body))
-            pending = d->vmGuid + "\\" + d->diskName;
-    }
-    close(fd);
+    const auto records = vstest::DecodeBytes(vstest::ReadAll(path)).records;
+    for (size_t i = 0; i + 1 < records.size(); ++i)
+        if (auto* d = std::get_if<vshost::DiskReadCompletedRecord>(&records[i].record.body))
+            out.emplace_back(d->vmGuid + "\\" + d->diskName, records[i + 1].record.offset);
     return out;
 }
 
@@ -56,10 +49,6 @@ std::vector<std::string> LeftBehind(const vstest::TempHome& home) {
     std::error_code ec;
     for (const auto& e : fs::recursive_directory_iterator(home.sub("JobResults"), ec)) out.push_back(e.path().string());
     return out;
-}
-
-void WriteJob(const vstest::TempHome& home, const std::string& name, const nlohmann::json& job) {
-    std::ofstream(home.sub(name)) << job.dump();
 }
 
 // The disks of web01, db01 and one disk of fs01: a disk failing mid-read, a disk whose

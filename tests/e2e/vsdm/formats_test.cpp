@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <csignal>
 #include <filesystem>
 
@@ -85,23 +84,7 @@ protected:
         }
         return -1;
     }
-    // qemu-nbd processes holding a file of this test's home open (left behind, or serving).
-    size_t Leftovers() const {
-        size_t n = 0;
-        DIR* proc = ::opendir("/proc");
-        for (dirent* e = proc ? ::readdir(proc) : nullptr; e; e = ::readdir(proc)) {
-            const std::string pid = std::string("/proc/") + e->d_name;
-            if (vstest::ReadAll(pid + "/comm") != "qemu-nbd\n") continue;
-            std::error_code ec;
-            for (const auto& fd : fs::directory_iterator(pid + "/fd", ec))
-                if (fs::read_symlink(fd.path(), ec).string().rfind(home.path(), 0) == 0) {
-                    ++n;
-                    break;
-                }
-        }
-        if (proc) ::closedir(proc);
-        return n;
-    }
+    size_t Leftovers() const { return img::QemuNbdUsing(home.path()); }
 
     vstest::TempHome home;
     vssample::SampleSnapshot snap;

@@ -15,10 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 using vstest::RunResult;
 using vstest::Shell;
-
-void WriteJob(const vstest::TempHome& home, const std::string& name, const nlohmann::json& job) {
-    std::ofstream(home.sub(name)) << job.dump();
-}
+using vstest::WriteJob;
 
 RunResult RunJobFile(const vstest::TempHome& home, const std::string& job, const std::string& args) {
     return Shell(vstest::Vsdm() + " run " + home.sub(job) + " " + args);
@@ -32,15 +29,32 @@ std::vector<std::string> Partials(const std::string& folder) {
     return out;
 }
 
-// What a job field cannot hold is refused at load, naming the field: a number out of
-// its range (instance type 2^32+102 would run as 102; a copy id goes negative), or a
-// text too long for the one stream record it goes into.
+// What a job field cannot hold is refused at load, naming the field: a value of the
+// wrong kind, a number out of its range (instance type 2^32+102 would run as 102; a
+// copy id goes negative), or a text too long for the one stream record it goes into.
+// Names of files are taken relative to the job file's folder.
 TEST(VsdmInputs, FieldsAJobCannotHoldAreRefusedAtLoad) {
-    const nlohmann::json good = {
-        {"jobId", 7}, {"mediaAgent", "ma01"}, {"archiveFiles", {1207}}, {"items", {{{"path", "vm"}}}}};
+    const nlohmann::json good = {{"jobId", 7},
+                                 {"appId", {3, 17}},
+                                 {"mediaAgent", "ma01"},
+                                 {"archiveFiles", {1207}},
+                                 {"items", {{{"path", "vm"}}}}};
+    nlohmann::json named = good;
+    named.update({{"out", "s.bin"}, {"home", "h"}});
+    const auto job = vsdm::ParseJob(named.dump(), "j", "/base");
+    EXPECT_EQ(job.out, "/base/s.bin");
+    EXPECT_EQ(job.home, "/base/h");
+
     const std::string huge(5u << 20, 'm');
     const auto json = [](const char* text) { return nlohmann::json::parse(text); };
     const std::pair<nlohmann::json, std::string> cases[] = {
+        {{{"reader", "tape"}}, "\"reader\""},
+        {{{"archiveFiles", nlohmann::json::array()}}, "\"archiveFiles\""},
+        {{{"archiveFiles", {-4}}}, "\"archiveFiles\""},
+        {{{"items", {{{"options", "x"}}}}}, "items[0]"},
+        {{{"items", nlohmann::json::array()}}, "field \"items\""},
+        {{{"instanceType", "102"}}, "\"instanceType\""},
+        {{{"jobToken", std::string(80, 't')}}, "\"jobToken\""},
         {json(R"({"instanceType": 4294967398})"), "\"instanceType\""},
         {json(R"({"mountType": -1})"), "\"mountType\""},
         {json(R"({"snapEngineId": 4294967296})"), "\"snapEngineId\""},
@@ -53,16 +67,22 @@ TEST(VsdmInputs, FieldsAJobCannotHoldAreRefusedAtLoad) {
         {{{"items", {{{"path", "vm\\" + huge}}}}}, "(items[0]): field \"path\""},
         {{{"items", {{{"path", "vm"}, {"clientPath", huge}}}}}, "(items[0]): field \"clientPath\""},
     };
-    for (const auto& [change, named] : cases) {
+    for (const auto& [change, field] : cases) {
         nlohmann::json doc = good;
         doc.update(change);
         try {
             vsdm::ParseJob(doc.dump(), "j", "/base");
-            ADD_FAILURE() << named;
+            ADD_FAILURE() << field;
         } catch (const std::runtime_error& e) {
-            EXPECT_NE(std::string(e.what()).find(named), std::string::npos) << std::string(e.what()).substr(0, 200);
+            EXPECT_NE(std::string(e.what()).find(field), std::string::npos) << std::string(e.what()).substr(0, 200);
         }
     }
+    nlohmann::json noAgent = good;
+    noAgent.erase("mediaAgent");
+    EXPECT_THROW(vsdm::ParseJob(noAgent.dump(), "j", "/base"), std::runtime_error);
+    // Text that is no JSON, and a number too large for any number type, are bad input too, not a crash.
+    EXPECT_THROW(vsdm::ParseJob("{\"jobId\": 7,", "j", "/base"), std::runtime_error);
+    EXPECT_THROW(vsdm::ParseJob("{\"jobId\": 5e555555}", "j", "/base"), std::runtime_error);
 }
 
 // A stream resumed by a job must be that job's: another job id, another snapshot job or
@@ -181,27 +201,44 @@ TEST(VsdmInputs, TheStreamNeverReplacesAnInput) {
     EXPECT_EQ(Partials(home.path()), std::vector<std::string>{});
 }
 
-// Every fault of the command line exits 64, CLI11's own included; asking for help is no fault.
+// Every fault of the command line exits 64, CLI11's own included, and says what is wrong
+// where the tool knows; asking for help is no fault.
 TEST(VsdmInputs, UsageErrorsExit64) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     WriteJob(home, "job.json", vstest::SampleJob(home, s, 140, {s.vm("web01").biosUuid}));
-    const std::string job = home.sub("job.json");
-    const std::pair<std::string, int> cases[] = {
-        {"", 64},
-        {"run", 64},
-        {"run " + job + " --no-such-option", 64},
-        {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from soon", 64},
-        {"run " + job, 64},                                                              // no stream target
-        {"run " + job + " --out " + home.sub("s.bin") + " --incremental-from 999", 64},  // a job that recorded nothing
-        {"run " + job + " --out " + home.sub("s.bin") + " --compress zstd:20", 64},
-        {"run " + job + " --out " + home.sub("s.bin") + " --compress gzip", 64},
-        {"--help", 0},
-        {"run --help", 0},
+    std::ofstream(home.sub("bad.json")) << R"({"jobId": 1, "mediaAgent": "ma01", "archiveFiles": [1], "items": []})";
+    const std::string job = home.sub("job.json"), out = " --out " + home.sub("s.bin");
+    struct Case {
+        std::string args;
+        int status;
+        const char* says;
     };
-    for (const auto& [args, status] : cases) {
-        const RunResult r = Shell(vstest::Vsdm() + " " + args);
-        EXPECT_EQ(r.status, status) << args << ": " << r.output;
+    const std::string streams = "--streams must be a whole number from 1 to 64";
+    const Case cases[] = {
+        {"", 64, ""},
+        {"run", 64, ""},
+        {"run " + job + " --no-such-option", 64, ""},
+        {"run " + job + out + " --incremental-from soon", 64, ""},
+        {"run " + job, 64, ""},                                    // no stream target
+        {"run " + job + out + " --incremental-from 999", 64, ""},  // a job that recorded nothing
+        {"run " + job + out + " --compress zstd:20", 64, ""},
+        {"run " + job + out + " --compress gzip", 64, ""},
+        {"run " + home.sub("bad.json") + out, 64, "field \"items\""},
+        {"run " + job + out + " --streams 0", 64, streams.c_str()},
+        {"run " + job + out + " --streams -1", 64, streams.c_str()},
+        {"run " + job + out + " --streams two", 64, streams.c_str()},
+        {"run " + job + out + " --streams 65", 64, streams.c_str()},
+        {"run " + job + out + " --streams 1000000000000", 64, streams.c_str()},
+        {"run " + job + out + " --streams ''", 64, streams.c_str()},
+        {"run " + job + " --out - --streams 2", 64, "cannot go to standard output"},
+        {"--help", 0, ""},
+        {"run --help", 0, ""},
+    };
+    for (const Case& c : cases) {
+        const RunResult r = Shell(vstest::Vsdm() + " " + c.args);
+        EXPECT_EQ(r.status, c.status) << c.args << ": " << r.output;
+        EXPECT_NE(r.output.find(c.says), std::string::npos) << c.args << ": " << r.output;
     }
     EXPECT_FALSE(fs::exists(home.sub("s.bin")));
 }

@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,11 +63,6 @@ inline std::string Vsstream() {
     return "'" VSSTREAM_TOOL "'";
 }
 
-inline std::string ReadAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 // An extent job over the sample snapshot with the given items (VM or disk paths), with
 // change tracking asked for when `cbt` is set.
 inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnapshot& s, int64_t jobId,
@@ -84,6 +78,10 @@ inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnap
     job["home"] = home.path();
     job["items"] = items;
     return job;
+}
+
+inline void WriteJob(const TempHome& home, const std::string& name, const nlohmann::json& job) {
+    std::ofstream(home.sub(name)) << job.dump();
 }
 
 // The file a restore holds a disk's bytes in: a VMDK is restored as one (a descriptor
@@ -106,24 +104,12 @@ inline std::map<std::string, std::string> Tree(const std::string& folder) {
 // caught at a known point of its stream and signalled there.
 class SlowConsumerRun {
 public:
-    SlowConsumerRun(const TempHome& home, const std::string& jobFile, const std::vector<std::string>& extraArgs = {})
-        : m_errPath(home.sub("run.err")) {
+    SlowConsumerRun(const TempHome& home, const std::string& jobFile) : m_errPath(home.sub("run.err")) {
         const std::string fifo = home.sub("stream.fifo");
         ::unlink(fifo.c_str());
         if (mkfifo(fifo.c_str(), 0600) != 0) return;
         m_read = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // so that vsdm's open does not wait
-        const std::string tool = VSDM_TOOL;
-        std::vector<std::string> args = {tool, "run", jobFile, "--out", fifo};
-        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        if (posix_spawn(&m_pid, tool.c_str(), &actions, nullptr, argv.data(), environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        m_pid = StartShell(Vsdm() + " run " + jobFile + " --out " + fifo, m_errPath);
     }
     ~SlowConsumerRun() {
         if (m_pid > 0) {

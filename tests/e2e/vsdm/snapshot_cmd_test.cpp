@@ -10,21 +10,6 @@ using vstest::Shell;
 
 namespace {
 
-// Every entry under `dir` with its size and modification time.
-std::string Listing(const std::string& dir) {
-    std::string out;
-    std::vector<fs::path> paths;
-    for (const auto& e : fs::recursive_directory_iterator(dir)) paths.push_back(e.path());
-    std::sort(paths.begin(), paths.end());
-    for (const auto& p : paths) {
-        struct stat sb {};
-        ::lstat(p.c_str(), &sb);
-        out += p.string() + " " + std::to_string(sb.st_size) + " " + std::to_string(sb.st_mtim.tv_sec) + "." +
-               std::to_string(sb.st_mtim.tv_nsec) + "\n";
-    }
-    return out;
-}
-
 void SetWritable(const std::string& dir, bool writable) {
     for (const auto& e : fs::recursive_directory_iterator(dir))
         fs::permissions(e.path(), fs::perms::owner_write, writable ? fs::perm_options::add : fs::perm_options::remove);
@@ -41,7 +26,7 @@ TEST(VsdmSnapshots, RegisteredVolumesBackUpWithOneCommandEachAndAreNeverWritten)
     fs::copy(sampleRoot, vols, fs::copy_options::recursive);
     SetWritable(vols, false);
     const std::string volumes = " ds1=" + vols + "/ds1 ds2=" + vols + "/ds2";
-    std::string before = Listing(vols);
+    auto before = vstest::FileStates(vols);
 
     const struct {
         std::string args;
@@ -67,7 +52,7 @@ TEST(VsdmSnapshots, RegisteredVolumesBackUpWithOneCommandEachAndAreNeverWritten)
         EXPECT_EQ(r.status, step.status) << step.args << "\n" << r.output;
         EXPECT_NE(r.output.find(step.says), std::string::npos) << step.args << "\n" << r.output;
     }
-    EXPECT_EQ(Listing(vols), before);
+    EXPECT_EQ(vstest::FileStates(vols), before);
 
     // The world moves on: the next snapshot of the same folders holds a changed web01.
     const std::string flat = vols + "/ds1/web01/web01-flat.vmdk";
@@ -78,14 +63,14 @@ TEST(VsdmSnapshots, RegisteredVolumesBackUpWithOneCommandEachAndAreNeverWritten)
         f << "changed between the two snapshots";
     }
     SetWritable(vols, false);
-    before = Listing(vols);
+    before = vstest::FileStates(vols);
     ASSERT_EQ(Shell(vstest::Vsdm() + " snapshot add --snap-job 78" + at + volumes).status, 0);
     const vstest::RunResult incr =
         Shell(vstest::Vsdm() + " backup --snapshot 78 --vm web01 --incremental --out " + home + "/incr" + at);
     ASSERT_EQ(incr.status, 0) << incr.output;
     EXPECT_NE(incr.output.find("2 disk(s) read against their last backup"), std::string::npos) << incr.output;
     EXPECT_LT(fs::file_size(home + "/incr") * 4, fs::file_size(home + "/full"));
-    EXPECT_EQ(Listing(vols), before);
+    EXPECT_EQ(vstest::FileStates(vols), before);
 
     const std::string restored = home + "/r/" + s.vm("web01").biosUuid + "/web01-flat.vmdk";
     ASSERT_EQ(Shell(vstest::Vsstream() + " restore " + home + "/full --to " + home + "/r").status, 0);
@@ -97,6 +82,6 @@ TEST(VsdmSnapshots, RegisteredVolumesBackUpWithOneCommandEachAndAreNeverWritten)
     // Removing a snapshot forgets it and touches none of its files.
     EXPECT_EQ(Shell(vstest::Vsdm() + " snapshot remove 77" + at).status, 0);
     EXPECT_EQ(Shell(vstest::Vsdm() + " snapshot list" + at).output.find("snapshot 77 "), std::string::npos);
-    EXPECT_EQ(Listing(vols), before);
+    EXPECT_EQ(vstest::FileStates(vols), before);
     SetWritable(vols, true);  // so that the temporary folder can go
 }

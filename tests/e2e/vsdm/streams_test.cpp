@@ -13,20 +13,15 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <set>
-#include <sstream>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -159,22 +154,6 @@ TEST(VsdmStreams, FailedItemsOfEveryStreamMergeUnderTheJob) {
     EXPECT_EQ(Shell(kVsstream + " verify " + home.sub("s")).status, 0);
 }
 
-// Starts `vsdm run ARGS...` with its output into `errPath`; returns its pid.
-pid_t Start(const std::vector<std::string>& args, const std::string& errPath) {
-    std::vector<std::string> all = {VSDM_TOOL, "run"};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : all) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    const int rc = posix_spawn(&pid, VSDM_TOOL, &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return rc == 0 ? pid : -1;
-}
-
 // The child of `parent` that writes stream `number`, once it runs (-1 after 30 s).
 pid_t StreamProcess(pid_t parent, int number) {
     const std::string file = "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent) + "/children";
@@ -189,17 +168,6 @@ pid_t StreamProcess(pid_t parent, int number) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return -1;
-}
-
-int Wait(pid_t pid) {
-    int st = 0;
-    if (waitpid(pid, &st, 0) != pid) return -1;
-    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-}
-
-std::string Read(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // The streams of a set made FIFOs, so that the test holds every stream process in the
@@ -280,16 +248,17 @@ TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
 
     {
         HeldStreams held(home.sub("k"), 2);
-        const pid_t parent = Start({home.sub("job.json"), "--streams", "2", "--out", home.sub("k")}, home.sub("k.err"));
+        const pid_t parent = vstest::StartShell(
+            kVsdm + " run " + home.sub("job.json") + " --streams 2 --out " + home.sub("k"), home.sub("k.err"));
         ASSERT_GT(parent, 0);
         ASSERT_TRUE(held.AllBegun());
         const pid_t first = StreamProcess(parent, 1);
         ASSERT_GT(first, 0);
         kill(first, SIGKILL);
         held.DrainIntoFiles();
-        EXPECT_EQ(Wait(parent), 3);
+        EXPECT_EQ(vstest::WaitFor(parent), 3);
     }
-    const std::string err = Read(home.sub("k.err"));
+    const std::string err = vstest::ReadAll(home.sub("k.err"));
     EXPECT_NE(err.find("stream 1 (" + home.sub("k.1") + ") is incomplete: its process was killed by signal 9"),
               std::string::npos)
         << err;
@@ -302,32 +271,17 @@ TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
     // SIGTERM to the parent stops every stream in the middle; the run says it stopped.
     {
         HeldStreams held(home.sub("t"), 2);
-        const pid_t parent = Start({home.sub("job.json"), "--streams", "2", "--out", home.sub("t")}, home.sub("t.err"));
+        const pid_t parent = vstest::StartShell(
+            kVsdm + " run " + home.sub("job.json") + " --streams 2 --out " + home.sub("t"), home.sub("t.err"));
         ASSERT_GT(parent, 0);
         ASSERT_TRUE(held.AllBegun());
         kill(parent, SIGTERM);
         held.DrainIntoFiles();
-        EXPECT_EQ(Wait(parent), 4) << Read(home.sub("t.err"));
+        EXPECT_EQ(vstest::WaitFor(parent), 4) << vstest::ReadAll(home.sub("t.err"));
     }
     r = Shell(kVsstream + " verify " + home.sub("t.1") + " " + home.sub("t.2"));
     EXPECT_EQ(r.status, 2) << r.output;
     EXPECT_EQ(r.output.find(": complete"), std::string::npos) << r.output;  // neither ran to its end
-}
-
-TEST(VsdmStreams, UsageErrors) {
-    vstest::TempHome home;
-    const vssample::SampleSnapshot s = vssample::GenerateSample();
-    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 55, Items(s), true).dump();
-    for (const char* bad : {"0", "-1", "two", "65", "1000000000000", ""}) {
-        const RunResult r =
-            Shell(kVsdm + " run " + home.sub("job.json") + " --out " + home.sub("x") + " --streams '" + bad + "'");
-        EXPECT_EQ(r.status, 64) << bad << ": " << r.output;
-        EXPECT_NE(r.output.find("--streams must be a whole number from 1 to 64"), std::string::npos) << r.output;
-    }
-    const RunResult r = Shell(kVsdm + " run " + home.sub("job.json") + " --out - --streams 2");
-    EXPECT_EQ(r.status, 64) << r.output;
-    EXPECT_NE(r.output.find("cannot go to standard output"), std::string::npos) << r.output;
-    EXPECT_FALSE(fs::exists(home.sub("x")));
 }
 
 }  // namespace

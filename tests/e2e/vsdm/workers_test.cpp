@@ -42,10 +42,6 @@ pid_t StartWorker(const std::string& home, const std::string& args, const std::s
     return vstest::StartShell(vstest::Vsdm() + " worker --home " + home + " " + args, outPath);
 }
 
-int Wait(pid_t pid) {
-    return vstest::WaitFor(pid);
-}
-
 // Disks whose read-completed marker `bytes` hold, as "vm/disk".
 std::vector<std::string> CompletedDisks(const std::string& bytes) {
     std::vector<std::string> out;
@@ -351,7 +347,7 @@ TEST_P(VsdmWorkers, AStoppedWorkerGivesItsItemBackOneThatLostItsLeaseRecordsNoth
         fifo.ReadIntoTheSecondDisk();
         kill(t, SIGTERM);
         fifo.DrainToEnd();
-        EXPECT_EQ(Wait(t), 4) << vstest::ReadAll(scratch.sub("t.err"));
+        EXPECT_EQ(vstest::WaitFor(t), 4) << vstest::ReadAll(scratch.sub("t.err"));
         const auto given = q::Items(std::stoll(other));
         ASSERT_EQ(given.size(), 1u);
         EXPECT_EQ(std::make_tuple(given[0].state, given[0].generation, given[0].streams.size()),
@@ -372,7 +368,7 @@ TEST_P(VsdmWorkers, AStoppedWorkerGivesItsItemBackOneThatLostItsLeaseRecordsNoth
     EXPECT_EQ(taken->generation, 2);
     kill(a, SIGCONT);
     fifo.DrainToEnd();
-    EXPECT_EQ(Wait(a), 1);
+    EXPECT_EQ(vstest::WaitFor(a), 1);
     const std::string said = vstest::ReadAll(scratch.sub("a.err"));
     // Whether a renewal or the outcome's record finds the lease gone first is a matter of timing.
     EXPECT_NE(said.find("the lease went to another worker"), std::string::npos) << said;
@@ -399,13 +395,13 @@ TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
     const pid_t a = StartWorker(homes[0], "--job " + job, scratch.sub("a.err"));
     ASSERT_GT(a, 0);
     const std::vector<std::string> cut = CompletedDisks(fifo.CutInTheSecondDisk(a));
-    EXPECT_EQ(Wait(a), 128 + SIGKILL);
+    EXPECT_EQ(vstest::WaitFor(a), 128 + SIGKILL);
     ASSERT_EQ(cut.size(), 1u) << vstest::ReadAll(scratch.sub("a.err"));
 
     const pid_t b = StartWorker(homes[1], "--job " + job, scratch.sub("b.err"));
     const pid_t c = StartWorker(homes[2], "--job " + job, scratch.sub("c.err"));
-    EXPECT_EQ(Wait(b), 0) << vstest::ReadAll(scratch.sub("b.err"));
-    EXPECT_EQ(Wait(c), 0) << vstest::ReadAll(scratch.sub("c.err"));
+    EXPECT_EQ(vstest::WaitFor(b), 0) << vstest::ReadAll(scratch.sub("b.err"));
+    EXPECT_EQ(vstest::WaitFor(c), 0) << vstest::ReadAll(scratch.sub("c.err"));
     const std::string said = vstest::ReadAll(scratch.sub("b.err")) + vstest::ReadAll(scratch.sub("c.err"));
     EXPECT_NE(said.find("going on from the earlier attempt's stream " + held), std::string::npos) << said;
     EXPECT_NE(said.find("1 disk(s) already read, 1 going on"), std::string::npos) << said;
@@ -440,7 +436,7 @@ TEST_P(VsdmWorkers, ADatabaseThatGoesAwayMidItemFailsTheAttemptAndTheNextWorkerG
     const int64_t expires = q::Items(std::stoll(job)).at(0).leaseExpires;
     while (std::time(nullptr) <= expires + 1) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     fifo.DrainToEnd();
-    const int status = Wait(a);
+    const int status = vstest::WaitFor(a);
     const std::string said = vstest::ReadAll(scratch.sub("a.err"));
     EXPECT_EQ(status, 2) << said;
     // One line tells why, in the server's words, and what became of the attempt.
@@ -463,7 +459,7 @@ TEST_P(VsdmWorkers, ADatabaseThatGoesAwayMidItemFailsTheAttemptAndTheNextWorkerG
 
     db.Up();
     const pid_t b = StartWorker(c.homes[1], "--job " + job, scratch.sub("b.err"));
-    EXPECT_EQ(Wait(b), 0) << vstest::ReadAll(scratch.sub("b.err"));
+    EXPECT_EQ(vstest::WaitFor(b), 0) << vstest::ReadAll(scratch.sub("b.err"));
     ExpectBackedUpOnce(c, scratch, job, held);
 }
 

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <filesystem>
 
 using namespace vstest;
@@ -21,7 +20,7 @@ TEST(StreamTool, VerifyListAndRestoreFromStandardInput) {
         s.writer.sendVMReadCompleted("vm1");
         ASSERT_EQ(s.writer.close(true), 0);
     }
-    const std::string bytes = ReadFile(stream);
+    const std::string bytes = ReadAll(stream);
 
     ToolRun r = Tool(home, "verify " + stream);
     EXPECT_EQ(r.code, 0) << r.err;
@@ -52,11 +51,11 @@ TEST(StreamTool, VerifyListAndRestoreFromStandardInput) {
 
     r = Tool(home, "restore - --to " + home.sub("out") + " <" + stream);
     EXPECT_EQ(r.code, 0) << r.err;
-    EXPECT_TRUE(ReadFile(home.sub("out/vm1/disk0")) == disk);
-    EXPECT_EQ(ReadFile(home.sub("out/vm1/vm1.vmx")), "x = 1\n");
+    EXPECT_TRUE(ReadAll(home.sub("out/vm1/disk0")) == disk);
+    EXPECT_EQ(ReadAll(home.sub("out/vm1/vm1.vmx")), "x = 1\n");
     r = Tool(home, "restore - --to " + home.sub("out2") + " <" + home.sub("cut.stream"));
     EXPECT_EQ(r.code, 2);
-    EXPECT_TRUE(ReadFile(home.sub("out2/vm1/disk0")) == disk);  // all that was whole is restored
+    EXPECT_TRUE(ReadAll(home.sub("out2/vm1/disk0")) == disk);  // all that was whole is restored
 }
 
 // Every wrong command line ends with the one usage status; help is not an error.

@@ -9,8 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <filesystem>
 #include <sstream>
 
@@ -96,26 +94,26 @@ TEST(StreamTrust, AnIncrementalOntoTheWrongBaseIsRefused) {
     const std::string image = home.sub("r/vm1/disk0"), sidecar = image + ".changeid";
 
     ASSERT_EQ(Tool(home, "restore " + home.sub("full.stream") + " --to " + home.sub("r")).code, 0);
-    EXPECT_EQ(ReadFile(sidecar), "cid-1\n");
+    EXPECT_EQ(ReadAll(sidecar), "cid-1\n");
     ToolRun r = Tool(home, "restore " + home.sub("incr-9.stream") + " --onto " + home.sub("r"));
     EXPECT_EQ(r.code, vsstream::kExitCorrupt) << r.out << r.err;
     EXPECT_NE(r.err.find("disk \\vm1\\disk0 is an incremental from change id [cid-9], but its image here is at change "
                          "id [cid-1]; not applied"),
               std::string::npos)
         << r.err;
-    EXPECT_TRUE(ReadFile(image) == a + b + c);
-    EXPECT_EQ(ReadFile(sidecar), "cid-1\n");
+    EXPECT_TRUE(ReadAll(image) == a + b + c);
+    EXPECT_EQ(ReadAll(sidecar), "cid-1\n");
 
     r = Tool(home, "restore " + home.sub("incr-1.stream") + " --onto " + home.sub("r"));
     EXPECT_EQ(r.code, 0) << r.out << r.err;
-    EXPECT_TRUE(ReadFile(image) == a + c + c);
-    EXPECT_EQ(ReadFile(sidecar), "cid-2\n");
+    EXPECT_TRUE(ReadAll(image) == a + c + c);
+    EXPECT_EQ(ReadAll(sidecar), "cid-2\n");
 
     // Told to, it applies the mismatch, and the image is then at the incremental's id.
     r = Tool(home, "restore " + home.sub("incr-9.stream") + " --onto " + home.sub("r") + " --force");
     EXPECT_EQ(r.code, 0) << r.out << r.err;
-    EXPECT_TRUE(ReadFile(image) == a + c + a);
-    EXPECT_EQ(ReadFile(sidecar), "cid-10\n");
+    EXPECT_TRUE(ReadAll(image) == a + c + a);
+    EXPECT_EQ(ReadAll(sidecar), "cid-10\n");
     // A new restore records no change id: an incremental alone is no disk.
     EXPECT_EQ(Tool(home, "restore " + home.sub("incr-1.stream") + " --to " + home.sub("r2")).code,
               vsstream::kExitCorrupt);
@@ -155,7 +153,7 @@ TEST(StreamTrust, CraftedExtentsAndAFullTarget) {
         for (int i = 0; i < 20; ++i) SendConfig(s.writer, "vm1", "log" + std::to_string(i), Pattern(8192, 5));
         ASSERT_EQ(s.writer.close(true), 0);
     }
-    WriteFile(home.sub("big.stream"), ReadFile(home.sub("big.stream")) + "tail");  // read whole, it is corrupt
+    WriteFile(home.sub("big.stream"), ReadAll(home.sub("big.stream")) + "tail");  // read whole, it is corrupt
     r = Tool(home, "restore " + home.sub("big.stream") + " --to " + home.sub("r2"), "trap '' XFSZ; ulimit -f 64; ");
     EXPECT_EQ(r.code, vsstream::kExitCorrupt) << r.out << r.err;
     EXPECT_EQ(Lines(r.err), 1u) << r.err;
@@ -232,9 +230,9 @@ TEST(StreamTrust, ADiskAndAConfigFileOfTheSameNameAreBothRestored) {
         const std::string dir = home.sub(std::string("r-") + c.name);
         ToolRun r = Tool(home, "restore " + stream + " --to " + dir);
         EXPECT_EQ(r.code, 0) << c.name << r.err;
-        EXPECT_TRUE(ReadFile(dir + "/vm1/" + c.diskAt) == disk) << c.name;
-        EXPECT_EQ(ReadFile(dir + "/vm1/" + c.configAt), config) << c.name;
-        EXPECT_EQ(ReadFile(dir + "/vm1/" + c.diskAt + ".changeid"), "cid-1\n") << c.name;
+        EXPECT_TRUE(ReadAll(dir + "/vm1/" + c.diskAt) == disk) << c.name;
+        EXPECT_EQ(ReadAll(dir + "/vm1/" + c.configAt), config) << c.name;
+        EXPECT_EQ(ReadAll(dir + "/vm1/" + c.diskAt + ".changeid"), "cid-1\n") << c.name;
         r = Tool(home, "list " + stream);
         const std::string renamed = std::string(c.describedFirst ? c.configAt : c.diskAt);
         EXPECT_NE(r.out.find("(restored as \\vm1\\" + renamed + ")"), std::string::npos) << c.name << "\n" << r.out;

@@ -15,8 +15,6 @@
 #include <algorithm>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <cerrno>
 #include <filesystem>
 #include <map>
@@ -33,33 +31,6 @@ SHostCredentials Cred(const std::string& host, const std::string& server, const 
     c.sPassword = password;
     c.nType = type;
     return c;
-}
-
-// Runs `body(i)` in `n` child processes at once; true when every one exited 0.
-template <class Body>
-bool InProcesses(int n, Body body) {
-    std::vector<pid_t> pids;
-    for (int i = 0; i < n; ++i) {
-        const pid_t pid = fork();
-        if (pid < 0) return false;
-        if (pid == 0) {
-            int rc = 0;
-            try {
-                rc = body(i);
-            } catch (const std::exception& e) {
-                (void)std::fprintf(stderr, "child %d: %s\n", i, e.what());
-                rc = 1;
-            }
-            _exit(rc);
-        }
-        pids.push_back(pid);
-    }
-    bool ok = true;
-    for (pid_t pid : pids) {
-        int status = 0;
-        ok = waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0 && ok;
-    }
-    return ok;
 }
 
 // Job disks as "vm/disk=change id" words, in order.
@@ -326,28 +297,13 @@ TEST_P(CatalogOn, NewJobIdsAreUniqueAcrossProcesses) {
     EXPECT_EQ(vshost::Catalog().NewJobId(77), 901);
 
     constexpr int kProcesses = 3, kThreads = 2, kEach = 8;
-    const std::string ids = home.sub("ids");
-    ASSERT_TRUE(InProcesses(kProcesses, [&](int p) {
-        std::vector<std::thread> threads;
-        std::vector<std::vector<int64_t>> got(kThreads);
-        for (int t = 0; t < kThreads; ++t)
-            threads.emplace_back([&got, t] {
-                for (int i = 0; i < kEach; ++i) got[t].push_back(vshost::Catalog().NewJobId(77));
-            });
-        for (auto& th : threads) th.join();
-        FILE* out = std::fopen((ids + std::to_string(p)).c_str(), "w");
-        for (const auto& list : got)
-            for (int64_t id : list) (void)std::fprintf(out, "%lld\n", static_cast<long long>(id));
-        return std::fclose(out) == 0 ? 0 : 1;
-    }));
-    std::set<int64_t> all;
-    for (int p = 0; p < kProcesses; ++p) {
-        FILE* in = std::fopen((ids + std::to_string(p)).c_str(), "r");
-        ASSERT_NE(in, nullptr);
-        long long id = 0;
-        while (std::fscanf(in, "%lld", &id) == 1) all.insert(id);
-        (void)std::fclose(in);
-    }
+    const auto taken = vstest::TakenInProcesses(home.path(), kProcesses, kThreads, [](int, int) {
+        std::vector<int64_t> got;
+        for (int i = 0; i < kEach; ++i) got.push_back(vshost::Catalog().NewJobId(77));
+        return got;
+    });
+    const std::set<int64_t> all(taken.begin(), taken.end());
+    ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.size(), static_cast<size_t>(kProcesses * kThreads * kEach));
     EXPECT_EQ(*all.begin(), 902);
     EXPECT_EQ(*all.rbegin(), 901 + kProcesses * kThreads * kEach);
@@ -392,7 +348,7 @@ TEST_P(CatalogOn, TheLatestDiskIsTheLastRecordedAndDigestsKeepEveryByte) {
 // Hosts that start on an empty catalog at once: one makes the schema, none fails.
 TEST_P(CatalogOn, HostsStartingTogetherMakeTheSchemaOnce) {
     vstest::TempHome home(CatalogConnection());
-    ASSERT_TRUE(InProcesses(4, [](int p) {
+    ASSERT_TRUE(vstest::InProcesses(4, [](int p) {
         vshost::Catalog().AddClient(static_cast<unsigned long>(p + 1), "host" + std::to_string(p));
         return 0;
     }));

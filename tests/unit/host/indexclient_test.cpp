@@ -27,15 +27,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void WriteFile(const std::string& path, const std::string& content) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using vstest::ReadAll;
+using vstest::WriteFile;
 
 std::set<std::string> Names(const std::string& dir) {
     std::set<std::string> names;
@@ -220,14 +213,14 @@ TEST_F(HostIndexTest, DownloadNamedFilesFromRemoteCache) {
 
     EXPECT_EQ(client.DownloadMetadataFilesFromRemoteCache({"backup_4711.xml", "second.dat"}, dest, 4711, "SC-GUID", ""),
               1);
-    EXPECT_EQ(ReadFile(dest + "/backup_4711.xml"), "<xml/>");
-    EXPECT_EQ(ReadFile(dest + "/second.dat"), std::string(200000, 'z'));
+    EXPECT_EQ(ReadAll(dest + "/backup_4711.xml"), "<xml/>");
+    EXPECT_EQ(ReadAll(dest + "/second.dat"), std::string(200000, 'z'));
     EXPECT_EQ(Names(dest), (std::set<std::string>{"backup_4711.xml", "second.dat"}));
 
     // A download replaces an earlier copy.
     WriteFile(Cache("SC-GUID/4711/backup_4711.xml"), "<newer/>");
     EXPECT_EQ(client.DownloadMetadataFilesFromRemoteCache({"backup_4711.xml"}, dest, 4711, "SC-GUID", ""), 1);
-    EXPECT_EQ(ReadFile(dest + "/backup_4711.xml"), "<newer/>");
+    EXPECT_EQ(ReadAll(dest + "/backup_4711.xml"), "<newer/>");
 
     // One missing file fails the whole download before anything is copied.
     const std::string fresh = home.sub("JobResults/fresh");
@@ -288,7 +281,7 @@ TEST_F(HostIndexTest, DownloadVMMetadataFiles) {
     const std::string dest = home.sub("JobResults/VM-A_SnapCache");
     ASSERT_TRUE(client.DownloadVMMetadataFiles(ctx, dest));
     EXPECT_EQ(Names(dest), (std::set<std::string>{"disk0.meta", "vm.cfg"}));  // no dot files, no folders
-    EXPECT_EQ(ReadFile(dest + "/vm.cfg"), "config");
+    EXPECT_EQ(ReadAll(dest + "/vm.cfg"), "config");
 
     // The backup job id falls back to the snapshot's job, then to the context's job.
     ctx.vmInfo.llBackupJobId = 0;

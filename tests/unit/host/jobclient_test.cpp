@@ -10,8 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
 #include <atomic>
 #include <filesystem>
 #include <string>
@@ -125,44 +123,33 @@ TEST_P(JobClientOn, ConcurrentClientsRecordIntoOneJob) {
     vstest::TempHome home(CatalogConnection());
     constexpr int kProcesses = 3, kThreads = 2, kEach = 12, kWriters = kProcesses * kThreads;
     vshost::PendingCauses(8);  // the catalog exists before the race
-    std::vector<pid_t> pids;
-    for (int p = 0; p < kProcesses; ++p) {
-        const pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            std::atomic<int> failures = 0;
-            std::vector<std::thread> threads;
-            for (int t = 0; t < kThreads; ++t) {
-                threads.emplace_back([&failures, writer = p * kThreads + t] {
-                    for (int i = 0; i < kEach; ++i) {
-                        KTRstJobClient c;
-                        c.init(KTPI_PlatformBase(2).getHubServerHostName(), 8, 2, false, nullptr);
-                        c << std::to_string(i).c_str();
-                        if (Raise(c, writer) != 0) ++failures;
-                        try {
-                            const std::string disk = "disk" + std::to_string(writer) + "_" + std::to_string(i);
-                            vshost::changetrack::DiskDigests digests;
-                            digests.diskSize = 1 << 20;
-                            digests.extentSize = 1 << 20;
-                            digests.extents[0] = vshost::changetrack::Digest{1, 2};
-                            vshost::changetrack::Store("cid-" + disk, digests);
-                            vshost::changetrack::RecordJobDisk(8, {"vm", disk, "cid-" + disk});
-                        } catch (const std::exception&) {
-                            ++failures;
-                        }
+    EXPECT_TRUE(vstest::InProcesses(kProcesses, [](int p) {
+        std::atomic<int> failures = 0;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&failures, writer = p * kThreads + t] {
+                for (int i = 0; i < kEach; ++i) {
+                    KTRstJobClient c;
+                    c.init(KTPI_PlatformBase(2).getHubServerHostName(), 8, 2, false, nullptr);
+                    c << std::to_string(i).c_str();
+                    if (Raise(c, writer) != 0) ++failures;
+                    try {
+                        const std::string disk = "disk" + std::to_string(writer) + "_" + std::to_string(i);
+                        vshost::changetrack::DiskDigests digests;
+                        digests.diskSize = 1 << 20;
+                        digests.extentSize = 1 << 20;
+                        digests.extents[0] = vshost::changetrack::Digest{1, 2};
+                        vshost::changetrack::Store("cid-" + disk, digests);
+                        vshost::changetrack::RecordJobDisk(8, {"vm", disk, "cid-" + disk});
+                    } catch (const std::exception&) {
+                        ++failures;
                     }
-                });
-            }
-            for (auto& th : threads) th.join();
-            _exit(failures);
+                }
+            });
         }
-        pids.push_back(pid);
-    }
-    for (pid_t pid : pids) {
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
+        for (auto& th : threads) th.join();
+        return failures.load();
+    }));
     const auto causes = vshost::PendingCauses(8);
     ASSERT_EQ(causes.size(), static_cast<size_t>(kWriters * kEach));
     std::vector<int> next(kWriters, 0);

@@ -8,11 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <cstdio>
 #include <map>
-#include <thread>
 
 namespace {
 
@@ -126,47 +122,14 @@ TEST_P(QueueOn, ConcurrentWorkersNeverShareAnItem) {
     vstest::TempHome home(CatalogConnection());
     constexpr int kItems = 40, kProcesses = 3, kThreads = 2;
     Queue(5, kItems);
-    const std::string out = home.sub("leased");
-    std::vector<pid_t> pids;
-    for (int p = 0; p < kProcesses; ++p) {
-        const pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid > 0) {
-            pids.push_back(pid);
-            continue;
-        }
-        int rc = 0;
-        std::vector<std::thread> threads;
-        std::vector<std::vector<int64_t>> got(kThreads);
-        for (int t = 0; t < kThreads; ++t)
-            threads.emplace_back([&got, &rc, p, t] {
-                try {
-                    const std::string owner = std::to_string(p) + "." + std::to_string(t);
-                    while (const auto it = q::LeaseNext(5, owner, kNow, 60)) got[t].push_back(it->itemNo);
-                } catch (const std::exception& e) {
-                    (void)std::fprintf(stderr, "%s\n", e.what());
-                    rc = 1;
-                }
-            });
-        for (auto& th : threads) th.join();
-        FILE* f = std::fopen((out + std::to_string(p)).c_str(), "w");
-        for (const auto& list : got)
-            for (int64_t n : list) (void)std::fprintf(f, "%lld\n", static_cast<long long>(n));
-        _exit(std::fclose(f) == 0 ? rc : 1);
-    }
-    for (pid_t pid : pids) {
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    std::map<long long, int> leased;
-    for (int p = 0; p < kProcesses; ++p) {
-        FILE* f = std::fopen((out + std::to_string(p)).c_str(), "r");
-        ASSERT_NE(f, nullptr);
-        long long n = 0;
-        while (std::fscanf(f, "%lld", &n) == 1) ++leased[n];
-        (void)std::fclose(f);
-    }
+    std::map<int64_t, int> leased;
+    for (int64_t n : vstest::TakenInProcesses(home.path(), kProcesses, kThreads, [](int p, int t) {
+             std::vector<int64_t> got;
+             const std::string owner = std::to_string(p) + "." + std::to_string(t);
+             while (const auto it = q::LeaseNext(5, owner, kNow, 60)) got.push_back(it->itemNo);
+             return got;
+         }))
+        ++leased[n];
     EXPECT_EQ(leased.size(), static_cast<size_t>(kItems));
     for (const auto& [item, times] : leased) EXPECT_EQ(times, 1) << "item " << item;
     for (const auto& it : q::Items(5)) EXPECT_EQ(it.generation, 1);

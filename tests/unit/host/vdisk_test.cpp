@@ -13,11 +13,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <dirent.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <random>
 #include <set>
 
 namespace ct = vshost::changetrack;
@@ -32,19 +30,8 @@ protected:
     void SetUp() override { vshost::settings::Set("VirtualServer", "nVDiskExtentSizeKB", "64"); }
 
     std::string File(const std::string& name, uint64_t size) {
-        const std::string path = home.sub(name);
-        const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-        EXPECT_EQ(::ftruncate(fd, static_cast<off_t>(size)), 0);
-        ::close(fd);
-        return path;
-    }
-    void Write(const std::string& path, uint64_t offset, uint64_t length, uint32_t seed) {
-        std::vector<char> bytes(length);
-        std::mt19937 gen(seed);
-        for (char& c : bytes) c = static_cast<char>(gen() | 1);
-        const int fd = ::open(path.c_str(), O_RDWR);
-        EXPECT_EQ(::pwrite(fd, bytes.data(), length, static_cast<off_t>(offset)), static_cast<ssize_t>(length));
-        ::close(fd);
+        img::MakeRaw(home.sub(name), size);
+        return home.sub(name);
     }
     void Punch(const std::string& path, uint64_t offset, uint64_t length) {
         const int fd = ::open(path.c_str(), O_RDWR);
@@ -91,19 +78,7 @@ protected:
         ::close(fd);
         return out;
     }
-    // qemu-nbd processes this process started that are still there.
-    static size_t QemuChildren() {
-        size_t n = 0;
-        DIR* proc = ::opendir("/proc");
-        for (dirent* e = proc ? ::readdir(proc) : nullptr; e; e = ::readdir(proc)) {
-            std::ifstream stat(std::string("/proc/") + e->d_name + "/stat");
-            std::string pid, comm, state;
-            pid_t parent = 0;
-            if (stat >> pid >> comm >> state >> parent && parent == ::getpid() && comm == "(qemu-nbd)") ++n;
-        }
-        if (proc) ::closedir(proc);
-        return n;
-    }
+    size_t QemuChildren() const { return img::QemuNbdUsing(home.path()); }
 
     vstest::TempHome home;
     vshost::LogCapture log;
@@ -113,10 +88,10 @@ TEST_F(VDisk, SplitFlatDiskReadsAsOneDiskAndSkipsHoles) {
     // Two extent files of 5.5 extents each and a zero range: extent 5 straddles the files.
     const uint64_t half = 5 * kExtent + kExtent / 2;
     const std::string f1 = File("d-f001.vmdk", half), f2 = File("d-f002.vmdk", half);
-    Write(f1, 0, 100, 1);
-    Write(f1, half - 4096, 4096, 2);
-    Write(f2, 0, 8192, 3);
-    Write(f2, half - 10, 10, 4);
+    img::Fill(f1, 0, 100, 1);
+    img::Fill(f1, half - 4096, 4096, 2);
+    img::Fill(f2, 0, 8192, 3);
+    img::Fill(f2, half - 10, 10, 4);
     std::ofstream(home.sub("d.vmdk")) << "# Disk DescriptorFile\ncreateType=\"twoGbMaxExtentFlat\"\n"
                                       << "RW " << half / 512 << " FLAT \"d-f001.vmdk\" 0\n"
                                       << "RW " << half / 512 << " FLAT \"d-f002.vmdk\" 0\n"
@@ -158,7 +133,7 @@ TEST_F(VDisk, SplitFlatDiskReadsAsOneDiskAndSkipsHoles) {
 // share an extent, cross into the next one or end the image read back as the image
 // holds them, forwards and in any order.
 TEST_F(VDisk, DataRunsInsideExtentsReadAsTheImageHolds) {
-    const std::string img = File("runs.img", 8 * kExtent);
+    const std::string raw = File("runs.img", 8 * kExtent);
     const std::pair<uint64_t, uint64_t> runs[] = {{0, 10},
                                                   {8192, 4096},
                                                   {20000, 100},
@@ -167,10 +142,10 @@ TEST_F(VDisk, DataRunsInsideExtentsReadAsTheImageHolds) {
                                                   {6 * kExtent - 4096, 2 * kExtent},
                                                   {8 * kExtent - 1, 1}};
     uint32_t seed = 1;
-    for (const auto& [at, length] : runs) Write(img, at, length, seed++);
-    const auto truth = DataOf(img);
+    for (const auto& [at, length] : runs) img::Fill(raw, at, length, seed++);
+    const auto truth = DataOf(raw);
     CArchiveVirtualDiskFile disk(2);
-    ASSERT_FALSE(disk.Open(img, 1).IsError());
+    ASSERT_FALSE(disk.Open(raw, 1).IsError());
     EXPECT_EQ(disk.GetAllocatedExtentCount(), truth.size());
     EXPECT_EQ(Pass(disk), truth);
     std::vector<bool> bits;
@@ -182,22 +157,22 @@ TEST_F(VDisk, DataRunsInsideExtentsReadAsTheImageHolds) {
     }
     // A hole already probed is not read again, yet an image cut short since still fails.
     ASSERT_FALSE(disk.ReadBlock(buffer, 2, bits, ctx).IsError());
-    ASSERT_EQ(::truncate(img.c_str(), static_cast<off_t>(2 * kExtent + 100)), 0);
+    ASSERT_EQ(::truncate(raw.c_str(), static_cast<off_t>(2 * kExtent + 100)), 0);
     EXPECT_NE(disk.ReadBlock(buffer, 2, bits, ctx).AsString().find("cut short"), std::string::npos);
 }
 
 TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
-    const std::string img = File("disk.img", 16 * kExtent);
-    for (uint64_t n : {1, 3, 4, 9}) Write(img, n * kExtent, kExtent, static_cast<uint32_t>(n));
+    const std::string raw = File("disk.img", 16 * kExtent);
+    for (uint64_t n : {1, 3, 4, 9}) img::Fill(raw, n * kExtent, kExtent, static_cast<uint32_t>(n));
     const std::string zeros(kExtent, '\0');
     {
-        const int fd = ::open(img.c_str(), O_RDWR);  // allocated, but all zeros
+        const int fd = ::open(raw.c_str(), O_RDWR);  // allocated, but all zeros
         ASSERT_EQ(::pwrite(fd, zeros.data(), kExtent, 7 * kExtent), static_cast<ssize_t>(kExtent));
         ::close(fd);
     }
 
     CArchiveVirtualDiskFile full(2);
-    ASSERT_FALSE(full.Open(img, 2).IsError());
+    ASSERT_FALSE(full.Open(raw, 2).IsError());
     const auto first = Pass(full);
     EXPECT_EQ(first.size(), 5u);  // 1 3 4 7 9; 7 comes back as zeros
     EXPECT_EQ(first.at(7), zeros);
@@ -205,12 +180,12 @@ TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
     EXPECT_FALSE(ct::CommitCompletedPass("cid-1"));  // taken once
     EXPECT_EQ(ct::Load("cid-1")->extents.size(), 4u);
 
-    Write(img, 3 * kExtent + 100, 10, 77);  // changed
-    Punch(img, 9 * kExtent, kExtent);       // data became a hole
-    Write(img, 12 * kExtent, 10, 78);       // new data
+    img::Fill(raw, 3 * kExtent + 100, 10, 77);  // changed
+    Punch(raw, 9 * kExtent, kExtent);           // data became a hole
+    img::Fill(raw, 12 * kExtent, 10, 78);       // new data
     CArchiveVirtualDiskFile incr(2);
     incr.SetChangeId("cid-1");
-    ASSERT_FALSE(incr.Open(img, 2).IsError());
+    ASSERT_FALSE(incr.Open(raw, 2).IsError());
     const auto second = Pass(incr);
     std::map<uint64_t, size_t> sizes;
     for (const auto& [n, bytes] : second) sizes[n] = bytes.size();
@@ -220,7 +195,7 @@ TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
 
     // The digests stored after an incremental equal those of a full read of the new state.
     CArchiveVirtualDiskFile again(2);
-    ASSERT_FALSE(again.Open(img, 2).IsError());
+    ASSERT_FALSE(again.Open(raw, 2).IsError());
     Pass(again);
     ASSERT_TRUE(ct::CommitCompletedPass("cid-full"));
     EXPECT_EQ(ct::Load("cid-2")->extents, ct::Load("cid-full")->extents);
@@ -232,13 +207,13 @@ TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
     // An unknown id, or a disk that changed size, reads everything and says why.
     CArchiveVirtualDiskFile unknown(2);
     unknown.SetChangeId("nope");
-    ASSERT_FALSE(unknown.Open(img, 2).IsError());
+    ASSERT_FALSE(unknown.Open(raw, 2).IsError());
     EXPECT_EQ(Pass(unknown).size(), 5u);
-    EXPECT_TRUE(log.Contains("Change id [nope] of [" + img + "] is unknown: reading the whole disk"));
-    ASSERT_EQ(::truncate(img.c_str(), static_cast<off_t>(20 * kExtent)), 0);
+    EXPECT_TRUE(log.Contains("Change id [nope] of [" + raw + "] is unknown: reading the whole disk"));
+    ASSERT_EQ(::truncate(raw.c_str(), static_cast<off_t>(20 * kExtent)), 0);
     CArchiveVirtualDiskFile grown(2);
     grown.SetChangeId("cid-2");
-    ASSERT_FALSE(grown.Open(img, 2).IsError());
+    ASSERT_FALSE(grown.Open(raw, 2).IsError());
     for (const auto& [n, bytes] : Pass(grown)) EXPECT_EQ(bytes.size(), kExtent) << n;
     EXPECT_TRUE(log.Contains("changed size or extent size since change id [cid-2]"));
 }
@@ -248,7 +223,7 @@ TEST_F(VDisk, ChangeTrackingAgainstTheLastCompletePass) {
 TEST_F(VDisk, AnImageCutShortWhileItIsReadFailsThePass) {
     for (const bool flat : {false, true}) {  // raw image cut among its data; flat file cut in its trailing hole
         const std::string image = File(flat ? "cut-flat.vmdk" : "cut.img", 16 * kExtent), path = home.sub("cut.vmdk");
-        for (uint64_t n : {0, 1, 2, 10}) Write(image, n * kExtent, kExtent, 1);
+        for (uint64_t n : {0, 1, 2, 10}) img::Fill(image, n * kExtent, kExtent, 1);
         if (flat)
             std::ofstream(path) << "# Disk DescriptorFile\nRW " << 16 * kExtent / 512 << " FLAT \"cut-flat.vmdk\"\n";
         CArchiveVirtualDiskFile disk(2);
@@ -330,17 +305,6 @@ struct Mounted {
         ctx.volSnaps[0].sVolume = "ds1";
         ctx.sJobResultsDir = results + "/";
     }
-    // Every file of the volume with its size and change time: what must stay as it was.
-    std::map<std::string, std::string> State() const {
-        std::map<std::string, std::string> out;
-        for (const auto& e : std::filesystem::recursive_directory_iterator(volume)) {
-            struct stat st {};
-            ::lstat(e.path().c_str(), &st);
-            out[e.path().string()] = std::to_string(st.st_size) + "/" + std::to_string(st.st_ctim.tv_nsec) + "/" +
-                                     std::to_string(st.st_mtim.tv_nsec);
-        }
-        return out;
-    }
 };
 
 // Each format read through qemu gives what the raw image it was made from holds: the
@@ -379,7 +343,7 @@ TEST_F(VDisk, FormatsReadThroughQemuGiveTheBytesOfTheirRawImage) {
                             image);
         const bool qcow2 = file == "disk.qcow2";
         ASSERT_EQ(img::Compare(image, qcow2 ? "qcow2" : "vmdk", raw, "raw"), "") << file;
-        const auto volume = m.State();
+        const auto volume = vstest::FileStates(m.volume);
 
         CArchiveVirtualDiskFile disk(2);
         disk.SetVMInfo(nullptr, "vm", "", &m.ctx, nullptr);
@@ -405,7 +369,7 @@ TEST_F(VDisk, FormatsReadThroughQemuGiveTheBytesOfTheirRawImage) {
         EXPECT_EQ(ct::Load("q-" + file)->extents, ct::Load("r-" + file)->extents) << file;
         disk.Close();
         EXPECT_EQ(QemuChildren(), 0u) << file;
-        EXPECT_EQ(m.State(), volume) << file;
+        EXPECT_EQ(vstest::FileStates(m.volume), volume) << file;
         EXPECT_TRUE(std::filesystem::is_empty(m.results)) << file;
     }
 }
@@ -521,10 +485,10 @@ TEST_F(VDisk, NamesInsideImagesNeverLeadQemuOutOfTheVolume) {
 TEST_F(VDisk, LargeSparseDiskReadsInFlatMemory) {
     vshost::settings::Set("VirtualServer", "nVDiskExtentSizeKB", "1024");
     const uint64_t size = 64ull << 30;
-    const std::string img = File("big.img", size);
-    for (uint64_t i = 0; i < 64; ++i) Write(img, i * (size / 64) + 12345, 1 << 20, static_cast<uint32_t>(i));
+    const std::string raw = File("big.img", size);
+    for (uint64_t i = 0; i < 64; ++i) img::Fill(raw, i * (size / 64) + 12345, 1 << 20, static_cast<uint32_t>(i));
     // The same disk through qemu-nbd: its block status and read-ahead stay bounded too.
-    ASSERT_EQ(img::Sh("qemu-img convert -f raw -O qcow2 " + img + " " + home.sub("big.qcow2")), 0);
+    ASSERT_EQ(img::Sh("qemu-img convert -f raw -O qcow2 " + raw + " " + home.sub("big.qcow2")), 0);
     auto kb = [](const char* field) {
         std::ifstream status("/proc/self/status");
         std::string line;
@@ -532,7 +496,7 @@ TEST_F(VDisk, LargeSparseDiskReadsInFlatMemory) {
             if (line.rfind(field, 0) == 0) return std::stoull(line.substr(std::string(field).size()));
         return 0ull;
     };
-    for (const std::string& path : {img, home.sub("big.qcow2")}) {
+    for (const std::string& path : {raw, home.sub("big.qcow2")}) {
         std::ofstream("/proc/self/clear_refs") << "5";  // restart the peak from here
         const unsigned long long before = kb("VmRSS:");
         CArchiveVirtualDiskFile disk(2);

@@ -8,7 +8,6 @@
 
 #include <unistd.h>
 #include <random>
-#include <thread>
 
 namespace {
 

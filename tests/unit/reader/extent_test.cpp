@@ -12,10 +12,8 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <map>
 #include <regex>
 
@@ -30,10 +28,10 @@ constexpr uint64_t kExtent = 256 * 1024;
 std::string SourceDisk(const std::string& path) {
     vshost::vmdk::Descriptor d;
     std::string why;
-    if (vshost::vmdk::Inspect(path, d, why) == vshost::vmdk::Kind::RawImage) return ReadFile(path);
+    if (vshost::vmdk::Inspect(path, d, why) == vshost::vmdk::Kind::RawImage) return ReadAll(path);
     std::string out;
     for (const auto& e : d.extents) {
-        std::string part = e.IsZero() ? std::string() : ReadFile(e.file).substr(e.offsetSectors * 512);
+        std::string part = e.IsZero() ? std::string() : ReadAll(e.file).substr(e.offsetSectors * 512);
         part.resize(e.sectors * 512, '\0');
         out += part;
     }
@@ -99,7 +97,7 @@ TEST_F(Extents, WholeVMRoundTripsWithHolesAndChangeIds) {
         const Entry* e = s.Find("\\" + guid + "\\" + name);
         ASSERT_TRUE(e) << name;
         EXPECT_TRUE(e->complete);
-        EXPECT_EQ(e->content, ReadFile(web.folder + "/" + name)) << name;
+        EXPECT_EQ(e->content, ReadAll(web.folder + "/" + name)) << name;
     }
     for (const vssample::SampleDisk& disk : web.disks) {
         const std::string source = SourceDisk(disk.path);

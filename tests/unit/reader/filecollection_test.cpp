@@ -13,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,7 +48,7 @@ std::map<std::string, std::optional<std::string>> SourceTree(const std::string& 
         if (e.is_directory())
             out[name] = std::nullopt;
         else
-            out[name] = ReadFile(e.path().string());
+            out[name] = ReadAll(e.path().string());
     }
     return out;
 }
@@ -387,7 +386,7 @@ TEST_F(FileCollections, CollectionWalksWithoutFollowingLinksAndNoticesChanges) {
     unsigned long got = 0;
     while (!(err = c->ReadNode(node, piece, sizeof piece, got)).IsError() && got > 0) data.append(piece, got);
     EXPECT_FALSE(err.IsError()) << err.AsString();
-    EXPECT_TRUE(data == ReadFile(folder + "/srv/media/archive.bin"));
+    EXPECT_TRUE(data == ReadAll(folder + "/srv/media/archive.bin"));
 
     // A file that shrinks, or is replaced, between its node and its reading fails to read.
     ASSERT_TRUE(seek("srv\\share\\big.bin"));

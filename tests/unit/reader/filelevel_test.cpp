@@ -73,7 +73,7 @@ protected:
         unsigned rc = 0;
         const std::string list = List(r, snapPath, clientPath, filter, rc);
         if (rc != 0) return rc;
-        if (collect) *collect = ReadFile(list);
+        if (collect) *collect = ReadAll(list);
         return r.SendFiles(list.c_str());
     }
 
@@ -130,7 +130,7 @@ TEST_F(FileLevel, WholeVolumesRoundTripThroughVsstream) {
             EXPECT_EQ(std::tie(a.st_mode, a.st_mtim.tv_sec, a.st_mtim.tv_nsec),
                       std::tie(b.st_mode, b.st_mtim.tv_sec, b.st_mtim.tv_nsec))
                 << twin;
-            EXPECT_TRUE(!e.is_regular_file() || ReadFile(e.path()) == ReadFile(twin)) << twin;
+            EXPECT_TRUE(!e.is_regular_file() || ReadAll(e.path()) == ReadAll(twin)) << twin;
         }
         EXPECT_GE(count, 3u);
     }
@@ -337,7 +337,7 @@ TEST_F(FileLevel, FailedFilesAreMarkedAndAStopLeavesTheRestUnsent) {
     const Entry* ini = d.Find(vol + "/Windows/win.ini");
     ASSERT_TRUE(ini);
     EXPECT_TRUE(ini->complete);
-    EXPECT_EQ(ini->content, ReadFile(folderC / "Windows/win.ini"));
+    EXPECT_EQ(ini->content, ReadAll(folderC / "Windows/win.ini"));
     {
         FileLevelProbe r(&event, home.sub("stopped.bin"));
         OpenOnSample(r, sample, kJob);
@@ -396,7 +396,7 @@ TEST_F(FileLevel, NothingOutsideTheVolumeIsEverSent) {
         EXPECT_EQ(Item(r, volPath, outside.string() + "/secret.txt"), 0u);
         r.Close();
     }
-    EXPECT_EQ(ReadFile(stream).find(marker), std::string::npos);
+    EXPECT_EQ(ReadAll(stream).find(marker), std::string::npos);
     const StreamView d = ViewFile(stream);
     ASSERT_TRUE(d.Find(volPath + "/inner-link"));
     EXPECT_EQ(d.Find(volPath + "/inner-link")->content, "Windows/win.ini");
@@ -474,7 +474,7 @@ TEST_F(FileLevel, FilteredWalkWritesClientFormLines) {
         CQiDirectory::Walk((folderC / "docs").string(), &r, -1, false, &DataReaderVMware::PathWalkerStatic).IsError());
     std::fclose(r.m_pCollectFile);
     r.m_pCollectFile = nullptr;
-    EXPECT_EQ(ReadFile(listPath), "VM1\\VOL1/docs/a.doc\nVM1\\VOL1/docs/sub/c.DOC\n");
+    EXPECT_EQ(ReadAll(listPath), "VM1\\VOL1/docs/a.doc\nVM1\\VOL1/docs/sub/c.DOC\n");
 }
 
 }  // namespace

@@ -263,13 +263,13 @@ TEST(PackedData, RestoreLeavesZeroRunsAsHolesAndClearsThemOnAnEarlierImage) {
     struct stat st {};
     // A new restore: only the data takes room.
     restore("v2.stream", home.sub("new"));
-    EXPECT_TRUE(ReadFile(home.sub("new/vm1/disk0")) == v2);
+    EXPECT_TRUE(ReadAll(home.sub("new/vm1/disk0")) == v2);
     ASSERT_EQ(stat(home.sub("new/vm1/disk0").c_str(), &st), 0);
     EXPECT_LE(static_cast<size_t>(st.st_blocks) * 512, 4 * 16 * kBlock + 4 * kBlock);
     // Onto an image whose extents were all data: the runs are cleared, and freed.
     restore("v1.stream", home.sub("old"));
     restore("v2.stream", home.sub("old"));
-    EXPECT_TRUE(ReadFile(home.sub("old/vm1/disk0")) == v2);
+    EXPECT_TRUE(ReadAll(home.sub("old/vm1/disk0")) == v2);
     ASSERT_EQ(stat(home.sub("old/vm1/disk0").c_str(), &st), 0);
     EXPECT_LE(static_cast<size_t>(st.st_blocks) * 512, 4 * 16 * kBlock + 4 * kBlock);
 }

@@ -35,7 +35,7 @@ std::map<std::string, std::string> Snapshot(const std::string& dir) {
         if (e.is_symlink())
             out[rel] = "-> " + fs::read_symlink(e.path()).string();
         else if (e.is_regular_file())
-            out[rel] = ReadFile(e.path());
+            out[rel] = ReadAll(e.path());
         else
             out[rel] = "<dir>";
     }
@@ -99,17 +99,17 @@ TEST(StreamRestore, EveryEntryKindLandsInItsPlace) {
     const std::string dir = home.sub("out");
     const Restored r = Restore(home.sub("all.stream"), dir);
     ASSERT_EQ(r.code, vsstream::kExitOk) << r.err;
-    EXPECT_EQ(ReadFile(dir + "/vm1/vm1.vmx"), "displayName = \"vm1\"\n");
+    EXPECT_EQ(ReadAll(dir + "/vm1/vm1.vmx"), "displayName = \"vm1\"\n");
     // A .vmdk disk is restored as a VMDK: its bytes in the flat file.
-    EXPECT_TRUE(ReadFile(dir + "/vm1/disk0-flat.vmdk") == disk);
+    EXPECT_TRUE(ReadAll(dir + "/vm1/disk0-flat.vmdk") == disk);
     struct stat st {};
     ASSERT_EQ(stat((dir + "/vm1/disk0-flat.vmdk").c_str(), &st), 0);
     EXPECT_EQ(static_cast<size_t>(st.st_size), disk.size());
     EXPECT_LE(static_cast<size_t>(st.st_blocks) * 512, disk.size() - kExtent);  // the holes stayed holes
     EXPECT_TRUE(fs::is_directory(dir + "/vm1/disk1"));
-    EXPECT_EQ(ReadFile(dir + "/vm1/disk1/docs/a.txt"), "node data");
+    EXPECT_EQ(ReadAll(dir + "/vm1/disk1/docs/a.txt"), "node data");
     EXPECT_TRUE(fs::is_regular_file(dir + "/vm1/disk1/empty"));
-    EXPECT_EQ(ReadFile(dir + "/etc/hosts"), std::string("127.0.0.1\0\0\0", 12));
+    EXPECT_EQ(ReadAll(dir + "/etc/hosts"), std::string("127.0.0.1\0\0\0", 12));
     ASSERT_EQ(stat((dir + "/etc/hosts").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0640u);
     EXPECT_EQ(st.st_mtim.tv_sec, 1500000000);
@@ -156,15 +156,15 @@ TEST(StreamRestore, IncrementalsOntoAnEarlierRestoreGiveTheNewDisk) {
     const std::string image = dir + "/vm1/disk0";
 
     ASSERT_EQ(Restore(home.sub("full.stream"), dir).code, vsstream::kExitOk);
-    ASSERT_TRUE(ReadFile(image) == v1);
+    ASSERT_TRUE(ReadAll(image) == v1);
     const Restored r = Restore(home.sub("incr1.stream"), dir);
     ASSERT_EQ(r.code, vsstream::kExitOk) << r.err;
     EXPECT_NE(r.out.find("(5 extents)"), std::string::npos) << r.out;
-    EXPECT_TRUE(ReadFile(image) == v2);
-    EXPECT_EQ(ReadFile(dir + "/vm1/vm1.vmx"), "short");
+    EXPECT_TRUE(ReadAll(image) == v2);
+    EXPECT_EQ(ReadAll(dir + "/vm1/vm1.vmx"), "short");
     ASSERT_EQ(Restore(home.sub("incr2.stream"), dir).code, vsstream::kExitOk);
-    EXPECT_TRUE(ReadFile(image) == v3);
-    EXPECT_EQ(ReadFile(dir + "/vm1/vm1.vmx"), "shorter");
+    EXPECT_TRUE(ReadAll(image) == v3);
+    EXPECT_EQ(ReadAll(dir + "/vm1/vm1.vmx"), "shorter");
 
     // One extent asked for by name: the disk is described, its entry never comes.
     std::string v4 = v3;
@@ -178,7 +178,7 @@ TEST(StreamRestore, IncrementalsOntoAnEarlierRestoreGiveTheNewDisk) {
         ASSERT_EQ(s.writer.close(true), 0);
     }
     ASSERT_EQ(Restore(home.sub("one.stream"), dir).code, vsstream::kExitOk);
-    EXPECT_TRUE(ReadFile(image) == v4);
+    EXPECT_TRUE(ReadAll(image) == v4);
 }
 
 TEST(StreamRestore, NothingIsWrittenOutsideTheRestoreFolder) {
@@ -231,8 +231,8 @@ TEST(StreamRestore, NothingIsWrittenOutsideTheRestoreFolder) {
     const Restored r = Restore(home.sub("evil.stream"), dir);
     EXPECT_EQ(r.code, vsstream::kExitCorrupt);
     EXPECT_EQ(Snapshot(outside), before);
-    EXPECT_EQ(ReadFile(dir + "/vm/good.vmx"), "evil");
-    EXPECT_EQ(ReadFile(dir + "/vm/filelink"), "evil");
+    EXPECT_EQ(ReadAll(dir + "/vm/good.vmx"), "evil");
+    EXPECT_EQ(ReadAll(dir + "/vm/filelink"), "evil");
     EXPECT_FALSE(fs::is_symlink(dir + "/vm/filelink"));
     EXPECT_TRUE(fs::is_symlink(dir + "/vm/link"));
     EXPECT_NE(r.err.find("is not a plain relative name"), std::string::npos) << r.err;

@@ -267,7 +267,7 @@ TEST(StreamWriter, NoRecordOverThePayloadLimitIsEverWritten) {
         EXPECT_NE(big.lastError().find("stream-header record of"), std::string::npos) << big.lastError();
         big.close(false);
         pipe.reset();
-        EXPECT_EQ(ReadFile(home.sub("header.stream")).size(), 0u);
+        EXPECT_EQ(ReadAll(home.sub("header.stream")).size(), 0u);
     }
     {  // a job token too long for an identity record: refused, the stream stays sound
         StreamFile s(home.sub("identity.stream"));

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
