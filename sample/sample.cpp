@@ -273,6 +273,14 @@ SampleVM Db01(const fs::path& ds1, uint64_t size) {
     return vm;
 }
 
+// The bytes of the files under `folder`: a file collection's size.
+uint64_t TreeBytes(const fs::path& folder) {
+    uint64_t n = 0;
+    for (const auto& e : fs::recursive_directory_iterator(folder))
+        if (e.is_regular_file()) n += e.file_size();
+    return n;
+}
+
 // fs01: a disk read as a file collection, and a raw image on an NVMe controller.
 SampleVM Fs01(const fs::path& ds2, uint64_t size) {
     SampleVM vm;
@@ -309,17 +317,11 @@ SampleVM Fs01(const fs::path& ds2, uint64_t size) {
         {"fileCollectionDisks",
          {{{"name", "fs01.vmdk"}, {"folder", "fs01.files"}}, {{"name", "fs01_home"}, {"folder", "home.files"}}}}};
     WriteText(ds2 / "fs01/vmguest.json", sidecar.dump(2));
-    auto bytes = [](const fs::path& folder) {
-        uint64_t n = 0;
-        for (const auto& e : fs::recursive_directory_iterator(folder))
-            if (e.is_regular_file()) n += e.file_size();
-        return n;
-    };
     SparseFile raw(ds2 / "fs01/fs01_data.img", size);
     FillDisk(raw, 0, size, 401);
-    vm.disks = {Disk("fs01.vmdk", "ds2", "fs01", files, bytes(files), 2),
+    vm.disks = {Disk("fs01.vmdk", "ds2", "fs01", files, TreeBytes(files), 2),
                 Disk("fs01_data.img", "ds2", "fs01", ds2 / "fs01/fs01_data.img", size),
-                Disk("fs01_home", "ds2", "fs01", homeFiles, bytes(homeFiles), 2)};
+                Disk("fs01_home", "ds2", "fs01", homeFiles, TreeBytes(homeFiles), 2)};
     return vm;
 }
 
@@ -418,10 +420,7 @@ SampleSnapshot GenerateFilesSnapshot(const std::string& folder, const SampleOpti
                                        {"folder", "files"},
                                        {"devicePath", "\\\\?\\Volume" + vm.guestVolumeGuids[0] + "\\"}}}}};
     WriteText(vmFolder / "vmguest.json", sidecar.dump(2));
-    uint64_t bytes = 0;
-    for (const auto& e : fs::recursive_directory_iterator(files))
-        if (e.is_regular_file()) bytes += e.file_size();
-    vm.disks = {Disk("files01.vmdk", "ds1", vm.name, files, bytes, 2)};
+    vm.disks = {Disk("files01.vmdk", "ds1", vm.name, files, TreeBytes(files), 2)};
     s.vms.push_back(std::move(vm));
     AddCatalogRows(s, options);
     return s;

@@ -423,15 +423,10 @@ TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
     VS_NEEDS_S3();
     vstest::TempHome scratch;
     std::vector<std::string> images;
-    uint64_t x = 0x9e3779b97f4a7c15ull;
-    for (const size_t size : {24u << 20, 3u << 20, 3u << 20, 3u << 20}) {
-        std::string bytes(size, '\0');
-        for (size_t i = 0; i < bytes.size(); i += 8) {
-            x ^= x << 13, x ^= x >> 7, x ^= x << 17;
-            std::memcpy(&bytes[i], &x, 8);
-        }
+    for (const uint64_t size : {24u << 20, 3u << 20, 3u << 20, 3u << 20}) {
         images.push_back(scratch.sub("img" + std::to_string(images.size()) + ".raw"));
-        vstest::WriteFile(images.back(), bytes);
+        vstest::images::MakeRaw(images.back(), size);
+        vstest::images::Fill(images.back(), 0, size, static_cast<uint32_t>(images.size()));
     }
     vssample::SampleOptions options;
     options.snapJobId = 78;
