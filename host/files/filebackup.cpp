@@ -42,6 +42,13 @@ struct ClBackupFile::Entry {
     bool open = false;  // an entry is open in the stream
 };
 
+// Entries of one collect file lie below one volume root, mostly: its descriptor is kept
+// from one entry to the next instead of being opened again for each file.
+struct ClBackupFile::Root {
+    std::string path;
+    Fd fd;
+};
+
 ClBackupFile::ClBackupFile(CPipelayer* pipe, KtEvent* event, bool ownLog)
     : m_pipe(pipe), m_event(event), m_archive(nullptr, nullptr, &m_sim, std::string()) {
     InitKTlog(&m_log, ownLog ? "CLBACKUP\t" : "", "nCLBACKUP", 0);
@@ -75,6 +82,15 @@ int ClBackupFile::Init(int, int, void** out1, void** out2) {
 int ClBackupFile::Failure(int code, const std::string& why) {
     KTlog(&m_log, 1, "ClBackupFile: %s", why.c_str());
     return code;
+}
+
+int ClBackupFile::RootOf(const std::string& root) {
+    if (!m_root) m_root = std::make_unique<Root>();
+    if (!m_root->fd.valid() || m_root->path != root) {
+        m_root->fd = Fd(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        m_root->path = m_root->fd.valid() ? root : std::string();
+    }
+    return m_root->fd.get();
 }
 
 int ClBackupFile::CloseFile() {
@@ -112,15 +128,15 @@ int ClBackupFile::OpenFilesForBackup(subclientFiles& files, std::istream& list, 
     ++files.fileCount;
 
     if (e->kind != Entry::Kind::Refused) {
-        Fd root(::open(e->where.root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        Fd self(root.valid() ? OpenBeneath(root.get(), e->where.relative, O_PATH | O_NOFOLLOW) : -1);
+        const int root = RootOf(e->where.root);
+        Fd self(root >= 0 ? OpenBeneath(root, e->where.relative, O_PATH | O_NOFOLLOW) : -1);
         if (!self.valid() || ::fstat(self.get(), &e->sb) != 0) {
             const int err = errno;
             e->kind = err == EXDEV ? Entry::Kind::Refused : Entry::Kind::Missing;
             e->why = err == EXDEV ? "its path leads out of its volume" : Errno(err);
         } else if (S_ISLNK(e->sb.st_mode)) {
             // Sent as a link, but only when following it would stay in the volume.
-            Fd target(OpenBeneath(root.get(), e->where.relative, O_PATH));
+            Fd target(OpenBeneath(root, e->where.relative, O_PATH));
             const bool escapes = !target.valid() && errno == EXDEV;
             char buf[4096];
             const ssize_t n = ::readlinkat(self.get(), "", buf, sizeof buf);
@@ -136,7 +152,7 @@ int ClBackupFile::OpenFilesForBackup(subclientFiles& files, std::istream& list, 
             }
         } else if (S_ISREG(e->sb.st_mode) || S_ISDIR(e->sb.st_mode)) {
             const bool dir = S_ISDIR(e->sb.st_mode);
-            e->fd = Fd(OpenBeneath(root.get(), e->where.relative,
+            e->fd = Fd(OpenBeneath(root, e->where.relative,
                                    (dir ? O_RDONLY | O_DIRECTORY : O_RDONLY | O_NONBLOCK) | O_NOFOLLOW));
             struct stat now {};
             if (!e->fd.valid() || ::fstat(e->fd.get(), &now) != 0) {
@@ -237,11 +253,14 @@ int ClBackupFile::ReadAndSendFileData(int) {
             break;
     }
 
-    // Data ranges are read into the writer's own buffer; holes go out by length.
+    // Data ranges are read into the writer's own buffer; holes go out by length. A file
+    // whose allocated blocks cover its size has no hole to look for: most small files,
+    // which would otherwise pay two seeks to learn that.
     const off_t size = e.sb.st_size;
+    const bool dense = static_cast<off_t>(e.sb.st_blocks) * 512 >= size;
     off_t pos = 0;
     while (pos < size) {
-        off_t data = ::lseek(e.fd.get(), pos, SEEK_DATA);
+        off_t data = dense ? pos : ::lseek(e.fd.get(), pos, SEEK_DATA);
         if (data < 0) data = errno == ENXIO ? size : pos;  // ENXIO: only a hole is left
         data = std::min(data, size);
         if (data > pos) {
@@ -250,7 +269,7 @@ int ClBackupFile::ReadAndSendFileData(int) {
             pos = data;
             continue;
         }
-        off_t end = ::lseek(e.fd.get(), pos, SEEK_HOLE);
+        off_t end = dense ? size : ::lseek(e.fd.get(), pos, SEEK_HOLE);
         if (end < 0 || end <= pos) end = size;
         end = std::min(end, size);
         while (pos < end) {

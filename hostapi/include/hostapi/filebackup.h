@@ -177,10 +177,12 @@ public:
     const Counts& counts() const { return m_counts; }
 
     struct Entry;
+    struct Root;
 
 private:
     int Failure(int code, const std::string& why);
     bool Expand();
+    int RootOf(const std::string& root);
 
     CPipelayer* m_pipe;
     [[maybe_unused]] KtEvent* m_event;  // the job's stop event, for writers that poll it
@@ -193,4 +195,5 @@ private:
     Counts m_counts;
     std::vector<std::pair<std::string, MappedPath>> m_pending;  // below folders being sent, next last
     std::unique_ptr<Entry> m_entry;
+    std::unique_ptr<Root> m_root;  // the volume root entries were last opened below
 };
