@@ -81,4 +81,7 @@ struct MountedVM {
 bool MountVMFrom(const Snapshot& snap, const std::string& key, const std::vector<SDiskFilter>& filters, MountedVM& out,
                  Failure& failure);
 
+// Bytes of the regular files below `folder`; links are not followed.
+uint64_t FolderBytes(const std::string& folder);
+
 }  // namespace vminfo

@@ -270,8 +270,7 @@ int VMInfo::GetFileMountInfo(MountCtx& ctx, std::vector<VMInfoStructs::SMountInf
         file.sVolumeGuid = v.guid;
         file.sLocalMountPath = v.folder + "/";
         file.sVolumeName = v.name;
-        for (std::filesystem::recursive_directory_iterator it(v.folder, ec), end; !ec && it != end; it.increment(ec))
-            if (it->is_regular_file(ec)) file.ullSize += it->file_size(ec);
+        file.ullSize = FolderBytes(v.folder);
         files.push_back(file);
     }
     return 1;
