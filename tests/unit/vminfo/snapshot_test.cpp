@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -283,6 +284,26 @@ TEST_F(SnapshotLibrary, ADiskThatChangedSizeSinceTheMountIsNotOpened) {
     EXPECT_FALSE(disk.Open(raw.path, 2).IsError());
     fs::resize_file(raw.path, raw.size / 2);
     EXPECT_NE(disk.Open(raw.path, 2).AsString().find("the image changed size since"), std::string::npos);
+}
+
+// A folder's size counts its regular files at every depth; a link (to a file or a
+// folder, inside or outside) and a FIFO add nothing.
+TEST(FolderBytes, CountsRegularFilesBelowAndFollowsNoLink) {
+    vstest::TempHome home;
+    const fs::path top = home.sub("volume");
+    const fs::path outside = home.sub("outside");
+    fs::create_directories(top / "a" / "b" / "empty");
+    fs::create_directories(outside);
+    const auto write = [](const fs::path& p, size_t n) { std::ofstream(p, std::ios::binary) << std::string(n, 'x'); };
+    write(top / "one", 10);
+    write(top / "a" / "two", 200);
+    write(top / "a" / "b" / "three", 3000);
+    write(outside / "big", 1 << 20);
+    fs::create_symlink(top / "a" / "two", top / "link-to-file");
+    fs::create_symlink(outside, top / "a" / "link-to-folder");
+    ASSERT_EQ(::mkfifo((top / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(vminfo::FolderBytes(top.string()), 3210u);
+    EXPECT_EQ(vminfo::FolderBytes((top / "missing").string()), 0u);
 }
 
 }  // namespace
