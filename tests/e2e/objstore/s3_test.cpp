@@ -380,6 +380,20 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_EQ(RecordedDisks(71), 4u);
     EXPECT_EQ(OpenUploads(), std::vector<std::string>{});
+    // The store going away at any point of a deep verify of that stream: the verify fails
+    // with what the store did, never as if the stream ended early.
+    for (size_t cut = 0;; cut += 256) {
+        StoreThatDies store(cut);
+        r = Shell("AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsstream + " verify --deep " +
+                  Url("faults/71.stream"));
+        if (!store.died()) {
+            EXPECT_EQ(r.status, 0) << r.output;
+            break;
+        }
+        EXPECT_NE(r.status, 0) << cut << ": " << r.output;
+        EXPECT_EQ(r.output.find("ends before"), std::string::npos) << cut << ": " << r.output;
+        EXPECT_NE(r.output.find("object storage: "), std::string::npos) << cut << ": " << r.output;
+    }
 
     // A job that does not start stores no object; one with a failed item stores its
     // stream, which the next attempt resumes from, through the store.
