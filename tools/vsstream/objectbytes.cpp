@@ -131,12 +131,16 @@ private:
 
 }  // namespace
 
+std::unique_ptr<StreamBytes> ObjectBytes(const vsobj::S3Settings& settings, const vsobj::S3Location& at) {
+    return std::make_unique<Object>(settings, at);
+}
+
 void ReadObjects() {
     SetObjectOpener([](const std::string& url, std::string& why) -> std::unique_ptr<StreamBytes> {
         try {
             vsobj::S3Location at;
             vsobj::ParseS3Url(url, at);
-            return std::make_unique<Object>(vsobj::SettingsFromEnvironment(), at);
+            return ObjectBytes(vsobj::SettingsFromEnvironment(), at);
         } catch (const std::exception& e) {
             why = "cannot open " + url + ": " + e.what();
             return nullptr;

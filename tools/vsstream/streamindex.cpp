@@ -421,7 +421,16 @@ bool ParseIndex(const std::string& text, const std::string& path, StreamIndex& i
 int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err) {
     std::string why;
     const std::unique_ptr<StreamBytes> bytes = OpenStreamBytes(stream, why);
-    const int fd = bytes ? bytes->Sequential(why) : -1;
+    if (!bytes) {
+        err << why << "\n";
+        return kExitUnreadable;
+    }
+    return IndexStream(*bytes, out, err);
+}
+
+int IndexStream(StreamBytes& stream, std::ostream& out, std::ostream& err) {
+    std::string why;
+    const int fd = stream.Sequential(why);
     if (fd < 0) {
         err << why << "\n";
         return kExitUnreadable;
@@ -434,14 +443,14 @@ int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err) {
     });
     const int code = Conclude(reader, problems, err);
     if (code == kExitUnreadable || code == kExitCorrupt) return code;
-    const StreamIndex index = builder.Finish(reader, *bytes);
-    if (!bytes->SaveIndex(index, why)) {
+    const StreamIndex index = builder.Finish(reader, stream);
+    if (!stream.SaveIndex(index, why)) {
         err << why << "\n";
         return kExitUnreadable;
     }
     uint64_t extents = 0;
     for (const auto& [key, d] : index.disks) extents += d.extents.size();
-    out << "index " << bytes->IndexName() << ": " << index.disks.size() << " disks, " << extents << " extents"
+    out << "index " << stream.IndexName() << ": " << index.disks.size() << " disks, " << extents << " extents"
         << (index.complete ? "" : ", of the stream's whole records (it is incomplete)") << "\n";
     return code;
 }

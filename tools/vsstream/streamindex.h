@@ -143,6 +143,8 @@ bool ParseIndex(const std::string& text, const std::string& name, StreamIndex& i
 // `vsstream index STREAM`: reads the stream (a file, or an object) whole and writes its
 // index beside it.
 int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err);
+// The same for a stream already open.
+int IndexStream(StreamBytes& stream, std::ostream& out, std::ostream& err);
 
 // One disk of a chain of stream files (a full, then its incrementals, oldest first) read
 // through their indexes, one extent buffer at a time; nothing is written.
