@@ -37,14 +37,7 @@ const std::string kVsstream = vstest::Vsstream();
 
 ::testing::Environment* const g_s3 = ::testing::AddGlobalTestEnvironment(new vstest::S3Server);
 
-std::string Bucket() {
-    static const std::string bucket = [] {
-        const std::string name = "vsdm-" + std::to_string(::getpid());
-        vsobj::S3Client(vsobj::SettingsFromEnvironment()).CreateBucket(name);
-        return name;
-    }();
-    return bucket;
-}
+using vstest::Bucket;
 
 std::string Url(const std::string& key) {
     return "s3://" + Bucket() + "/" + key;
@@ -77,10 +70,6 @@ void Download(const std::string& key, const std::string& path) {
     }
 }
 
-std::vector<std::string> Items(const vssample::SampleSnapshot& s) {
-    return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
-}
-
 size_t RecordedDisks(int64_t job) {
     return vshost::changetrack::JobDisks(job).size();
 }
@@ -104,7 +93,7 @@ TEST(VsdmObjectStore, StreamsAndSetsGoToObjectsAndRestoreAsLocalOnes) {
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     for (int job : {61, 62, 63})
         std::ofstream(home.sub(std::to_string(job) + ".json"))
-            << vstest::SampleJob(home, s, job, Items(s), true).dump();
+            << vstest::SampleJob(home, s, job, vstest::ThreeItems(s), true).dump();
     // The keys from the home's settings, the secret in its stored form; the AWS_*
     // variables of the endpoint alone.
     const std::string secret = vstest::Secret(std::getenv("AWS_SECRET_ACCESS_KEY"));
@@ -220,7 +209,7 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     for (int job : {71, 72, 73})
         std::ofstream(home.sub(std::to_string(job) + ".json"))
-            << vstest::SampleJob(home, s, job, Items(s), true).dump();
+            << vstest::SampleJob(home, s, job, vstest::ThreeItems(s), true).dump();
     const std::string out = " --out " + Url("faults/71.stream");
 
     // No store at all: the job cannot start, and says why.

@@ -86,6 +86,11 @@ inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnap
     return job;
 }
 
+// Two VMs whole and one disk of a third: items of every kind a job's streams share out.
+inline std::vector<std::string> ThreeItems(const vssample::SampleSnapshot& s) {
+    return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
+}
+
 inline void WriteJob(const TempHome& home, const std::string& name, const nlohmann::json& job) {
     std::ofstream(home.sub(name)) << job.dump();
 }

@@ -32,10 +32,6 @@ using vstest::Tree;
 const std::string kVsdm = vstest::Vsdm();
 const std::string kVsstream = vstest::Vsstream();
 
-std::vector<std::string> Items(const vssample::SampleSnapshot& s) {
-    return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
-}
-
 TEST(VsdmStreams, SplitBalancesExpectedBytesAndDealsTheRestRoundRobin) {
     std::vector<vsdm::JobItem> items(5);
     using Shares = std::vector<std::vector<size_t>>;
@@ -62,8 +58,8 @@ TEST(VsdmStreams, SplitBalancesExpectedBytesAndDealsTheRestRoundRobin) {
 TEST(VsdmStreams, TwoStreamsRestoreTheSameTreeAsOneAndRecordEveryDisk) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    std::ofstream(home.sub("one.json")) << vstest::SampleJob(home, s, 51, Items(s), true).dump();
-    std::ofstream(home.sub("two.json")) << vstest::SampleJob(home, s, 52, Items(s), true).dump();
+    std::ofstream(home.sub("one.json")) << vstest::SampleJob(home, s, 51, vstest::ThreeItems(s), true).dump();
+    std::ofstream(home.sub("two.json")) << vstest::SampleJob(home, s, 52, vstest::ThreeItems(s), true).dump();
 
     RunResult r = Shell(kVsdm + " run " + home.sub("one.json") + " --out " + home.sub("one.stream"));
     ASSERT_EQ(r.status, 0) << r.output;
@@ -195,7 +191,7 @@ struct HeldSet {
 TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 54, Items(s), true).dump();
+    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 54, vstest::ThreeItems(s), true).dump();
 
     {
         HeldSet held(home.sub("k"));
