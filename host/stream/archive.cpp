@@ -86,6 +86,8 @@ void vsArchive::RecordCompleted(bool all, CPipelayer* pipe) {
     try {
         m_state->completed->Flush();
     } catch (const std::exception& e) {
+        // At the close there is no later try: what the catalog did not take is lost to it.
+        if (all) m_state->completed->Drop();
         if (m_state->completed->Waiting() > 0)
             KTlog(m_state->log, 1,
                   "Cannot record [%zu] completed disk(s) and their digests yet: %s; tried again with the next "

@@ -1,5 +1,7 @@
 #include "objecttarget.h"
 
+#include "objectbytes.h"
+
 #include "hostapi/appmgr.h"
 #include "vshost/home.h"
 #include "vshost/streamset.h"
@@ -7,10 +9,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 
 namespace vsdm {
 
@@ -111,11 +115,23 @@ bool StreamExists(const std::string& path) {
     }
 }
 
+namespace {
+
+// A tool's report in a sentence of the worker's own.
+std::string OneLine(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    std::replace(text.begin(), text.end(), '\n', ';');
+    return text;
+}
+
+}  // namespace
+
 bool KeepCutObject(const std::string& path, std::string& said) {
     vsobj::S3Location at;
     if (!IsObject(path, &at)) return false;
     try {
-        vsobj::S3Client client(ObjectStoreSettings());
+        const vsobj::S3Settings settings = ObjectStoreSettings();
+        vsobj::S3Client client(settings);
         const uint64_t kept = vsobj::KeepUploadedParts(client, at);
         if (kept == 0) {
             said = "no part of its upload was stored";
@@ -123,6 +139,10 @@ bool KeepCutObject(const std::string& path, std::string& said) {
         }
         said = "its upload was never completed: the " + std::to_string(kept) +
                " bytes of its parts stored are kept as the stream " + path;
+        // Indexed as a written stream is, so that vsstream serve reads it as it is.
+        std::ostringstream out, problems;
+        vsstream::IndexStream(*vsstream::ObjectBytes(settings, at), out, problems);
+        said += out.str().empty() ? " (not indexed: " + OneLine(problems.str()) + ")" : ", " + OneLine(out.str());
         return true;
     } catch (const std::exception& e) {
         // A writer that finished meanwhile completed the upload itself.

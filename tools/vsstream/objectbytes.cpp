@@ -100,14 +100,21 @@ public:
         return false;
     }
     std::string IndexName() const override { return m_index.Url(); }
+    std::string ReadError() const override { return m_error; }
 
 private:
     bool Fetch(uint64_t offset, size_t want) {
         m_window.resize(std::max(want, kWindowBytes));
         try {
             m_window.resize(m_client.Read(m_at, offset, m_window.data(), m_window.size()));
-        } catch (const std::exception&) {
-            m_window.clear();  // read as the end of the stream: the record that needs it fails
+            m_error.clear();
+        } catch (const vsobj::S3Error& e) {
+            m_window.clear();
+            // A range past the object's end is its end; anything else is the store's fault.
+            m_error = e.httpStatus == 416 ? "" : "cannot read " + m_at.Url() + ": " + e.what();
+        } catch (const std::exception& e) {
+            m_window.clear();
+            m_error = "cannot read " + m_at.Url() + ": " + e.what();
         }
         m_start = offset;
         return !m_window.empty();
@@ -118,17 +125,22 @@ private:
     vsobj::S3Location m_at, m_index;
     std::vector<char> m_window;
     uint64_t m_start = 0;
+    std::string m_error;
     std::optional<vsobj::ObjectReader> m_reader;
 };
 
 }  // namespace
+
+std::unique_ptr<StreamBytes> ObjectBytes(const vsobj::S3Settings& settings, const vsobj::S3Location& at) {
+    return std::make_unique<Object>(settings, at);
+}
 
 void ReadObjects() {
     SetObjectOpener([](const std::string& url, std::string& why) -> std::unique_ptr<StreamBytes> {
         try {
             vsobj::S3Location at;
             vsobj::ParseS3Url(url, at);
-            return std::make_unique<Object>(vsobj::SettingsFromEnvironment(), at);
+            return ObjectBytes(vsobj::SettingsFromEnvironment(), at);
         } catch (const std::exception& e) {
             why = "cannot open " + url + ": " + e.what();
             return nullptr;

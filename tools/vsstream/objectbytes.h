@@ -3,7 +3,15 @@
 // store the AWS_* variables name.
 #pragma once
 
+#include "streamindex.h"
+#include "vsobj/s3.h"
+
+#include <memory>
+
 namespace vsstream {
+
+// The object at `at`, reached with `settings`.
+std::unique_ptr<StreamBytes> ObjectBytes(const vsobj::S3Settings& settings, const vsobj::S3Location& at);
 
 // From here on OpenStreamBytes reads s3://BUCKET/KEY streams.
 void ReadObjects();

@@ -74,8 +74,12 @@ class File final : public StreamBytes {
 public:
     File(vshost::Fd owned, int fd, std::string name) : m_owned(std::move(owned)), m_fd(fd), m_name(std::move(name)) {}
     bool ReadAt(char* out, size_t length, uint64_t offset) override {
-        return vshost::PreadAll(m_fd, out, length, offset);
+        errno = 0;
+        if (vshost::PreadAll(m_fd, out, length, offset)) return true;
+        m_error = errno ? "cannot read " + m_name + ": " + std::strerror(errno) : "";
+        return false;
     }
+    std::string ReadError() const override { return m_error; }
     bool Size(uint64_t& size, std::string& why) override {
         struct stat st {};
         if (::fstat(m_fd, &st) != 0) {
@@ -100,6 +104,7 @@ private:
     vshost::Fd m_owned;
     int m_fd;
     std::string m_name;
+    std::string m_error;
 };
 
 ObjectOpener& Opener() {
@@ -416,7 +421,16 @@ bool ParseIndex(const std::string& text, const std::string& path, StreamIndex& i
 int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err) {
     std::string why;
     const std::unique_ptr<StreamBytes> bytes = OpenStreamBytes(stream, why);
-    const int fd = bytes ? bytes->Sequential(why) : -1;
+    if (!bytes) {
+        err << why << "\n";
+        return kExitUnreadable;
+    }
+    return IndexStream(*bytes, out, err);
+}
+
+int IndexStream(StreamBytes& stream, std::ostream& out, std::ostream& err) {
+    std::string why;
+    const int fd = stream.Sequential(why);
     if (fd < 0) {
         err << why << "\n";
         return kExitUnreadable;
@@ -429,14 +443,14 @@ int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err) {
     });
     const int code = Conclude(reader, problems, err);
     if (code == kExitUnreadable || code == kExitCorrupt) return code;
-    const StreamIndex index = builder.Finish(reader, *bytes);
-    if (!bytes->SaveIndex(index, why)) {
+    const StreamIndex index = builder.Finish(reader, stream);
+    if (!stream.SaveIndex(index, why)) {
         err << why << "\n";
         return kExitUnreadable;
     }
     uint64_t extents = 0;
     for (const auto& [key, d] : index.disks) extents += d.extents.size();
-    out << "index " << bytes->IndexName() << ": " << index.disks.size() << " disks, " << extents << " extents"
+    out << "index " << stream.IndexName() << ": " << index.disks.size() << " disks, " << extents << " extents"
         << (index.complete ? "" : ", of the stream's whole records (it is incomplete)") << "\n";
     return code;
 }
@@ -453,6 +467,13 @@ ChainDisk::ChainDisk() = default;
 ChainDisk::~ChainDisk() = default;
 
 namespace {
+
+// What a failed record read of `s` says: the store's or the file's own error when there
+// was one, not that the stream ended there.
+std::string Unread(const StreamBytes& bytes, const std::string& name, const std::string& why) {
+    const std::string error = bytes.ReadError();
+    return error.empty() ? name + ": " + why : error;
+}
 
 // The key of `disk` in `index`: the path itself, or the one disk whose name it is.
 std::string FindDisk(const StreamIndex& index, const std::string& disk) {
@@ -489,14 +510,16 @@ bool ChainDisk::Open(const std::vector<std::string>& streams, const std::string&
         if (size < at || (s->index.complete && size != at) || HeaderChecksum(*s->bytes) != s->index.headerChecksum ||
             (at >= 8 &&
              (!s->bytes->ReadAt(sum, 8, at - 8) || vshost::detail::GetLE(sum, 8) != s->index.lastChecksum))) {
-            why = s->bytes->IndexName() + " is not the index of " + name + " (vsstream index makes it anew)";
+            why = !s->bytes->ReadError().empty()
+                      ? s->bytes->ReadError()
+                      : s->bytes->IndexName() + " is not the index of " + name + " (vsstream index makes it anew)";
             return false;
         }
         StreamBytes* bytes = s->bytes.get();
         s->seeker = std::make_unique<vshost::RecordSeeker>(
             [bytes](char* out, size_t length, uint64_t offset) { return bytes->ReadAt(out, length, offset); });
         if (!s->seeker->Open(why)) {
-            why = name + ": " + why;
+            why = Unread(*s->bytes, name, why);
             return false;
         }
         const std::string key = FindDisk(s->index, disk);
@@ -549,7 +572,7 @@ bool ChainDisk::LoadExtent(uint64_t number, const char*& bytes, uint64_t& length
     for (uint32_t taken = 0; taken < e.records;) {
         uint64_t next = 0;
         if (!s.seeker->Read(at, index, record, next, why)) {
-            why = s.name + ": " + why;
+            why = Unread(*s.bytes, s.name, why);
             return false;
         }
         at = next;

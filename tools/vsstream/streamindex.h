@@ -57,6 +57,9 @@ public:
     virtual ~StreamBytes() = default;
     // Exactly `length` bytes at `offset`; false at the end of the stream or on an error.
     virtual bool ReadAt(char* out, size_t length, uint64_t offset) = 0;
+    // Why the last ReadAt failed when the stream did not end there (a read error, a store
+    // that did not answer); empty when it ended or nothing failed.
+    virtual std::string ReadError() const = 0;
     virtual bool Size(uint64_t& size, std::string& why) = 0;
     // A descriptor that reads the stream from its start (not owned). -1 with `why`.
     virtual int Sequential(std::string& why) = 0;
@@ -140,6 +143,8 @@ bool ParseIndex(const std::string& text, const std::string& name, StreamIndex& i
 // `vsstream index STREAM`: reads the stream (a file, or an object) whole and writes its
 // index beside it.
 int RunIndex(const std::string& stream, std::ostream& out, std::ostream& err);
+// The same for a stream already open.
+int IndexStream(StreamBytes& stream, std::ostream& out, std::ostream& err);
 
 // One disk of a chain of stream files (a full, then its incrementals, oldest first) read
 // through their indexes, one extent buffer at a time; nothing is written.

@@ -258,6 +258,20 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_EQ(RecordedDisks(71), 4u);
     EXPECT_EQ(OpenUploads(), std::vector<std::string>{});
+    // The store going away at any point of a deep verify of that stream: the verify fails
+    // with what the store did, never as if the stream ended early.
+    for (size_t cut = 0;; cut += 256) {
+        StoreThatDies store(cut);
+        r = Shell("AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsstream + " verify --deep " +
+                  Url("faults/71.stream"));
+        if (!store.died()) {
+            EXPECT_EQ(r.status, 0) << r.output;
+            break;
+        }
+        EXPECT_NE(r.status, 0) << cut << ": " << r.output;
+        EXPECT_EQ(r.output.find("ends before"), std::string::npos) << cut << ": " << r.output;
+        EXPECT_NE(r.output.find("object storage: "), std::string::npos) << cut << ": " << r.output;
+    }
 
     // A job that does not start stores no object; one with a failed item stores its
     // stream, which the next attempt resumes from, through the store.
@@ -363,6 +377,7 @@ TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
     EXPECT_NE(said.find("its upload was never completed: the 8388608 bytes of its parts stored are kept"),
               std::string::npos)
         << said;
+    EXPECT_NE(said.find(".idx: 1 disks, "), std::string::npos) << said;
     EXPECT_NE(said.find("0 disk(s) already read, 1 going on"), std::string::npos) << said;
     EXPECT_EQ(OpenUploads(), std::vector<std::string>{});
 
@@ -374,6 +389,9 @@ TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
     // Item 1's first attempt stored nothing (its upload aborted by the next); the kept
     // stream is cut off (restore exits 2); the third completes the disk.
     EXPECT_NE(said.find(items[0].streams[0] + ": no part of its upload was stored"), std::string::npos) << said;
+    r = Shell(kVsstream + " verify --deep " + items[0].streams[1]);
+    EXPECT_NE(r.output.find("index " + items[0].streams[1] + ".idx: matches the stream"), std::string::npos)
+        << r.output;
     const std::string restored = scratch.sub("r");
     std::set<std::string> objects;
     for (const auto& item : items) {
@@ -391,6 +409,9 @@ TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
                     vstest::ReadAll(images[i]))
             << vm.name;
     }
-    for (const std::string& key : client.Keys(Bucket(), "taken/"))
+    // Every stream has its index beside it, the kept one too; nothing else is there.
+    const auto keys = client.Keys(Bucket(), "taken/");
+    EXPECT_EQ(keys.size(), objects.size());
+    for (const std::string& key : keys)
         EXPECT_EQ(objects.count("s3://" + Bucket() + "/" + key), 1u) << key << " is not a stream of the job";
 }

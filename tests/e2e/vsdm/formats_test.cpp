@@ -159,6 +159,7 @@ TEST_F(VsdmFormats, EveryFormatIsBackedUpAtItsVMSnapshotAndRestoresAsQemuReadsIt
     img::WriteDelta({img::DeltaKind::SeSparse, d, {}, "db.vmdk", 0x66, 0x55}, f + "db-000001.vmdk");
     Add(vm, "db-000001.vmdk", {"db.vmdk"});
 
+    const auto volume = vstest::FileStates(ds1);
     const RunResult run = Backup(home.sub("full.bin"));
     EXPECT_EQ(run.status, 0) << run.output << vstest::ReadAll(home.sub("operator/Log Files/vsreader.log"));
     EXPECT_EQ(Leftovers(), 0u);
@@ -168,6 +169,7 @@ TEST_F(VsdmFormats, EveryFormatIsBackedUpAtItsVMSnapshotAndRestoresAsQemuReadsIt
         Shell(vstest::Vsstream() + " restore " + home.sub("full.bin") + " --to " + home.sub("restore"));
     ASSERT_EQ(restore.status, 0) << restore.output;
     ExpectRestored(home.sub("restore"));
+    EXPECT_EQ(vstest::FileStates(ds1), volume);  // nothing on the volume was made, removed or changed
     // The .vmx names the disk as restored (the delta it ran on is restored under its
     // base's name); every other line is as it was.
     std::string vmx = vstest::ReadAll(ds1 + "usual/usual.vmx");

@@ -4,6 +4,7 @@
 #include "vshost/home.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <ctime>
 
@@ -234,6 +235,28 @@ TEST(StreamWriter, ADiskIsRecordedAsReadOnlyOnceItsMarkerIsWritten) {
         ASSERT_EQ(recorded.size(), 1u);
         EXPECT_EQ(recorded[0].diskName, "disk0.vmdk");
         EXPECT_EQ(recorded[0].changeId, "change-1");
+    }
+    // A catalog that cannot take the disk at the close: the log says it is lost to the
+    // catalog, and why, not that the stream went away.
+    {
+        const auto sql = [&](const char* statement) {
+            sqlite3* db = nullptr;
+            ASSERT_EQ(sqlite3_open(home.sub("catalog.db").c_str(), &db), SQLITE_OK);
+            EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+            sqlite3_close(db);
+        };
+        vshost::LogCapture log;
+        StreamFile s(home.sub("vm2.stream"));
+        s.writer.SetJobId(79);
+        SendVM(s.writer, "vm1");
+        SendDisk(s.writer, "vm1", "disk0.vmdk", Pattern(4096, 3), 1024);
+        sql("ALTER TABLE job_disks RENAME TO job_disks_away");
+        EXPECT_EQ(s.writer.close(true), 0);
+        sql("ALTER TABLE job_disks_away RENAME TO job_disks");
+        EXPECT_TRUE(vshost::changetrack::JobDisks(79).empty());
+        EXPECT_EQ(log.Count("Cannot record [1] completed disk(s) and their digests: "), 1u) << log.Last();
+        EXPECT_EQ(log.Count("an incremental from this job reads them whole"), 1u) << log.Last();
+        EXPECT_FALSE(log.Contains("stream holding them is gone")) << log.Last();
     }
     // A target that takes nothing: the marker never lands, and nothing is recorded.
     CQiError err;
