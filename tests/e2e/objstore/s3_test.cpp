@@ -389,15 +389,14 @@ TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
     // Item 1's first attempt stored nothing (its upload aborted by the next); the kept
     // stream is cut off (restore exits 2); the third completes the disk.
     EXPECT_NE(said.find(items[0].streams[0] + ": no part of its upload was stored"), std::string::npos) << said;
-    r = Shell(kVsstream + " verify --deep " + items[0].streams[1]);
+    RunResult r = Shell(kVsstream + " verify --deep " + items[0].streams[1]);
     EXPECT_NE(r.output.find("index " + items[0].streams[1] + ".idx: matches the stream"), std::string::npos)
         << r.output;
     const std::string restored = scratch.sub("r");
     std::set<std::string> objects;
     for (const auto& item : items) {
         for (size_t i = item.itemNo == 1 ? 1 : 0; i < item.streams.size(); ++i) {
-            const RunResult r =
-                Shell(kVsstream + " restore " + item.streams[i] + (objects.empty() ? " --to " : " --onto ") + restored);
+            r = Shell(kVsstream + " restore " + item.streams[i] + (objects.empty() ? " --to " : " --onto ") + restored);
             EXPECT_EQ(r.status, item.itemNo == 1 && i == 1 ? 2 : 0) << item.streams[i] << r.output;
             objects.insert(item.streams[i]);
             objects.insert(item.streams[i] + ".idx");
