@@ -49,15 +49,11 @@ struct FileLevelReader : ProbePipe, DataReaderVMware {
     using DataReaderVMware::VMGuidVolGuidToVolumePathMap;
 };
 
-void Open(DataReaderVSBase& r, const vssample::SampleSnapshot& s) {
-    if (vstest::OpenSampleArchiveFile(r, s, kJob) != 0) std::abort();
-}
-
+// Prepared for items, then the sample's first archive file opened.
 template <typename Reader>
-void Prepare(Reader& r, const vssample::SampleSnapshot& s) {
-    if (r.Initialize() != 0) std::abort();
-    r.setShortClientName(s.mediaAgentName.c_str());
-    r.setVSInstanceType(static_cast<VirtualServerInstanceType>(s.instanceType));
+void Open(Reader& r, const vssample::SampleSnapshot& s) {
+    if (vstest::PrepareSample(r, s, s.instanceType) != 0 || vstest::OpenSampleArchiveFile(r, s, kJob) != 0)
+        std::abort();
 }
 
 struct Setup {
@@ -69,23 +65,10 @@ struct Setup {
         sample = vssample::GenerateSample(options);
 
         extent = std::make_unique<Probe>(&event, kJob);
-        Prepare(*extent, sample);
-        extent->SetSnapEngineID(sample.snapEngineId);
-        std::string list = sample.afileList;
-        extent->PreOpenArchiveFile(list.data());
         Open(*extent, sample);
-
         collection = std::make_unique<CollectionReader>(&event);
-        Prepare(*collection, sample);
-        collection->SetSnapEngineID(sample.snapEngineId);
-        list = sample.afileList;
-        collection->PreOpenArchiveFile(list.data());
         Open(*collection, sample);
-
         fileLevel = std::make_unique<FileLevelReader>(&event);
-        Prepare(*fileLevel, sample);
-        list = sample.afileList;
-        fileLevel->PreOpenArchiveFile(list.data(), 0ul);
         Open(*fileLevel, sample);
         extentTempFolders = extent->m_tempFolders.size();
         collectionTempFolders = collection->m_tempFolders.size();

@@ -1,6 +1,7 @@
 // Writes the seed corpora of the text-format fuzz targets: the files of a generated
 // sample snapshot, options XML made by the encoder, job files like the demo's, backup
 // XMLs written by the host's own writer, and items of each reader over the sample.
+#include "backup_info.h"
 #include "hostapi/archive.h"
 #include "hostapi/snapsrc.h"
 #include "hostapi/xmlfile.h"
@@ -21,14 +22,7 @@ void Write(const fs::path& p, const std::string& text) {
     std::ofstream(p, std::ios::binary) << text;
 }
 
-VirtualServer::VMInfo VM(const std::string& guid, int32_t clientId, int64_t jobId, const std::string& name) {
-    VirtualServer::VMInfo vm;
-    vm.sGuid = guid;
-    vm.nClientId = clientId;
-    vm.llJobId = jobId;
-    vm.sClientName = name;
-    return vm;
-}
+using vstest::VM;
 
 // Backup XMLs as the host writes them (one per backup job and one per VM), and by hand
 // in the other forms the loader accepts: absent values, additions it skips, comments,
@@ -39,8 +33,7 @@ void BackupXmlSeeds(const vssample::SampleSnapshot& s, const fs::path& dir) {
     backup.llJobId = s.snapJobId;
     int32_t clientId = 31;
     for (const std::string& ds : s.datastores) {
-        VirtualServer::VMDatastoreInfo datastore;
-        datastore.sName = ds;
+        VirtualServer::VMDatastoreInfo datastore = vstest::Datastore(ds, {});
         for (const vssample::SampleVM& vm : s.vms)
             for (const vssample::SampleDisk& disk : vm.disks)
                 if (disk.datastore == ds) {
@@ -55,11 +48,9 @@ void BackupXmlSeeds(const vssample::SampleSnapshot& s, const fs::path& dir) {
     CNMessageBase perVM(26, 13);
     VirtualServer::Backup one;
     one.llJobId = -9223372036854775807LL - 1;
-    VirtualServer::VMDatastoreInfo ds;
-    ds.sName = "ds <1> & \"2\"";
-    ds.vmInfoList.push_back(VM(s.vms.front().vcUuid, 2147483647, 9223372036854775807LL, ""));
-    ds.vmInfoList.push_back(VM("VM-A", -2147483647 - 1, 0, "a\tb"));
-    one.datastoreList.push_back(ds);
+    one.datastoreList.push_back(vstest::Datastore(
+        "ds <1> & \"2\"",
+        {VM(s.vms.front().vcUuid, 2147483647, 9223372036854775807LL, ""), VM("VM-A", -2147483647 - 1, 0, "a\tb")}));
     perVM.backupList = {one, VirtualServer::Backup{}};
     if (!vsXMLFile((dir / "vm").string()).Save(perVM)) throw std::runtime_error("cannot write a backup XML seed");
     if (!vsXMLFile((dir / "empty").string()).Save(CNMessageBase(26, 13)))

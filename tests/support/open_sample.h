@@ -40,18 +40,23 @@ inline int OpenSampleArchiveFile(DataReaderVSBase& r, const vssample::SampleSnap
 // A reader of the sample's job made ready for items as the data mover makes it:
 // initialised, named as the media agent, its instance type and snapshot engine set, the
 // sample's list of archive files pre-opened (the file-level reader takes it with its flag).
+// The first step's non-zero result, or 0.
 template <typename Reader>
-void PrepareOnSample(Reader& r, const vssample::SampleSnapshot& s, int instanceType = 102) {
-    ASSERT_EQ(r.Initialize(), 0);
+int PrepareSample(Reader& r, const vssample::SampleSnapshot& s, int instanceType = 102) {
+    if (const int rc = r.Initialize(); rc != 0) return rc;
     r.setShortClientName(s.mediaAgentName.c_str());
     r.setVSInstanceType(static_cast<VirtualServerInstanceType>(instanceType));
     std::string list = s.afileList;
     if constexpr (std::is_base_of_v<DataReaderVMware, Reader>) {
-        ASSERT_EQ(r.PreOpenArchiveFile(list.data(), 0ul), 0);
+        return static_cast<int>(r.PreOpenArchiveFile(list.data(), 0ul));
     } else {
-        ASSERT_EQ(r.SetSnapEngineID(s.snapEngineId), 0);
-        ASSERT_EQ(r.PreOpenArchiveFile(list.data()), 0);
+        if (const int rc = r.SetSnapEngineID(s.snapEngineId); rc != 0) return rc;
+        return r.PreOpenArchiveFile(list.data());
     }
+}
+template <typename Reader>
+void PrepareOnSample(Reader& r, const vssample::SampleSnapshot& s, int instanceType = 102) {
+    ASSERT_EQ(PrepareSample(r, s, instanceType), 0);
 }
 
 // Prepared, then the sample's first archive file opened.

@@ -3,7 +3,11 @@
 // life of the test program. Without either, the tests that need it are skipped, loudly.
 #pragma once
 
+#include "vsobj/s3.h"
+
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -43,6 +47,16 @@ public:
 private:
     std::string m_dir;
 };
+
+// This test program's bucket, made on first use.
+inline std::string Bucket() {
+    static const std::string bucket = [] {
+        const std::string name = "vstest-" + std::to_string(::getpid());
+        vsobj::S3Client(vsobj::SettingsFromEnvironment()).CreateBucket(name);
+        return name;
+    }();
+    return bucket;
+}
 
 }  // namespace vstest
 

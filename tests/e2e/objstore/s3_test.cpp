@@ -2,6 +2,7 @@
 // them, vsstream reads them back; a store that goes away mid-run fails the job and
 // records nothing; nothing is left in the bucket but whole objects.
 #include "disk_images.h"
+#include "relay.h"
 #include "run_support.h"
 #include "s3_server.h"
 #include "stream_support.h"
@@ -14,17 +15,11 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -42,14 +37,7 @@ const std::string kVsstream = vstest::Vsstream();
 
 ::testing::Environment* const g_s3 = ::testing::AddGlobalTestEnvironment(new vstest::S3Server);
 
-std::string Bucket() {
-    static const std::string bucket = [] {
-        const std::string name = "vsdm-" + std::to_string(::getpid());
-        vsobj::S3Client(vsobj::SettingsFromEnvironment()).CreateBucket(name);
-        return name;
-    }();
-    return bucket;
-}
+using vstest::Bucket;
 
 std::string Url(const std::string& key) {
     return "s3://" + Bucket() + "/" + key;
@@ -82,129 +70,19 @@ void Download(const std::string& key, const std::string& path) {
     }
 }
 
-std::vector<std::string> Items(const vssample::SampleSnapshot& s) {
-    return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
-}
-
 size_t RecordedDisks(int64_t job) {
     return vshost::changetrack::JobDisks(job).size();
 }
 
-// The store's network end as vsdm sees it: bytes pass both ways to the real gateway
-// until the client has sent `cutAfter` of them; then every connection is dropped and no
-// new one is taken, as when the store's process is killed (Die), or one byte of a
-// request body sent after that point is flipped on its way, once (Damage), or the
-// client's bytes are no longer taken, its requests hanging, while the store's answers
-// still pass (Stall). A true process boundary; the store behind it stays up for the
-// other tests.
-enum class Fault { Die, Damage, Stall };
-
-class StoreThatDies {
-public:
-    explicit StoreThatDies(size_t cutAfter, Fault fault = Fault::Die) : m_cutAfter(cutAfter), m_fault(fault) {
+// The store's network end as vsdm sees it, failing once vsdm has sent `cutAfter` bytes.
+struct StoreThatDies : vstest::Relay {
+    explicit StoreThatDies(size_t cutAfter, vstest::Fault fault = vstest::Fault::Die)
+        : Relay({}, {"", Port()}, cutAfter, fault) {}
+    std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(end().port); }
+    static int Port() {
         const std::string endpoint = std::getenv("AWS_ENDPOINT_URL");
-        m_upstreamPort = std::stoi(endpoint.substr(endpoint.rfind(':') + 1));
-        m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        if (::bind(m_listen, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(m_listen, 8) != 0 ||
-            ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-            throw std::runtime_error("relay: cannot listen");
-        m_port = ntohs(a.sin_port);
-        m_thread = std::thread([this] { Loop(); });
+        return std::stoi(endpoint.substr(endpoint.rfind(':') + 1));
     }
-    ~StoreThatDies() {
-        m_stop = true;
-        m_thread.join();
-    }
-    std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(m_port); }
-    bool died() const { return m_died; }
-    bool damaged() const { return m_damaged; }
-    bool stalled() const { return m_stalled; }
-
-private:
-    int Upstream() const {
-        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = htons(static_cast<uint16_t>(m_upstreamPort));
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-            ::close(fd);
-            return -1;
-        }
-        return fd;
-    }
-    void Loop() {
-        struct Pair {
-            int fd[2];     // client, store
-            bool open[2];  // still reading from that side
-        };
-        std::vector<Pair> pairs;
-        size_t sent = 0;
-        char buf[65536];
-        while (!m_stop && !m_died) {
-            // Poll only what is listed now: a connection accepted below waits for the next round.
-            std::vector<pollfd> fds{{m_listen, POLLIN, 0}};
-            for (const auto& p : pairs)
-                for (int side = 0; side < 2; ++side)
-                    fds.push_back({p.open[side] && !(side == 0 && m_stalled) ? p.fd[side] : -1, POLLIN, 0});
-            const size_t polled = pairs.size();
-            if (::poll(fds.data(), fds.size(), 50) <= 0) continue;
-            if (fds[0].revents & POLLIN) {
-                const int c = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
-                const int u = c >= 0 ? Upstream() : -1;
-                if (u >= 0)
-                    pairs.push_back({{c, u}, {true, true}});
-                else if (c >= 0)
-                    ::close(c);
-            }
-            for (size_t i = 0; i < polled && !m_died; ++i) {
-                for (int side = 0; side < 2; ++side) {
-                    if (!(fds[1 + 2 * i + side].revents & (POLLIN | POLLHUP))) continue;
-                    const int from = pairs[i].fd[side];
-                    const int to = pairs[i].fd[1 - side];
-                    const ssize_t n = ::read(from, buf, sizeof buf);
-                    if (n <= 0) {
-                        ::shutdown(to, SHUT_WR);
-                        pairs[i].open[side] = false;
-                        continue;
-                    }
-                    if (side == 0 && (sent += static_cast<size_t>(n)) > m_cutAfter && !m_damaged) {
-                        // A full read deep into a body is body bytes, never headers.
-                        if (m_fault == Fault::Stall) {
-                            m_stalled = true;
-                        } else if (m_fault == Fault::Die) {
-                            m_died = true;
-                            break;
-                        }
-                        if (m_fault == Fault::Damage && n == sizeof buf && sent > m_cutAfter + 4 * sizeof buf) {
-                            buf[n - 1] = static_cast<char>(buf[n - 1] ^ 1);
-                            m_damaged = true;
-                        }
-                    }
-                    (void)!::write(to, buf, static_cast<size_t>(n));
-                }
-            }
-        }
-        // Gone: every connection reset, the port closed.
-        for (const auto& p : pairs) {
-            const linger hard{1, 0};
-            ::setsockopt(p.fd[0], SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-            ::close(p.fd[0]);
-            ::close(p.fd[1]);
-        }
-        ::close(m_listen);
-    }
-
-    size_t m_cutAfter;
-    Fault m_fault;
-    std::atomic<bool> m_damaged{false}, m_stalled{false};
-    int m_upstreamPort = 0, m_listen = -1, m_port = 0;
-    std::atomic<bool> m_stop{false}, m_died{false};
-    std::thread m_thread;
 };
 
 }  // namespace
@@ -215,7 +93,7 @@ TEST(VsdmObjectStore, StreamsAndSetsGoToObjectsAndRestoreAsLocalOnes) {
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     for (int job : {61, 62, 63})
         std::ofstream(home.sub(std::to_string(job) + ".json"))
-            << vstest::SampleJob(home, s, job, Items(s), true).dump();
+            << vstest::SampleJob(home, s, job, vstest::ThreeItems(s), true).dump();
     // The keys from the home's settings, the secret in its stored form; the AWS_*
     // variables of the endpoint alone.
     const std::string secret = vstest::Secret(std::getenv("AWS_SECRET_ACCESS_KEY"));
@@ -331,7 +209,7 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     const vssample::SampleSnapshot s = vssample::GenerateSample();
     for (int job : {71, 72, 73})
         std::ofstream(home.sub(std::to_string(job) + ".json"))
-            << vstest::SampleJob(home, s, job, Items(s), true).dump();
+            << vstest::SampleJob(home, s, job, vstest::ThreeItems(s), true).dump();
     const std::string out = " --out " + Url("faults/71.stream");
 
     // No store at all: the job cannot start, and says why.
@@ -366,7 +244,7 @@ TEST(VsdmObjectStore, AStoreThatGoesAwayFailsTheJobRecordsNothingAndTheNextRunGo
     // A part damaged on its way is refused by the store, which checks each body's
     // SHA-256; the upload is aborted and nothing recorded.
     {
-        StoreThatDies store(4096, Fault::Damage);
+        StoreThatDies store(4096, vstest::Fault::Damage);
         r = Shell("AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm + " run " + home.sub("71.json") + out);
         EXPECT_TRUE(store.damaged());
     }
@@ -445,20 +323,9 @@ TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
     vssample::SampleOptions options;
     options.snapJobId = 78;
     const vssample::SampleSnapshot s = vssample::GenerateImagesSnapshot(images, options);
-    std::vector<std::string> homes;
-    for (const char* name : {"a", "b", "c"}) {
-        homes.push_back(scratch.sub(name));
-        fs::create_directory(homes.back());
-        std::ofstream(homes.back() + "/settings.ini")
-            << "[Catalog]\nsConnection=file:" << scratch.sub("shared.db") << "\nnLeaseSeconds=2\n";
-    }
-    RunResult r =
-        Shell(kVsdm + " snapshot add --snap-job 78 ds1=" + scratch.sub("Snapshots/78/ds1") + " --home " + homes[0]);
-    ASSERT_EQ(r.status, 0) << r.output;
-    r = Shell("(" + kVsdm + " job create --snapshot 78 --out " + Url("taken/") + " --home " + homes[1] +
-              " 2>/dev/null)");
-    ASSERT_EQ(r.status, 0) << r.output;
-    const std::string job = r.output.substr(0, r.output.find('\n'));
+    const std::vector<std::string> homes =
+        vstest::SharedHomes(scratch, "file:" + scratch.sub("shared.db"), 78, "ds1=" + scratch.sub("Snapshots/78/ds1"));
+    const std::string job = vstest::CreateJob(homes[1], 78, "--out " + Url("taken/"));
     vshost::OpenHome(homes[1]);
     const auto state = [&] {
         std::string text;
@@ -484,7 +351,7 @@ TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
         // Worker a takes item 1; the store stops taking its bytes inside the second part.
         // Once the first is stored, b and c start, do the other items and wait on item 1;
         // then a is killed.
-        StoreThatDies store(12u << 20, Fault::Stall);
+        StoreThatDies store(12u << 20, vstest::Fault::Stall);
         const pid_t a = vstest::StartShell("env AWS_ENDPOINT_URL=" + store.endpoint() + " " + kVsdm +
                                                " worker --once --job " + job + " --home " + homes[0],
                                            scratch.sub("a.out"));
@@ -522,7 +389,7 @@ TEST(VsdmObjectStore, ThreeWorkersOneKilledMidUploadBackUpEveryDiskOnce) {
     // Item 1's first attempt stored nothing (its upload aborted by the next); the kept
     // stream is cut off (restore exits 2); the third completes the disk.
     EXPECT_NE(said.find(items[0].streams[0] + ": no part of its upload was stored"), std::string::npos) << said;
-    r = Shell(kVsstream + " verify --deep " + items[0].streams[1]);
+    RunResult r = Shell(kVsstream + " verify --deep " + items[0].streams[1]);
     EXPECT_NE(r.output.find("index " + items[0].streams[1] + ".idx: matches the stream"), std::string::npos)
         << r.output;
     const std::string restored = scratch.sub("r");

@@ -12,12 +12,18 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -80,6 +86,11 @@ inline nlohmann::json SampleJob(const TempHome& home, const vssample::SampleSnap
     return job;
 }
 
+// Two VMs whole and one disk of a third: items of every kind a job's streams share out.
+inline std::vector<std::string> ThreeItems(const vssample::SampleSnapshot& s) {
+    return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
+}
+
 inline void WriteJob(const TempHome& home, const std::string& name, const nlohmann::json& job) {
     std::ofstream(home.sub(name)) << job.dump();
 }
@@ -100,41 +111,112 @@ inline std::map<std::string, std::string> Tree(const std::string& folder) {
     return out;
 }
 
-// vsdm writing into a FIFO that this test reads at its own pace: the job can be
-// caught at a known point of its stream and signalled there.
+// Homes a, b and c of one catalog (`catalog`: its connection), leases of 2 s, snapshot
+// `snapJob` registered from a with its datastores `datastores` ("ds1=FOLDER ...").
+inline std::vector<std::string> SharedHomes(const TempHome& scratch, const std::string& catalog, int snapJob,
+                                            const std::string& datastores) {
+    std::vector<std::string> homes;
+    for (const char* name : {"a", "b", "c"}) {
+        homes.push_back(scratch.sub(name));
+        std::filesystem::create_directory(homes.back());
+        std::ofstream(homes.back() + "/settings.ini") << "[Catalog]\nsConnection=" << catalog << "\nnLeaseSeconds=2\n";
+    }
+    const RunResult added = Shell(Vsdm() + " snapshot add --snap-job " + std::to_string(snapJob) + " " + datastores +
+                                  " --home " + homes[0]);
+    if (added.status != 0) throw std::runtime_error(added.output);
+    return homes;
+}
+
+// A shared job of snapshot `snapJob` created from `home`: its id, as vsdm job create prints it.
+inline std::string CreateJob(const std::string& home, int snapJob, const std::string& args) {
+    const RunResult created = Shell("(" + Vsdm() + " job create --snapshot " + std::to_string(snapJob) + " " + args +
+                                    " --home " + home + " 2>/dev/null)");
+    if (created.status != 0) throw std::runtime_error(created.output);
+    return created.output.substr(0, created.output.find('\n'));
+}
+
+// A FIFO that a writer (vsdm, one of its stream processes, a worker) writes its stream
+// into and this test reads at its own pace, so that the writer can be caught at a known
+// point of its stream and signalled there. Made and opened before the writer starts, so
+// that the writer's open goes on; `pipeBytes` shrinks the pipe so that the writer waits on
+// every page.
+class HeldFifo {
+public:
+    explicit HeldFifo(std::string path, int pipeBytes = 0) : m_path(std::move(path)) {
+        ::unlink(m_path.c_str());
+        if (mkfifo(m_path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo " + m_path);
+        m_fd = open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (m_fd < 0 || (pipeBytes > 0 && fcntl(m_fd, F_SETPIPE_SZ, pipeBytes) < 0))
+            throw std::runtime_error("FIFO " + m_path);
+        m_chunk = pipeBytes > 0 ? static_cast<size_t>(pipeBytes) : 65536;
+    }
+    ~HeldFifo() {
+        if (m_fd >= 0) close(m_fd);
+    }
+    HeldFifo(const HeldFifo&) = delete;
+    HeldFifo& operator=(const HeldFifo&) = delete;
+
+    // One read of at most `most` bytes: how many it took, 0 when none wait, -1 at the end
+    // of the stream (once a writer came and went: a FIFO nobody opened yet reads as empty).
+    ssize_t ReadSome(size_t most = SIZE_MAX) {
+        std::vector<char> buf(std::min(most, m_chunk));
+        const ssize_t n = m_fd < 0 ? 0 : read(m_fd, buf.data(), buf.size());
+        if (n > 0) m_bytes.append(buf.data(), static_cast<size_t>(n));
+        if (n > 0 || (n < 0 && errno == EAGAIN) || (n == 0 && m_bytes.empty())) return std::max<ssize_t>(n, 0);
+        return -1;
+    }
+    // Reads until `enough` holds for what was read, at most `cap` bytes in all; false if
+    // the stream ended (or stayed idle for a minute) first.
+    bool ReadUntil(const std::function<bool(const std::string&)>& enough, size_t cap = SIZE_MAX) {
+        for (int idle = 0; idle < 60000;) {
+            if (enough(m_bytes)) return true;
+            const ssize_t n = ReadSome(cap - m_bytes.size());
+            if (n < 0) return false;
+            pollfd pfd{m_fd, POLLIN, 0};
+            if (n == 0) idle += poll(&pfd, 1, 1) == 0 ? 1 : 0;
+        }
+        return false;
+    }
+    bool ReadTo(size_t bytes) {
+        return ReadUntil([bytes](const std::string& b) { return b.size() >= bytes; }, bytes);
+    }
+    // Reads until the writer closes the stream.
+    void Drain() {
+        ReadUntil([](const std::string&) { return false; });
+    }
+    // Leaves what was read as a regular file in the FIFO's place: the stream's file.
+    const std::string& KeepAsFile() {
+        close(m_fd);
+        m_fd = -1;
+        unlink(m_path.c_str());
+        WriteFile(m_path, m_bytes);
+        return m_bytes;
+    }
+    const std::string& bytes() const { return m_bytes; }
+
+private:
+    std::string m_path;
+    int m_fd = -1;
+    size_t m_chunk = 65536;
+    std::string m_bytes;
+};
+
+// vsdm run with its stream into a HeldFifo.
 class SlowConsumerRun {
 public:
-    SlowConsumerRun(const TempHome& home, const std::string& jobFile) : m_errPath(home.sub("run.err")) {
-        const std::string fifo = home.sub("stream.fifo");
-        ::unlink(fifo.c_str());
-        if (mkfifo(fifo.c_str(), 0600) != 0) return;
-        m_read = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // so that vsdm's open does not wait
-        m_pid = StartShell(Vsdm() + " run " + jobFile + " --out " + fifo, m_errPath);
+    SlowConsumerRun(const TempHome& home, const std::string& jobFile)
+        : m_errPath(home.sub("run.err")), m_fifo(home.sub("stream.fifo")) {
+        m_pid = StartShell(Vsdm() + " run " + jobFile + " --out " + home.sub("stream.fifo"), m_errPath);
     }
     ~SlowConsumerRun() {
         if (m_pid > 0) {
             kill(m_pid, SIGKILL);
             waitpid(m_pid, nullptr, 0);
         }
-        if (m_read >= 0) close(m_read);
     }
-    bool started() const { return m_pid > 0 && m_read >= 0; }
-
+    bool started() const { return m_pid > 0; }
     // Reads until the stream holds at least `bytes` (false if it ended first).
-    bool ReadUntil(size_t bytes) {
-        pollfd pfd{m_read, POLLIN, 0};
-        if (m_stream.empty()) {
-            if (poll(&pfd, 1, 30000) != 1) return false;
-            fcntl(m_read, F_SETFL, 0);
-        }
-        std::array<char, 65536> buf{};
-        while (m_stream.size() < bytes) {
-            const ssize_t n = read(m_read, buf.data(), std::min(buf.size(), bytes - m_stream.size()));
-            if (n <= 0) return false;
-            m_stream.append(buf.data(), static_cast<size_t>(n));
-        }
-        return true;
-    }
+    bool ReadUntil(size_t bytes) { return m_fifo.ReadTo(bytes); }
     // Sends `signal` while vsdm waits on this consumer, takes the rest, and returns the
     // wait status.
     int SignalAndDrain(int signal) {
@@ -144,22 +226,19 @@ public:
     }
     // Takes the rest of the stream and returns the wait status.
     int Drain() {
-        std::array<char, 65536> buf{};
-        ssize_t n = 0;
-        while ((n = read(m_read, buf.data(), buf.size())) > 0) m_stream.append(buf.data(), static_cast<size_t>(n));
+        m_fifo.Drain();
         int wstatus = 0;
         waitpid(m_pid, &wstatus, 0);
         m_pid = -1;
         return wstatus;
     }
-    const std::string& stream() const { return m_stream; }
+    const std::string& stream() const { return m_fifo.bytes(); }
     std::string errors() const { return ReadAll(m_errPath); }
 
 private:
     std::string m_errPath;
-    int m_read = -1;
+    HeldFifo m_fifo;
     pid_t m_pid = -1;
-    std::string m_stream;
 };
 
 }  // namespace vstest

@@ -12,13 +12,10 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <array>
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -34,10 +31,6 @@ using vstest::Tree;
 
 const std::string kVsdm = vstest::Vsdm();
 const std::string kVsstream = vstest::Vsstream();
-
-std::vector<std::string> Items(const vssample::SampleSnapshot& s) {
-    return {s.vm("web01").biosUuid, s.vm("db01").biosUuid, s.vm("fs01").biosUuid + "\\fs01_data.img"};
-}
 
 TEST(VsdmStreams, SplitBalancesExpectedBytesAndDealsTheRestRoundRobin) {
     std::vector<vsdm::JobItem> items(5);
@@ -65,8 +58,8 @@ TEST(VsdmStreams, SplitBalancesExpectedBytesAndDealsTheRestRoundRobin) {
 TEST(VsdmStreams, TwoStreamsRestoreTheSameTreeAsOneAndRecordEveryDisk) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    std::ofstream(home.sub("one.json")) << vstest::SampleJob(home, s, 51, Items(s), true).dump();
-    std::ofstream(home.sub("two.json")) << vstest::SampleJob(home, s, 52, Items(s), true).dump();
+    std::ofstream(home.sub("one.json")) << vstest::SampleJob(home, s, 51, vstest::ThreeItems(s), true).dump();
+    std::ofstream(home.sub("two.json")) << vstest::SampleJob(home, s, 52, vstest::ThreeItems(s), true).dump();
 
     RunResult r = Shell(kVsdm + " run " + home.sub("one.json") + " --out " + home.sub("one.stream"));
     ASSERT_EQ(r.status, 0) << r.output;
@@ -170,84 +163,38 @@ pid_t StreamProcess(pid_t parent, int number) {
     return -1;
 }
 
-// The streams of a set made FIFOs, so that the test holds every stream process in the
-// middle of its stream for as long as it likes.
-class HeldStreams {
-public:
-    HeldStreams(const std::string& set, int count) {
-        for (int k = 1; k <= count; ++k) {
-            const std::string path = set + "." + std::to_string(k);
-            if (mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo " + path);
-            m_paths.push_back(path);
-            m_fds.push_back(
-                open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // so that the writer's open goes on
-            m_data.emplace_back();
-        }
+// The streams of set `set` held as FIFOs, so that the test holds every stream process in
+// the middle of its stream for as long as it likes.
+struct HeldSet {
+    explicit HeldSet(const std::string& set) {
+        for (const char* k : {".1", ".2"}) fifos.emplace_back(set + k);
     }
-    ~HeldStreams() {
-        for (int fd : m_fds)
-            if (fd >= 0) close(fd);
-    }
-    // Until every stream has begun (some bytes in each FIFO).
+    // Until every stream has begun: one read of each, as reading a FIFO empty could take a
+    // fast stream whole.
     bool AllBegun() {
-        for (int i = 0; i < 30000; ++i) {
-            bool all = true;
-            for (size_t k = 0; k < m_fds.size(); ++k) {
-                // One read only: reading until the FIFO is empty could take a fast stream whole.
-                if (m_data[k].empty()) Take(k, true);  // a stream that began is left to fill its FIFO and wait
-                all = all && !m_data[k].empty();
-            }
-            if (all) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return false;
+        return std::all_of(fifos.begin(), fifos.end(), [](vstest::HeldFifo& f) {
+            return f.ReadUntil([](const std::string& b) { return !b.empty(); });
+        });
     }
-    // Reads every stream to its end and leaves what was read as a regular file in the
-    // FIFO's place.
+    // Reads every stream to its end, all at once, and keeps each as a file.
     void DrainIntoFiles() {
         for (bool open = true; open;) {
             open = false;
-            for (size_t k = 0; k < m_fds.size(); ++k)
-                if (m_fds[k] >= 0) open = Take(k) || open;
+            for (auto& f : fifos) open = f.ReadSome() >= 0 || open;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        for (size_t k = 0; k < m_paths.size(); ++k) {
-            unlink(m_paths[k].c_str());
-            std::ofstream(m_paths[k], std::ios::binary) << m_data[k];
-        }
+        for (auto& f : fifos) f.KeepAsFile();
     }
-
-private:
-    // False at the end of stream k. `once`: at most one read.
-    bool Take(size_t k, bool once = false) {
-        std::array<char, 65536> buf{};
-        for (;;) {
-            const ssize_t n = read(m_fds[k], buf.data(), buf.size());
-            if (n > 0) {
-                m_data[k].append(buf.data(), static_cast<size_t>(n));
-                if (once) return true;
-                continue;
-            }
-            if (n < 0 && errno == EAGAIN) return true;
-            // EOF: only once a writer came and went (a FIFO nobody opened reads as EOF too).
-            if (n == 0 && m_data[k].empty()) return true;
-            close(m_fds[k]);
-            m_fds[k] = -1;
-            return false;
-        }
-    }
-    std::vector<std::string> m_paths;
-    std::vector<int> m_fds;
-    std::vector<std::string> m_data;
+    std::deque<vstest::HeldFifo> fifos;
 };
 
 TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
     vstest::TempHome home;
     const vssample::SampleSnapshot s = vssample::GenerateSample();
-    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 54, Items(s), true).dump();
+    std::ofstream(home.sub("job.json")) << vstest::SampleJob(home, s, 54, vstest::ThreeItems(s), true).dump();
 
     {
-        HeldStreams held(home.sub("k"), 2);
+        HeldSet held(home.sub("k"));
         const pid_t parent = vstest::StartShell(
             kVsdm + " run " + home.sub("job.json") + " --streams 2 --out " + home.sub("k"), home.sub("k.err"));
         ASSERT_GT(parent, 0);
@@ -270,7 +217,7 @@ TEST(VsdmStreams, AKilledStreamFailsTheRunAndSignalsReachEveryStream) {
 
     // SIGTERM to the parent stops every stream in the middle; the run says it stopped.
     {
-        HeldStreams held(home.sub("t"), 2);
+        HeldSet held(home.sub("t"));
         const pid_t parent = vstest::StartShell(
             kVsdm + " run " + home.sub("job.json") + " --streams 2 --out " + home.sub("t"), home.sub("t.err"));
         ASSERT_GT(parent, 0);

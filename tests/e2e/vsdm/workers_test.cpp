@@ -2,6 +2,7 @@
 // the homes share, or PostgreSQL): one is killed in the middle of its item, its lease
 // expires, another worker goes on from its stream, and every VM is backed up once.
 #include "catalog_backend.h"
+#include "relay.h"
 #include "run_support.h"
 #include "stream_support.h"
 
@@ -13,17 +14,9 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <libpq-fe.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <optional>
 #include <set>
@@ -52,59 +45,18 @@ std::vector<std::string> CompletedDisks(const std::string& bytes) {
 }
 
 // The stream a worker writes into a FIFO, its pipe kept to one page so that the worker
-// waits on every page. Opened before the worker starts, so that nothing is written before
-// the pipe is made small.
-class HeldStream {
-public:
-    explicit HeldStream(std::string path) : m_path(std::move(path)) {
-        if (mkfifo(m_path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo " + m_path);
-        m_fd = open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        if (m_fd < 0 || fcntl(m_fd, F_SETPIPE_SZ, 4096) < 0) throw std::runtime_error("FIFO " + m_path);
+// waits on every page.
+struct HeldStream : vstest::HeldFifo {
+    explicit HeldStream(const std::string& path) : HeldFifo(path, 4096), m_path(path) {}
+    // Reads until the stream holds one disk whole and an extent of the next.
+    void ReadIntoTheSecondDisk() {
+        ReadUntil([this](const std::string& bytes) { return InTheSecondDisk(bytes); });
     }
-    ~HeldStream() {
-        if (m_fd >= 0) close(m_fd);
-    }
-    HeldStream(const HeldStream&) = delete;
-    HeldStream& operator=(const HeldStream&) = delete;
-
-    // Reads until the stream holds one disk whole and an extent of the next, kills the
-    // worker, and leaves what was read as a regular file in the FIFO's place: the stream
-    // of a worker that died there.
+    // The same, then kills the worker and keeps the stream of a worker that died there.
     std::string CutInTheSecondDisk(pid_t worker) {
         ReadIntoTheSecondDisk();
         kill(worker, SIGKILL);
         return KeepAsFile();
-    }
-    // The same, without killing the worker.
-    void ReadIntoTheSecondDisk() {
-        char buf[4096];
-        for (int i = 0; i < 60000 && !InTheSecondDisk(m_bytes); ++i) {
-            const ssize_t n = read(m_fd, buf, sizeof buf);
-            if (n > 0)
-                m_bytes.append(buf, static_cast<size_t>(n));
-            else
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-    // Reads on until the worker closes the stream (its attempt ended).
-    void DrainToEnd() {
-        char buf[4096];
-        for (int i = 0; i < 60000; ++i) {
-            const ssize_t n = read(m_fd, buf, sizeof buf);
-            if (n == 0) return;
-            if (n > 0)
-                m_bytes.append(buf, static_cast<size_t>(n));
-            else
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    }
-    // Leaves what was read as a regular file in the FIFO's place, as the stream's file.
-    std::string KeepAsFile() {
-        close(m_fd);
-        m_fd = -1;
-        unlink(m_path.c_str());
-        vstest::WriteFile(m_path, m_bytes);
-        return m_bytes;
     }
 
 private:
@@ -120,136 +72,23 @@ private:
         return false;
     }
     std::string m_path;
-    int m_fd = -1;
-    std::string m_bytes;
 };
 
-// The database server's end as the workers see it: a Unix socket in `dir` (libpq's
-// DIR/.s.PGSQL.PORT) whose connections pass to the server `server` names, until Down()
-// cuts every one of them and refuses new ones, as when the server is killed; Up() lets
-// them through again. A true process boundary: the server behind it stays up.
-class DatabaseRelay {
-public:
-    DatabaseRelay(const std::string& server, std::string dir) : m_dir(std::move(dir)) {
-        char* error = nullptr;
-        PQconninfoOption* options = PQconninfoParse(server.c_str(), &error);
-        PQfreemem(error);
-        std::string host, port = "5432";
-        for (const PQconninfoOption* o = options; o && o->keyword; ++o) {
-            if (o->val && std::string(o->keyword) == "host") host = o->val;
-            if (o->val && *o->val && std::string(o->keyword) == "port") port = o->val;
-        }
-        PQconninfoFree(options);
-        if (host.empty() || host[0] != '/') throw std::runtime_error("VS_TEST_PG names no Unix socket: " + server);
-        m_upstream = host + "/.s.PGSQL." + port;
-        m_port = port;
-        fs::create_directory(m_dir);
-        Listen();
-        m_thread = std::thread([this] { Loop(); });
+// The Unix socket the PostgreSQL server `server` names listens on (libpq's
+// DIR/.s.PGSQL.PORT), and its port.
+std::pair<std::string, std::string> PgSocket(const std::string& server) {
+    char* error = nullptr;
+    PQconninfoOption* options = PQconninfoParse(server.c_str(), &error);
+    PQfreemem(error);
+    std::string host, port = "5432";
+    for (const PQconninfoOption* o = options; o && o->keyword; ++o) {
+        if (o->val && std::string(o->keyword) == "host") host = o->val;
+        if (o->val && *o->val && std::string(o->keyword) == "port") port = o->val;
     }
-    ~DatabaseRelay() {
-        m_stop = true;
-        m_thread.join();
-    }
-    DatabaseRelay(const DatabaseRelay&) = delete;
-    DatabaseRelay& operator=(const DatabaseRelay&) = delete;
-
-    // `conninfo` through the relay (in a connection string, the last of a keyword wins).
-    std::string Through(const std::string& conninfo) const { return conninfo + " host=" + m_dir + " port=" + m_port; }
-    void Down() { Want(true); }
-    void Up() { Want(false); }
-
-private:
-    static sockaddr_un Address(const std::string& path) {
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        if (path.size() >= sizeof a.sun_path) throw std::runtime_error("too long for a socket: " + path);
-        std::memcpy(a.sun_path, path.c_str(), path.size() + 1);
-        return a;
-    }
-    void Listen() {
-        const std::string path = m_dir + "/.s.PGSQL." + m_port;
-        ::unlink(path.c_str());
-        const sockaddr_un a = Address(path);
-        m_listen = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (::bind(m_listen, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 || ::listen(m_listen, 16) != 0)
-            throw std::runtime_error("relay: cannot listen on " + path);
-    }
-    int Upstream() const {
-        const sockaddr_un a = Address(m_upstream);
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (::connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) {
-            ::close(fd);
-            return -1;
-        }
-        return fd;
-    }
-    void Want(bool down) {
-        m_wantDown = down;
-        while (m_isDown != down) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    static void Close(const std::array<int, 2>& pair) {
-        ::close(pair[0]);
-        ::close(pair[1]);
-    }
-    static bool Pass(int from, int to) {
-        char buf[65536];
-        const ssize_t n = ::read(from, buf, sizeof buf);
-        for (ssize_t off = 0; n > 0 && off < n;) {
-            const ssize_t w = ::write(to, buf + off, static_cast<size_t>(n - off));
-            if (w <= 0) return false;
-            off += w;
-        }
-        return n > 0;
-    }
-    void Loop() {
-        std::vector<std::array<int, 2>> pairs;  // client, server
-        while (!m_stop) {
-            if (m_wantDown != m_isDown) {
-                // Killed: every session ends, and the socket is left with no one behind it.
-                for (const auto& p : pairs) Close(p);
-                pairs.clear();
-                if (m_wantDown) {
-                    ::close(m_listen);
-                    m_listen = -1;
-                } else {
-                    Listen();
-                }
-                m_isDown = m_wantDown.load();
-            }
-            std::vector<pollfd> fds{{m_listen, POLLIN, 0}};
-            for (const auto& p : pairs) fds.insert(fds.end(), {{p[0], POLLIN, 0}, {p[1], POLLIN, 0}});
-            if (::poll(fds.data(), fds.size(), 20) <= 0) continue;
-            std::vector<std::array<int, 2>> kept;
-            for (size_t i = 0; i < pairs.size(); ++i) {
-                bool open = true;
-                for (int side = 0; side < 2 && open; ++side)
-                    if (fds[1 + 2 * i + side].revents & (POLLIN | POLLHUP | POLLERR))
-                        open = Pass(pairs[i][side], pairs[i][1 - side]);
-                if (open)
-                    kept.push_back(pairs[i]);
-                else
-                    Close(pairs[i]);
-            }
-            pairs = std::move(kept);
-            if (fds[0].revents & POLLIN) {
-                const int c = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
-                const int u = c >= 0 ? Upstream() : -1;
-                if (u >= 0)
-                    pairs.push_back({c, u});
-                else if (c >= 0)
-                    ::close(c);
-            }
-        }
-        for (const auto& p : pairs) Close(p);
-        if (m_listen >= 0) ::close(m_listen);
-    }
-
-    std::string m_dir, m_upstream, m_port;
-    int m_listen = -1;
-    std::atomic<bool> m_stop{false}, m_wantDown{false}, m_isDown{false};
-    std::thread m_thread;
-};
+    PQconninfoFree(options);
+    if (host.empty() || host[0] != '/') throw std::runtime_error("VS_TEST_PG names no Unix socket: " + server);
+    return {host + "/.s.PGSQL." + port, port};
+}
 
 // Homes a, b and c of one catalog (a SQLite file they share, or this test's PostgreSQL
 // schema), leases of 2 s, and snapshot 77 (a fleet of `vms` VMs) registered from a.
@@ -265,26 +104,14 @@ Cluster MakeCluster(const vstest::TempHome& scratch, const std::string& catalog,
     small.diskSize = 4u << 20;
     c.s = vssample::GenerateFleet(vms, small);
     const std::string vols = scratch.sub("Snapshots/" + std::to_string(c.s.snapJobId));
-    for (const char* name : {"a", "b", "c"}) {
-        c.homes.push_back(scratch.sub(name));
-        fs::create_directory(c.homes.back());
-        std::ofstream(c.homes.back() + "/settings.ini")
-            << "[Catalog]\nsConnection=" << catalog << "\nnLeaseSeconds=2\n";
-    }
+    c.homes = vstest::SharedHomes(scratch, catalog, 77, "ds1=" + vols + "/ds1 ds2=" + vols + "/ds2");
     c.out = scratch.sub("out/");
     fs::create_directory(c.out);
-    const vstest::RunResult added = Shell(vstest::Vsdm() + " snapshot add --snap-job 77 ds1=" + vols +
-                                          "/ds1 ds2=" + vols + "/ds2 --home " + c.homes[0]);
-    if (added.status != 0) throw std::runtime_error(added.output);
     return c;
 }
 
-// The job's id, as vsdm job create prints it on standard output.
 std::string CreateJob(const Cluster& c, const std::string& args) {
-    const vstest::RunResult created = Shell("(" + vstest::Vsdm() + " job create --snapshot 77 --out " + c.out + " " +
-                                            args + " --home " + c.homes[1] + " 2>/dev/null)");
-    if (created.status != 0) throw std::runtime_error(created.output);
-    return created.output.substr(0, created.output.find('\n'));
+    return vstest::CreateJob(c.homes[1], 77, "--out " + c.out + " " + args);
 }
 
 // Every item of the job done, taken over once (item 1, attempt 2); every disk whole in
@@ -346,7 +173,7 @@ TEST_P(VsdmWorkers, AStoppedWorkerGivesItsItemBackOneThatLostItsLeaseRecordsNoth
         ASSERT_GT(t, 0);
         fifo.ReadIntoTheSecondDisk();
         kill(t, SIGTERM);
-        fifo.DrainToEnd();
+        fifo.Drain();
         EXPECT_EQ(vstest::WaitFor(t), 4) << vstest::ReadAll(scratch.sub("t.err"));
         const auto given = q::Items(std::stoll(other));
         ASSERT_EQ(given.size(), 1u);
@@ -367,7 +194,7 @@ TEST_P(VsdmWorkers, AStoppedWorkerGivesItsItemBackOneThatLostItsLeaseRecordsNoth
     ASSERT_TRUE(taken.has_value());
     EXPECT_EQ(taken->generation, 2);
     kill(a, SIGCONT);
-    fifo.DrainToEnd();
+    fifo.Drain();
     EXPECT_EQ(vstest::WaitFor(a), 1);
     const std::string said = vstest::ReadAll(scratch.sub("a.err"));
     // Whether a renewal or the outcome's record finds the lease gone first is a matter of timing.
@@ -416,8 +243,11 @@ TEST_P(VsdmWorkers, AJobOfManyVMsIsBackedUpOnceThoughAWorkerDiesMidItem) {
 TEST_P(VsdmWorkers, ADatabaseThatGoesAwayMidItemFailsTheAttemptAndTheNextWorkerGoesOn) {
     if (!OnPostgres()) GTEST_SKIP() << "a database server to lose: PostgreSQL only";
     vstest::TempHome scratch;
-    DatabaseRelay db(vstest::TestServer(), scratch.sub("db"));
-    const Cluster c = MakeCluster(scratch, db.Through(CatalogConnection()), 2);
+    // The workers reach the database through a relay (in a connection string, the last of a keyword wins).
+    const auto [server, port] = PgSocket(vstest::TestServer());
+    fs::create_directory(scratch.sub("db"));
+    vstest::Relay db({scratch.sub("db/.s.PGSQL." + port)}, {server});
+    const Cluster c = MakeCluster(scratch, CatalogConnection() + " host=" + scratch.sub("db") + " port=" + port, 2);
     // The test's own view of the catalog does not pass through the relay.
     const std::string direct = scratch.sub("direct");
     fs::create_directory(direct);
@@ -435,7 +265,7 @@ TEST_P(VsdmWorkers, ADatabaseThatGoesAwayMidItemFailsTheAttemptAndTheNextWorkerG
     namespace q = vshost::queue;
     const int64_t expires = q::Items(std::stoll(job)).at(0).leaseExpires;
     while (std::time(nullptr) <= expires + 1) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    fifo.DrainToEnd();
+    fifo.Drain();
     const int status = vstest::WaitFor(a);
     const std::string said = vstest::ReadAll(scratch.sub("a.err"));
     EXPECT_EQ(status, 2) << said;

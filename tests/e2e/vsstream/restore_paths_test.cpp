@@ -52,8 +52,7 @@ TEST(VsstreamRestoreFormats, EachFormatRestoresAFullAndAnIncrementalAsTheSourceR
     const vssample::SampleVM& web = s.vm("web01");
     const std::string flat = web.folder + "/web01-flat.vmdk";
     img::Fill(flat, 8 * kMiB, kMiB, 41);  // zeroed again before the incremental
-    const std::vector<std::string> items = {web.biosUuid, s.vm("db01").biosUuid,
-                                            s.vm("fs01").biosUuid + "\\fs01_data.img"};
+    const std::vector<std::string> items = vstest::ThreeItems(s);
     std::ofstream(home.sub("full.json")) << vstest::SampleJob(home, s, 1, items, true).dump();
     RunResult r = Shell(vstest::Vsdm() + " run " + home.sub("full.json") + " --out " + home.sub("full.bin"));
     ASSERT_EQ(r.status, 0) << r.output;

@@ -1,6 +1,7 @@
 // Index client over the remote cache, the backup XML file, VM clients of subclients, and
 // the folder and path helpers they use.
 #include "hostapi/indexclient.h"
+#include "backup_info.h"
 #include "hostapi/appclient.h"
 #include "hostapi/appmgr.h"
 #include "hostapi/fileutil.h"
@@ -36,14 +37,7 @@ std::set<std::string> Names(const std::string& dir) {
     return names;
 }
 
-VirtualServer::VMInfo VM(const std::string& guid, int32_t clientId, int64_t jobId, const std::string& name) {
-    VirtualServer::VMInfo vm;
-    vm.sGuid = guid;
-    vm.nClientId = clientId;
-    vm.llJobId = jobId;
-    vm.sClientName = name;
-    return vm;
-}
+using vstest::VM;
 
 // Every field of a backup description, one line a VM, datastore or backup.
 std::string Text(const CNMessageBase& msg) {
@@ -97,13 +91,10 @@ TEST_F(HostIndexTest, BackupXmlRoundTrip) {
     CNMessageBase out(26, 13);
     VirtualServer::Backup first;
     first.llJobId = 4711;
-    VirtualServer::VMDatastoreInfo ds1;
-    ds1.sName = "ds <one> & \"two\"";
-    ds1.vmInfoList = {VM("G-1", std::numeric_limits<int32_t>::min(), std::numeric_limits<int64_t>::max(), "a&b"),
-                      VM("g-2", 7, -1, "")};
-    VirtualServer::VMDatastoreInfo empty;
-    empty.sName = "empty";
-    first.datastoreList = {ds1, empty};
+    first.datastoreList = {vstest::Datastore("ds <one> & \"two\"", {VM("G-1", std::numeric_limits<int32_t>::min(),
+                                                                       std::numeric_limits<int64_t>::max(), "a&b"),
+                                                                    VM("g-2", 7, -1, "")}),
+                           vstest::Datastore("empty", {})};
     VirtualServer::Backup second;
     second.llJobId = -5;
     out.backupList = {first, second};
@@ -123,7 +114,7 @@ TEST_F(HostIndexTest, BackupXmlRoundTrip) {
     EXPECT_EQ(Text(in), Text(out));
 
     // A VM without GUID could never be matched: refused, and the old file stays.
-    out.backupList.front().datastoreList = {ds1};
+    out.backupList.front().datastoreList = {first.datastoreList.front()};
     out.backupList.front().datastoreList.front().vmInfoList.push_back(VM("", 1, 1, "nameless"));
     EXPECT_FALSE(vsXMLFile(path).Save(out));
     EXPECT_TRUE(log.Contains("has no GUID"));

@@ -15,14 +15,7 @@ vsobj::S3Settings Settings() {
     return vsobj::SettingsFromEnvironment();
 }
 
-std::string Bucket() {
-    static const std::string bucket = [] {
-        const std::string name = "vstest-" + std::to_string(::getpid());
-        vsobj::S3Client(Settings()).CreateBucket(name);
-        return name;
-    }();
-    return bucket;
-}
+using vstest::Bucket;
 
 std::string Random(size_t n) {
     std::mt19937_64 gen(n);

@@ -3,6 +3,7 @@
 #include "probe.h"
 #include "temp_home.h"
 
+#include "backup_info.h"
 #include "hostapi/xmlfile.h"
 #include "vshost/catalog.h"
 #include "vshost/home.h"
@@ -30,21 +31,8 @@ constexpr unsigned long kSubclient = 33;
 const char* const kSubclientGuid = "SC-GUID";
 const char* const kDownloadFn = "DataReaderVSBase::getSnapBackupXmlFromIndex";
 
-VirtualServer::VMInfo VM(const std::string& guid, int32_t clientId, int64_t jobId, const std::string& name) {
-    VirtualServer::VMInfo vm;
-    vm.sGuid = guid;
-    vm.nClientId = clientId;
-    vm.llJobId = jobId;
-    vm.sClientName = name;
-    return vm;
-}
-
-VirtualServer::VMDatastoreInfo Datastore(const std::string& name, std::list<VirtualServer::VMInfo> vms) {
-    VirtualServer::VMDatastoreInfo ds;
-    ds.sName = name;
-    ds.vmInfoList = std::move(vms);
-    return ds;
-}
+using vstest::Datastore;
+using vstest::VM;
 
 // Three VM entries for "vm-a" in differing case, spread over two datastores and two
 // backups, with other VMs between them.

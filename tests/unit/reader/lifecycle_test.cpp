@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -193,26 +194,19 @@ TEST_F(ReaderLifecycle, InitializeNeedsEventResultsAndBaseDirectories) {
         EXPECT_EQ(r.Initialize(), -1);
         EXPECT_TRUE(log.Contains("Invalid KtEvent pointer passed in."));
     }
-    {
-        vshost::settings::Set("Host", "sJobResultsDir", "");
+    const std::string missing = home.sub("no-such-results");
+    const std::string noDir = "Job Results directory path is empty, or it does not exist. Path: [";
+    const std::tuple<const char*, std::string, std::string> unset[] = {
+        {"sJobResultsDir", "", noDir + "]"},
+        {"sJobResultsDir", missing, noDir + missing + "]"},
+        {"sBaseDir", home.sub("no-such-base"), "Failed to Lookup Tessel Base Directory Error using KTPI_Base."},
+    };
+    for (const auto& [key, value, says] : unset) {
+        vshost::settings::Set("Host", key, value);
         Probe r(&event);
-        EXPECT_EQ(r.Initialize(), -1);
-        EXPECT_TRUE(log.Contains("Job Results directory path is empty, or it does not exist. Path: []"));
-    }
-    {
-        const std::string missing = home.sub("no-such-results");
-        vshost::settings::Set("Host", "sJobResultsDir", missing);
-        Probe r(&event);
-        EXPECT_EQ(r.Initialize(), -1);
-        EXPECT_TRUE(log.Contains("Job Results directory path is empty, or it does not exist. Path: [" + missing + "]"));
-        vshost::settings::Erase("Host", "sJobResultsDir");
-    }
-    {
-        vshost::settings::Set("Host", "sBaseDir", home.sub("no-such-base"));
-        Probe r(&event);
-        EXPECT_EQ(r.Initialize(), -1);
-        EXPECT_TRUE(log.Contains("Failed to Lookup Tessel Base Directory Error using KTPI_Base."));
-        vshost::settings::Erase("Host", "sBaseDir");
+        EXPECT_EQ(r.Initialize(), -1) << says;
+        EXPECT_TRUE(log.Contains(says)) << says;
+        vshost::settings::Erase("Host", key);
     }
     {
         // A writer that could not attach is not kept: the open fails before the mount.
