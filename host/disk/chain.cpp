@@ -15,6 +15,8 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
+#include <mutex>
 #include <set>
 #include <utility>
 
@@ -105,8 +107,48 @@ bool CheckQcow2(const std::string& head, const std::string& path, std::string& w
     return true;
 }
 
+// What qemu-img said of a file, by the file's identity and state: a VM's mount and the
+// opening of its disk describe the same image moments apart, and each qemu-img costs a
+// process. A file replaced, written or resized since is another key.
+class InfoCache {
+public:
+    static std::string Key(int fd, Format format) {
+        struct stat st {};
+        if (::fstat(fd, &st) != 0) return {};
+        return std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
+               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + ":" +
+               std::to_string(st.st_ctim.tv_sec) + "." + std::to_string(st.st_ctim.tv_nsec) + ":" +
+               std::to_string(static_cast<int>(format));
+    }
+    bool Find(const std::string& key, nlohmann::json& info) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto it = m_infos.find(key);
+        if (key.empty() || it == m_infos.end()) return false;
+        info = it->second;
+        return true;
+    }
+    void Keep(const std::string& key, const nlohmann::json& info) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (key.empty()) return;
+        if (m_infos.size() >= kMaxEntries) m_infos.clear();
+        m_infos[key] = info;
+    }
+
+private:
+    static constexpr size_t kMaxEntries = 1024;
+    std::mutex m_mutex;
+    std::map<std::string, nlohmann::json> m_infos;
+};
+
+InfoCache& Infos() {
+    static auto* cache = new InfoCache;  // never destroyed: disks may close from static destructors
+    return *cache;
+}
+
 // qemu-img's own description of the opened file: it reads the header, never a backing file.
 bool QemuInfo(const Image& image, nlohmann::json& info, std::string& why) {
+    const std::string key = InfoCache::Key(image.fd.get(), image.format);
+    if (Infos().Find(key, info)) return true;
     const std::string tool = qemu::Tool("qemu-img", why);
     if (tool.empty()) return false;
     const std::string as = qemu::ChildFdPath(qemu::kFirstChildFd);
@@ -123,6 +165,7 @@ bool QemuInfo(const Image& image, nlohmann::json& info, std::string& why) {
     if (info.is_discarded() || !info.is_object() || !info.contains("virtual-size") ||
         !info["virtual-size"].is_number_unsigned())
         return Fail(why, image.path + ": qemu-img did not describe it");
+    Infos().Keep(key, info);
     return true;
 }
 

@@ -371,6 +371,14 @@ TEST_F(VDisk, FormatsReadThroughQemuGiveTheBytesOfTheirRawImage) {
         EXPECT_EQ(QemuChildren(), 0u) << file;
         EXPECT_EQ(vstest::FileStates(m.volume), volume) << file;
         EXPECT_TRUE(std::filesystem::is_empty(m.results)) << file;
+        if (!qcow2) continue;
+        // Changed in place, it is described afresh: what qemu said of it before is not reused.
+        ASSERT_EQ(img::Sh("qemu-img resize -q -f qcow2 " + image + " +1M"), 0);
+        CArchiveVirtualDiskFile grown(2);
+        grown.SetVMInfo(nullptr, "vm", "", &m.ctx, nullptr);
+        ASSERT_FALSE(grown.Open(image, 1).IsError()) << log.Last();
+        EXPECT_EQ(grown.DiskSize(), small + (1u << 20));
+        grown.Close();
     }
 }
 
